@@ -1,0 +1,151 @@
+/* The capture-device library: instance, list of channels, opening, identity and firmware.
+ *
+ * Includes the whole public interface. Plain C functions with unmangled names; compiles as C99 and
+ * as C++17. Nothing is printed and no exception leaves a function.
+ *
+ * Results, wherever a function does not say otherwise:
+ *   QV_RESULT_OK            done; on every other result out-parameters are untouched
+ *   QV_RESULT_FAILED        the driver or device refused, or has no such operation
+ *   QV_RESULT_BAD_ARGUMENT  null channel or pointer, index out of range, channel closed
+ *
+ * Thread words used below:
+ *   @threads instance     from one thread, while no other function of the library runs
+ *   @threads per channel  one thread at a time for each channel; different channels are independent
+ *   @threads any          any thread at any time */
+#ifndef QV_CAPTURE_H
+#define QV_CAPTURE_H
+
+#include <stdbool.h>
+
+#include "QVCaptureTypes.h"
+
+#if defined(__GNUC__)
+#define QV_API __attribute__((visibility("default")))
+#else
+#define QV_API
+#endif
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* ---- Instance and list of channels ------------------------------------------------------- */
+
+/** Version of the library: 3, 3, 0. Null pointers are skipped. Always QV_RESULT_OK.
+ * @threads any */
+QV_API QV_RESULT QVGetVersion(unsigned char* major, unsigned char* minor, unsigned short* build);
+
+/** Opens the driver's event node and builds the list of channels. Call before anything else.
+ * @return always true, also when /dev/qv-event cannot be opened: then every event operation fails
+ *         while listing, opening and firmware work go on.
+ * @threads instance */
+QV_API bool QVCaptureInitInstance(void);
+
+/** Closes the event node and empties the list. Open channels stay valid but lose their events.
+ * @threads instance */
+QV_API void QVCaptureExitInstance(void);
+
+/** Rebuilds the list of channels; indices change, open channels stay valid.
+ * @return QV_RESULT_OK whatever was found
+ * @threads instance */
+QV_API QV_RESULT QVRefreshDevice(void);
+
+/** Number of channels listed: PCIe channels come first, USB channels after them.
+ * @threads any, but not during a refresh */
+QV_API int QVGetChannelCount(void);
+
+/** Copies the identity that the driver gave for the channel at @p index when the list was built.
+ * @threads any, but not during a refresh */
+QV_API QV_RESULT QVGetChannelInfoByIndex(int index, _QVCAP_CHANNEL_INFO* info);
+
+/** Copies the family record of the channel at @p index.
+ * @param[out] info  17 bytes (_QVCAP_PELIX_CAPTURE_INFO) for a PCIe channel, 10 bytes for a USB one
+ * @threads any, but not during a refresh */
+QV_API QV_RESULT QVGetFamilyInfoByIndex(int index, void* info);
+
+/** Copies the device path of the channel at @p index, NUL-terminated.
+ * @param[out] path  16 bytes suffice for a PCIe channel, 512 for a USB one
+ * @threads any, but not during a refresh */
+QV_API QV_RESULT QVGetDevicePath(int index, char* path);
+
+/* ---- Opening and closing ----------------------------------------------------------------- */
+
+/** Opens a PCIe channel by its board's index and its own number on the board, 0 to 15 each.
+ * Of several channels with the same numbers, the first that opens is taken.
+ * @return the channel, to be released with QVCloseChannel(); null when there is none
+ * @threads any, but not during a refresh */
+QV_API QV_CHANNEL QVOpenChannel(int board, int channel);
+
+/** Opens the channel whose device path in the list equals @p path exactly.
+ * @return the channel, to be released with QVCloseChannel(); null when there is none
+ * @threads any, but not during a refresh */
+QV_API QV_CHANNEL QVOpenChannelByPath(const char* path);
+
+/** Closes the channel and releases its memory; stops its worker thread first when one runs. Called
+ * from one of the channel's own callbacks, it takes effect when that callback has returned. Null is
+ * ignored.
+ * @threads per channel; no other call on the channel may be under way */
+QV_API void QVCloseChannel(QV_CHANNEL channel);
+
+/* ---- Identity ---------------------------------------------------------------------------- */
+
+/** Reads the channel's identity from the device. @threads per channel */
+QV_API QV_RESULT QVGetChannelInfo(QV_CHANNEL channel, _QVCAP_CHANNEL_INFO* info);
+
+/** Reads the channel's family record.
+ * @param[in] size  bytes wanted; a PCIe channel copies at most 17, a USB channel always 10
+ * @threads per channel */
+QV_API QV_RESULT QVGetFamilyInfo(QV_CHANNEL channel, void* info, unsigned int size);
+
+/** Reads the video capabilities. @threads per channel */
+QV_API QV_RESULT QVGetVideoCaps(QV_CHANNEL channel, _QVCAP_VIDEO_CAPS* caps);
+
+/** Reads the audio capabilities. @threads per channel */
+QV_API QV_RESULT QVGetAudioCaps(QV_CHANNEL channel, _QVCAP_AUDIO_CAPS* caps);
+
+/** Reads the board's temperature, in the driver's unit. PCIe channels only. @threads per channel */
+QV_API QV_RESULT QVGetTemperature(QV_CHANNEL channel, unsigned int* temperature);
+
+/** Sets the driver-defined mode of the board's LED. @threads per channel */
+QV_API QV_RESULT QVSetLEDMode(QV_CHANNEL channel, unsigned int mode);
+
+/* ---- Firmware flash ---------------------------------------------------------------------- */
+/* One driver request a call, never split: the caller cuts large ranges into chunks. Addresses and
+ * sizes are bytes. */
+
+/** Reads where the firmware stands in the flash. @threads per channel */
+QV_API QV_RESULT QVGetFirmwareStorageInfo(QV_CHANNEL channel, _QVCAP_FIRMWARE_STORAGE* storage);
+
+/** Erases @p size bytes at flash address @p offset. @threads per channel */
+QV_API QV_RESULT QVEraseFirmwareData(QV_CHANNEL channel, unsigned int offset, unsigned int size);
+
+/** Programs @p size bytes at flash address @p offset from @p buffer, which is not changed. A USB
+ * channel takes at most 2048 bytes a call.
+ * @threads per channel */
+QV_API QV_RESULT QVWriteFirmwareData(QV_CHANNEL channel, unsigned int offset, unsigned char* buffer,
+                                     unsigned int size);
+
+/** Reads from the flash.
+ * @param[in]  offset  flash address               @param[in]  size  bytes wanted
+ * @param[out] buffer  at least @p size bytes      @param[out] read  bytes delivered, maybe fewer
+ * @retval QV_RESULT_OK  also for a short read
+ * @threads per channel */
+QV_API QV_RESULT QVReadFirmwareData(QV_CHANNEL channel, unsigned int offset, unsigned char* buffer,
+                                    unsigned int size, unsigned int* read);
+
+/** Asks the driver to reconfigure the card after new firmware was written. PCIe channels only.
+ * @param[in] value  defined by the driver; 200 after a firmware upgrade
+ * @threads per channel */
+QV_API QV_RESULT QVSetPostReconfig(QV_CHANNEL channel, unsigned int value);
+
+#ifdef __cplusplus
+}
+#endif
+
+#include "QVCaptureCallbacks.h"
+#include "QVCaptureEvents.h"
+#include "QVCaptureMedia.h"
+#include "QVCaptureSettings.h"
+#include "QVCaptureVideo.h"
+
+#endif

@@ -1,0 +1,104 @@
+/* The channel worker: notifications, timers, and capture of frames by callback.
+ *
+ * Part of QVCapture.h; results and thread words as described there. PCIe channels only: a channel
+ * of another kind fails.
+ *
+ * QVStartChannelThread() gives a channel one worker thread. Everything else here needs it, and
+ * every callback runs on it, one at a time; a callback that blocks stalls all others of its
+ * channel. Pointers given to a callback are valid until it returns. Every function here may be
+ * called from any thread and from inside a callback of the same channel, except that a worker
+ * cannot stop itself. A callback that calls for another channel waits for that one's worker: two
+ * that do so to each other wait for ever. */
+#ifndef QV_CAPTURE_CALLBACKS_H
+#define QV_CAPTURE_CALLBACKS_H
+
+#include "QVCapture.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/** Notification: the handle of the registration, the status bits raised, the caller's parameter. */
+typedef void (*QV_NOTIFY_CALLBACK)(unsigned long long handle, unsigned int statusBits, void* param);
+
+/** Timer: the timer's handle; @p param is always null. */
+typedef void (*QV_TIMER_CALLBACK)(unsigned long long handle, void* param);
+
+/** Video frame: address, size in bytes and stride in bytes per line of the picture, the driver's
+ *  description of the frame (all zero when the driver did not give it, as for a frame that is
+ *  finished while capture is being stopped), the caller's parameter. */
+typedef void (*QV_VIDEO_CALLBACK)(unsigned long long bufferAddress, unsigned int frameSize,
+                                  unsigned int stride, _QVCAP_VIDEO_FRAME_INFO* info, void* param);
+
+/** Audio frame: the driver's record, the caller's parameter. */
+typedef void (*QV_AUDIO_CALLBACK)(_QVCAP_AUDIO_CAPTURE_FRAME* frame, void* param);
+
+/** Starts the channel's worker thread.
+ * @retval QV_RESULT_FAILED  one runs already, or no event or thread could be had
+ * @threads any */
+QV_API QV_RESULT QVStartChannelThread(QV_CHANNEL channel);
+
+/** Stops the worker: capture is stopped, notifications and timers are removed, commands that other
+ * threads still wait for fail, and everything is released.
+ * @retval QV_RESULT_FAILED  none runs, or the call came from one of the worker's own callbacks
+ * @threads any */
+QV_API QV_RESULT QVStopChannelThread(QV_CHANNEL channel);
+
+/** Has @p callback called whenever one of @p enableBits (driver-defined) is raised. At most 27
+ * registrations of a channel fit its worker's wait set.
+ * @return handle for QVUnregisterNotify(), 0 on failure
+ * @threads any */
+QV_API unsigned long long QVRegisterNotifyWithCallback(QV_CHANNEL channel, unsigned int enableBits,
+                                                       QV_NOTIFY_CALLBACK callback, void* param);
+
+/** Makes a timer on the device clock.
+ * @param[in] delay   device-clock units until it first expires
+ * @param[in] period  units from one call to the next expiry; 0 or less: it expires once and is gone
+ * @return handle, 0 on failure
+ *
+ * A channel's timers share one driver timer, which is set to the expiry of the timer whose handle
+ * is lowest; another one that is due earlier is called when that one expires, not before. Calls
+ * that are late are not caught up with.
+ * @threads any */
+QV_API unsigned long long QVCreateTimer(QV_CHANNEL channel, QV_TIMER_CALLBACK callback,
+                                        long long delay, long long period);
+
+/** Removes a timer.
+ * @retval QV_RESULT_FAILED  unknown handle; also, deliberately, when the last timer was removed
+ * @threads any */
+QV_API QV_RESULT QVDestoryTimer(QV_CHANNEL channel, unsigned long long timer);
+
+/** Has every captured frame delivered to @p callback, from two buffers that the library owns.
+ * @param[in] fourcc  pixel format, first character in the low byte; an unknown one yields frames of
+ *                    0 bytes
+ * @param[in] cx,cy   pixels and lines, at most 65535
+ * @param[in] mode    QV_VIDEO_CAPTURE_BACK_TO_BACK keeps a request outstanding always and
+ * alternates the buffers; any other mode captures one frame per frame notification
+ *
+ * A second start without a stop replaces the first; its memory is kept until the stop. Failures of
+ * single frames are not reported: a capture request that the driver refuses ends the delivery until
+ * the capture is started anew.
+ * @threads any */
+QV_API QV_RESULT QVStartVideoCaptureWithCallback(QV_CHANNEL channel, unsigned int fourcc, int cx,
+                                                 int cy, _QV_VIDEO_CAPTURE_MODE mode,
+                                                 QV_VIDEO_CALLBACK callback, void* param);
+
+/** Ends callback video capture and releases its memory; memory that the driver may still write to,
+ * because it refused to stop, is kept until the channel is closed.
+ * @threads any */
+QV_API QV_RESULT QVStopVideoCaptureWithCallback(QV_CHANNEL channel);
+
+/** Has every audio frame delivered to @p callback, one per audio notification.
+ * @retval QV_RESULT_FAILED  also when capture is open already; it goes on
+ * @threads any */
+QV_API QV_RESULT QVStartAudioCaptureWithCallback(QV_CHANNEL channel, QV_AUDIO_CALLBACK callback,
+                                                 void* param);
+
+/** Ends callback audio capture. @threads any */
+QV_API QV_RESULT QVStopAudioCaptureWithCallback(QV_CHANNEL channel);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
