@@ -1,0 +1,21 @@
+// What qvcap-sim does, one function per sub-command; each returns the exit status. One thread.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace qvsim {
+
+inline constexpr int kBadInput = 2;  // wrong arguments, an unusable scenario or state directory
+
+int InitCommand(const std::string& dir, const std::string& scenario);  // no scenario: ""
+int StatusCommand(const std::string& dir);
+int PowerCycleCommand(const std::string& dir);
+int JournalCommand(const std::string& dir);
+// Makes the cards' nodes in /dev and serves them until SIGTERM or SIGINT; 1 when that cannot be.
+int ServeCommand(const std::string& dir);
+// Becomes `command`, with the cards of `dir` in its /dev and harmless stand-ins for the programs
+// that switch a machine off; returns only when that cannot be.
+int RunCommand(const std::string& dir, const std::vector<std::string>& command);
+
+}  // namespace qvsim

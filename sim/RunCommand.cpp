@@ -1,0 +1,76 @@
+// `qvcap-sim run`: becomes the command, under the preload door.
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "CardsState.h"
+#include "Commands.h"
+
+namespace qvsim {
+namespace {
+
+constexpr char kPreloadName[] = "libqvsim-preload.so";
+
+int Fail(const std::string& error) {
+    std::fprintf(stderr, "qvcap-sim: %s\n", error.c_str());
+    return kBadInput;
+}
+
+std::string OwnPath() {
+    char path[PATH_MAX];
+    const ssize_t size = readlink("/proc/self/exe", path, sizeof path);
+    return size > 0 ? std::string(path, static_cast<size_t>(size)) : std::string();
+}
+
+// The folder with the door and the stand-ins: beside the program in a build tree, under lib when
+// installed. Empty when neither is there.
+std::string SupportFolder(const std::string& own) {
+    const std::string folder = own.substr(0, own.rfind('/'));
+    for (const char* place : {"", "/../lib/qvcapture"}) {
+        const std::string candidate = folder + place;
+        if (access((candidate + "/standins/poweroff").c_str(), X_OK) == 0) return candidate;
+    }
+    return {};
+}
+
+void Prepend(const char* variable, const std::string& value, char separator) {
+    const char* before = std::getenv(variable);
+    const std::string whole = before && *before ? value + separator + before : value;
+    setenv(variable, whole.c_str(), 1);
+}
+
+}  // namespace
+
+int RunCommand(const std::string& dir, const std::vector<std::string>& command) {
+    if (command.empty()) return Fail("run: no command; give it behind `--`");
+    CardsState state;
+    if (std::string error = LoadState(dir, state); !error.empty()) return Fail(error);
+    char absolute[PATH_MAX];
+    if (!realpath(dir.c_str(), absolute)) return Fail(dir + ": " + std::strerror(errno));
+    const std::string own = OwnPath();
+    const std::string folder = SupportFolder(own);
+    if (folder.empty()) return Fail("its door and stand-ins are not beside " + own);
+
+    setenv("QVSIM_STATE", absolute, 1);
+    setenv("QVSIM_PROGRAM", own.c_str(), 1);
+    // The loader puts each program's own library folder in place of $LIB: programs of the other
+    // word size find an empty object there and not one that they would complain about.
+    Prepend("LD_PRELOAD", folder + "/door/$LIB/" + kPreloadName, ':');
+    Prepend("PATH", folder + "/standins", ':');
+#ifdef QVSIM_SANITIZED
+    // The door comes before the sanitizer's run-time library, which is no harm.
+    Prepend("ASAN_OPTIONS", "verify_asan_link_order=0", ':');
+#endif
+    std::vector<char*> arguments;
+    for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
+    arguments.push_back(nullptr);
+    execvp(arguments[0], arguments.data());
+    std::fprintf(stderr, "qvcap-sim: %s: %s\n", arguments[0], std::strerror(errno));
+    return 127;
+}
+
+}  // namespace qvsim

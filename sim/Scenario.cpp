@@ -1,0 +1,299 @@
+#include "Scenario.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <limits>
+#include <set>
+#include <sstream>
+#include <stdexcept>
+
+#include "Protocol.h"
+#include "Toml.h"
+
+namespace qvsim {
+namespace {
+
+// What is wrong, and where.
+struct Mistake : std::runtime_error {
+    Mistake(const toml::node& at, const std::string& what)
+        : std::runtime_error(what), line(at.source().begin.line) {}
+    Mistake(toml::source_index where, const std::string& what)
+        : std::runtime_error(what), line(where) {}
+    toml::source_index line;
+};
+
+// A table whose keys are all asked for; what nobody asked for is a mistake.
+class Table {
+  public:
+    explicit Table(const toml::table& table) : table_(table) {}
+
+    const toml::node* Find(const char* key) {
+        asked_.insert(key);
+        return table_.get(key);
+    }
+    void Text(const char* key, std::string& out) {
+        if (const toml::node* node = Find(key)) out = TextOf(*node, key);
+    }
+    template <class Number>
+    void Integer(const char* key, Number& out, int64_t low, int64_t high) {
+        const toml::node* node = Find(key);
+        if (node) out = static_cast<Number>(IntegerOf(*node, key, low, high));
+    }
+    void Flag(const char* key, bool& out) {
+        const toml::node* node = Find(key);
+        if (!node) return;
+        const auto value = node->value_exact<bool>();
+        if (!value) throw Mistake(*node, std::string(key) + " is true or false");
+        out = *value;
+    }
+    // A number of frames per second above 0, or "max".
+    void Rate(const char* key, double& out) {
+        const toml::node* node = Find(key);
+        if (!node) return;
+        if (node->value_exact<std::string>() == "max") {
+            out = 0;
+            return;
+        }
+        const auto value = node->value<double>();
+        if (!value || !(*value > 0) || *value > 10000)
+            throw Mistake(*node, std::string(key) + " is a number of 0 to 10000, or \"max\"");
+        out = *value;
+    }
+    void FirmwareVersion(const char* key, uint32_t& out) {
+        if (const toml::node* node = Find(key)) out = VersionOf(*node, key);
+    }
+    void NothingElse() const {
+        for (const auto& [key, node] : table_)
+            if (asked_.count(std::string(key.str())) == 0)
+                throw Mistake(node, "unknown key '" + std::string(key.str()) + "'");
+    }
+    const toml::table& Node() const { return table_; }
+
+    static std::string TextOf(const toml::node& node, const std::string& key) {
+        const auto value = node.value_exact<std::string>();
+        if (!value) throw Mistake(node, key + " is a text in quotes");
+        return *value;
+    }
+    static int64_t IntegerOf(const toml::node& node, const std::string& key, int64_t low,
+                             int64_t high) {
+        const auto value = node.value_exact<int64_t>();
+        if (!value || *value < low || *value > high)
+            throw Mistake(node, key + " is a whole number from " + std::to_string(low) + " to " +
+                                    std::to_string(high));
+        return *value;
+    }
+    static uint32_t VersionOf(const toml::node& node, const std::string& key) {
+        const std::string text = TextOf(node, key);
+        unsigned major = 0;
+        unsigned minor = 0;
+        char rest = 0;
+        if (std::sscanf(text.c_str(), "%5u.%5u%c", &major, &minor, &rest) != 2 || major > 0xFFFF ||
+            minor > 0xFFFF)
+            throw Mistake(node, key + " is \"major.minor\", both up to 65535");
+        return major << 16 | minor;
+    }
+
+  private:
+    const toml::table& table_;
+    std::set<std::string> asked_;
+};
+
+const toml::table& TableOf(const toml::node& node, const std::string& key) {
+    if (const toml::table* table = node.as_table()) return *table;
+    throw Mistake(node, key + " is a table");
+}
+
+// Calls `each` with every element of the array under `key`.
+template <class Each>
+void ForEach(Table& table, const char* key, Each each) {
+    const toml::node* node = table.Find(key);
+    if (!node) return;
+    const toml::array* array = node->as_array();
+    if (!array) throw Mistake(*node, std::string(key) + " is a list");
+    for (const toml::node& element : *array) each(element);
+}
+
+void ReadStored(const toml::node& node, BoardPlan& board) {
+    if (node.is_string()) {
+        if (Table::TextOf(node, "stored") != "none")
+            throw Mistake(node, "stored is \"none\" or a table");
+        board.noStoredHeader = true;
+        return;
+    }
+    Table table(TableOf(node, "stored"));
+    StoredPlan stored{board.firmware, 1};
+    table.FirmwareVersion("version", stored.version);
+    table.Integer("compatibility_code", stored.compatibilityCode, 0, 0xFFFF);
+    table.NothingElse();
+    board.stored = stored;
+}
+
+void ReadStorage(Table& table, BoardPlan& board) {
+    const toml::node* node = table.Find("storage");
+    if (!node) return;
+    const toml::array* words = node->as_array();
+    if (!words || words->size() != 4) throw Mistake(*node, "storage is a list of four numbers");
+    for (size_t i = 0; i < 4; ++i) {
+        const auto word = static_cast<uint32_t>(
+            Table::IntegerOf((*words)[i], "storage", 0, std::numeric_limits<uint32_t>::max()));
+        if (i < 3)
+            board.storageWords[i] = word;
+        else
+            board.firmwareOffset = word;
+    }
+}
+
+void ReadMedia(Table& table, BoardPlan& board) {
+    if (const toml::node* node = table.Find("video")) {
+        Table video(TableOf(*node, "video"));
+        video.Integer("width", board.video.width, 2, 16384);
+        video.Integer("height", board.video.height, 2, 16384);
+        video.Rate("fps", board.video.framesPerSecond);
+        video.NothingElse();
+    }
+    if (const toml::node* node = table.Find("audio")) {
+        Table audio(TableOf(*node, "audio"));
+        audio.Rate("fps", board.audio.framesPerSecond);
+        audio.NothingElse();
+    }
+    ForEach(table, "signal", [&](const toml::node& element) {
+        Table entry(TableOf(element, "signal"));
+        SignalStep step;
+        entry.Integer("at_ms", step.atMilliseconds, 0, 86'400'000);
+        entry.Flag("present", step.present);
+        entry.NothingElse();
+        board.signal.push_back(step);
+    });
+}
+
+BoardPlan ReadBoard(const toml::node& node) {
+    Table table(TableOf(node, "board"));
+    BoardPlan board;
+    table.Text("family", board.family);
+    table.Text("product", board.product);
+    table.Integer("product_code", board.productCode, 0, 0xFFFF);
+    std::string hardware(1, board.hardware);
+    table.Text("hardware", hardware);
+    if (hardware.size() != 1) throw Mistake(node, "hardware is one character");
+    board.hardware = hardware[0];
+    table.Text("serial", board.serial);
+    table.Integer("index", board.index, 0, 15);
+    table.Integer("channels", board.channels, 1, 16);
+    table.FirmwareVersion("firmware", board.firmware);
+    table.FirmwareVersion("golden", board.golden);
+    table.Integer("flash_size", board.flashSize, NorFlash::kSector, 1 << 30);
+    table.Integer("first_node", board.firstNode, 0, 9999);
+    ReadStorage(table, board);
+    if (const toml::node* stored = table.Find("stored")) ReadStored(*stored, board);
+    ReadMedia(table, board);
+    table.NothingElse();
+    return board;
+}
+
+// An errno by name or number.
+uint32_t ReadErrno(const toml::node& node) {
+    if (!node.is_string()) return static_cast<uint32_t>(Table::IntegerOf(node, "value", 1, 4095));
+    const std::string name = Table::TextOf(node, "value");
+    for (int error = 1; error < 134; ++error)
+        if (ErrorName(error) == name) return static_cast<uint32_t>(error);
+    throw Mistake(node, "value '" + name + "' is no errno known here; give its number");
+}
+
+Fault ReadFault(const toml::node& node) {
+    Table table(TableOf(node, "fault"));
+    Fault fault;
+    table.Text("request", fault.request);
+    if (fault.request != "open" && !FindRow(fault.request))
+        throw Mistake(node, "fault names no request: '" + fault.request + "'");
+    table.Integer("nth", fault.nth, 1, std::numeric_limits<int>::max());
+    table.Integer("count", fault.count, -1, std::numeric_limits<int>::max());
+    table.Integer("board", fault.board, 0, 15);
+    table.Integer("channel", fault.channel, 0, 15);
+    std::string kind;
+    table.Text("kind", kind);
+    if (!FaultKindFromName(kind, fault.effect.kind))
+        throw Mistake(node, "fault has no kind, or one that is unknown: '" + kind + "'");
+    if (fault.effect.kind == FaultKind::kRefuse) {
+        const toml::node* value = table.Find("value");
+        fault.effect.value = value ? ReadErrno(*value) : static_cast<uint32_t>(EIO);
+    } else {
+        table.Integer("value", fault.effect.value, 0, std::numeric_limits<uint32_t>::max());
+    }
+    table.NothingElse();
+    return fault;
+}
+
+UsbDevice ReadUsb(const toml::node& node) {
+    Table table(TableOf(node, "usb"));
+    UsbDevice device;
+    table.Text("product", device.product);
+    table.Text("serial", device.serial);
+    table.Text("hardware", device.hardware);
+    table.Integer("product_code", device.productCode, 0, 0xFFFF);
+    table.NothingElse();
+    return device;
+}
+
+void ReadAll(const toml::table& root, CardsPlan& plan) {
+    Table table(root);
+    table.Flag("event_node", plan.eventNode);
+    ForEach(table, "foreign_nodes", [&](const toml::node& element) {
+        plan.foreignNodes.push_back(
+            static_cast<int>(Table::IntegerOf(element, "foreign_nodes", 0, 9999)));
+    });
+    if (const toml::node* node = table.Find("latency")) {
+        constexpr int64_t kMaxDelay = 10'000'000;
+        Table latency(TableOf(*node, "latency"));
+        latency.Integer("erase_sector", plan.latencies.erasePerSector, 0, kMaxDelay);
+        latency.Integer("program_page", plan.latencies.programPerPage, 0, kMaxDelay);
+        latency.Integer("read_kib", plan.latencies.readPerKiB, 0, kMaxDelay);
+        latency.NothingElse();
+    }
+    ForEach(table, "board", [&](const toml::node& e) { plan.boards.push_back(ReadBoard(e)); });
+    ForEach(table, "usb", [&](const toml::node& e) { plan.usbDevices.push_back(ReadUsb(e)); });
+    ForEach(table, "fault", [&](const toml::node& e) { plan.faults.push_back(ReadFault(e)); });
+    table.NothingElse();
+    // Each board is checked alone first, so that the message can name its line.
+    CardsPlan soFar;
+    soFar.foreignNodes = plan.foreignNodes;
+    const toml::array* boards = root["board"].as_array();
+    for (size_t i = 0; i < plan.boards.size(); ++i) {
+        soFar.boards.push_back(plan.boards[i]);
+        CardsPlan trial = soFar;
+        const std::string error = CompletePlan(trial);
+        if (!error.empty()) throw Mistake((*boards)[i], error);
+    }
+    if (const std::string error = CompletePlan(plan); !error.empty()) throw Mistake(root, error);
+}
+
+}  // namespace
+
+std::string ParseScenario(const std::string& text, const std::string& name, CardsPlan& plan) {
+    const auto place = [&name](toml::source_index line) {
+        return name + ":" + std::to_string(line) + ": ";
+    };
+    plan = CardsPlan();
+    try {
+        ReadAll(ParseToml(text, name), plan);
+        return {};
+    } catch (const toml::parse_error& error) {
+        return place(error.source().begin.line) + std::string(error.description());
+    } catch (const Mistake& mistake) {
+        return place(mistake.line) + mistake.what();
+    } catch (const std::logic_error& error) {
+        return name + ":" + error.what();
+    }
+}
+
+std::string ReadScenario(const std::string& path, CardsPlan& plan) {
+    std::ifstream file(path, std::ios::binary);
+    std::ostringstream text;
+    if (!file || !(text << file.rdbuf()))
+        return path + ": cannot be read: " + std::strerror(errno ? errno : EINVAL);
+    return ParseScenario(text.str(), path, plan);
+}
+
+}  // namespace qvsim

@@ -1,0 +1,18 @@
+// Scenario files: TOML text to a plan of cards. The one place that knows TOML.
+#pragma once
+
+#include <string>
+
+#include "CardsPlan.h"
+
+namespace qvsim {
+
+// The scenario that stands in when none is given.
+extern const char kDefaultScenario[];
+
+// Reads TOML text; `name` stands in messages. An empty text, or "file:line: what is wrong"; the
+// plan is then not to be used. Unknown keys are errors: a misspelt fault must not go unnoticed.
+std::string ParseScenario(const std::string& text, const std::string& name, CardsPlan& plan);
+std::string ReadScenario(const std::string& path, CardsPlan& plan);
+
+}  // namespace qvsim

@@ -1,0 +1,85 @@
+#include "ClientMemory.h"
+
+#include <fcntl.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <string>
+
+namespace qvsim {
+namespace {
+
+// True when the range can be named in this process's own word size, which is the client's or
+// larger.
+bool Nameable(uint64_t address, uint32_t size) {
+    return address != 0 && address <= UINTPTR_MAX && size <= UINTPTR_MAX - address;
+}
+
+iovec Range(uint64_t address, size_t size) {
+    return {reinterpret_cast<void*>(static_cast<uintptr_t>(address)), size};
+}
+
+// Pins the address space itself, so that a number that is used again cannot lead elsewhere.
+class KeptMemory : public CallerMemory {
+  public:
+    explicit KeptMemory(int fd) : fd_(fd) {}
+    ~KeptMemory() override {
+        if (fd_ >= 0) close(fd_);
+    }
+    KeptMemory(const KeptMemory&) = delete;
+    KeptMemory& operator=(const KeptMemory&) = delete;
+
+    bool Read(uint64_t address, void* data, uint32_t size) override {
+        return Move(address, size, [&](uint32_t done, off_t at) {
+            return pread(fd_, static_cast<char*>(data) + done, size - done, at);
+        });
+    }
+    bool Write(uint64_t address, const void* data, uint32_t size) override {
+        return Move(address, size, [&](uint32_t done, off_t at) {
+            return pwrite(fd_, static_cast<const char*>(data) + done, size - done, at);
+        });
+    }
+    std::shared_ptr<CallerMemory> Keep() const override {
+        return std::make_shared<KeptMemory>(fd_ < 0 ? -1 : fcntl(fd_, F_DUPFD_CLOEXEC, 0));
+    }
+
+  private:
+    template <class Step>
+    bool Move(uint64_t address, uint32_t size, Step step) {
+        if (fd_ < 0 || !Nameable(address, size)) return false;
+        for (uint32_t done = 0; done < size;) {
+            const ssize_t n = step(done, static_cast<off_t>(address + done));
+            if (n < 0 && errno == EINTR) continue;
+            if (n <= 0) return false;
+            done += static_cast<uint32_t>(n);
+        }
+        return true;
+    }
+    int fd_;
+};
+
+}  // namespace
+
+bool ClientMemory::Read(uint64_t address, void* data, uint32_t size) {
+    if (size == 0) return true;
+    if (!Nameable(address, size)) return false;
+    const iovec local{data, size};
+    const iovec remote = Range(address, size);
+    return process_vm_readv(thread_, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
+}
+
+bool ClientMemory::Write(uint64_t address, const void* data, uint32_t size) {
+    if (size == 0) return true;
+    if (!Nameable(address, size)) return false;
+    const iovec local{const_cast<void*>(data), size};
+    const iovec remote = Range(address, size);
+    return process_vm_writev(thread_, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
+}
+
+std::shared_ptr<CallerMemory> ClientMemory::Keep() const {
+    const std::string path = "/proc/" + std::to_string(thread_) + "/mem";
+    return std::make_shared<KeptMemory>(open(path.c_str(), O_RDWR | O_CLOEXEC));
+}
+
+}  // namespace qvsim

@@ -1,0 +1,25 @@
+// The memory of a process that waits in a request on a served node, reached through the kernel.
+//
+// Needs root. Thread rule: as CallerMemory says; what Keep() hands out works from any thread, also
+// when the thread that issued the request has ended, and writes nothing once the process is gone.
+#pragma once
+
+#include <sys/types.h>
+
+#include "CallerMemory.h"
+
+namespace qvsim {
+
+class ClientMemory : public CallerMemory {
+  public:
+    // `thread` is the one that waits in the request.
+    explicit ClientMemory(pid_t thread) : thread_(thread) {}
+    bool Read(uint64_t address, void* data, uint32_t size) override;
+    bool Write(uint64_t address, const void* data, uint32_t size) override;
+    std::shared_ptr<CallerMemory> Keep() const override;
+
+  private:
+    pid_t thread_;
+};
+
+}  // namespace qvsim

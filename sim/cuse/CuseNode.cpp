@@ -1,0 +1,75 @@
+#include "CuseNode.h"
+
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace qvsim {
+namespace {
+
+constexpr uint32_t kLargestTransfer = 65536;
+// The kernel refuses to write a message into less than its largest one.
+constexpr size_t kLargestMessage = 2 * kLargestTransfer + 4096;
+
+}  // namespace
+
+bool CuseMessage::Get(void* record, size_t size) const {
+    if (body.size() < size) return false;
+    std::memcpy(record, body.data(), size);
+    return true;
+}
+
+CuseNode::~CuseNode() {
+    if (fd_ >= 0) close(fd_);
+}
+
+CuseNode::Received CuseNode::Receive(CuseMessage& message) {
+    buffer_.resize(kLargestMessage);
+    const ssize_t n = read(fd_, buffer_.data(), buffer_.size());
+    // ENOENT: the request was given up before it was read.
+    if (n < 0 && (errno == EAGAIN || errno == EINTR || errno == ENOENT)) return Received::kNothing;
+    if (n <= 0) return Received::kGone;
+    const auto size = static_cast<size_t>(n);
+    if (size < sizeof message.header) return Received::kNothing;
+    std::memcpy(&message.header, buffer_.data(), sizeof message.header);
+    message.body.assign(buffer_.begin() + sizeof message.header, buffer_.begin() + n);
+    return Received::kMessage;
+}
+
+bool CuseNode::AnswerInit(const CuseMessage& message) const {
+    cuse_init_in offered{};
+    if (!message.Get(&offered, sizeof offered) || offered.major != FUSE_KERNEL_VERSION ||
+        (offered.flags & CUSE_UNRESTRICTED_IOCTL) == 0) {
+        Answer(message.header.unique, EPROTO);
+        return false;
+    }
+    cuse_init_out wanted{};
+    wanted.major = FUSE_KERNEL_VERSION;
+    wanted.minor = FUSE_KERNEL_MINOR_VERSION;
+    // Arguments stay where they are: a request's real size may differ from what its number says.
+    wanted.flags = CUSE_UNRESTRICTED_IOCTL;
+    wanted.max_read = kLargestTransfer;
+    wanted.max_write = kLargestTransfer;
+    const std::string info = "DEVNAME=" + name_;
+    std::vector<uint8_t> answer(sizeof wanted + info.size() + 1);
+    std::memcpy(answer.data(), &wanted, sizeof wanted);
+    std::memcpy(answer.data() + sizeof wanted, info.c_str(), info.size() + 1);
+    Answer(message.header.unique, 0, answer.data(), answer.size());
+    return true;
+}
+
+void CuseNode::Answer(uint64_t unique, int error, const void* data, size_t size) const {
+    fuse_out_header header{};
+    header.len = static_cast<uint32_t>(sizeof header + size);
+    header.error = -error;
+    header.unique = unique;
+    const iovec parts[] = {{&header, sizeof header}, {const_cast<void*>(data), size}};
+    // What cannot be delivered has nobody who waits for it: the caller was killed, or the node is
+    // gone, which the next read tells.
+    while (writev(fd_, parts, size ? 2 : 1) < 0 && errno == EINTR) {
+    }
+}
+
+}  // namespace qvsim

@@ -1,0 +1,53 @@
+// One character device, served through one open control device of the kernel: the messages only.
+//
+// Knows neither cards nor requests; CuseServer does. The descriptor is non-blocking and carries one
+// whole message per read and write. One thread.
+#pragma once
+
+#include <linux/fuse.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qvsim {
+
+struct CuseMessage {
+    fuse_in_header header{};
+    std::vector<uint8_t> body;
+
+    // Copies the start of the body; false when it is too short.
+    bool Get(void* record, size_t size) const;
+};
+
+class CuseNode {
+  public:
+    enum class Received { kMessage, kNothing, kGone };
+
+    // `name` as it stands in the folder of devices; takes the descriptor over.
+    CuseNode(std::string name, int fd) : name_(std::move(name)), fd_(fd) {}
+    ~CuseNode();
+    CuseNode(const CuseNode&) = delete;
+    CuseNode& operator=(const CuseNode&) = delete;
+
+    int Fd() const { return fd_; }
+    const std::string& Name() const { return name_; }
+    std::string Path() const { return "/dev/" + name_; }
+
+    Received Receive(CuseMessage& message);
+    // Answers the kernel's first message; false when it speaks another version.
+    bool AnswerInit(const CuseMessage& message) const;
+    // `error` is an errno, 0: none. A request that has ended meanwhile needs no answer.
+    void Answer(uint64_t unique, int error, const void* data = nullptr, size_t size = 0) const;
+    template <class Record>
+    void AnswerWith(uint64_t unique, const Record& record) const {
+        Answer(unique, 0, &record, sizeof record);
+    }
+
+  private:
+    std::string name_;
+    int fd_;
+    std::vector<uint8_t> buffer_;
+};
+
+}  // namespace qvsim

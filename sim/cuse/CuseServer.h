@@ -1,0 +1,84 @@
+// Door 2: the nodes of the cards as real character devices, for any number of programs at once.
+//
+// One thread serves all nodes and never waits for a card's event: such a caller is parked and
+// answered when the event comes, its time is up or a signal interrupts it. What a card's flash
+// takes its time for (latencies, the fault "slow") holds up every caller. Requests, time-outs and
+// faults are the protocol's business, not the door's.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "ClientMemory.h"
+#include "CuseNode.h"
+#include "Protocol.h"
+
+namespace qvsim {
+
+// How the kernel is reached; tests put something else in its place.
+struct CuseWays {
+    std::function<int()> openControl;  // a non-blocking descriptor, or -1 and errno
+    std::string deviceFolder = "/dev";
+    std::chrono::milliseconds patience{10000};  // for the nodes to appear
+};
+
+// The control device of the running kernel.
+CuseWays KernelWays();
+
+class CuseServer {
+  public:
+    CuseServer(std::shared_ptr<Model> model, CuseWays ways);
+    ~CuseServer();
+    CuseServer(const CuseServer&) = delete;
+    CuseServer& operator=(const CuseServer&) = delete;
+
+    // An empty text when every node stands, else why not.
+    std::string Start();
+    // Serves until `stop` is readable; an empty text, or what ended it before. All waits have ended
+    // and all files are closed when it returns.
+    std::string Run(int stop);
+
+  private:
+    using Clock = std::chrono::steady_clock;
+    struct OpenNode {
+        std::shared_ptr<OpenFile> file;
+        int number;  // for the journal
+    };
+    struct Waiter {
+        CuseNode* node;
+        uint64_t unique;
+        ParkedWait wait;
+        std::optional<Clock::time_point> deadline;
+    };
+
+    std::string AddNode(const std::string& name);
+    std::string AwaitNodes();
+    // Waits for messages, `timeout` milliseconds at most, and serves them.
+    std::string ServeOnce(int timeout, bool* stopped);
+    std::string Drain(CuseNode& node);
+    std::string Serve(CuseNode& node, const CuseMessage& message);
+    void ServeOpen(CuseNode& node, const CuseMessage& message);
+    void ServeRelease(CuseNode& node, const CuseMessage& message);
+    void ServeIoctl(CuseNode& node, const CuseMessage& message);
+    void Interrupt(CuseNode& node, const CuseMessage& message);
+    void AskWaiters();
+    void EndWaiters(int error);
+    int TimeToDeadline() const;
+    bool Watch(int fd, void* what);
+
+    std::shared_ptr<Model> model_;
+    CuseWays ways_;
+    int epoll_;
+    int changed_;  // written to when the model's events change
+    std::vector<std::unique_ptr<CuseNode>> nodes_;
+    std::map<uint64_t, OpenNode> files_;
+    uint64_t nextFile_ = 1;
+    std::vector<Waiter> waiters_;
+};
+
+}  // namespace qvsim

@@ -1,0 +1,54 @@
+// qvcap-sim: lays out simulated cards, shows them, and runs programs with them in /dev.
+//
+// The command line only; Commands.h does the work. Exit status 2: wrong arguments or an unusable
+// file, nothing was written.
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <string_view>
+
+#include "Commands.h"
+
+int main(int argc, char** argv) {
+    CLI::App app{"Simulated capture cards"};
+    app.require_subcommand(1);
+    std::string dir;
+    std::string scenario;
+    int status = 0;
+
+    // What stands behind `--` is the command's own, options included.
+    char** const end = argv + argc;
+    char** const dashes = std::find(argv, end, std::string_view("--"));
+    const std::vector<std::string> command(dashes == end ? end : dashes + 1, end);
+
+    auto* init = app.add_subcommand("init", "lay out the cards of a scenario in a new folder");
+    init->add_option("DIR", dir, "folder to make")->required();
+    init->add_option("--scenario", scenario, "TOML file; without it three cards of every sort");
+    init->callback([&] { status = qvsim::InitCommand(dir, scenario); });
+
+    auto* run = app.add_subcommand("run",
+                                   "run a program with the cards in its /dev:\n"
+                                   "  qvcap-sim run DIR -- COMMAND [ARGUMENT...]");
+    run->add_option("DIR,--state", dir, "folder with the cards")->required();
+    run->callback([&] { status = qvsim::RunCommand(dir, command); });
+
+    const auto onFolder = [&](const char* name, const char* help, int (*work)(const std::string&)) {
+        auto* sub = app.add_subcommand(name, help);
+        sub->add_option("DIR", dir, "folder with the cards")->required();
+        sub->callback([&dir, &status, work] { status = work(dir); });
+    };
+    onFolder("serve",
+             "make the cards' nodes in /dev and serve them until SIGTERM or SIGINT;\n"
+             "prints `ready` when they stand. Needs root and /dev/cuse",
+             qvsim::ServeCommand);
+    onFolder("status", "show boards, channels, versions and power", qvsim::StatusCommand);
+    onFolder("power-cycle", "switch the cards off and on: firmware is loaded from flash",
+             qvsim::PowerCycleCommand);
+    onFolder("journal", "print the journal of opens, closes and requests", qvsim::JournalCommand);
+
+    try {
+        app.parse(static_cast<int>(dashes - argv), argv);
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? 0 : qvsim::kBadInput;
+    }
+    return status;
+}

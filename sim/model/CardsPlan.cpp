@@ -1,0 +1,160 @@
+#include "CardsPlan.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <set>
+
+#include "FirmwareImage.h"
+#include "NorFlash.h"
+#include "Settings.h"
+
+namespace qvsim {
+namespace {
+
+constexpr int kMaxChannelsOnBoard = 16;
+constexpr int kMaxNode = 9999;
+
+// A text into a field of a record, zero-filled; the caller has checked that it fits.
+template <size_t size>
+void PutText(char (&field)[size], const std::string& text) {
+    std::memcpy(field, text.data(), std::min(size, text.size()));
+}
+
+std::string At(size_t board) { return "board " + std::to_string(board + 1) + ": "; }
+
+std::string CheckBoard(const BoardPlan& board) {
+    if (board.family.empty() || board.family.size() > 63) return "family needs 1 to 63 characters";
+    if (board.product.size() > 63) return "product name is longer than 63 characters";
+    if (board.serial.size() > 15) return "serial is longer than 15 characters";
+    if (board.index > 15) return "board index is not 0 to 15";
+    if (board.channels < 1 || board.channels > kMaxChannelsOnBoard)
+        return "a board has 1 to 16 channels";
+    if (board.flashSize == 0 || board.flashSize % NorFlash::kSector != 0 ||
+        board.flashSize > (1u << 30))
+        return "flash size is not a multiple of 4096 up to 1 GiB";
+    if (board.firmwareOffset > board.flashSize ||
+        board.flashSize - board.firmwareOffset < 2 * kSafeHeaderDistance)
+        return "the firmware area lies outside the flash";
+    if (board.firstNode + board.channels - 1 > kMaxNode) return "node number above 9999";
+    return {};
+}
+
+// Gives the open ones the lowest free index, and the next free nodes.
+std::string Number(CardsPlan& plan) {
+    std::set<int> indices;
+    std::set<int> nodes(plan.foreignNodes.begin(), plan.foreignNodes.end());
+    if (nodes.size() != plan.foreignNodes.size()) return "a foreign node is given twice";
+    for (const BoardPlan& board : plan.boards)
+        if (board.index >= 0 && !indices.insert(board.index).second)
+            return "board index " + std::to_string(board.index) + " is given twice";
+    int nextNode = 0;
+    for (size_t i = 0; i < plan.boards.size(); ++i) {
+        BoardPlan& board = plan.boards[i];
+        for (int index = 0; board.index < 0; ++index)
+            if (indices.insert(index).second) board.index = index;
+        if (board.index > 15) return At(i) + "no board index from 0 to 15 is left";
+        if (board.firstNode < 0) {
+            const auto taken = [&](int first) {
+                const auto at = nodes.lower_bound(first);
+                return at != nodes.end() && *at < first + board.channels;
+            };
+            while (taken(nextNode)) ++nextNode;
+            board.firstNode = nextNode;
+        }
+        for (int c = 0; c < board.channels; ++c)
+            if (!nodes.insert(board.firstNode + c).second)
+                return At(i) + "/dev/video" + std::to_string(board.firstNode + c) +
+                       " is given twice";
+        nextNode = board.firstNode + board.channels;
+    }
+    return {};
+}
+
+ChannelState MakeChannel(const BoardPlan& board, int index) {
+    ChannelState channel;
+    channel.node = board.firstNode + index;
+    _QVCAP_CHANNEL_INFO& info = channel.info;
+    info.productCode = board.productCode;
+    info.hardwareVersion = board.hardware;
+    info.firmwareVersion = board.firmware;
+    PutText(info.familyName, board.family);
+    PutText(info.productName, board.product);
+    PutText(info.furtherText, "simulated");
+    PutText(info.boardSerialNumber, board.serial);
+    info.boardIndex = static_cast<uint8_t>(board.index);
+    info.channelIndex = static_cast<uint8_t>(index);
+    if (board.editInfo) board.editInfo(info);
+    for (size_t i = 0; i < sizeof channel.family.bytes; ++i)
+        channel.family.bytes[i] = PatternByte(7, i);
+    channel.storage = {board.storageWords[0], board.storageWords[1], board.storageWords[2],
+                       board.firmwareOffset};
+    channel.video = board.video;
+    channel.audio = board.audio;
+    channel.signal = board.signal;
+    return channel;
+}
+
+BoardState MakeBoard(const BoardPlan& plan) {
+    BoardState board;
+    board.index = plan.index;
+    board.sharedFlash = plan.family == "Lumo Capture";
+    board.flashSize = plan.flashSize;
+    board.goldenVersion = plan.golden;
+    for (int i = 0; i < plan.channels; ++i) board.channels.push_back(MakeChannel(plan, i));
+    return board;
+}
+
+std::string LayFlash(const BoardPlan& plan, const BoardState& board, const std::string& dir) {
+    for (int c = 0; c < (board.sharedFlash ? 1 : plan.channels); ++c) {
+        NorFlash flash;
+        const std::string path = dir + "/" + FlashFileName(board, c);
+        if (std::string error = flash.Open(path, plan.flashSize); !error.empty()) return error;
+        if (plan.noStoredHeader) continue;
+        const StoredPlan stored = plan.stored.value_or(StoredPlan{plan.firmware, 1});
+        const std::vector<uint8_t> header =
+            MakeHeader(stored.version, stored.compatibilityCode, plan.productCode,
+                       static_cast<uint8_t>(plan.hardware));
+        if (!flash.Program(plan.firmwareOffset, header.data(),
+                           static_cast<uint32_t>(header.size())) ||
+            !flash.SetBootAddress(plan.firmwareOffset))
+            return path + ": cannot be written: " + std::strerror(errno);
+    }
+    return {};
+}
+
+}  // namespace
+
+std::string CompletePlan(CardsPlan& plan) {
+    for (size_t i = 0; i < plan.boards.size(); ++i)
+        if (std::string error = CheckBoard(plan.boards[i]); !error.empty()) return At(i) + error;
+    if (std::string error = Number(plan); !error.empty()) return error;
+    for (BoardPlan& board : plan.boards) {
+        if (board.product.empty()) board.product = board.family.substr(0, 5) + " SIM";
+        if (board.serial.empty()) board.serial = "SIM" + std::to_string(board.index);
+    }
+    return {};
+}
+
+std::string LayOut(const CardsPlan& plan, const std::string& dir) {
+    if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) return dir + ": " + std::strerror(errno);
+    if (access(StatePath(dir).c_str(), F_OK) == 0)
+        return StatePath(dir) + ": there are cards already; remove the directory first";
+    CardsState state;
+    state.eventNode = plan.eventNode;
+    state.latencies = plan.latencies;
+    state.foreignNodes = plan.foreignNodes;
+    state.faults = plan.faults;
+    state.usbDevices = plan.usbDevices;
+    for (const BoardPlan& board : plan.boards) {
+        state.boards.push_back(MakeBoard(board));
+        if (std::string error = LayFlash(board, state.boards.back(), dir); !error.empty())
+            return error;
+    }
+    return SaveState(dir, state);  // last: a directory without it holds no cards
+}
+
+}  // namespace qvsim

@@ -1,0 +1,65 @@
+// Cards as somebody describes them, and the laying out of a state directory from that.
+//
+// Shared by scenario files and the test rig; what is left open gets its default here. Used once per
+// directory, by one thread.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "CardsState.h"
+
+namespace qvsim {
+
+constexpr uint32_t Version(int major, int minor) {
+    return static_cast<uint32_t>(major) << 16 | (static_cast<uint32_t>(minor) & 0xFFFF);
+}
+
+struct StoredPlan {
+    uint32_t version = 0;
+    uint16_t compatibilityCode = 1;
+};
+
+struct BoardPlan {
+    std::string family = "Pelix Capture";
+    std::string product;  // default: the family's first word and " SIM"
+    uint16_t productCode = 0x0101;
+    char hardware = 'A';
+    std::string serial;  // default: "SIM" and the board index
+    int index = -1;      // -1: the lowest free one
+    int channels = 1;
+    uint32_t firmware = Version(1, 0);
+    bool noStoredHeader = false;
+    std::optional<StoredPlan> stored;  // default: the running version, compatibility code 1
+    uint32_t storageWords[3] = {0, 0, 0};
+    uint32_t firmwareOffset = 0x100000;
+    uint32_t flashSize = 16u << 20;
+    uint32_t golden = Version(1, 0);
+    int firstNode = -1;  // -1: behind the highest node given so far
+    VideoSetup video;
+    AudioSetup audio;
+    std::vector<SignalStep> signal;
+    std::function<void(_QVCAP_CHANNEL_INFO&)> editInfo;
+};
+
+struct CardsPlan {
+    bool eventNode = true;
+    Latencies latencies;
+    std::vector<int> foreignNodes;
+    std::vector<BoardPlan> boards;
+    std::vector<Fault> faults;
+    std::vector<UsbDevice> usbDevices;
+};
+
+// Fills in what is open and checks that the whole can exist: unique boards and nodes, texts that
+// fit, a firmware area inside the flash. An empty text or what is wrong.
+std::string CompletePlan(CardsPlan& plan);
+
+// Writes a complete plan into `dir`, which is made when it is not there. Nothing is written when
+// the directory already holds cards. An empty text or what went wrong.
+std::string LayOut(const CardsPlan& plan, const std::string& dir);
+
+}  // namespace qvsim

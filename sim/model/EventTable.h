@@ -1,0 +1,68 @@
+// The driver's events: auto-reset, process-wide, named by handles that are never reused.
+//
+// A successful wait or try-wait consumes the signal; waiting for several consumes nothing, it only
+// says that at least one is set. Closing an event wakes its waiters with EINVAL. Every operation
+// is called with the model's lock held; the waits release it while they sleep. Whoever must not
+// sleep waits with a time-out of 0, and again after each change that the listener hears of.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace qvsim {
+
+// What a request answers: a value of 0 or more, or an error.
+struct Answer {
+    int value = 0;
+    int error = 0;  // errno, 0: none
+};
+
+inline Answer Ok(int value = 0) { return {value, 0}; }
+inline Answer Refused(int error) { return {-1, error}; }
+
+class EventTable {
+  public:
+    using Lock = std::unique_lock<std::mutex>;
+
+    // `owner` only names who made it, for DropOwner().
+    uint64_t Create(const void* owner);
+    void DropOwner(const void* owner);
+    Answer Close(uint64_t event);
+    Answer Set(uint64_t event);
+    Answer Clear(uint64_t event);
+    Answer IsSet(uint64_t event) const;  // 1 or 0
+    Answer TryWait(uint64_t event);      // 1 when it was set, and is not any more
+    // 1 when it was set, 0 when `timeout` milliseconds passed, -1 waits for ever.
+    Answer Wait(Lock& lock, uint64_t event, int timeout);
+    // The number of set events, 0 after the time-out.
+    Answer WaitSeveral(Lock& lock, const std::vector<uint64_t>& events, int timeout);
+
+    bool Exists(uint64_t event) const { return events_.count(event) != 0; }
+    size_t Count() const { return events_.size(); }
+
+    // Wakes every waiter with ENODEV, now and in future.
+    void ShutDown();
+    // Called with the lock held after every change that can end a wait; must not block.
+    void Listen(std::function<void()> listener) { listener_ = std::move(listener); }
+
+  private:
+    Answer Poll(const std::vector<uint64_t>& events) const;
+    void Changed();
+
+    struct Event {
+        const void* owner;
+        bool set;
+    };
+    std::map<uint64_t, Event> events_;
+    uint64_t next_ = 0x1001;
+    std::condition_variable changed_;
+    std::function<void()> listener_;
+    bool shutDown_ = false;
+};
+
+}  // namespace qvsim

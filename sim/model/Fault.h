@@ -1,0 +1,50 @@
+// Faults: what goes wrong, at which request, how often. Plain data, any thread.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace qvsim {
+
+enum class FaultKind {
+    kRefuse,     // value: errno
+    kShortRead,  // value: bytes that a read delivers at most
+    kFlipBit,    // value: bit number inside the bytes that a read delivers
+    kStuckBits,  // value: mask; programming leaves these bits of every byte set
+    kNotBlank,   // an erase leaves one byte of the range programmed
+    kSlow,       // value: milliseconds before the request is served
+    kPowerLoss,  // the board dies in the middle of the request, until it is power-cycled
+    kNodeGone,   // the node vanishes: this and every later open and request fails with ENODEV
+};
+
+struct FaultEffect {
+    FaultKind kind = FaultKind::kRefuse;
+    uint32_t value = 0;
+};
+
+constexpr FaultEffect Refuse(int error) {
+    return {FaultKind::kRefuse, static_cast<uint32_t>(error)};
+}
+constexpr FaultEffect ShortRead(uint32_t bytes) { return {FaultKind::kShortRead, bytes}; }
+constexpr FaultEffect FlipBit(uint32_t bit) { return {FaultKind::kFlipBit, bit}; }
+constexpr FaultEffect StuckBits(uint8_t mask) { return {FaultKind::kStuckBits, mask}; }
+constexpr FaultEffect NotBlank() { return {FaultKind::kNotBlank, 0}; }
+constexpr FaultEffect Slow(uint32_t milliseconds) { return {FaultKind::kSlow, milliseconds}; }
+constexpr FaultEffect PowerLoss() { return {FaultKind::kPowerLoss, 0}; }
+constexpr FaultEffect NodeGone() { return {FaultKind::kNodeGone, 0}; }
+
+// Fault{.request = "EraseFirmwareData", .nth = 3, .effect = Refuse(EIO)}
+struct Fault {
+    std::string request;  // name in the request table, or "open"
+    int nth = 1;          // the first matching request that is hit, counted from 1
+    int count = 1;        // how many in a row are hit; -1: all from there on
+    int board = -1;       // -1: any
+    int channel = -1;     // -1: any
+    FaultEffect effect;
+};
+
+// "refuse", "short_read", ...; as scenarios and state files write them.
+const char* FaultKindName(FaultKind kind);
+bool FaultKindFromName(const std::string& name, FaultKind& kind);
+
+}  // namespace qvsim

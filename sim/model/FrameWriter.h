@@ -1,0 +1,57 @@
+// The thread that writes pictures into callers' memory, for all channels, in order of asking.
+//
+// It draws without the model's lock, so that no request waits for a picture. Every function is
+// called with that lock held. After Cancel() has returned nothing more is written for the channel.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "Capture.h"
+#include "EventTable.h"
+
+namespace qvsim {
+
+struct Channel;
+
+class FrameWriter {
+  public:
+    using Lock = EventTable::Lock;
+    // Called on the writer's thread with the lock held, when a picture stands in memory or could
+    // not be put there.
+    using Done = std::function<void(Channel&, const FrameCompletion&)>;
+
+    FrameWriter(std::mutex& mutex, Done done) : mutex_(mutex), done_(std::move(done)) {}
+    ~FrameWriter() { Stop(); }
+
+    void Add(Channel& channel, FrameRequest request, uint32_t number);
+    void Cancel(Lock& lock, const Channel& channel);
+    // Called without the lock: ends the thread, what is queued stays unwritten.
+    void Stop();
+
+  private:
+    struct Job {
+        Channel* channel;
+        FrameRequest request;
+        uint32_t number;
+    };
+    void Work();
+
+    std::mutex& mutex_;
+    Done done_;
+    std::deque<Job> jobs_;
+    const Channel* drawing_ = nullptr;
+    bool cancelled_ = false;  // the picture in work is for nobody any more
+    bool stopping_ = false;
+    std::condition_variable changed_;
+    std::thread thread_;
+};
+
+// Runs `body` on a new thread that takes none of the process's signals.
+std::thread QuietThread(std::function<void()> body);
+
+}  // namespace qvsim

@@ -1,0 +1,74 @@
+// What comes in at the channels' inputs: video and audio frames at the rate of the scenario, and
+// the loss and return of the signal.
+//
+// A rate of 0 means that a frame is there whenever one is asked for: nothing sleeps, and every
+// request gets the next number. Called with the model's lock held.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "Card.h"
+#include "EventTable.h"
+#include "FrameWriter.h"
+#include "Notifications.h"
+
+namespace qvsim {
+
+// The driver's word for a signal that came or went; its own choice, like all bits but the two that
+// QVDriverRecords.h names.
+inline constexpr uint32_t kNotifySignalChange = 0x1;
+
+class MediaSource {
+  public:
+    using Lock = EventTable::Lock;
+
+    MediaSource(std::mutex& mutex, EventTable& events, Notifications& notifications)
+        : events_(events),
+          notifications_(notifications),
+          writer_(mutex, [this](Channel& channel, const FrameCompletion& completion) {
+              Complete(channel, completion);
+          }) {}
+
+    // A second start replaces the first.
+    void StartVideo(Lock& lock, Channel& channel, const OpenFile* owner, uint64_t event,
+                    int64_t now);
+    // `selector` as the wire has it: a frame's buffer, the newest one, or the next one.
+    Answer RequestFrame(Channel& channel, FrameRequest request, int32_t selector, int64_t now);
+    // Nothing is written to any caller's memory after this.
+    void StopVideo(Lock& lock, Channel& channel);
+    // Oldest completion that was not looked at yet; one without `complete` when there is none.
+    FrameCompletion TakeCompletion(Channel& channel);
+    // Reports the request in work as interrupted: the event is set, the frame is not complete.
+    void Interrupt(Channel& channel);
+
+    void StartAudio(Channel& channel, const OpenFile* owner, int64_t now);
+    std::optional<uint32_t> TakeAudio(Channel& channel);  // a frame's number
+    void StopAudio(Channel& channel) { channel.audio = AudioCapture(); }
+
+    void SetSignal(Channel& channel, bool present, int64_t now);
+    // A frame notification was registered: on an unpaced channel a frame is there already.
+    void Registered(Channel& channel, uint64_t enableBits);
+    void DropOwner(Lock& lock, Channel& channel, const OpenFile* owner);
+
+    // Lets everything happen that is due; clock units until the next such thing, if any.
+    std::optional<int64_t> Run(const std::vector<std::unique_ptr<Channel>>& channels, int64_t now);
+    // Without the lock.
+    void Stop() { writer_.Stop(); }
+
+  private:
+    static bool Alive(const Channel& channel);
+    void Buffer(Channel& channel, int64_t now);
+    void RunVideo(Channel& channel, int64_t now);
+    void RunAudio(Channel& channel, int64_t now);
+    void Complete(Channel& channel, const FrameCompletion& completion);
+
+    EventTable& events_;
+    Notifications& notifications_;
+    FrameWriter writer_;
+};
+
+}  // namespace qvsim

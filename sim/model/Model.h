@@ -1,0 +1,136 @@
+// The simulated cards of one state directory, alive: boards, flash, events, timers, journal.
+//
+// Knows nothing of request numbers nor of how a caller gets here; the protocol and the doors do.
+// Thread rule: public functions lock, except those for the protocol, which need the lock held. At
+// most two threads of its own, both started when first needed and ended by ShutDown(): one keeps
+// time, one writes pictures.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Card.h"
+#include "EventTable.h"
+#include "FaultSet.h"
+#include "Journal.h"
+#include "MediaSource.h"
+#include "Notifications.h"
+#include "Timers.h"
+
+namespace qvsim {
+
+// What is alive; everything is 0 when a caller has cleaned up after itself.
+struct Alive {
+    size_t files = 0;
+    size_t events = 0;
+    size_t notifications = 0;
+    size_t timers = 0;
+    size_t images = 0;
+    size_t pinnedBuffers = 0;
+    size_t captures = 0;  // video and audio captures started and not stopped
+    bool operator==(const Alive&) const = default;
+};
+
+class Model {
+  public:
+    using Lock = EventTable::Lock;
+
+    // Null, and what went wrong, when the directory holds no usable state.
+    static std::shared_ptr<Model> Load(const std::string& dir, std::string& error);
+    Model(const Model&) = delete;
+    Model& operator=(const Model&) = delete;
+    ~Model();
+
+    // --- for doors -------------------------------------------------------------------------
+    // True for /dev/qv-event and every /dev/video<number>: the model answers for all of them.
+    static bool Answers(const char* path);
+    // True when such a path exists here.
+    bool Exists(const std::string& path);
+    // Names in /dev that exist: "video0", "qv-event".
+    std::vector<std::string> NodeNames();
+    // Null and an errno when the node cannot be opened. `descriptor` is for the journal alone.
+    std::shared_ptr<OpenFile> Open(const std::string& path, int& error);
+    void JournalOpen(const std::string& path, int descriptor, int error);
+    void Close(const std::shared_ptr<OpenFile>& file, int descriptor);
+
+    // --- for tests and the command line ----------------------------------------------------
+    // Channels are named by board index and by their position on the board.
+    void PowerCycle();
+    void AddFault(const Fault& fault);
+    void ClearFaults();
+    void RaiseNotification(int board, int channel, uint64_t bits);
+    void SetSignal(int board, int channel, bool present);
+    // Signals the capture event while the frame in work is not complete.
+    void InterruptFrame(int board, int channel);
+    // The record of the last such request as it came from the caller; empty when there was none.
+    // Requests of the event node are found under board -1.
+    Bytes LastRecord(int board, int channel, const std::string& request);
+    // Replaces what a get request answers.
+    void SetRecord(int board, int channel, const std::string& key, const Bytes& record);
+    Alive CountAlive();
+    // Stops the device clocks, so that timers fire by AdvanceClock() alone. 100 ns units.
+    void FreezeClock();
+    void AdvanceClock(int64_t units);
+    // Ends every wait with ENODEV and stops what runs on its own; the model stays readable.
+    void ShutDown();
+
+    const CardsState& State() const { return state_; }
+
+    // --- for the protocol, lock held -------------------------------------------------------
+    std::mutex& Mutex() { return mutex_; }
+    EventTable& Events() { return events_; }
+    Notifications& Notifies() { return notifications_; }
+    Timers& DriverTimers() { return timers_; }
+    FaultSet& Faults() { return faults_; }
+    Journal& Lines() { return journal_; }
+    const Latencies& Delays() const { return state_.latencies; }
+    std::map<std::string, Bytes>& EventRecords() { return eventRecords_; }
+    int64_t Now() const { return time_.Now(); }
+    bool IsShutDown() const { return shutDown_; }
+    uint64_t MintHandle() { return nextHandle_++; }
+    // The board is dead from now on; written to the state file at once.
+    void LosePower(Board& board);
+    MediaSource& Media() { return media_; }
+    // Something with a time changed: lets happen what is due, and sees to it that the rest will.
+    void Kick();
+
+  private:
+    Model() = default;
+    std::string Build(const std::string& dir);
+    std::string BuildBoard(BoardState& state);
+    Channel* FindChannel(int board, int channel);
+    Channel* ChannelOfNode(const std::string& path);
+    void RefreshFromDisk();
+    void SaveChanges();
+    std::optional<int64_t> RunDue();
+    void KeepTime();
+    std::string SettingsPath(const Channel& channel) const;
+
+    std::mutex mutex_;
+    std::string dir_;
+    CardsState state_;
+    std::vector<std::unique_ptr<Board>> boards_;
+    std::vector<std::unique_ptr<Channel>> channels_;
+    std::vector<std::shared_ptr<OpenFile>> files_;
+    TimeSource time_;
+    EventTable events_;
+    Notifications notifications_;
+    Timers timers_;
+    MediaSource media_{mutex_, events_, notifications_};
+    FaultSet faults_;
+    Journal journal_;
+    std::map<std::string, Bytes> eventRecords_;
+    uint64_t nextHandle_ = 0x4001;
+    int64_t stateStamp_ = 0;  // modification time of the state file as last read or written
+    bool shutDown_ = false;
+    std::condition_variable timeChanged_;
+    std::thread timekeeper_;  // started when something is due for the first time
+};
+
+}  // namespace qvsim

@@ -1,0 +1,39 @@
+#include "Notifications.h"
+
+namespace qvsim {
+
+uint64_t Notifications::Register(const Channel* channel, const OpenFile* owner, uint64_t enableBits,
+                                 uint64_t event) {
+    const uint64_t notify = next_++;
+    entries_[notify] = {channel, owner, enableBits, event, 0};
+    return notify;
+}
+
+bool Notifications::Unregister(const Channel* channel, uint64_t notify) {
+    const auto found = entries_.find(notify);
+    if (found == entries_.end() || found->second.channel != channel) return false;
+    entries_.erase(found);
+    return true;
+}
+
+bool Notifications::TakeStatus(const Channel* channel, uint64_t notify, uint64_t& status) {
+    const auto found = entries_.find(notify);
+    if (found == entries_.end() || found->second.channel != channel) return false;
+    status = found->second.status;
+    found->second.status = 0;
+    return true;
+}
+
+void Notifications::Raise(const Channel* channel, uint64_t bits, EventTable& events) {
+    for (auto& [notify, entry] : entries_) {
+        if (entry.channel != channel || (entry.enableBits & bits) == 0) continue;
+        entry.status |= entry.enableBits & bits;
+        events.Set(entry.event);  // an event closed meanwhile has nobody to wake
+    }
+}
+
+void Notifications::DropOwner(const OpenFile* owner) {
+    std::erase_if(entries_, [owner](const auto& item) { return item.second.owner == owner; });
+}
+
+}  // namespace qvsim

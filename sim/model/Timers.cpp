@@ -1,0 +1,53 @@
+#include "Timers.h"
+
+#include <algorithm>
+#include <limits>
+
+#include "Card.h"
+
+namespace qvsim {
+
+uint64_t Timers::Register(const Channel* channel, const OpenFile* owner, uint64_t event) {
+    const uint64_t timer = next_++;
+    entries_[timer] = {channel, owner, event, std::nullopt};
+    return timer;
+}
+
+bool Timers::Unregister(const Channel* channel, uint64_t timer) {
+    const auto found = entries_.find(timer);
+    if (found == entries_.end() || found->second.channel != channel) return false;
+    entries_.erase(found);
+    return true;
+}
+
+bool Timers::Schedule(const Channel* channel, uint64_t timer, int64_t expiry) {
+    const auto found = entries_.find(timer);
+    if (found == entries_.end() || found->second.channel != channel) return false;
+    found->second.expiry = expiry;
+    return true;
+}
+
+std::optional<int64_t> Timers::Run(int64_t sourceTime, EventTable& events) {
+    std::optional<int64_t> next;
+    for (auto& [timer, entry] : entries_) {
+        if (!entry.expiry) continue;
+        const int64_t now = entry.channel->board->clock.At(sourceTime);
+        if (*entry.expiry <= now) {
+            entry.expiry.reset();
+            events.Set(entry.event);  // an event closed meanwhile has nobody to wake
+            continue;
+        }
+        // The distance of two signed times may not fit; a timer that far away waits long enough.
+        const uint64_t away = static_cast<uint64_t>(*entry.expiry) - static_cast<uint64_t>(now);
+        constexpr uint64_t kFar = std::numeric_limits<int64_t>::max() / 2;
+        const auto distance = static_cast<int64_t>(std::min(away, kFar));
+        next = next ? std::min(*next, distance) : distance;
+    }
+    return next;
+}
+
+void Timers::DropOwner(const OpenFile* owner) {
+    std::erase_if(entries_, [owner](const auto& item) { return item.second.owner == owner; });
+}
+
+}  // namespace qvsim

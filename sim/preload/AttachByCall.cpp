@@ -1,0 +1,47 @@
+// A test program chooses its cards itself. Any thread.
+#include <mutex>
+
+#include "Door.h"
+
+namespace qvsim {
+namespace {
+
+struct Current {
+    std::mutex lock;
+    std::shared_ptr<Model> model;
+};
+
+Current& TheCurrent() {
+    static Current& current = *new Current;
+    return current;
+}
+
+}  // namespace
+
+std::shared_ptr<Model> CurrentModel() {
+    Current& current = TheCurrent();
+    const std::lock_guard lock(current.lock);
+    return current.model;
+}
+
+std::string Attach(const std::string& dir) {
+    Detach();
+    std::string error;
+    std::shared_ptr<Model> model = Model::Load(dir, error);
+    Current& current = TheCurrent();
+    const std::lock_guard lock(current.lock);
+    current.model = std::move(model);
+    return error;
+}
+
+void Detach() {
+    std::shared_ptr<Model> model;
+    {
+        Current& current = TheCurrent();
+        const std::lock_guard lock(current.lock);
+        model.swap(current.model);
+    }
+    if (model) model->ShutDown();
+}
+
+}  // namespace qvsim

@@ -1,0 +1,126 @@
+// Identity and firmware storage. Flash data passes through a buffer of one sector, whatever the
+// size of the request: a process under the preload door must stay small.
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <thread>
+
+#include "FirmwareImage.h"
+#include "Handlers.h"
+#include "Hex.h"
+#include "QVDriverRecords.h"
+
+namespace qvsim {
+namespace {
+
+// Waits as long as the chip would; other requests go on meanwhile.
+void Busy(Call& call, uint64_t microseconds) {
+    if (microseconds == 0) return;
+    call.lock.unlock();
+    std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
+    call.lock.lock();
+}
+
+uint64_t Units(uint64_t bytes, uint64_t unit) { return (bytes + unit - 1) / unit; }
+
+bool Has(const Call& call, FaultKind kind) { return EffectOf(call.effects, kind).has_value(); }
+
+void NoteRange(Call& call, uint32_t offset, uint32_t size) {
+    call.NoteHex("offset", offset);
+    call.NoteNumber("size", size);
+}
+
+// A power cut leaves the first half done and the sector in work with garbage.
+uint32_t SizeBeforeCut(const Call& call, uint32_t size) {
+    return Has(call, FaultKind::kPowerLoss) ? size / 2 : size;
+}
+
+bool GarbleAfterCut(Call& call, uint32_t offset, uint32_t done) {
+    return !Has(call, FaultKind::kPowerLoss) || call.channel->flash->Garble(offset + done);
+}
+
+}  // namespace
+
+Answer GetChannelInfo(Call& call) {
+    call.As<_QVCAP_CHANNEL_INFO>() = call.channel->state->info;
+    return Ok();
+}
+
+Answer GetFamilyInfo(Call& call) {
+    call.As<_QVCAP_PELIX_CAPTURE_INFO>() = call.channel->state->family;
+    return Ok();
+}
+
+Answer GetFirmwareStorageInfo(Call& call) {
+    call.As<_QVCAP_FIRMWARE_STORAGE>() = call.channel->state->storage;
+    call.NoteHex("firmware", call.channel->state->storage.firmwareOffset);
+    return Ok();
+}
+
+Answer EraseFirmwareData(Call& call) {
+    const auto [offset, size] = call.As<qv::FirmwareEraseRecord>();
+    NoteRange(call, offset, size);
+    NorFlash& flash = *call.channel->flash;
+    if (!flash.InRange(offset, size)) return Refused(EINVAL);
+    Busy(call, Units(size, NorFlash::kSector) * call.model.Delays().erasePerSector);
+    const uint32_t done = SizeBeforeCut(call, size);
+    if (!flash.Erase(offset, done) || !GarbleAfterCut(call, offset, done)) return Refused(EIO);
+    constexpr uint8_t kProgrammed = 0x5A;
+    if (Has(call, FaultKind::kNotBlank) && size > 0 && !flash.Program(offset, &kProgrammed, 1))
+        return Refused(EIO);
+    return Ok();
+}
+
+Answer WriteFirmwareData(Call& call) {
+    const auto [offset, size, address] = call.As<qv::FirmwareDataRecord>();
+    NoteRange(call, offset, size);
+    NorFlash& flash = *call.channel->flash;
+    if (!flash.InRange(offset, size)) return Refused(EINVAL);
+    Busy(call, Units(size, NorFlash::kPage) * call.model.Delays().programPerPage);
+    const auto stuck =
+        static_cast<uint8_t>(EffectOf(call.effects, FaultKind::kStuckBits).value_or(0));
+    const uint32_t wanted = SizeBeforeCut(call, size);
+    uint32_t crc = 0;
+    uint8_t piece[NorFlash::kSector];
+    for (uint32_t done = 0; done < wanted;) {
+        const uint32_t n = std::min<uint32_t>(wanted - done, sizeof piece);
+        if (!call.memory.Read(address + done, piece, n)) return Refused(EFAULT);
+        crc = Crc32(piece, n, crc);
+        if (!flash.Program(offset + done, piece, n, stuck)) return Refused(EIO);
+        done += n;
+    }
+    if (!GarbleAfterCut(call, offset, wanted)) return Refused(EIO);
+    call.NoteHex("crc", crc);
+    // A header in one of its two places says which image to load first after power-on.
+    const uint32_t main = call.channel->state->storage.firmwareOffset;
+    if ((offset == main || offset == main + kSafeHeaderDistance) && !flash.SetBootAddress(offset))
+        return Refused(EIO);
+    return Ok();
+}
+
+Answer ReadFirmwareData(Call& call) {
+    auto& record = call.As<qv::FirmwareDataRecord>();
+    NoteRange(call, record.offset, record.size);
+    NorFlash& flash = *call.channel->flash;
+    if (!flash.InRange(record.offset, record.size)) return Refused(EINVAL);
+    Busy(call, Units(record.size, 1024) * call.model.Delays().readPerKiB);
+    const uint32_t wanted =
+        std::min(record.size, EffectOf(call.effects, FaultKind::kShortRead).value_or(record.size));
+    const auto flip = EffectOf(call.effects, FaultKind::kFlipBit);
+    uint8_t piece[NorFlash::kSector];
+    for (uint32_t done = 0; done < wanted;) {
+        const uint32_t n = std::min<uint32_t>(wanted - done, sizeof piece);
+        if (!flash.Read(record.offset + done, piece, n)) return Refused(EIO);
+        if (flip && *flip / 8 >= done && *flip / 8 < done + n)
+            piece[*flip / 8 - done] =
+                static_cast<uint8_t>(piece[*flip / 8 - done] ^ 1 << *flip % 8);
+        if (!call.memory.Write(record.address + done, piece, n)) return Refused(EFAULT);
+        done += n;
+    }
+    record.size = wanted;
+    call.NoteNumber("got", wanted);
+    return Ok();
+}
+
+}  // namespace qvsim

@@ -1,0 +1,117 @@
+#include "Protocol.h"
+
+#include <cerrno>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "QVDriverRecords.h"
+
+namespace qvsim {
+namespace {
+
+constexpr uint32_t kLargestRecord = sizeof(_QVCAP_AUDIO_CAPTURE_FRAME);
+
+std::string HexText(uint64_t value) {
+    char text[24];
+    std::snprintf(text, sizeof text, "0x%llx", static_cast<unsigned long long>(value));
+    return text;
+}
+
+char LetterOf(uint32_t code) { return static_cast<char>(code >> 8 & 0xFF); }
+
+// What a dead board, a vanished node or a fault makes of the request before any handler sees it.
+Answer Precheck(Call& call) {
+    if (call.model.IsShutDown()) return Refused(ENODEV);
+    Channel* channel = call.channel;
+    if (const auto slow = EffectOf(call.effects, FaultKind::kSlow)) {
+        call.lock.unlock();
+        std::this_thread::sleep_for(std::chrono::milliseconds(*slow));
+        call.lock.lock();
+    }
+    if (channel && EffectOf(call.effects, FaultKind::kNodeGone)) channel->gone = true;
+    if (channel && channel->gone) return Refused(ENODEV);
+    if (channel && channel->board->state->powerLost) return Refused(EIO);
+    if (const auto error = EffectOf(call.effects, FaultKind::kRefuse))
+        return Refused(static_cast<int>(*error));
+    return Ok();
+}
+
+// A power cut in the middle: the two requests that change flash do part of their work.
+Answer CutPower(Call& call) {
+    if (call.row.name != std::string("EraseFirmwareData") &&
+        call.row.name != std::string("WriteFirmwareData"))
+        return Refused(EIO);
+    call.row.handler(call);
+    return Refused(EIO);
+}
+
+Answer Run(Call& call, uint64_t address) {
+    if (call.size > 0) {
+        if (address == 0) return Refused(EFAULT);
+        if (call.row.TakesRecord() && !call.memory.Read(address, call.record, call.size))
+            return Refused(EFAULT);
+    }
+    auto& records = call.channel ? call.channel->lastRecord : call.model.EventRecords();
+    if (call.row.TakesRecord() || call.size == 0)
+        records[call.row.name] = Bytes(call.record, call.record + call.size);
+    if (const Answer early = Precheck(call); early.error) return early;
+    Answer answer;
+    if (call.channel && EffectOf(call.effects, FaultKind::kPowerLoss)) {
+        answer = CutPower(call);
+        call.model.LosePower(*call.channel->board);
+    } else {
+        answer = call.row.handler(call);
+    }
+    if (answer.error == 0 && call.row.GivesRecord() &&
+        !call.memory.Write(address, call.record, call.size))
+        return Refused(EFAULT);
+    return answer;
+}
+
+}  // namespace
+
+void Call::Note(const char* name, const std::string& value) {
+    arguments += std::string(" ") + name + "=" + value;
+}
+void Call::NoteNumber(const char* name, int64_t value) { Note(name, std::to_string(value)); }
+void Call::NoteHex(const char* name, uint64_t value) { Note(name, HexText(value)); }
+
+Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t address,
+                    CallerMemory& memory, ParkedWait* parked) {
+    Model::Lock lock(model.Mutex());
+    const std::string head = "ioctl " + file.path + " ";
+    const Row* row = FindRow(code);
+    const char letter = file.kind == NodeKind::kEvents ? 'E' : 'X';
+    if (!row || LetterOf(code) != letter || file.kind == NodeKind::kForeign) {
+        const Answer answer = Refused(ENOTTY);
+        model.Lines().Write(head + (row ? row->name : HexText(code)), answer);
+        return answer;
+    }
+    const int board = file.channel ? file.channel->board->state->index : -1;
+    const int channel = file.channel ? file.channel->index : -1;
+    const std::vector<FaultEffect> effects = model.Faults().Hits(row->name, board, channel);
+    alignas(8) uint8_t record[kLargestRecord] = {};
+    Call call{model,  lock,        file,    file.channel, *row, memory,
+              record, row->Size(), effects, parked,       {}};
+    const Answer answer = Run(call, address);
+    const std::string line = head + row->name + call.arguments;
+    if (parked && parked->Parked())
+        parked->line = line;
+    else
+        model.Lines().Write(line, answer);
+    return answer;
+}
+
+bool AskAgain(Model& model, const ParkedWait& parked, bool last, int error, Answer& answer) {
+    Model::Lock lock(model.Mutex());
+    EventTable& events = model.Events();
+    answer = error          ? Refused(error)
+             : parked.takes ? events.Wait(lock, parked.events[0], 0)
+                            : events.WaitSeveral(lock, parked.events, 0);
+    if (!last && answer.error == 0 && answer.value == 0) return false;
+    model.Lines().Write(parked.line, answer);
+    return true;
+}
+
+}  // namespace qvsim

@@ -1,0 +1,132 @@
+// Settings, arrays and presets: requests that keep what was set and give it back.
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "Handlers.h"
+#include "Hex.h"
+#include "QVDriverRecords.h"
+
+namespace qvsim {
+namespace {
+
+constexpr uint32_t kMaxArrayBytes = 64u << 10;
+
+// Small records as a number, others by their checksum.
+void NoteRecord(Call& call) {
+    switch (call.size) {
+        case 1:
+            call.NoteNumber("value", call.record[0]);
+            break;
+        case 4:
+            call.NoteNumber("value", call.As<int32_t>());
+            break;
+        case 8:
+            call.NoteHex("value", call.As<uint64_t>());
+            break;
+        default:
+            call.NoteHex("crc", Crc32(call.record, call.size));
+    }
+}
+
+Bytes Pattern(uint32_t number, size_t size) {
+    Bytes bytes(size);
+    for (size_t i = 0; i < size; ++i) bytes[i] = PatternByte(number, i);
+    return bytes;
+}
+
+// Arrays of a channel on which nothing was set.
+Bytes DefaultArray(const std::string& key, uint32_t element) {
+    const auto elements = [element](std::initializer_list<uint32_t> values) {
+        Bytes bytes;
+        for (const uint32_t value : values)
+            for (uint32_t i = 0; i < element; ++i)
+                bytes.push_back(static_cast<uint8_t>(i < 4 ? value >> (8 * i) : value));
+        return bytes;
+    };
+    if (key == "VideoInputSources") return elements({0x101, 0x201, 0x301});
+    if (key == "AudioInputSources") return elements({0x501, 0x601});
+    if (key == "StreamInfos") return elements({0x01, 0x02});
+    if (key == "VideoPreferredTimings") return elements({0x11, 0x12});
+    if (key == "EDID") return Pattern(53, 256);
+    return {};  // custom timings and resolutions: none
+}
+
+Bytes ArrayOf(const Call& call) {
+    const Bytes* set = call.channel->settings.Find(call.row.key);
+    return set ? *set : DefaultArray(call.row.key, call.row.element);
+}
+
+}  // namespace
+
+Answer GetRecord(Call& call) {
+    const Bytes* set = call.channel->settings.Find(call.row.key);
+    const Bytes value = set ? *set : Pattern(call.row.Number(), call.size);
+    std::memcpy(call.record, value.data(), std::min<size_t>(call.size, value.size()));
+    NoteRecord(call);
+    return Ok();
+}
+
+Answer SetRecordValue(Call& call) {
+    NoteRecord(call);
+    call.channel->settings.Put(call.row.key, Bytes(call.record, call.record + call.size));
+    return Ok();
+}
+
+Answer GetArray(Call& call) {
+    auto& record = call.As<qv::CountedArrayRecord>();
+    const Bytes value = ArrayOf(call);
+    const auto have = static_cast<uint32_t>(value.size() / call.row.element);
+    const uint32_t handed = std::min(have, record.count);
+    call.NoteNumber("capacity", record.count);
+    call.NoteNumber("have", have);
+    if (handed > 0 && !call.memory.Write(record.address, value.data(), handed * call.row.element))
+        return Refused(EFAULT);
+    record.count = have;
+    return Ok();
+}
+
+Answer SetArray(Call& call) {
+    const auto& record = call.As<qv::CountedArrayRecord>();
+    call.NoteNumber("count", record.count);
+    if (record.count > kMaxArrayBytes / call.row.element) return Refused(EINVAL);
+    Bytes value(record.count * call.row.element);
+    if (!value.empty() &&
+        !call.memory.Read(record.address, value.data(), static_cast<uint32_t>(value.size())))
+        return Refused(EFAULT);
+    call.NoteHex("crc", Crc32(value.data(), value.size()));
+    call.channel->settings.Put(call.row.key, std::move(value));
+    return Ok();
+}
+
+Answer GetArrayCount(Call& call) {
+    const auto count = static_cast<uint32_t>(ArrayOf(call).size() / call.row.element);
+    call.As<uint32_t>() = count;
+    NoteRecord(call);
+    return Ok();
+}
+
+Answer AcceptAction(Call&) { return Ok(); }
+
+Answer SavePreset(Call& call) {
+    call.channel->settings.SavePreset();
+    return Ok();
+}
+
+Answer ReloadPreset(Call& call) {
+    call.channel->settings.ReloadPreset();
+    return Ok();
+}
+
+Answer GetInfoFrame(Call& call) {
+    auto& record = call.As<qv::InfoFrameRecord>();
+    call.NoteNumber("id", record.id);
+    if (record.id < 0 || record.id > 11) return Refused(EINVAL);
+    const Bytes* set = call.channel->settings.Find("HDMIInfoFrame" + std::to_string(record.id));
+    const auto number = call.row.Number() + static_cast<uint32_t>(record.id);
+    const Bytes value = set ? *set : Pattern(number, sizeof record.packet);
+    std::memcpy(&record.packet, value.data(), std::min(sizeof record.packet, value.size()));
+    return Ok();
+}
+
+}  // namespace qvsim
