@@ -1,0 +1,261 @@
+#include "FlashEngine.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+
+#include "Console.h"
+#include "Inventory.h"
+#include "ToolState.h"
+
+namespace {
+
+constexpr unsigned int kPostReconfigValue = 200;  // its meaning is the driver's
+constexpr int kAnnouncementWidth = 80;
+
+unsigned char g_blankPattern[kChunkSize];
+unsigned char g_blankCheckBuffer[kChunkSize];
+unsigned char g_verifyBuffer[kChunkSize];
+
+// Calls `step(offset, length)` for each chunk; false as soon as one does.
+template <typename Step>
+bool ForEachChunk(uint32_t size, Step step) {
+    for (uint32_t offset = 0; offset < size;) {
+        const uint32_t length = std::min(size - offset, kChunkSize);
+        if (!step(offset, length)) return false;
+        offset += length;
+    }
+    return true;
+}
+
+// What one upgrade works on, and its work on the header and on one chunk of a section, for each
+// of the three stages. Every function is false on failure.
+class FlashJob {
+  public:
+    FlashJob(QV_CHANNEL channel, _QV_FIRMWARE_HEADER* header, unsigned char** data,
+             const _QVCAP_FIRMWARE_STORAGE& storage, char mode)
+        : m_channel(channel),
+          m_header(header),
+          m_data(data),
+          m_headerAddress(storage.firmwareOffset + (mode == kSafeMode ? kSafeHeaderDistance : 0)),
+          m_mode(mode) {}
+
+    uint32_t HeaderLength() const { return m_header->headerLength; }
+    int SectionCount() const { return std::min<int>(m_header->sectionCount, kMaxSections); }
+    const _QV_FIRMWARE_SECTION_HEADER& Section(int i) const { return m_header->sections[i]; }
+    bool TakesPart(int i) const { return IsMatchedSection(m_mode, &Section(i)); }
+
+    // Bytes that count as 100%. Deliberate: unsigned 32-bit, it may wrap.
+    uint32_t TotalBytes() const {
+        uint32_t total = HeaderLength();
+        for (int i = 0; i < SectionCount(); ++i)
+            if (TakesPart(i)) total += Section(i).size;
+        return total;
+    }
+
+    bool EraseHeader() {
+        return QVEraseFirmwareData(m_channel, m_headerAddress, HeaderLength()) == QV_RESULT_OK;
+    }
+    bool EraseChunk(int i, uint32_t offset, uint32_t length) {
+        return QVEraseFirmwareData(m_channel, Section(i).address + offset, length) == QV_RESULT_OK;
+    }
+    bool IsBlank(int i) {
+        memset(g_blankPattern, 0xFF, sizeof g_blankPattern);
+        return ForEachChunk(Section(i).size, [&](uint32_t offset, uint32_t length) {
+            return ReadsAs(Section(i).address + offset, g_blankPattern, length, g_blankCheckBuffer);
+        });
+    }
+
+    bool WriteHeader() {
+        return QVWriteFirmwareData(m_channel, m_headerAddress, HeaderBytes(), HeaderLength()) ==
+               QV_RESULT_OK;
+    }
+    bool WriteChunk(int i, uint32_t offset, uint32_t length) {
+        return QVWriteFirmwareData(m_channel, Section(i).address + offset, m_data[i] + offset,
+                                   length) == QV_RESULT_OK;
+    }
+
+    bool VerifyHeader() {
+        return ReadsAs(m_headerAddress, HeaderBytes(), HeaderLength(), g_verifyBuffer);
+    }
+    bool VerifyChunk(int i, uint32_t offset, uint32_t length) {
+        if (ReadsAs(Section(i).address + offset, m_data[i] + offset, length, g_verifyBuffer))
+            return true;
+        printf("read error %d\n", static_cast<int>(offset));
+        return false;
+    }
+
+  private:
+    unsigned char* HeaderBytes() { return reinterpret_cast<unsigned char*>(m_header); }
+
+    bool ReadsAs(uint32_t address, const unsigned char* expected, uint32_t length,
+                 unsigned char* buffer) {
+        unsigned int read = 0;
+        return QVReadFirmwareData(m_channel, address, buffer, length, &read) == QV_RESULT_OK &&
+               read == length && memcmp(buffer, expected, length) == 0;
+    }
+
+    QV_CHANNEL m_channel;
+    _QV_FIRMWARE_HEADER* m_header;
+    unsigned char** m_data;
+    uint32_t m_headerAddress;
+    char m_mode;
+};
+
+struct Stage {
+    const char* progressLine;
+    int failedResult;
+    // Columns that are cleared beyond the progress line.
+    int afterHeader, betweenChunks, onFailure, atEnd;
+    bool endsAfterSectionFailure;  // clears at its end also when a section has failed
+    bool takesClearSections;
+    bool (FlashJob::*header)();
+    bool (FlashJob::*chunk)(int section, uint32_t offset, uint32_t length);
+};
+
+// A table stays a table.
+// clang-format off
+constexpr Stage kStages[] = {
+    {"(Erasing ------------- %2d%%)", kEraseFailed, 1, 0, 1, 1, true, true, &FlashJob::EraseHeader,
+     &FlashJob::EraseChunk},
+    {"(Writting ------------- %2d%%)", kWriteFailed, 0, 0, 0, 0, true, false,
+     &FlashJob::WriteHeader, &FlashJob::WriteChunk},
+    {"(Verifying ------------- %2d%%)", kVerifyFailed, 1, 0, 1, 1, false, false,
+     &FlashJob::VerifyHeader, &FlashJob::VerifyChunk},
+};
+// clang-format on
+
+// The progress line of one stage, rewritten in place.
+class ProgressLine {
+  public:
+    ProgressLine(const Stage& stage, uint32_t total) : m_stage(stage), m_total(total) {
+        char wide[256];  // two digits: what the clear widths are counted from
+        m_width = snprintf(wide, sizeof wide, stage.progressLine, 10);
+        Print();
+    }
+
+    // Deliberate: unsigned 32-bit arithmetic, which wraps above 42 MB.
+    uint32_t Percentage() const { return m_total == 0 ? 0 : m_done * 100 / m_total; }
+
+    void Advance(uint32_t bytes, int clearBeyond) {
+        m_done += bytes;
+        Clear(clearBeyond);
+        Print();
+    }
+    void Clear(int beyond) { PrintClear(m_width + beyond); }
+
+  private:
+    void Print() {
+        printf(m_stage.progressLine, static_cast<int>(Percentage()));
+        fflush(stdout);
+    }
+
+    const Stage& m_stage;
+    uint32_t m_total;
+    uint32_t m_done = 0;
+    int m_width = 0;
+};
+
+bool RunSection(FlashJob& job, const Stage& stage, int i, ProgressLine& line) {
+    const bool isClear = IsCLRSection(job.Section(i).name);
+    if (isClear && !stage.takesClearSections) return true;
+    const bool done = ForEachChunk(job.Section(i).size, [&](uint32_t offset, uint32_t length) {
+        if (!(job.*stage.chunk)(i, offset, length)) return false;
+        line.Advance(length, stage.betweenChunks);
+        return true;
+    });
+    return done && (!isClear || job.IsBlank(i));
+}
+
+bool RunSections(FlashJob& job, const Stage& stage, ProgressLine& line) {
+    for (int i = 0; i < job.SectionCount(); ++i)
+        if (job.TakesPart(i) && !RunSection(job, stage, i, line)) return false;
+    return true;
+}
+
+// False on failure, with the percentage reached in `progress`.
+bool RunStage(FlashJob& job, const Stage& stage, unsigned int* progress) {
+    ProgressLine line(stage, job.TotalBytes());
+    const bool headerDone = (job.*stage.header)();
+    if (headerDone) line.Advance(job.HeaderLength(), stage.afterHeader);
+    const bool done = headerDone && RunSections(job, stage, line);
+    if (!done) {
+        *progress = line.Percentage();
+        line.Clear(stage.onFailure);
+        if (!headerDone || !stage.endsAfterSectionFailure) return false;
+    }
+    line.Clear(stage.atEnd);
+    fflush(stdout);
+    return done;
+}
+
+// What the messages about one channel say.
+struct Announcement {
+    int index = 0;
+    int count = 0;
+    char name[kCaptureNameSize] = {};
+    const char* verb = "";
+    char current[kVersionTextSize] = {};
+    char target[kVersionTextSize] = {};
+};
+
+void PrintStart(const Announcement& about) {
+    printf("[%d/%d] [%s]  %s from %s to %s   ", about.index, about.count, about.name, about.verb,
+           about.current, about.target);
+    fflush(stdout);
+}
+
+// Whether to go ahead; the line that the progress follows is printed then.
+bool Confirm(Announcement& about, char mode) {
+    about.verb = mode == kSafeMode ? "Safe upgrade" : "Upgrade";
+    if ((g_dwCMD & kCmdYes) != 0) {
+        PrintStart(about);
+        return true;
+    }
+    printf("[%d/%d] [%s]  Do you want to %s from %s to %s? -- (y)-YES or (n)-NO:", about.index,
+           about.count, about.name, mode == kSafeMode ? "safe upgrade" : "upgrade", about.current,
+           about.target);
+    fflush(stdout);
+    if (!AskYesNo()) return false;
+    PrintClear(kAnnouncementWidth);
+    printf("\r");
+    PrintStart(about);
+    return true;
+}
+
+}  // namespace
+
+int UpgradeInternel(QV_CHANNEL channel, int index, int count, char mode, unsigned int* progress) {
+    _QVCAP_CHANNEL_INFO info = {};
+    if (IsNoChannel(channel) || QVGetChannelInfo(channel, &info) != QV_RESULT_OK)
+        return kCannotQuery;
+    Announcement about;
+    about.index = index;
+    about.count = count;
+    PrintCaptureName(about.name, info);
+
+    LoadedPackage package;
+    if (GetUpgradeDataFromQVFFile(channel, g_szQVFFileList, g_nQVFFileNum, &package.header,
+                                  package.data) != 0)
+        return kNoPackage;
+    _QVCAP_FIRMWARE_STORAGE storage = {};
+    if (QVGetFirmwareStorageInfo(channel, &storage) != QV_RESULT_OK) return kCannotQuery;
+    PrintVersion(about.current, info.firmwareVersion);
+    PrintVersion(about.target, package.header.firmwareVersion);
+
+    const bool force = (g_dwCMD & kCmdForce) != 0;
+    if (!force && info.firmwareVersion >= package.header.firmwareVersion) return kNotNewer;
+    if (!Confirm(about, mode)) return kDeclined;
+    return UpgradeFirmware(channel, &package.header, package.data, &storage, mode, progress);
+}
+
+int UpgradeFirmware(QV_CHANNEL channel, _QV_FIRMWARE_HEADER* header, unsigned char** data,
+                    _QVCAP_FIRMWARE_STORAGE* storage, char mode, unsigned int* progress) {
+    FlashJob job(channel, header, data, *storage, mode);
+    for (const Stage& stage : kStages)
+        if (!RunStage(job, stage, progress)) return stage.failedResult;
+    if (QVSetPostReconfig(channel, kPostReconfigValue) == QV_RESULT_OK) return kUpgraded;
+    printf("Set post reconfig failed");
+    fflush(stdout);
+    return kPostReconfigFailed;
+}

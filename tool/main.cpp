@@ -1,0 +1,93 @@
+// qvcap-upgrade: upgrades the firmware of the capture cards of this computer from the package
+// files of the current directory. The run as a list of steps; the steps are elsewhere.
+// Single-threaded.
+#include <malloc.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "CommandLine.h"
+#include "FirmwarePackage.h"
+#include "Inventory.h"
+#include "QVCapture.h"
+#include "ToolState.h"
+#include "UpgradeRun.h"
+
+namespace {
+
+constexpr int kExitOk = 0;
+constexpr int kExitBadArguments = -1;
+
+// Large blocks go back to the system when they are freed: packages are loaded one after another,
+// and the tool shall never need much more memory than the largest of them.
+void KeepMemorySmall() { mallopt(M_MMAP_THRESHOLD, 128 * 1024); }
+
+int Leave(int status) {
+    QVCaptureExitInstance();
+    return status;
+}
+
+// Whether the result of parsing ends the run, with its message printed. Deliberate: a device that
+// could not be queried and an unknown option do not; what was set before them stands.
+bool RefusesToRun(int parsed) {
+    switch (parsed) {
+        case kNotACaptureDevice:
+            printf("device %s isn't a pelix or lumo capture device\n", optarg);
+            return true;
+        case kNoSuchDevice:
+            printf("device %s doesn't exit\n", optarg);
+            return true;
+        case kBadArgument:
+            puts("error argument, please use \"-h\" option to see usage");
+            return true;
+        case kExclusiveOptions:
+            puts("option \"-a\" \"-b\" and \"-d\" can't not be used at the same time");
+            return true;
+        default:
+            return false;
+    }
+}
+
+void Upgrade() {
+    ListAllChannelInfo();
+    printf("\n");
+    const UpgradeCounters counters = UpgradeListedChannels();
+    PrintSummary(counters);
+    ExitQVFList();
+    g_nQVFFileNum = 0;
+    QVCaptureExitInstance();
+    OfferPowerOff(counters);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    KeepMemorySmall();
+    QVCaptureInitInstance();
+    QVRefreshDevice();
+    if (InitialQVFList() != 0) {
+        puts("Initial QVF file list failed");
+        return Leave(kExitOk);
+    }
+    if (g_nQVFFileNum == 0) puts("No QVF file found in the current directory");
+    if (RefusesToRun(PraseCommandLine(argc, argv))) return Leave(kExitBadArguments);
+    if ((g_dwCMD & kCmdHelp) != 0 || g_dwCMD == 0) {
+        PrintUsage();
+        return Leave(kExitOk);
+    }
+    if ((g_dwCMD & kCmdList) != 0) {
+        ListAllChannelInfo();
+        return Leave(kExitOk);
+    }
+    if (g_nDevicesNum < 1) {
+        printf("total %d, need upgrade %d\n", g_nDevicesNum, g_nDevicesNeedUpgrade);
+        return Leave(kExitOk);
+    }
+    PrintWarning();
+    if (QVGetChannelCount() < 1) {
+        puts("No video channel is found");
+        return Leave(kExitOk);
+    }
+    Upgrade();
+    return kExitOk;
+}
