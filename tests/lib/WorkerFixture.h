@@ -1,0 +1,98 @@
+// A channel with its worker started, and what worker tests wait with. No test here measures time:
+// waits are bounded by the watchdog of the test program alone.
+#pragma once
+
+#include <atomic>
+#include <condition_variable>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+#include "ChannelFixture.h"
+
+namespace qvtest {
+
+// What callbacks saw, handed from the worker's thread to the test's.
+template <class Item>
+class Recorder {
+  public:
+    void Add(Item item) {
+        const std::lock_guard guard(m_lock);
+        m_items.push_back(std::move(item));
+        m_changed.notify_all();
+    }
+    // Returns when there are at least so many.
+    std::vector<Item> AwaitCount(size_t count) {
+        std::unique_lock lock(m_lock);
+        m_changed.wait(lock, [&] { return m_items.size() >= count; });
+        return m_items;
+    }
+    std::vector<Item> Items() {
+        const std::lock_guard guard(m_lock);
+        return m_items;
+    }
+
+  private:
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    std::vector<Item> m_items;
+};
+
+// Opened by one thread, passed by another.
+class Gate {
+  public:
+    void Open() {
+        const std::lock_guard guard(m_lock);
+        m_open = true;
+        m_changed.notify_all();
+    }
+    void Pass() {
+        std::unique_lock lock(m_lock);
+        m_changed.wait(lock, [&] { return m_open; });
+    }
+
+  private:
+    std::mutex m_lock;
+    std::condition_variable m_changed;
+    bool m_open = false;
+};
+
+// A std::function as the parameter of a callback.
+using NotifyFunction = std::function<void(unsigned long long, unsigned int)>;
+inline void CallNotify(unsigned long long handle, unsigned int bits, void* param) {
+    (*static_cast<NotifyFunction*>(param))(handle, bits);
+}
+
+class WorkerTest : public ChannelTest {
+  protected:
+    void SetUp() override {
+        ChannelTest::SetUp();
+        rig.Cards().FreezeClock();
+        ASSERT_EQ(QV_RESULT_OK, QVStartChannelThread(channel));
+        rig.ClearJournal();
+    }
+    // Has the function run on the worker thread, inside a notification callback, and waits for it.
+    void OnWorker(const std::function<void()>& body) {
+        Gate done;
+        NotifyFunction function = [&](unsigned long long, unsigned int) {
+            body();
+            done.Open();
+        };
+        const auto handle = QVRegisterNotifyWithCallback(channel, 0x8000, CallNotify, &function);
+        ASSERT_NE(0u, handle);
+        rig.Cards().RaiseNotification(0, 0, 0x8000);
+        done.Pass();
+        ASSERT_EQ(QV_RESULT_OK, QVUnregisterNotify(channel, handle));
+    }
+    // Returns when the worker has handled everything that was signalled before.
+    void Settle() {
+        OnWorker([] {});
+    }
+    size_t CountRequests(const std::string& name) {
+        size_t count = 0;
+        for (const auto& request : Requests()) count += request == name ? 1 : 0;
+        return count;
+    }
+};
+
+}  // namespace qvtest

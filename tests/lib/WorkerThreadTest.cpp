@@ -1,0 +1,369 @@
+// Start, stop and the queue of the channel worker, on good drivers and on failing ones.
+#include "ChannelEntity.h"
+#include "QVPelixCapture.h"
+#include "WorkerFixture.h"
+
+namespace qvtest {
+namespace {
+
+using qvsim::Alive;
+
+class WorkerThreadTest : public WorkerTest {
+  protected:
+    CQVCaptureBase* Pcie() { return static_cast<IQVCaptureDevice*>(channel)->AsPcieChannel(); }
+};
+
+// Everything but the two open files.
+Alive Idle() {
+    Alive alive;
+    alive.files = 2;
+    return alive;
+}
+
+TEST_F(WorkerThreadTest, StartingTwiceFailsAndKeepsTheFirstThread) {
+    EXPECT_EQ(QV_RESULT_FAILED, QVStartChannelThread(channel));
+    Settle();
+}
+
+TEST_F(WorkerThreadTest, StoppingTwiceFailsTheSecondTime) {
+    EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
+    EXPECT_EQ(QV_RESULT_FAILED, QVStopChannelThread(channel));
+}
+
+TEST_F(WorkerThreadTest, AnEntityThatWasNeverStartedAnswersMinusOne) {
+    ChannelEntity entity(Pcie());
+    EXPECT_EQ(-1, entity.StopChannelThread());
+    unsigned long long handle = 5;
+    EXPECT_EQ(-1, entity.RegisterNotify(1, nullptr, nullptr, handle));
+    EXPECT_EQ(-1, entity.OpenAudioCapture(nullptr, nullptr));
+    EXPECT_EQ(-1, entity.OpenCapture(0, 0, 0, 1, nullptr, nullptr));
+    EXPECT_EQ(-1, entity.CloseCapture());
+    EXPECT_EQ(-1, entity.CloseAudioCapture());
+    EXPECT_EQ(-1, entity.CreateTimer(nullptr, 1, 0, handle));
+    EXPECT_EQ(-1, entity.DestroyTimer(handle));
+    EXPECT_EQ(-1, entity.UnregisterNotifyWithCallback(handle));
+    EXPECT_EQ(5u, handle);
+}
+
+TEST_F(WorkerThreadTest, WithoutAThreadEveryOperationOfTheChannelFails) {
+    ASSERT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
+    rig.ClearJournal();
+    EXPECT_EQ(0u, QVRegisterNotifyWithCallback(channel, 1, nullptr, nullptr));
+    EXPECT_EQ(0u, QVCreateTimer(channel, nullptr, 1, 1));
+    EXPECT_EQ(QV_RESULT_FAILED, QVDestoryTimer(channel, 1));
+    EXPECT_EQ(QV_RESULT_FAILED,
+              QVStartVideoCaptureWithCallback(channel, 0, 8, 8, 1, nullptr, nullptr));
+    EXPECT_EQ(QV_RESULT_FAILED, QVStopVideoCaptureWithCallback(channel));
+    EXPECT_EQ(QV_RESULT_FAILED, QVStartAudioCaptureWithCallback(channel, nullptr, nullptr));
+    EXPECT_EQ(QV_RESULT_FAILED, QVStopAudioCaptureWithCallback(channel));
+    EXPECT_EQ(QV_RESULT_FAILED, Pcie()->QVUnregisterNotifyOfCallback(1));
+    EXPECT_THAT(rig.Journal(), IsEmpty());
+}
+
+TEST_F(WorkerThreadTest, NullChannelsAreRefusedEverywhere) {
+    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, QVStartChannelThread(nullptr));
+    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, QVStopChannelThread(nullptr));
+    EXPECT_EQ(0u, QVRegisterNotifyWithCallback(nullptr, 1, nullptr, nullptr));
+    EXPECT_EQ(0u, QVCreateTimer(nullptr, nullptr, 1, 1));
+    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, QVDestoryTimer(nullptr, 1));
+    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, QVStopVideoCaptureWithCallback(nullptr));
+    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, QVStopAudioCaptureWithCallback(nullptr));
+}
+
+TEST_F(WorkerThreadTest, StartStopStartGivesAFreshThread) {
+    std::thread::id first;
+    std::thread::id second;
+    OnWorker([&] { first = std::this_thread::get_id(); });
+    EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
+    EXPECT_EQ(QV_RESULT_OK, QVStartChannelThread(channel));
+    OnWorker([&] { second = std::this_thread::get_id(); });
+    EXPECT_NE(std::thread::id(), first);
+    EXPECT_NE(std::this_thread::get_id(), second);
+}
+
+TEST_F(WorkerThreadTest, StartedAndStoppedAtOnceIsNeverLost) {
+    QVStopChannelThread(channel);
+    for (int i = 0; i < 200; ++i) {
+        ASSERT_EQ(QV_RESULT_OK, QVStartChannelThread(channel));
+        ASSERT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
+    }
+    EXPECT_EQ(Idle(), rig.Cards().CountAlive());
+}
+
+TEST_F(WorkerThreadTest, StoppingStopsBothCapturesThenClosesTheWakeEvent) {
+    QVStopChannelThread(channel);
+    rig.ClearJournal();
+    ASSERT_EQ(QV_RESULT_OK, QVStartChannelThread(channel));
+    EXPECT_EQ("CreateEvent", Requests().at(0));
+    rig.ClearJournal();
+    ASSERT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
+    std::vector<std::string> requests = Requests();
+    std::erase_if(requests, [](const std::string& name) {
+        return name == "MultiWaitEvent" || name == "TryWaitEvent";  // the worker's own, any time
+    });
+    EXPECT_THAT(requests,
+                ElementsAre("StopVideoCapture", "StopAudioCapture", "SetEvent", "CloseEvent"));
+}
+
+TEST_F(WorkerThreadTest, StoppingFromACallbackFailsAndStopsNothing) {
+    QV_RESULT result = QV_RESULT_OK;
+    OnWorker([&] { result = QVStopChannelThread(channel); });
+    EXPECT_EQ(QV_RESULT_FAILED, result);
+    Settle();
+}
+
+TEST_F(WorkerThreadTest, ClosingFromACallbackClosesAfterTheCallback) {
+    QV_CHANNEL second = QVOpenChannelByPath("/dev/video0");
+    ASSERT_EQ(QV_RESULT_OK, QVStartChannelThread(second));
+    Gate called;
+    NotifyFunction close = [&](unsigned long long, unsigned int) {
+        QVCloseChannel(second);
+        // Still open: the channel is this callback's until it returns.
+        unsigned int temperature = 0;
+        EXPECT_EQ(QV_RESULT_OK, QVGetTemperature(second, &temperature));
+        called.Open();
+    };
+    ASSERT_NE(0u, QVRegisterNotifyWithCallback(second, 0x8000, CallNotify, &close));
+    ASSERT_EQ(3u, rig.Cards().CountAlive().files);
+    rig.Cards().RaiseNotification(0, 0, 0x8000);
+    called.Pass();
+    while (rig.Cards().CountAlive().files == 3) std::this_thread::yield();
+    EXPECT_EQ(0u, rig.Cards().CountAlive().notifications);
+    while (rig.Cards().CountAlive().events != 1) std::this_thread::yield();
+}
+
+TEST_F(WorkerThreadTest, ClosingFromOutsideStopsARunningWorkerFirst) {
+    QV_CHANNEL second = QVOpenChannelByPath("/dev/video0");
+    ASSERT_EQ(QV_RESULT_OK, QVStartChannelThread(second));
+    ASSERT_NE(0u, QVRegisterNotifyWithCallback(second, 1, nullptr, nullptr));
+    QVCloseChannel(second);
+    EXPECT_EQ(0u, rig.Cards().CountAlive().notifications);
+    EXPECT_EQ(2u, rig.Cards().CountAlive().files);
+}
+
+TEST_F(WorkerThreadTest, CommandsRunInPostingOrderOnePerWakeUp) {
+    // The worker is held in a callback while two commands are queued behind each other.
+    Gate held;
+    Gate holding;
+    NotifyFunction hold = [&](unsigned long long, unsigned int) {
+        holding.Open();
+        held.Pass();
+    };
+    const auto holder = QVRegisterNotifyWithCallback(channel, 0x4, CallNotify, &hold);
+    rig.Cards().RaiseNotification(0, 0, 0x4);
+    holding.Pass();
+    rig.ClearJournal();
+    std::thread first([&] {
+        EXPECT_EQ(QV_RESULT_OK, QVStartAudioCaptureWithCallback(channel, nullptr, nullptr));
+    });
+    while (CountRequests("SetEvent") < 1) std::this_thread::yield();
+    std::thread second([&] { EXPECT_EQ(QV_RESULT_OK, QVStopAudioCaptureWithCallback(channel)); });
+    while (CountRequests("SetEvent") < 2) std::this_thread::yield();
+    rig.ClearJournal();
+    held.Open();
+    first.join();
+    second.join();
+    std::vector<std::string> requests = Requests();
+    const auto position = [&](const std::string& name) {
+        return std::find(requests.begin(), requests.end(), name) - requests.begin();
+    };
+    EXPECT_LT(position("StartAudioCapture"), position("StopAudioCapture"));
+    // Between the two commands the worker went through its wait again.
+    const auto from = requests.begin() + position("StartAudioCapture");
+    EXPECT_NE(requests.begin() + position("StopAudioCapture"),
+              std::find(from, requests.begin() + position("StopAudioCapture"), "MultiWaitEvent"));
+    EXPECT_EQ(QV_RESULT_OK, QVUnregisterNotify(channel, holder));
+}
+
+TEST_F(WorkerThreadTest, CommandsStillQueuedAtAStopAreDiscardedAndTheirPostersFail) {
+    Gate held;
+    Gate holding;
+    NotifyFunction hold = [&](unsigned long long, unsigned int) {
+        holding.Open();
+        held.Pass();
+    };
+    ASSERT_NE(0u, QVRegisterNotifyWithCallback(channel, 0x4, CallNotify, &hold));
+    rig.Cards().RaiseNotification(0, 0, 0x4);
+    holding.Pass();
+    rig.ClearJournal();
+    std::vector<std::thread> posters;
+    std::atomic<int> failed{0};
+    for (int i = 0; i < 5; ++i)
+        posters.emplace_back([&] {
+            if (QVStartAudioCaptureWithCallback(channel, nullptr, nullptr) == QV_RESULT_FAILED)
+                ++failed;
+        });
+    while (CountRequests("SetEvent") < 5) std::this_thread::yield();
+    std::thread stopper([&] { EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(channel)); });
+    while (CountRequests("SetEvent") < 6) std::this_thread::yield();  // the stop's own wake-up
+    held.Open();
+    stopper.join();
+    for (auto& poster : posters) poster.join();
+    EXPECT_EQ(5, failed);
+    EXPECT_EQ(0u, CountRequests("StartAudioCapture")) << "a discarded command must not run";
+    EXPECT_EQ(6u, CountRequests("SetEvent")) << "a discarded command's event is closed, not set";
+    for (const auto& line : rig.Journal())
+        EXPECT_FALSE(line.find("CloseEvent") != line.npos && line.find("= -1") != line.npos)
+            << "closed twice: " << line;
+    EXPECT_EQ(Idle(), rig.Cards().CountAlive());
+}
+
+TEST_F(WorkerThreadTest, PostingWhileTheThreadStopsNeverHangsAndNeverUsesFreedMemory) {
+    for (int round = 0; round < 50; ++round) {
+        std::vector<std::thread> posters;
+        for (int i = 0; i < 3; ++i)
+            posters.emplace_back([&] {
+                for (int n = 0; n < 5; ++n) {
+                    const auto handle = QVRegisterNotifyWithCallback(channel, 1, nullptr, nullptr);
+                    if (handle != 0) QVUnregisterNotify(channel, handle);
+                }
+            });
+        QVStopChannelThread(channel);
+        for (auto& poster : posters) poster.join();
+        ASSERT_EQ(Idle(), rig.Cards().CountAlive());
+        ASSERT_EQ(QV_RESULT_OK, QVStartChannelThread(channel));
+    }
+}
+
+// A command whose memory is always the same, so that one can follow another at its address.
+class SlotCommand : public ChannelEntity::Runnable {
+  public:
+    explicit SlotCommand(std::function<void()> body) : m_body(std::move(body)) {}
+    void Run() override { m_body(); }
+    static void* operator new(size_t) { return s_slot; }
+    static void operator delete(void*) {}
+
+  private:
+    std::function<void()> m_body;
+    alignas(64) static unsigned char s_slot[256];
+};
+alignas(64) unsigned char SlotCommand::s_slot[256];
+
+class HeapCommand : public ChannelEntity::Runnable {
+  public:
+    explicit HeapCommand(std::function<void()> body) : m_body(std::move(body)) {}
+    void Run() override { m_body(); }
+
+  private:
+    std::function<void()> m_body;
+};
+
+// The first command's wake-up is refused after another poster's wake-up had it run; by then a
+// second command stands in the queue at the address that the first one had.
+TEST_F(WorkerThreadTest, ARefusedWakeUpTakesBackNoOtherPostersCommand) {
+    static_assert(sizeof(SlotCommand) <= 256);
+    ChannelEntity entity(Pcie());
+    ASSERT_EQ(0, entity.StartChannelThread());
+    rig.ClearJournal();
+    rig.AddFault({.request = "SetEvent", .effect = qvsim::Slow(500)});
+    rig.AddFault({.request = "SetEvent", .effect = Refuse(EIO)});
+    std::atomic<bool> firstRan{false};
+    std::thread poster(
+        [&] { EXPECT_TRUE(entity.PostItem(new SlotCommand([&] { firstRan = true; }), true)); });
+    while (CountRequests("CreateEvent") < 1) std::this_thread::yield();
+    while (!firstRan) entity.PostItem(new HeapCommand([] {}), true);
+    Gate holding;
+    Gate held;
+    ASSERT_TRUE(entity.PostItem(new HeapCommand([&] {
+                                    holding.Open();
+                                    held.Pass();
+                                }),
+                                false));
+    holding.Pass();
+    std::atomic<bool> secondRan{false};
+    ASSERT_TRUE(entity.PostItem(new SlotCommand([&] { secondRan = true; }), false));
+    poster.join();
+    held.Open();
+    EXPECT_TRUE(entity.PostItem(new HeapCommand([] {}), true));
+    EXPECT_TRUE(secondRan);
+    EXPECT_EQ(0, entity.StopChannelThread());
+}
+
+// A stop that looked a worker up must not stop the one that was started after it.
+TEST_F(WorkerThreadTest, StartsAndStopsFromManyThreadsStayInStep) {
+    ASSERT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
+    std::atomic<int> running{0};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back([&] {
+            for (int n = 0; n < 200; ++n) {
+                if (QVStartChannelThread(channel) == QV_RESULT_OK) ++running;
+                if (QVStopChannelThread(channel) == QV_RESULT_OK) --running;
+            }
+        });
+    for (auto& thread : threads) thread.join();
+    if (QVStopChannelThread(channel) == QV_RESULT_OK) --running;
+    EXPECT_EQ(0, running);
+    EXPECT_EQ(Idle(), rig.Cards().CountAlive());
+}
+
+TEST_F(WorkerThreadTest, WithoutAnEventNodeNoThreadIsStarted) {
+    QVStopChannelThread(channel);
+    QVCaptureExitInstance();
+    EXPECT_EQ(QV_RESULT_FAILED, QVStartChannelThread(channel));
+    EXPECT_EQ(QV_RESULT_FAILED, QVStopChannelThread(channel));
+}
+
+TEST_F(WorkerThreadTest, WhenTheWakeEventIsRefusedNoThreadIsStarted) {
+    QVStopChannelThread(channel);
+    rig.AddFault({.request = "CreateEvent", .effect = Refuse(ENOMEM)});
+    EXPECT_EQ(QV_RESULT_FAILED, QVStartChannelThread(channel));
+    EXPECT_EQ(QV_RESULT_OK, QVStartChannelThread(channel));
+}
+
+TEST_F(WorkerThreadTest, AnInstanceClosedUnderARunningWorkerLeavesItAbleToStop) {
+    Settle();
+    QVCaptureExitInstance();
+    EXPECT_EQ(-1, CQVCaptureControlBase::EventDescriptor());
+    EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
+    EXPECT_EQ(1u, rig.Cards().CountAlive().files) << "the event node's last user has gone";
+}
+
+// Each event request refused once, at each of its first places, and for ever: nothing hangs,
+// nothing stays behind, and the worker goes on when the driver does.
+TEST_F(WorkerThreadTest, AnyRefusedRequestOfThePostsAndTheWaitIsSurvived) {
+    for (const char* request :
+         {"CreateEvent", "SetEvent", "WaitEvent", "MultiWaitEvent", "TryWaitEvent", "CloseEvent",
+          "RegisterNotify", "UnregisterNotify"}) {
+        for (int nth = 1; nth <= 4; ++nth) {
+            rig.AddFault({.request = request, .nth = nth, .effect = Refuse(EIO)});
+            for (int i = 0; i < 4; ++i) {
+                const auto handle = QVRegisterNotifyWithCallback(channel, 1, nullptr, nullptr);
+                if (handle != 0) QVUnregisterNotify(channel, handle);
+            }
+            EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(channel)) << request << " " << nth;
+            rig.Cards().ClearFaults();
+            ASSERT_EQ(QV_RESULT_OK, QVStartChannelThread(channel)) << request << " " << nth;
+            Settle();
+        }
+    }
+}
+
+TEST_F(WorkerThreadTest, ADriverThatRefusesEveryWaitStillLetsTheWorkerStop) {
+    RefuseFromNowOn("MultiWaitEvent");
+    RefuseFromNowOn("WaitEvent");
+    EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
+}
+
+TEST_F(WorkerThreadTest, ADriverThatRefusesToSetEventsFailsPostsAndStillStops) {
+    RefuseFromNowOn("SetEvent");
+    EXPECT_EQ(QV_RESULT_FAILED, QVStartAudioCaptureWithCallback(channel, nullptr, nullptr));
+    EXPECT_EQ(0u, CountRequests("StartAudioCapture"));
+    EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
+}
+
+TEST_F(WorkerThreadTest, AnObjectThatIsDeletedWithARunningWorkerStopsItFirst) {
+    auto* object = new CQVCaptureBase;
+    ASSERT_TRUE(object->OpenChannelByPath("/dev/video0"));
+    ASSERT_EQ(QV_RESULT_OK, object->StartChannelThread());
+    ASSERT_NE(0u, object->RegisterNotifyWithCallback(1, nullptr, nullptr));
+    const size_t events = rig.Cards().CountAlive().events;
+    object->CloseChannel();  // the descriptor goes, the worker is still there
+    delete object;
+    EXPECT_EQ(events - 2, rig.Cards().CountAlive().events)
+        << "its wake event and its notification's";
+    EXPECT_EQ(0u, rig.Cards().CountAlive().notifications);
+}
+
+}  // namespace
+}  // namespace qvtest

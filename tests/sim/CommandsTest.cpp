@@ -1,0 +1,162 @@
+// qvcap-sim as a user starts it: its exit status, its output, and programs under the preload door.
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "gmock/gmock.h"
+#include "support/SimRig.h"
+
+namespace qvsim {
+namespace {
+
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::StartsWith;
+
+struct Outcome {
+    int status;
+    std::string output;  // both streams
+};
+
+// Runs a shell line; `qvcap-sim` stands for the program. Descriptors that a test runner left open
+// are closed, so that the numbers that programs are given are known.
+Outcome Shell(const std::string& line) {
+    std::FILE* pipe =
+        popen(("{ exec 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-; PATH=$PATH:" +
+               std::filesystem::path(QVCAP_SIM).parent_path().string() + "; " + line + "; } 2>&1")
+                  .c_str(),
+              "r");
+    Outcome outcome{-1, {}};
+    if (!pipe) return outcome;
+    std::array<char, 512> piece{};
+    for (size_t n; (n = fread(piece.data(), 1, piece.size(), pipe)) > 0;)
+        outcome.output.append(piece.data(), n);
+    const int status = pclose(pipe);
+    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return outcome;
+}
+
+class CommandsTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = testing::TempDir() + "/qvsim-commands-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(pattern.data()));
+        home_ = pattern;
+        cards_ = home_ + "/cards";
+    }
+    void TearDown() override { std::filesystem::remove_all(home_); }
+    std::string home_;
+    std::string cards_;
+};
+
+TEST_F(CommandsTest, InitLaysOutCardsOnceAndStatusShowsThem) {
+    EXPECT_EQ(0, Shell("qvcap-sim init " + cards_).status);
+    const Outcome status = Shell("qvcap-sim status " + cards_);
+    EXPECT_EQ(0, status.status);
+    EXPECT_THAT(status.output, HasSubstr("board 1: Lumo Capture, Lumo Quad SDI, serial LM20110001, "
+                                         "hardware B, powered\n"));
+    EXPECT_THAT(status.output, HasSubstr("/dev/video6 channel 0: running 2.0, stored 2.0 code 7, "
+                                         "safe none, flash-b2-c0.bin\n"));
+    const Outcome again = Shell("qvcap-sim init " + cards_);
+    EXPECT_EQ(2, again.status);
+    EXPECT_THAT(again.output, HasSubstr("there are cards already"));
+}
+
+TEST_F(CommandsTest, AWrongScenarioWritesNothing) {
+    std::ofstream(home_ + "/s.toml") << "[[board]]\nchannels = 0\n";
+    const Outcome outcome = Shell("qvcap-sim init " + cards_ + " --scenario " + home_ + "/s.toml");
+    EXPECT_EQ(2, outcome.status);
+    EXPECT_THAT(outcome.output, HasSubstr("/s.toml:2: channels is a whole number from 1 to 16"));
+    EXPECT_FALSE(std::filesystem::exists(cards_));
+}
+
+TEST_F(CommandsTest, WrongArgumentsAndFoldersEndWithTwo) {
+    EXPECT_EQ(2, Shell("qvcap-sim").status);
+    EXPECT_EQ(2, Shell("qvcap-sim polish").status);
+    EXPECT_EQ(2, Shell("qvcap-sim init").status);
+    EXPECT_EQ(2, Shell("qvcap-sim init " + cards_ + " --scenario " + home_ + "/none").status);
+    EXPECT_EQ(2, Shell("qvcap-sim status " + home_).status);
+    EXPECT_EQ(2, Shell("qvcap-sim journal " + home_).status);
+    EXPECT_EQ(2, Shell("qvcap-sim power-cycle " + home_).status);
+    EXPECT_EQ(2, Shell("qvcap-sim run " + home_ + " -- true").status);
+    EXPECT_EQ(2, Shell("qvcap-sim serve " + home_).status);
+}
+
+TEST_F(CommandsTest, AProgramUnderTheDoorSeesTheCardsAndNothingElseChanges) {
+    Shell("qvcap-sim init " + cards_);
+    const Outcome outcome = Shell("qvcap-sim run " + cards_ + " -- " SIM_PROBE " /dev/video2");
+    EXPECT_EQ("3 Lumo Quad SDI 65538\n", outcome.output);
+    EXPECT_EQ(0, outcome.status);
+    EXPECT_EQ("No such file or directory\n",
+              Shell("qvcap-sim run " + cards_ + " -- " SIM_PROBE " /dev/video7").output);
+    EXPECT_EQ("no channel\n",
+              Shell("qvcap-sim run " + cards_ + " -- " SIM_PROBE " /dev/null").output);
+    EXPECT_THAT(Shell("qvcap-sim journal " + cards_).output,
+                testing::MatchesRegex("1 [0-9]+ open /dev/video2 fd=3 = 0\n"
+                                      "2 [0-9]+ ioctl /dev/video2 GetChannelInfo = 0\n"
+                                      "3 [0-9]+ close /dev/video2 fd=3 = 0\n"
+                                      "4 [0-9]+ open /dev/video7 = -1 ENOENT\n"));
+}
+
+TEST_F(CommandsTest, TheCardsTakeTheDescriptorThatAProgramWouldHaveBeenGiven) {
+    Shell("qvcap-sim init " + cards_);
+    EXPECT_THAT(Shell("qvcap-sim run " + cards_ + " -- " SIM_PROBE " /dev/video0 <&-").output,
+                StartsWith("0 "));
+}
+
+TEST_F(CommandsTest, CommandsKeepTheirOptionsTheirStatusAndTheirShell) {
+    Shell("qvcap-sim init " + cards_);
+    EXPECT_EQ(7, Shell("qvcap-sim run --state " + cards_ + " -- sh -c 'exit 7'").status);
+    const Outcome nested =
+        Shell("qvcap-sim run " + cards_ + " -- sh -c '" SIM_PROBE " /dev/video0; echo done'");
+    EXPECT_EQ("3 Pelix Duo HDMI 65536\ndone\n", nested.output);
+    EXPECT_EQ(127, Shell("qvcap-sim run " + cards_ + " -- /no/such/program").status);
+    const Outcome none = Shell("qvcap-sim run " + cards_);
+    EXPECT_EQ(2, none.status);
+    EXPECT_THAT(none.output, HasSubstr("no command"));
+}
+
+TEST_F(CommandsTest, PoweringOffMeansPowerCyclingTheCards) {
+    Shell("qvcap-sim init " + cards_);
+    CardsState state;
+    ASSERT_EQ("", LoadState(cards_, state));
+    state.boards[0].powerLost = true;
+    ASSERT_EQ("", SaveState(cards_, state));
+    EXPECT_THAT(Shell("qvcap-sim status " + cards_).output, HasSubstr("power lost"));
+    // The line that the upgrade tool gives to the shell.
+    const Outcome outcome = Shell("qvcap-sim run " + cards_ +
+                                  " -- sh -c 'sync; if [ `id -u` -ne 0 ]; then  sudo poweroff; "
+                                  "echo; else poweroff; echo; fi; sudo poweroff'");
+    EXPECT_EQ("\n", outcome.output);
+    EXPECT_EQ(0, outcome.status);
+    EXPECT_THAT(Shell("qvcap-sim status " + cards_).output, testing::Not(HasSubstr("power lost")));
+}
+
+TEST_F(CommandsTest, ServingWhereTheKernelCannotSaysWhatIsMissing) {
+    if (access("/dev/cuse", F_OK) == 0)
+        GTEST_SKIP() << "this kernel can serve nodes: CuseTest plays one that cannot";
+    // Nodes that no machine has, so that none of them is taken.
+    std::ofstream(home_ + "/s.toml") << "event_node = false\n[[board]]\nfirst_node = 7007\n";
+    Shell("qvcap-sim init " + cards_ + " --scenario " + home_ + "/s.toml");
+    const Outcome outcome = Shell("qvcap-sim serve " + cards_);
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_EQ(
+        "qvcap-sim: serve: /dev/cuse: No such file or directory: this kernel has no devices in "
+        "user space, or the module is not loaded (modprobe cuse). `qvcap-sim run` needs none\n",
+        outcome.output);
+}
+
+TEST_F(CommandsTest, TheStandInsDoNothingWithoutCards) {
+    const std::string folder = std::filesystem::path(QVCAP_SIM).parent_path().string();
+    EXPECT_EQ(1,
+              Shell("env -u QVSIM_STATE -u QVSIM_PROGRAM " + folder + "/standins/poweroff").status);
+    EXPECT_EQ(1, Shell(folder + "/standins/sudo -i").status);
+}
+
+}  // namespace
+}  // namespace qvsim

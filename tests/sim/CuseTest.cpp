@@ -1,0 +1,460 @@
+// The served door, message by message: the test plays the kernel at the other end of each control
+// device, and this very process is the client whose memory the requests point into.
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <thread>
+
+#include "CuseServer.h"
+#include "QVDriverRequests.h"
+#include "gmock/gmock.h"
+#include "support/SimRig.h"
+
+namespace qvsim {
+namespace {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr int kEvents = 1;  // the nodes of the fixture, in the order in which they are made
+constexpr int kVideo = 0;
+constexpr int kAnswerTime = 20000;  // ms; an answer that never comes fails the test
+
+struct Reply {
+    fuse_out_header header{};
+    std::vector<uint8_t> body;
+    int Error() const { return -header.error; }
+    int Result() const {
+        fuse_ioctl_out out{};
+        if (body.size() != sizeof out) return -1;
+        std::memcpy(&out, body.data(), sizeof out);
+        return out.result;
+    }
+};
+
+class CuseTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = testing::TempDir() + "/qvsim-cuse-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(pattern.data()));
+        folder_ = pattern;
+        stop_ = eventfd(0, EFD_CLOEXEC);
+    }
+    void TearDown() override {
+        Stop();
+        for (const int end : ends_) close(end);
+        close(stop_);
+        std::filesystem::remove_all(folder_);
+    }
+
+    // A kernel that makes each node at once; `refusing` ones hang up instead.
+    CuseWays Ways(bool refusing = false) {
+        CuseWays ways;
+        ways.deviceFolder = folder_;
+        ways.patience = std::chrono::milliseconds(kAnswerTime);
+        ways.openControl = [this, refusing] {
+            int pair[2];
+            if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0)
+                return -1;
+            if (refusing) {
+                close(pair[1]);
+                return pair[0];
+            }
+            std::ofstream(folder_ + "/" + model_->NodeNames()[ends_.size()]).put('\n');
+            ends_.push_back(pair[1]);
+            return pair[0];
+        };
+        return ways;
+    }
+    void Load() {
+        std::string error;
+        model_ = Model::Load(rig_.Dir(), error);
+        ASSERT_TRUE(model_) << error;
+    }
+    // Cards with /dev/video0 and /dev/qv-event, served by a thread, the greeting done.
+    void Serve() {
+        rig_.Add(Pelix().Video(64, 32, 0));
+        Load();
+        server_ = std::make_unique<CuseServer>(model_, Ways());
+        ASSERT_EQ("", server_->Start());
+        thread_ = std::thread([this] { outcome_ = server_->Run(stop_); });
+        for (int node = 0; node < 2; ++node) {
+            cuse_init_in offer{};
+            offer.major = FUSE_KERNEL_VERSION;
+            offer.minor = FUSE_KERNEL_MINOR_VERSION;
+            offer.flags = CUSE_UNRESTRICTED_IOCTL;
+            greeting_ = Ask(node, CUSE_INIT, offer);
+            ASSERT_EQ(0, greeting_.Error());
+        }
+    }
+    void Stop() {
+        const uint64_t one = 1;
+        if (!thread_.joinable()) return;
+        EXPECT_EQ(static_cast<ssize_t>(sizeof one), write(stop_, &one, sizeof one));
+        thread_.join();
+    }
+
+    template <class Body>
+    uint64_t Send(int node, uint32_t opcode, const Body& body) {
+        struct {
+            fuse_in_header header{};
+            Body body{};
+        } message;
+        message.header.len = sizeof message;
+        message.header.opcode = opcode;
+        message.header.unique = ++unique_;
+        message.header.pid = static_cast<uint32_t>(getpid());
+        message.body = body;
+        EXPECT_EQ(static_cast<ssize_t>(sizeof message),
+                  send(ends_[static_cast<size_t>(node)], &message, sizeof message, 0));
+        return unique_;
+    }
+    Reply Receive(int node) {
+        Reply reply;
+        pollfd ready{ends_[static_cast<size_t>(node)], POLLIN, 0};
+        EXPECT_EQ(1, poll(&ready, 1, kAnswerTime)) << "no answer";
+        std::vector<uint8_t> bytes(4096);
+        const ssize_t n = recv(ready.fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        if (n < static_cast<ssize_t>(sizeof reply.header)) {
+            ADD_FAILURE() << "an answer of " << n << " bytes";
+            return reply;
+        }
+        std::memcpy(&reply.header, bytes.data(), sizeof reply.header);
+        EXPECT_EQ(n, static_cast<ssize_t>(reply.header.len));
+        reply.body.assign(bytes.begin() + sizeof reply.header, bytes.begin() + n);
+        return reply;
+    }
+    template <class Body>
+    Reply Ask(int node, uint32_t opcode, const Body& body) {
+        const uint64_t unique = Send(node, opcode, body);
+        Reply reply = Receive(node);
+        EXPECT_EQ(unique, reply.header.unique);
+        return reply;
+    }
+    uint64_t Open(int node) {
+        const Reply reply = Ask(node, FUSE_OPEN, fuse_open_in{});
+        fuse_open_out out{};
+        EXPECT_EQ(sizeof out, reply.body.size());
+        std::memcpy(&out, reply.body.data(), std::min(sizeof out, reply.body.size()));
+        return out.fh;
+    }
+    static fuse_ioctl_in Ioctl(uint64_t fh, uint32_t code, const void* argument) {
+        fuse_ioctl_in in{};
+        in.fh = fh;
+        in.flags = FUSE_IOCTL_UNRESTRICTED;
+        in.cmd = code;
+        in.arg = reinterpret_cast<uintptr_t>(argument);
+        return in;
+    }
+    template <class Row>
+    Reply Do(int node, uint64_t fh, const Row& row, const void* argument) {
+        return Ask(node, FUSE_IOCTL, Ioctl(fh, row.code, argument));
+    }
+    uint64_t CreateEvent(uint64_t events) {
+        uint64_t event = 0;
+        EXPECT_EQ(0, Do(kEvents, events, qv::kCreateEvent, &event).Error());
+        return event;
+    }
+    uint64_t SendWait(uint64_t events, const qv::WaitEventRecord& wait) {
+        return Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kWaitEvent.code, &wait));
+    }
+
+    SimRig rig_;
+    std::string folder_;
+    std::shared_ptr<Model> model_;
+    std::unique_ptr<CuseServer> server_;
+    std::thread thread_;
+    std::string outcome_ = "still serving";
+    std::vector<int> ends_;
+    Reply greeting_;
+    uint64_t unique_ = 100;
+    int stop_ = -1;
+};
+
+TEST_F(CuseTest, TheKernelIsToldTheNodesNameAndThatArgumentsStayWhereTheyAre) {
+    Serve();
+    cuse_init_out out{};
+    const std::string name("DEVNAME=qv-event\0", 17);
+    ASSERT_EQ(sizeof out + name.size(), greeting_.body.size());
+    std::memcpy(&out, greeting_.body.data(), sizeof out);
+    EXPECT_EQ(uint32_t{FUSE_KERNEL_VERSION}, out.major);
+    EXPECT_EQ(uint32_t{CUSE_UNRESTRICTED_IOCTL}, out.flags);
+    EXPECT_EQ(name, std::string(greeting_.body.begin() + sizeof out, greeting_.body.end()));
+}
+
+TEST_F(CuseTest, AKernelOfAnotherVersionIsRefused) {
+    rig_.Add(Pelix());
+    Load();
+    CuseServer server(model_, Ways());
+    ASSERT_EQ("", server.Start());
+    cuse_init_in offer{};
+    offer.major = FUSE_KERNEL_VERSION + 1;
+    offer.flags = CUSE_UNRESTRICTED_IOCTL;
+    Send(kVideo, CUSE_INIT, offer);
+    EXPECT_THAT(server.Run(stop_), HasSubstr("not known here"));
+    EXPECT_EQ(EPROTO, Receive(kVideo).Error());
+}
+
+TEST_F(CuseTest, ARequestReachesTheCardAndItsAnswerTheCallersMemory) {
+    Serve();
+    const uint64_t video = Open(kVideo);
+    _QVCAP_CHANNEL_INFO info{};
+    const Reply reply = Do(kVideo, video, qv::kGetChannelInfo, &info);
+    EXPECT_EQ(0, reply.Error());
+    EXPECT_EQ(0, reply.Result());
+    EXPECT_STREQ("Pelix Capture", info.familyName);
+    fuse_release_in release{};
+    release.fh = video;
+    EXPECT_EQ(0, Ask(kVideo, FUSE_RELEASE, release).Error());
+    EXPECT_THAT(rig_.Journal(),
+                ElementsAre("open /dev/video0 = 0", "ioctl /dev/video0 GetChannelInfo = 0",
+                            "close /dev/video0 = 0"));
+}
+
+TEST_F(CuseTest, FlashDataGoesThroughThePointersInsideARecord) {
+    Serve();
+    const uint64_t video = Open(kVideo);
+    std::vector<uint8_t> data(65536);
+    for (size_t i = 0; i < data.size(); ++i) data[i] = static_cast<uint8_t>(i * 7);
+    const qv::FirmwareEraseRecord erase{0x200000, 65536};
+    EXPECT_EQ(0, Do(kVideo, video, qv::kEraseFirmwareData, &erase).Error());
+    const qv::FirmwareDataRecord write{0x200000, 65536, qv::WireAddress(data.data())};
+    EXPECT_EQ(0, Do(kVideo, video, qv::kWriteFirmwareData, &write).Error());
+    std::vector<uint8_t> back(65536 + 1, 0xCC);
+    qv::FirmwareDataRecord read{0x200000, 65536, qv::WireAddress(back.data())};
+    EXPECT_EQ(0, Do(kVideo, video, qv::kReadFirmwareData, &read).Error());
+    EXPECT_EQ(0xCC, back.back());
+    back.pop_back();
+    EXPECT_EQ(data, back);
+}
+
+TEST_F(CuseTest, RefusalsComeBackAsTheDriversError) {
+    Serve();
+    const uint64_t video = Open(kVideo);
+    _QVCAP_CHANNEL_INFO info{};
+    EXPECT_EQ(ENOTTY, Ask(kVideo, FUSE_IOCTL, Ioctl(video, 0x5401, &info)).Error());
+    EXPECT_EQ(EFAULT, Do(kVideo, video, qv::kGetChannelInfo, nullptr).Error());
+    // The first page is nobody's.
+    EXPECT_EQ(EFAULT, Do(kVideo, video, qv::kGetChannelInfo, reinterpret_cast<void*>(16)).Error());
+    model_->AddFault({.request = "GetChannelInfo", .effect = Refuse(EPERM)});
+    EXPECT_EQ(EPERM, Do(kVideo, video, qv::kGetChannelInfo, &info).Error());
+    model_->AddFault({.request = "open", .effect = Refuse(EBUSY)});
+    EXPECT_EQ(EBUSY, Ask(kVideo, FUSE_OPEN, fuse_open_in{}).Error());
+}
+
+TEST_F(CuseTest, WhatIsNotServedIsRefusedAndEndsNothing) {
+    Serve();
+    const uint64_t video = Open(kVideo);
+    EXPECT_EQ(ENOSYS, Ask(kVideo, FUSE_READ, fuse_read_in{}).Error());
+    EXPECT_EQ(EBADF, Ask(kVideo, FUSE_IOCTL, Ioctl(video + 1, 0, nullptr)).Error());
+    EXPECT_EQ(EBADF, Ask(kVideo, FUSE_IOCTL, uint32_t{0}).Error());  // cut short
+    EXPECT_EQ(EBADF, Ask(kVideo, FUSE_RELEASE, fuse_release_in{}).Error());
+    fuse_interrupt_in nobody{};
+    nobody.unique = 7;
+    Send(kVideo, FUSE_INTERRUPT, nobody);
+    EXPECT_EQ(video + 1, Open(kVideo)) << "the next thing to be answered";
+}
+
+TEST_F(CuseTest, AWaiterHoldsUpNobodyAndIsAnsweredWhenTheEventIsSet) {
+    Serve();
+    const uint64_t events = Open(kEvents);
+    const uint64_t event = CreateEvent(events);
+    const qv::WaitEventRecord forever{event, -1};
+    const uint64_t waiting = SendWait(events, forever);
+    const uint64_t video = Open(kVideo);
+    _QVCAP_CHANNEL_INFO info{};
+    EXPECT_EQ(0, Do(kVideo, video, qv::kGetChannelInfo, &info).Error());
+    // On the waiter's own node: the next two answers are of the set and of the wait.
+    const uint64_t setting = Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kSetEvent.code, &event));
+    const Reply first = Receive(kEvents);
+    const Reply second = Receive(kEvents);
+    EXPECT_EQ(setting, first.header.unique);
+    EXPECT_EQ(waiting, second.header.unique);
+    EXPECT_EQ(1, second.Result());
+    uint64_t handle = event;
+    EXPECT_EQ(0, Do(kEvents, events, qv::kIsSetEvent, &handle).Result()) << "the wait consumed it";
+}
+
+TEST_F(CuseTest, AWaiterIsWokenByWhatTheCardDoesOnItsOwn) {
+    Serve();
+    const uint64_t events = Open(kEvents);
+    const uint64_t video = Open(kVideo);
+    const uint64_t event = CreateEvent(events);
+    qv::RegisterNotifyRecord notify{};
+    notify.event = event;
+    notify.enableBits = 0x1;
+    ASSERT_EQ(0, Do(kVideo, video, qv::kRegisterNotify, &notify).Error());
+    const qv::MultiWaitEventRecord wait{qv::WireAddress(&event), 1, -1};
+    Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kMultiWaitEvent.code, &wait));
+    model_->RaiseNotification(0, 0, 0x1);
+    EXPECT_EQ(1, Receive(kEvents).Result());
+    uint64_t handle = event;
+    EXPECT_EQ(1, Do(kEvents, events, qv::kIsSetEvent, &handle).Result()) << "nothing is consumed";
+}
+
+TEST_F(CuseTest, OfTwoWaitersForOneEventTheFirstTakesIt) {
+    Serve();
+    const uint64_t events = Open(kEvents);
+    const uint64_t event = CreateEvent(events);
+    const qv::WaitEventRecord forever{event, -1};
+    const uint64_t first = SendWait(events, forever);
+    const uint64_t second = SendWait(events, forever);
+    uint64_t handle = event;
+    for (const uint64_t expected : {first, second}) {
+        Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kSetEvent.code, &handle));
+        EXPECT_EQ(0, Receive(kEvents).Result());
+        const Reply woken = Receive(kEvents);
+        EXPECT_EQ(expected, woken.header.unique);
+        EXPECT_EQ(1, woken.Result());
+    }
+}
+
+TEST_F(CuseTest, WaitsEndWithTheirTimeOutAndTriesAreAnsweredAtOnce) {
+    Serve();
+    const uint64_t events = Open(kEvents);
+    const uint64_t event = CreateEvent(events);
+    const qv::WaitEventRecord atOnce{event, 0};
+    const qv::WaitEventRecord soon{event, 20};
+    const qv::WaitEventRecord unknown{event + 1, -1};
+    EXPECT_EQ(0, Do(kEvents, events, qv::kWaitEvent, &atOnce).Result());
+    EXPECT_EQ(0, Do(kEvents, events, qv::kWaitEvent, &soon).Result());
+    EXPECT_EQ(EINVAL, Do(kEvents, events, qv::kWaitEvent, &unknown).Error());
+}
+
+TEST_F(CuseTest, AnInterruptedWaitEndsWithEintrAndIsJournaledOnce) {
+    Serve();
+    const uint64_t events = Open(kEvents);
+    const uint64_t event = CreateEvent(events);
+    rig_.ClearJournal();
+    const qv::WaitEventRecord forever{event, -1};
+    const uint64_t waiting = SendWait(events, forever);
+    fuse_interrupt_in interrupt{};
+    interrupt.unique = waiting;
+    Send(kEvents, FUSE_INTERRUPT, interrupt);
+    const Reply reply = Receive(kEvents);
+    EXPECT_EQ(waiting, reply.header.unique);
+    EXPECT_EQ(EINTR, reply.Error());
+    EXPECT_THAT(rig_.Journal(),
+                ElementsAre("ioctl /dev/qv-event WaitEvent event=0x1001 timeout=-1 = -1 EINTR"));
+}
+
+TEST_F(CuseTest, ClosingAnEventEndsItsWaits) {
+    Serve();
+    const uint64_t events = Open(kEvents);
+    uint64_t event = CreateEvent(events);
+    const qv::WaitEventRecord forever{event, -1};
+    const uint64_t waiting = SendWait(events, forever);
+    Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kCloseEvent.code, &event));
+    EXPECT_EQ(0, Receive(kEvents).Error());
+    const Reply reply = Receive(kEvents);
+    EXPECT_EQ(waiting, reply.header.unique);
+    EXPECT_EQ(EINVAL, reply.Error());
+}
+
+TEST_F(CuseTest, AFrameIsWrittenAfterTheRequestHasBeenAnswered) {
+    Serve();
+    const uint64_t events = Open(kEvents);
+    const uint64_t video = Open(kVideo);
+    uint64_t event = CreateEvent(events);
+    ASSERT_EQ(0, Do(kVideo, video, qv::kStartVideoCapture, &event).Error());
+    std::vector<uint8_t> frame(64 * 32 * 2 + 1, 0xCC);
+    qv::VideoCaptureFrameRecord record{};
+    record.fourcc = 0x32595559;
+    record.width = 64;
+    record.height = 32;
+    record.size = 64 * 32 * 2;
+    record.stride = 128;
+    record.frameIndex = -1;
+    record.address = qv::WireAddress(frame.data());
+    ASSERT_EQ(0, Do(kVideo, video, qv::kCaptureVideoFrame, &record).Error());
+    const qv::WaitEventRecord forever{event, -1};
+    ASSERT_EQ(1, Do(kEvents, events, qv::kWaitEvent, &forever).Result());
+    uint32_t number = 0;
+    std::memcpy(&number, frame.data(), sizeof number);
+    EXPECT_EQ(1u, number);
+    EXPECT_EQ(0xCC, frame.back());
+}
+
+TEST_F(CuseTest, TheEndOfTheServerEndsWaitsAndClosesWhatIsOpen) {
+    Serve();
+    const uint64_t events = Open(kEvents);
+    Open(kVideo);
+    const uint64_t event = CreateEvent(events);
+    const qv::WaitEventRecord forever{event, -1};
+    const uint64_t waiting = SendWait(events, forever);
+    // Asked after the wait on the same node: the wait stands when this is answered.
+    uint64_t handle = event;
+    EXPECT_EQ(0, Do(kEvents, events, qv::kIsSetEvent, &handle).Result());
+    Stop();
+    EXPECT_EQ("", outcome_);
+    const Reply reply = Receive(kEvents);
+    EXPECT_EQ(waiting, reply.header.unique);
+    EXPECT_EQ(ENODEV, reply.Error());
+    EXPECT_EQ(Alive(), model_->CountAlive());
+}
+
+TEST_F(CuseTest, ANodeNameThatIsTakenIsRefusedBeforeAnythingIsMade) {
+    rig_.Add(Pelix());
+    Load();
+    std::ofstream(folder_ + "/video0").put('\n');
+    CuseServer server(model_, Ways());
+    EXPECT_THAT(server.Start(), HasSubstr(folder_ + "/video0 exists already: unload the driver"));
+    EXPECT_TRUE(ends_.empty());
+}
+
+TEST_F(CuseTest, ANodeThatTheKernelRefusesIsNamed) {
+    rig_.Add(Pelix());
+    Load();
+    CuseServer server(model_, Ways(true));
+    EXPECT_THAT(server.Start(), HasSubstr("/dev/video0 was refused or taken away by the kernel"));
+}
+
+TEST_F(CuseTest, ANodeThatTheKernelTakesAwayEndsTheServer) {
+    Serve();
+    close(ends_[kVideo]);
+    ends_.erase(ends_.begin());
+    thread_.join();
+    EXPECT_THAT(outcome_, HasSubstr("/dev/video0 was refused or taken away"));
+}
+
+TEST_F(CuseTest, ANodeThatNeverAppearsIsNamed) {
+    rig_.Add(Pelix());
+    Load();
+    CuseWays ways = Ways();
+    ways.openControl = [] { return eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC); };
+    ways.patience = std::chrono::milliseconds(20);
+    CuseServer server(model_, ways);
+    EXPECT_THAT(server.Start(), HasSubstr("the kernel has not made " + folder_ + "/video0"));
+}
+
+TEST_F(CuseTest, AMissingControlDeviceSaysWhatToDo) {
+    rig_.Add(Pelix());
+    Load();
+    CuseWays ways = Ways();
+    const auto refuse = [&ways](int error) {
+        ways.openControl = [error] {
+            errno = error;
+            return -1;
+        };
+    };
+    refuse(ENOENT);
+    EXPECT_THAT(CuseServer(model_, ways).Start(), HasSubstr("modprobe cuse"));
+    refuse(EACCES);
+    EXPECT_THAT(CuseServer(model_, ways).Start(), HasSubstr("needs root"));
+    refuse(EMFILE);
+    EXPECT_EQ("/dev/cuse: Too many open files", CuseServer(model_, ways).Start());
+}
+
+TEST_F(CuseTest, CardsWithoutAnyNodeCannotBeServed) {
+    rig_.NoEventNode();
+    Load();
+    EXPECT_THAT(CuseServer(model_, Ways()).Start(), HasSubstr("no node"));
+}
+
+}  // namespace
+}  // namespace qvsim

@@ -1,0 +1,300 @@
+// The flash behaves as NOR does, survives the process, and power-on finds the right firmware in it.
+#include "gmock/gmock.h"
+#include "sim/Requests.h"
+#include "support/SimRig.h"
+
+namespace qvsim {
+namespace {
+
+using testing::Each;
+using testing::ElementsAre;
+
+constexpr uint32_t kMain = 0x100000;
+constexpr uint32_t kSafe = kMain + 4096;
+constexpr uint32_t kFactoryData = 0x120000;
+constexpr uint32_t kUpgradeData = 0x140000;
+
+struct Section {
+    const char* name;
+    uint32_t address;
+    uint32_t size;
+};
+
+std::vector<uint8_t> Header(uint32_t version, const std::vector<Section>& sections) {
+    std::vector<uint8_t> header(157 + 28 * sections.size());
+    const auto put = [&](size_t at, uint32_t value, int bytes) {
+        for (int i = 0; i < bytes; ++i)
+            header[at + static_cast<size_t>(i)] = static_cast<uint8_t>(value >> (8 * i));
+    };
+    put(0, 0x48465651, 4);
+    put(8, 7, 2);
+    put(10, static_cast<uint32_t>(header.size()), 2);
+    put(16, version, 4);
+    header[156] = static_cast<uint8_t>(sections.size());
+    for (size_t i = 0; i < sections.size(); ++i) {
+        const size_t at = 157 + 28 * i;
+        std::copy_n(sections[i].name, std::min<size_t>(16, std::string(sections[i].name).size()),
+                    header.begin() + static_cast<std::ptrdiff_t>(at));
+        put(at + 16, sections[i].address, 4);
+        put(at + 20, sections[i].size, 4);
+    }
+    return header;
+}
+
+std::vector<uint8_t> Payload(size_t size) {
+    std::vector<uint8_t> data(size);
+    for (size_t i = 0; i < size; ++i) data[i] = static_cast<uint8_t>(i * 31 + 7);
+    return data;
+}
+
+class FlashTest : public testing::Test {
+  protected:
+    void Start(const BoardBuilder& board) {
+        rig_.Add(board);
+        rig_.Attach();
+        card_ = std::make_unique<Node>("/dev/video0");
+    }
+    void WriteImage(uint32_t at, uint32_t version, const std::vector<Section>& sections) {
+        const std::vector<uint8_t> header = Header(version, sections);
+        ASSERT_EQ(0, card_->Erase(at, static_cast<uint32_t>(header.size())));
+        for (const Section& section : sections)
+            ASSERT_EQ(0, card_->Erase(section.address, section.size));
+        ASSERT_EQ(0, card_->Write(at, header));
+        for (const Section& section : sections)
+            ASSERT_EQ(0, card_->Write(section.address, Payload(section.size)));
+    }
+    uint32_t AfterPowerCycle() {
+        rig_.PowerCycle();
+        return card_->RunningVersion();
+    }
+    SimRig rig_;
+    std::unique_ptr<Node> card_;
+};
+
+TEST_F(FlashTest, AFreshFlashReadsErased) {
+    Start(Pelix().NoStoredHeader());
+    EXPECT_THAT(card_->Read(0, 70000), Each(0xFF));
+}
+
+TEST_F(FlashTest, ProgrammingOnlyClearsBits) {
+    Start(Pelix());
+    ASSERT_EQ(0, card_->Write(10, {0xF0, 0x3C}));
+    ASSERT_EQ(0, card_->Write(10, {0x0F, 0xFF}));
+    EXPECT_THAT(card_->Read(9, 4), ElementsAre(0xFF, 0x00, 0x3C, 0xFF));
+}
+
+TEST_F(FlashTest, AnEraseTakesEverySectorThatItTouches) {
+    Start(Pelix());
+    ASSERT_EQ(0, card_->Write(0, std::vector<uint8_t>(3 * 4096, 0)));
+    ASSERT_EQ(0, card_->Erase(4095, 2));
+    EXPECT_THAT(card_->Read(0, 2 * 4096), Each(0xFF));
+    EXPECT_THAT(card_->Read(2 * 4096, 4096), Each(0));
+}
+
+TEST_F(FlashTest, WhatLiesOutsideTheChipIsRefused) {
+    Start(Pelix().FlashSize(2u << 20));
+    EXPECT_EQ(-1, card_->Erase((2u << 20) - 1, 2));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(-1, card_->Write(0xFFFFFFFF, {1, 2}));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_TRUE(card_->Read((2u << 20) - 1, 2).empty());
+    EXPECT_EQ(1u, card_->Read((2u << 20) - 1, 1).size());
+}
+
+TEST_F(FlashTest, NullDataIsAFaultOfTheCaller) {
+    Start(Pelix());
+    EXPECT_EQ(-1, card_->Do(qv::kWriteFirmwareData, qv::FirmwareDataRecord{0, 4, 0}));
+    EXPECT_EQ(EFAULT, errno);
+    EXPECT_EQ(-1, card_->Do(qv::kReadFirmwareData, qv::FirmwareDataRecord{0, 4, 0}));
+    EXPECT_EQ(EFAULT, errno);
+}
+
+TEST_F(FlashTest, ALumoHasOneFlashForAllChannelsAPelixOneEach) {
+    rig_.Add(Pelix().Channels(2)).Add(Lumo().Channels(2));
+    rig_.Attach();
+    Node pelix0("/dev/video0"), pelix1("/dev/video1"), lumo0("/dev/video2"), lumo1("/dev/video3");
+    ASSERT_EQ(0, pelix0.Write(0, {1}));
+    ASSERT_EQ(0, lumo0.Write(0, {1}));
+    EXPECT_THAT(pelix1.Read(0, 1), ElementsAre(0xFF));
+    EXPECT_THAT(lumo1.Read(0, 1), ElementsAre(1));
+}
+
+TEST_F(FlashTest, FlashOutlivesTheProcessThatWroteIt) {
+    Start(Pelix());
+    ASSERT_EQ(0, card_->Write(5, {0x42}));
+    card_.reset();
+    rig_.Detach();
+    EXPECT_THAT(rig_.Flash(0, 0, 4, 3), ElementsAre(0xFF, 0x42, 0xFF));
+    rig_.Attach();
+    EXPECT_THAT(Node("/dev/video0").Read(5, 1), ElementsAre(0x42));
+}
+
+TEST_F(FlashTest, TheJournalNamesRangesAndChecksums) {
+    Start(Pelix());
+    rig_.ClearJournal();
+    card_->Erase(kMain, 4096);
+    card_->Write(kMain, {'1', '2', '3', '4', '5', '6', '7', '8', '9'});
+    card_->Read(kMain, 16);
+    EXPECT_THAT(rig_.Journal(),
+                ElementsAre("ioctl /dev/video0 EraseFirmwareData offset=0x100000 size=4096 = 0",
+                            "ioctl /dev/video0 WriteFirmwareData offset=0x100000 size=9 "
+                            "crc=0xcbf43926 = 0",
+                            "ioctl /dev/video0 ReadFirmwareData offset=0x100000 size=16 got=16 "
+                            "= 0"));
+}
+
+TEST_F(FlashTest, ACompleteImageRunsAfterPowerOnAndNotBefore) {
+    Start(Pelix().Firmware(1, 0));
+    WriteImage(kMain, Version(1, 1), {{"Factory.Main", kFactoryData, 5000}});
+    EXPECT_EQ(Version(1, 0), card_->RunningVersion());
+    EXPECT_EQ(Version(1, 1), AfterPowerCycle());
+}
+
+TEST_F(FlashTest, PowerOnSeesWhatAnotherProcessWrote) {
+    Start(Pelix().Firmware(1, 0));
+    std::string error;
+    const std::shared_ptr<Model> other = Model::Load(rig_.Dir(), error);  // as a process of its own
+    ASSERT_NE(nullptr, other) << error;
+    WriteImage(kMain, Version(1, 1), {{"Factory.Main", kFactoryData, 5000}});
+    other->PowerCycle();
+    card_ = std::make_unique<Node>("/dev/video0");  // an open looks at the folder
+    EXPECT_EQ(Version(1, 1), card_->RunningVersion());
+}
+
+TEST_F(FlashTest, AnImageWithOneByteMissingFallsBackToTheGoldenVersion) {
+    Start(Pelix().Firmware(1, 0).Golden(0, 9));
+    WriteImage(kMain, Version(1, 1), {{"Factory.Main", kFactoryData, 5000}});
+    ASSERT_EQ(0, card_->Erase(kFactoryData + 4999, 1));
+    ASSERT_EQ(0, card_->Write(kFactoryData + 4096, Payload(903)));
+    EXPECT_EQ(Version(0, 9), AfterPowerCycle());
+}
+
+TEST_F(FlashTest, ASafeUpgradeRunsAndLeavesTheMainImageToFallBackTo) {
+    Start(Pelix().Firmware(2, 0).Stored(2, 0, 7));
+    WriteImage(kSafe, Version(2, 1),
+               {{"Upgrade.Main", kUpgradeData, 300}, {"Factory.Main", kFactoryData, 10}});
+    EXPECT_EQ(Version(2, 1), AfterPowerCycle());
+    ASSERT_EQ(0, card_->Erase(kUpgradeData, 1));
+    EXPECT_EQ(Version(2, 0), AfterPowerCycle());
+}
+
+TEST_F(FlashTest, AMainImageWrittenLaterRunsEvenIfItIsOlder) {
+    Start(Pelix().Firmware(2, 0));
+    WriteImage(kSafe, Version(2, 1), {});
+    EXPECT_EQ(Version(2, 1), AfterPowerCycle());
+    WriteImage(kMain, Version(1, 7), {});
+    EXPECT_EQ(Version(1, 7), AfterPowerCycle());
+}
+
+TEST_F(FlashTest, AClearSectionMustBeBlank) {
+    Start(Pelix().Golden(0, 9));
+    const std::vector<Section> sections = {{"Factory.CLR.Set", kFactoryData, 4096}};
+    const std::vector<uint8_t> header = Header(Version(1, 1), sections);
+    ASSERT_EQ(0, card_->Erase(kMain, 4096));
+    ASSERT_EQ(0, card_->Write(kMain, header));
+    EXPECT_EQ(Version(1, 1), AfterPowerCycle());
+    ASSERT_EQ(0, card_->Write(kFactoryData, {0}));
+    EXPECT_EQ(Version(0, 9), AfterPowerCycle());
+}
+
+TEST_F(FlashTest, ALumoBoardRunsOneVersionOnAllChannels) {
+    Start(Lumo().Channels(3).Firmware(1, 0));
+    WriteImage(kMain, Version(1, 4), {});
+    EXPECT_EQ(Version(1, 4), AfterPowerCycle());
+    EXPECT_EQ(Version(1, 4), Node("/dev/video2").RunningVersion());
+    EXPECT_EQ(Version(1, 4), rig_.RunningVersion(0, 1));
+}
+
+TEST_F(FlashTest, ShortReadsFlippedBitsAndStuckBitsHitTheRequestTheyName) {
+    rig_.AddFault({.request = "ReadFirmwareData", .nth = 1, .effect = ShortRead(100)})
+        .AddFault({.request = "ReadFirmwareData", .nth = 2, .effect = FlipBit(8 * 5000 + 3)})
+        .AddFault({.request = "WriteFirmwareData", .nth = 1, .effect = StuckBits(0x80)});
+    Start(Pelix());
+    ASSERT_EQ(0, card_->Write(0, {0x00}));
+    EXPECT_EQ(100u, card_->Read(0, 157).size());
+    const std::vector<uint8_t> flipped = card_->Read(0, 6000);
+    ASSERT_EQ(6000u, flipped.size());
+    EXPECT_EQ(0xF7, flipped[5000]);
+    EXPECT_THAT(card_->Read(0, 2), ElementsAre(0x80, 0xFF));
+    ASSERT_EQ(0, card_->Write(1, {0x00}));
+    EXPECT_THAT(card_->Read(0, 2), ElementsAre(0x80, 0x00));
+}
+
+TEST_F(FlashTest, AnEraseThatDoesNotBlankLeavesAByte) {
+    rig_.AddFault({.request = "EraseFirmwareData", .effect = NotBlank()});
+    Start(Pelix());
+    ASSERT_EQ(0, card_->Erase(4096, 4096));
+    EXPECT_NE(0xFF, card_->Read(4096, 1)[0]);
+    ASSERT_EQ(0, card_->Erase(4096, 4096));
+    EXPECT_EQ(0xFF, card_->Read(4096, 1)[0]);
+}
+
+TEST_F(FlashTest, APowerCutKillsTheBoardAndGarblesTheSectorInWork) {
+    rig_.AddFault({.request = "WriteFirmwareData", .effect = PowerLoss()});
+    rig_.Add(Pelix().Channels(2).Golden(0, 9)).Add(Pelix());
+    rig_.Attach();
+    Node first("/dev/video0"), second("/dev/video1"), other("/dev/video2");
+    EXPECT_EQ(-1, first.Write(0, std::vector<uint8_t>(16384, 0x11)));
+    EXPECT_EQ(EIO, errno);
+    _QVCAP_FIRMWARE_STORAGE storage;
+    EXPECT_EQ(-1, second.Do(qv::kGetFirmwareStorageInfo, storage));
+    EXPECT_EQ(EIO, errno);
+    EXPECT_EQ(0, other.Do(qv::kGetFirmwareStorageInfo, storage));
+    const std::vector<uint8_t> before = rig_.Flash(0, 0, 0, 8192);
+    EXPECT_THAT(before, Each(0x11));
+    const std::vector<uint8_t> cut = rig_.Flash(0, 0, 8192, 4096);
+    EXPECT_NE(std::vector<uint8_t>(4096, 0xFF), cut);
+    EXPECT_NE(std::vector<uint8_t>(4096, 0x11), cut);
+    EXPECT_THAT(rig_.Flash(0, 0, 12288, 4096), Each(0xFF));
+    rig_.PowerCycle();
+    EXPECT_EQ(0, second.Do(qv::kGetFirmwareStorageInfo, storage));
+}
+
+TEST_F(FlashTest, AWritingCutAtAnyRequestNeverRunsHalfAnImage) {
+    const std::vector<Section> sections = {{"Factory.A", kFactoryData, 9000},
+                                           {"Factory.B", kUpgradeData, 5000}};
+    for (int nth = 1; nth <= 6; ++nth) {  // three erases, three writes
+        SimRig rig;
+        rig.Add(Pelix().Firmware(1, 0).Golden(0, 9));
+        const bool erasing = nth <= 3;
+        rig.AddFault({.request = erasing ? "EraseFirmwareData" : "WriteFirmwareData",
+                      .nth = erasing ? nth : nth - 3,
+                      .effect = PowerLoss()});
+        rig.Attach();
+        Node card("/dev/video0");
+        const std::vector<uint8_t> header = Header(Version(1, 1), sections);
+        card.Erase(kMain, static_cast<uint32_t>(header.size()));
+        for (const Section& section : sections) card.Erase(section.address, section.size);
+        card.Write(kMain, header);
+        for (const Section& section : sections) card.Write(section.address, Payload(section.size));
+        rig.PowerCycle();
+        EXPECT_EQ(Version(0, 9), card.RunningVersion()) << "cut at " << nth;
+    }
+}
+
+TEST_F(FlashTest, LostPowerIsRememberedByTheDirectory) {
+    rig_.AddFault({.request = "GetTemperature", .effect = PowerLoss()});
+    Start(Pelix());
+    uint32_t value = 0;
+    EXPECT_EQ(-1, card_->Do(qv::kGetTemperature, value));
+    card_.reset();
+    rig_.Detach();
+    rig_.Attach();
+    card_ = std::make_unique<Node>("/dev/video0");
+    EXPECT_EQ(0u, card_->RunningVersion());
+    EXPECT_EQ(Version(1, 0), AfterPowerCycle());
+}
+
+TEST_F(FlashTest, AVanishedNodeIsGoneForOpensToo) {
+    rig_.AddFault({.request = "GetTemperature", .effect = NodeGone()});
+    Start(Pelix());
+    uint32_t value = 0;
+    EXPECT_EQ(-1, card_->Do(qv::kGetTemperature, value));
+    EXPECT_EQ(ENODEV, errno);
+    EXPECT_EQ(0u, card_->RunningVersion());
+    EXPECT_EQ(-1, open("/dev/video0", O_RDWR));
+    EXPECT_EQ(ENODEV, errno);
+}
+
+}  // namespace
+}  // namespace qvsim

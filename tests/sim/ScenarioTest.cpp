@@ -1,0 +1,131 @@
+// Scenario files: what they can say, and what is said about a wrong one.
+#include "Scenario.h"
+
+#include "gmock/gmock.h"
+
+namespace qvsim {
+namespace {
+
+using testing::ElementsAre;
+using testing::StartsWith;
+
+TEST(ScenarioTest, TheDefaultOneHasACardOfEverySort) {
+    CardsPlan plan;
+    ASSERT_EQ("", ParseScenario(kDefaultScenario, "default", plan));
+    ASSERT_EQ(3u, plan.boards.size());
+    EXPECT_EQ("Pelix Capture", plan.boards[0].family);
+    EXPECT_EQ(2, plan.boards[0].channels);
+    EXPECT_EQ("Lumo Capture", plan.boards[1].family);
+    EXPECT_EQ(4, plan.boards[1].channels);
+    ASSERT_TRUE(plan.boards[2].stored.has_value());
+    EXPECT_EQ(plan.boards[2].firmware, plan.boards[2].stored->version);
+    EXPECT_NE(1, plan.boards[2].stored->compatibilityCode);
+    EXPECT_GT(plan.latencies.erasePerSector, 0u);
+}
+
+TEST(ScenarioTest, EverythingThatABoardCanSayArrives) {
+    CardsPlan plan;
+    ASSERT_EQ("", ParseScenario(R"(
+event_node = false
+foreign_nodes = [4, 9]
+[[board]]
+family = "Pelix Capture"
+product = "P"
+product_code = 0x1234
+hardware = "C"
+serial = "S"
+index = 3
+channels = 2
+firmware = "2.10"
+golden = "1.9"
+stored = "none"
+storage = [1, 2, 3, 0x200000]
+flash_size = 0x400000
+first_node = 20
+video = { width = 640, height = 480, fps = "max" }
+audio = { fps = 12.5 }
+signal = [{ at_ms = 100, present = false }, { at_ms = 200 }]
+[[fault]]
+request = "EraseFirmwareData"
+nth = 2
+count = -1
+board = 3
+channel = 1
+kind = "refuse"
+value = "ENODEV"
+[[usb]]
+product = "T"
+)",
+                                "x", plan));
+    EXPECT_FALSE(plan.eventNode);
+    EXPECT_THAT(plan.foreignNodes, ElementsAre(4, 9));
+    const BoardPlan& board = plan.boards.at(0);
+    EXPECT_EQ(0x1234, board.productCode);
+    EXPECT_EQ('C', board.hardware);
+    EXPECT_EQ(3, board.index);
+    EXPECT_EQ(Version(2, 10), board.firmware);
+    EXPECT_EQ(Version(1, 9), board.golden);
+    EXPECT_TRUE(board.noStoredHeader);
+    EXPECT_THAT(board.storageWords, ElementsAre(1, 2, 3));
+    EXPECT_EQ(0x200000u, board.firmwareOffset);
+    EXPECT_EQ(20, board.firstNode);
+    EXPECT_EQ(640u, board.video.width);
+    EXPECT_EQ(0, board.video.framesPerSecond);
+    EXPECT_EQ(12.5, board.audio.framesPerSecond);
+    ASSERT_EQ(2u, board.signal.size());
+    EXPECT_FALSE(board.signal[0].present);
+    const Fault& fault = plan.faults.at(0);
+    EXPECT_EQ(-1, fault.count);
+    EXPECT_EQ(FaultKind::kRefuse, fault.effect.kind);
+    EXPECT_EQ(static_cast<uint32_t>(ENODEV), fault.effect.value);
+    EXPECT_EQ("T", plan.usbDevices.at(0).product);
+}
+
+struct Wrong {
+    const char* text;
+    const char* message;
+};
+
+class WrongScenarioTest : public testing::TestWithParam<Wrong> {};
+
+TEST_P(WrongScenarioTest, IsRefusedWithItsLine) {
+    CardsPlan plan;
+    EXPECT_THAT(ParseScenario(GetParam().text, "f.toml", plan), StartsWith(GetParam().message));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Rows, WrongScenarioTest,
+    testing::Values(
+        Wrong{"\n[[board", "f.toml:2: "},
+        Wrong{"[[board]]\n\ncolour = 1", "f.toml:3: unknown key 'colour'"},
+        Wrong{"[[board]]\nchannels = 17", "f.toml:2: channels is a whole number from 1 to 16"},
+        Wrong{"[[board]]\nchannels = \"2\"", "f.toml:2: channels is a whole number"},
+        Wrong{"[[board]]\nfirmware = \"1\"", "f.toml:2: firmware is \"major.minor\""},
+        Wrong{"[[board]]\nfirmware = \"1.65536\"", "f.toml:2: firmware is \"major.minor\""},
+        Wrong{"[[board]]\nhardware = \"AB\"", "f.toml:1: hardware is one character"},
+        Wrong{"[[board]]\nserial = \"1234567890123456\"", "f.toml:1: board 1: serial is longer"},
+        Wrong{"[[board]]\nindex = 1\n[[board]]\nindex = 1",
+              "f.toml:3: board index 1 is given twice"},
+        Wrong{"[[board]]\nflash_size = 5000", "f.toml:1: board 1: flash size is not a multiple"},
+        Wrong{"[[board]]\nstorage = [0, 0, 0, 0xFFF000]",
+              "f.toml:1: board 1: the firmware area lies outside the flash"},
+        Wrong{"[[board]]\nfirst_node = 3\n[[board]]\nfirst_node = 3",
+              "f.toml:3: board 2: /dev/video3 is given twice"},
+        Wrong{"foreign_nodes = [1, 1]", "f.toml:1: a foreign node is given twice"},
+        Wrong{"[[fault]]\nrequest = \"Erase\"\nkind = \"refuse\"",
+              "f.toml:1: fault names no request: 'Erase'"},
+        Wrong{"[[fault]]\nrequest = \"open\"\nkind = \"melt\"",
+              "f.toml:1: fault has no kind, or one that is unknown: 'melt'"},
+        Wrong{"[[fault]]\nrequest = \"open\"\nkind = \"refuse\"\nvalue = \"EFOO\"",
+              "f.toml:4: value 'EFOO' is no errno known here"},
+        Wrong{"[[board]]\nvideo = { fps = 0 }", "f.toml:2: fps is a number of 0 to 10000"},
+        Wrong{"[[board]]\nvideo = 5", "f.toml:2: video is a table"},
+        Wrong{"[[board]]\nstored = \"some\"", "f.toml:2: stored is \"none\" or a table"},
+        Wrong{"event_node = 1", "f.toml:1: event_node is true or false"},
+        Wrong{"board = 5", "f.toml:1: board is a list"},
+        // What the parser takes for granted, and what it takes for impossible.
+        Wrong{"[[[", "f.toml: this is not TOML"},
+        Wrong{"# a\n\xE2\x80\xB0", "f.toml:2: only ASCII characters are understood"}));
+
+}  // namespace
+}  // namespace qvsim

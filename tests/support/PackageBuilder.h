@@ -1,0 +1,151 @@
+// Firmware packages for tests, byte by byte from the description of the format, with nothing taken
+// from the code that reads them. What is not set is filled with a pattern, so that every byte that
+// must be carried along can be told apart. Used by one thread.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstring>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace qvtest {
+
+using Bytes = std::vector<uint8_t>;
+
+// `size` bytes that differ from seed to seed.
+inline Bytes Payload(size_t size, uint32_t seed) {
+    Bytes bytes(size);
+    uint32_t value = seed * 2654435761u + 12345u;
+    for (uint8_t& byte : bytes) {
+        value = value * 1664525u + 1013904223u;
+        byte = static_cast<uint8_t>(value >> 24);
+    }
+    return bytes;
+}
+
+// Package().Firmware(1, 1).Section("Factory.Main", 0x200000, 65537).Write("a.qvf");
+class PackageBuilder {
+  public:
+    PackageBuilder& Firmware(int major, int minor) {
+        version_ = static_cast<uint32_t>(major) << 16 | static_cast<uint32_t>(minor);
+        return *this;
+    }
+    PackageBuilder& ProductCode(uint16_t code) {
+        productCode_ = code;
+        return *this;
+    }
+    PackageBuilder& Hardware(char version) {
+        hardware_ = version;
+        return *this;
+    }
+    PackageBuilder& Compatibility(uint16_t code) {
+        compatibility_ = code;
+        return *this;
+    }
+    // With a payload of its own.
+    PackageBuilder& Section(const std::string& name, uint32_t address, uint32_t size) {
+        return Section(name, address, Payload(size, static_cast<uint32_t>(sections_.size()) + 1));
+    }
+    PackageBuilder& Section(const std::string& name, uint32_t address, const Bytes& data) {
+        sections_.push_back({name, address, static_cast<uint32_t>(data.size()), data});
+        return *this;
+    }
+
+    // --- packages that are wrong -------------------------------------------------------------
+    PackageBuilder& Magic(const std::string& magic) {
+        magic_ = magic;
+        return *this;
+    }
+    PackageBuilder& HeaderLength(uint16_t length) {
+        headerLength_ = length;
+        return *this;
+    }
+    PackageBuilder& SectionCount(uint8_t count) {
+        sectionCount_ = count;
+        return *this;
+    }
+    // What the table says of the last section, whatever its data is.
+    PackageBuilder& ClaimSize(uint32_t size) {
+        sections_.back().size = size;
+        return *this;
+    }
+
+    uint32_t Length() const { return 157 + 28 * static_cast<uint32_t>(sections_.size()); }
+    const Bytes& Data(size_t section) const { return sections_.at(section).data; }
+
+    // Fixed part and section table: what is written to flash too.
+    Bytes Header() const {
+        Bytes out;
+        for (const char c : magic_) out.push_back(static_cast<uint8_t>(c));
+        Pattern(out, 4, 0xA0);
+        Put16(out, compatibility_);
+        Put16(out, headerLength_.value_or(static_cast<uint16_t>(Length())));
+        Put16(out, productCode_);
+        out.push_back(static_cast<uint8_t>(hardware_));
+        Pattern(out, 1, 0xB0);
+        Put32(out, version_);
+        Pattern(out, 136, 0x10);
+        out.push_back(sectionCount_.value_or(static_cast<uint8_t>(sections_.size())));
+        for (const SectionPlan& section : sections_) {
+            for (size_t i = 0; i < 16; ++i)
+                out.push_back(i < section.name.size() ? static_cast<uint8_t>(section.name[i]) : 0);
+            Put32(out, section.address);
+            Put32(out, section.size);
+            Pattern(out, 4, 0xC0);
+        }
+        return out;
+    }
+
+    Bytes File() const {
+        Bytes out = Header();
+        for (const SectionPlan& section : sections_)
+            out.insert(out.end(), section.data.begin(), section.data.end());
+        return out;
+    }
+
+    void Write(const std::string& path) const { WriteBytes(path, File()); }
+
+    static void WriteBytes(const std::string& path, const Bytes& bytes) {
+        std::ofstream file(path, std::ios::binary | std::ios::trunc);
+        file.write(reinterpret_cast<const char*>(bytes.data()),
+                   static_cast<std::streamsize>(bytes.size()));
+        ASSERT_TRUE(file.flush().good()) << path;
+    }
+
+  private:
+    struct SectionPlan {
+        std::string name;
+        uint32_t address;
+        uint32_t size;
+        Bytes data;
+    };
+
+    static void Put16(Bytes& out, uint16_t value) {
+        out.push_back(static_cast<uint8_t>(value));
+        out.push_back(static_cast<uint8_t>(value >> 8));
+    }
+    static void Put32(Bytes& out, uint32_t value) {
+        Put16(out, static_cast<uint16_t>(value));
+        Put16(out, static_cast<uint16_t>(value >> 16));
+    }
+    static void Pattern(Bytes& out, size_t count, size_t first) {
+        for (size_t i = 0; i < count; ++i) out.push_back(static_cast<uint8_t>(first + i));
+    }
+
+    std::string magic_ = "QVFH";
+    uint16_t compatibility_ = 1;
+    std::optional<uint16_t> headerLength_;
+    uint16_t productCode_ = 0x0101;  // the simulated cards' own
+    char hardware_ = 'A';
+    uint32_t version_ = 0x00010001;
+    std::optional<uint8_t> sectionCount_;
+    std::vector<SectionPlan> sections_;
+};
+
+inline PackageBuilder Package() { return {}; }
+
+}  // namespace qvtest

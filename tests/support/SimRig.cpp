@@ -1,0 +1,209 @@
+#include "SimRig.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <filesystem>
+
+#include "Door.h"
+
+namespace qvsim {
+namespace {
+
+// A rig that cannot be set up is a broken test, not a failing one.
+void Require(const std::string& error) {
+    if (error.empty()) return;
+    ADD_FAILURE() << "simulated cards: " << error;
+    std::abort();
+}
+
+}  // namespace
+
+BoardBuilder::BoardBuilder(const std::string& family) { plan_.family = family; }
+BoardBuilder& BoardBuilder::Board(int index) {
+    plan_.index = index;
+    return *this;
+}
+BoardBuilder& BoardBuilder::Channels(int count) {
+    plan_.channels = count;
+    return *this;
+}
+BoardBuilder& BoardBuilder::Product(const std::string& name) {
+    plan_.product = name;
+    return *this;
+}
+BoardBuilder& BoardBuilder::ProductCode(uint16_t code) {
+    plan_.productCode = code;
+    return *this;
+}
+BoardBuilder& BoardBuilder::Hardware(char version) {
+    plan_.hardware = version;
+    return *this;
+}
+BoardBuilder& BoardBuilder::Serial(const std::string& serial) {
+    plan_.serial = serial;
+    return *this;
+}
+BoardBuilder& BoardBuilder::Firmware(int major, int minor) {
+    plan_.firmware = Version(major, minor);
+    return *this;
+}
+BoardBuilder& BoardBuilder::Stored(int major, int minor, uint16_t compatibilityCode) {
+    plan_.stored = StoredPlan{Version(major, minor), compatibilityCode};
+    return *this;
+}
+BoardBuilder& BoardBuilder::NoStoredHeader() {
+    plan_.noStoredHeader = true;
+    return *this;
+}
+BoardBuilder& BoardBuilder::FirmwareOffset(uint32_t offset) {
+    plan_.firmwareOffset = offset;
+    return *this;
+}
+BoardBuilder& BoardBuilder::FlashSize(uint32_t bytes) {
+    plan_.flashSize = bytes;
+    return *this;
+}
+BoardBuilder& BoardBuilder::Golden(int major, int minor) {
+    plan_.golden = Version(major, minor);
+    return *this;
+}
+BoardBuilder& BoardBuilder::FirstNode(int node) {
+    plan_.firstNode = node;
+    return *this;
+}
+BoardBuilder& BoardBuilder::Video(uint32_t width, uint32_t height, double framesPerSecond) {
+    plan_.video = {width, height, framesPerSecond};
+    return *this;
+}
+BoardBuilder& BoardBuilder::Audio(double framesPerSecond) {
+    plan_.audio.framesPerSecond = framesPerSecond;
+    return *this;
+}
+BoardBuilder& BoardBuilder::Signal(uint32_t atMilliseconds, bool present) {
+    plan_.signal.push_back({atMilliseconds, present});
+    return *this;
+}
+BoardBuilder& BoardBuilder::RawInfo(std::function<void(_QVCAP_CHANNEL_INFO&)> edit) {
+    plan_.editInfo = std::move(edit);
+    return *this;
+}
+
+BoardBuilder Pelix() { return BoardBuilder("Pelix Capture"); }
+BoardBuilder Lumo() { return BoardBuilder("Lumo Capture"); }
+BoardBuilder Tavo() { return BoardBuilder("Tavo Capture"); }
+
+SimRig::SimRig() {
+    std::string pattern = testing::TempDir() + "/qvsim-XXXXXX";
+    if (!mkdtemp(pattern.data())) Require(pattern + ": cannot be made");
+    dir_ = pattern;
+}
+
+SimRig::~SimRig() {
+    Detach();
+    std::error_code ignored;  // a leftover in the temporary directory breaks nothing
+    std::filesystem::remove_all(dir_, ignored);
+}
+
+SimRig& SimRig::Add(const BoardBuilder& board) {
+    plan_.boards.push_back(board.plan_);
+    return *this;
+}
+SimRig& SimRig::ForeignNode(int node) {
+    plan_.foreignNodes.push_back(node);
+    return *this;
+}
+SimRig& SimRig::NoEventNode() {
+    plan_.eventNode = false;
+    return *this;
+}
+SimRig& SimRig::Delays(const Latencies& latencies) {
+    plan_.latencies = latencies;
+    return *this;
+}
+SimRig& SimRig::AddFault(const Fault& fault) {
+    if (model_)
+        model_->AddFault(fault);
+    else
+        plan_.faults.push_back(fault);
+    return *this;
+}
+
+const std::string& SimRig::Dir() {
+    if (!written_) {
+        Require(CompletePlan(plan_));
+        Require(LayOut(plan_, dir_));
+        written_ = true;
+    }
+    return dir_;
+}
+
+void SimRig::Attach() {
+    Require(qvsim::Attach(Dir()));
+    model_ = CurrentModel();
+}
+
+void SimRig::Detach() {
+    if (!model_) return;
+    qvsim::Detach();
+    model_.reset();
+}
+
+Model& SimRig::Cards() {
+    if (!model_) Require("the rig is not attached");
+    return *model_;
+}
+
+std::vector<JournalLine> SimRig::JournalLines() {
+    std::vector<JournalLine> lines;
+    for (const JournalLine& line : ReadJournal(Dir()))
+        if (line.sequence > journalFrom_) lines.push_back(line);
+    return lines;
+}
+
+std::vector<std::string> SimRig::Journal() {
+    std::vector<std::string> lines;
+    for (const JournalLine& line : JournalLines()) lines.push_back(line.Comparable());
+    return lines;
+}
+
+void SimRig::ClearJournal() {
+    for (const JournalLine& line : JournalLines())
+        journalFrom_ = std::max(journalFrom_, line.sequence);
+}
+
+std::vector<uint8_t> SimRig::Flash(int board, int channel, uint32_t offset, uint32_t length) {
+    CardsState state;
+    Require(LoadState(Dir(), state));
+    for (const BoardState& candidate : state.boards) {
+        if (candidate.index != board) continue;
+        NorFlash flash;
+        Require(flash.Open(dir_ + "/" + FlashFileName(candidate, channel), candidate.flashSize));
+        std::vector<uint8_t> bytes(length);
+        if (!flash.Read(offset, bytes.data(), length)) Require("flash range cannot be read");
+        return bytes;
+    }
+    Require("no board " + std::to_string(board));
+    return {};
+}
+
+void SimRig::PowerCycle() {
+    if (model_) return model_->PowerCycle();
+    std::string error;
+    const std::shared_ptr<Model> model = Model::Load(Dir(), error);
+    Require(error);
+    model->PowerCycle();
+}
+
+uint32_t SimRig::RunningVersion(int board, int channel) {
+    CardsState state;
+    Require(LoadState(Dir(), state));
+    for (const BoardState& candidate : state.boards)
+        if (candidate.index == board)
+            return candidate.channels.at(static_cast<size_t>(channel)).info.firmwareVersion;
+    Require("no board " + std::to_string(board));
+    return 0;
+}
+
+}  // namespace qvsim

@@ -1,0 +1,93 @@
+// A rig of simulated cards for one test: a temporary state directory, cards described by fluent
+// builders, and the door that makes the test's own process see them in /dev.
+//
+// Link qvsim_rig: open(), ioctl() and the other interposed functions then belong to the test
+// program, and pass everything through while no rig is attached. One attached rig at a time; a rig
+// belongs to the test's thread, the cards may be used from any.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "CardsPlan.h"
+#include "Fault.h"
+#include "Journal.h"
+#include "Model.h"
+
+namespace qvsim {
+
+class BoardBuilder {
+  public:
+    explicit BoardBuilder(const std::string& family);
+
+    BoardBuilder& Board(int index);  // default: the next free one
+    BoardBuilder& Channels(int count);
+    BoardBuilder& Product(const std::string& name);
+    BoardBuilder& ProductCode(uint16_t code);
+    BoardBuilder& Hardware(char version);
+    BoardBuilder& Serial(const std::string& serial);
+    BoardBuilder& Firmware(int major, int minor);  // running version
+    // The header in flash; default: the running version with compatibility code 1.
+    BoardBuilder& Stored(int major, int minor, uint16_t compatibilityCode);
+    BoardBuilder& NoStoredHeader();
+    BoardBuilder& FirmwareOffset(uint32_t offset);
+    BoardBuilder& FlashSize(uint32_t bytes);
+    BoardBuilder& Golden(int major, int minor);
+    BoardBuilder& FirstNode(int node);  // default: behind the nodes before
+    BoardBuilder& Video(uint32_t width, uint32_t height, double framesPerSecond);  // 0: no pacing
+    BoardBuilder& Audio(double framesPerSecond);                                   // 0: no pacing
+    BoardBuilder& Signal(uint32_t atMilliseconds, bool present);
+    // A last look at each channel's record before it is written: unterminated texts, odd indices.
+    BoardBuilder& RawInfo(std::function<void(_QVCAP_CHANNEL_INFO&)> edit);
+
+  private:
+    friend class SimRig;
+    BoardPlan plan_;
+};
+
+BoardBuilder Pelix();  // one flash per channel
+BoardBuilder Lumo();   // one flash for all channels
+BoardBuilder Tavo();
+
+class SimRig {
+  public:
+    SimRig();
+    ~SimRig();
+    SimRig(const SimRig&) = delete;
+    SimRig& operator=(const SimRig&) = delete;
+
+    SimRig& Add(const BoardBuilder& board);
+    SimRig& ForeignNode(int node);
+    SimRig& NoEventNode();
+    SimRig& Delays(const Latencies& latencies);  // default: none
+    // Before Dir(): written into the state. Attached: in force from now on.
+    SimRig& AddFault(const Fault& fault);
+
+    const std::string& Dir();  // writes the state on first use
+    void Attach();             // the door is open until Detach() or the end of the rig
+    void Detach();
+    Model& Cards();  // attached only
+
+    // Since the last ClearJournal(), without sequence number, process and descriptor:
+    // "open /dev/video0 = 0", "ioctl /dev/video0 EraseFirmwareData offset=0x100000 size=65536 = 0".
+    std::vector<std::string> Journal();
+    std::vector<JournalLine> JournalLines();
+    void ClearJournal();
+
+    std::vector<uint8_t> Flash(int board, int channel, uint32_t offset, uint32_t length);
+    void PowerCycle();
+    // The running version of a channel, as the state directory has it.
+    uint32_t RunningVersion(int board, int channel);
+
+  private:
+    CardsPlan plan_;
+    std::string dir_;
+    bool written_ = false;
+    std::shared_ptr<Model> model_;
+    uint64_t journalFrom_ = 0;
+};
+
+}  // namespace qvsim

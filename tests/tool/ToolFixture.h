@@ -1,0 +1,75 @@
+// The pieces of qvcap-upgrade inside the test's own process, over simulated cards: a folder for
+// packages that is the current directory, the tool's state as at its start, output captured.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "Inventory.h"
+#include "QVCapture.h"
+#include "ToolState.h"
+#include "ToolTexts.h"
+#include "support/PackageBuilder.h"
+#include "support/SimRig.h"
+
+namespace qvtest {
+
+// All bits set.
+inline const QV_CHANNEL kInvalidChannel = reinterpret_cast<QV_CHANNEL>(intptr_t{-1});
+
+class ToolFixture : public testing::Test {
+  protected:
+    ToolFixture() {
+        before_ = std::filesystem::current_path();
+        std::string pattern = testing::TempDir() + "/qvunit-XXXXXX";
+        EXPECT_NE(nullptr, mkdtemp(pattern.data()));
+        folder_ = pattern;
+        std::filesystem::current_path(folder_);
+        g_dwCMD = 0;
+        g_nBoardIndex = kAnyIndex;
+        g_nChannelIndex = kAnyIndex;
+        g_nDevicesNum = 0;
+        g_nDevicesNeedUpgrade = 0;
+        for (_QVCAP_UPGRADE_LIST_INFO_& record : g_arrChannsInfo) record = {};
+    }
+
+    ~ToolFixture() override {
+        if (attached_) QVCaptureExitInstance();
+        rig.Detach();
+        ExitQVFList();
+        g_nQVFFileNum = 0;
+        std::filesystem::current_path(before_);
+        std::error_code ignored;  // a leftover in the temporary directory breaks nothing
+        std::filesystem::remove_all(folder_, ignored);
+    }
+
+    // Cards present, library up, packages of the folder listed.
+    void Start() {
+        rig.Attach();
+        attached_ = QVCaptureInitInstance();
+        ASSERT_EQ(0, InitialQVFList());
+        rig.ClearJournal();
+    }
+
+    template <class Act>
+    std::string Printed(Act act) {
+        testing::internal::CaptureStdout();
+        act();
+        std::fflush(stdout);
+        return testing::internal::GetCapturedStdout();
+    }
+
+    qvsim::SimRig rig;
+
+  private:
+    std::filesystem::path before_;
+    std::filesystem::path folder_;
+    bool attached_ = false;
+};
+
+}  // namespace qvtest

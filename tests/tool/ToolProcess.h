@@ -1,0 +1,72 @@
+// Runs the real qvcap-upgrade over simulated cards, in a folder of its own, on a terminal or
+// through pipes, and brings back what it printed. Linux only; one run at a time.
+//
+// `poweroff`, `sudo` and `sync` are always recording stand-ins, and nothing else but `id` is on
+// the PATH of a run: no test can turn the machine off.
+#pragma once
+
+#include <sys/types.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/SimRig.h"
+
+namespace qvtest {
+
+struct ToolRun {
+    int status = -1;  // exit status; -1 when a signal ended it
+    int signal = 0;
+    std::string output;  // standard output, every byte
+    std::string errors;  // standard error
+    bool terminalRestored = true;
+};
+
+class ToolFolder {
+  public:
+    ToolFolder();
+    ~ToolFolder();
+    ToolFolder(const ToolFolder&) = delete;
+    ToolFolder& operator=(const ToolFolder&) = delete;
+
+    // The folder that the tool is run in; packages go here.
+    const std::string& Dir() const { return work_; }
+    std::string operator/(const std::string& name) const { return work_ + "/" + name; }
+
+    // Runs happen there from now on.
+    void RunIn(const std::string& dir) { work_ = dir; }
+    // The user number that `id -u` tells from now on; default: the real one.
+    void UserNumber(int number);
+    // Which stand-ins ran, in order: "sync", "poweroff", "sudo poweroff".
+    std::vector<std::string> Commands() const;
+
+    // On a terminal that alters no byte. The n-th answer is typed when the n-th question stands on
+    // the screen and the tool has put the terminal into one-key mode; before it is typed,
+    // `atQuestion(n, pid)` is called, n from 1.
+    ToolRun OnTerminal(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
+                       const std::vector<std::string>& answers = {},
+                       const std::function<void(int, pid_t)>& atQuestion = {});
+    // With `input` as standard input, then its end.
+    ToolRun ThroughPipe(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
+                        const std::string& input = {});
+
+    // Nothing on standard input; the reader of the output goes away once `text` was printed.
+    ToolRun UntilPrinted(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
+                         const std::string& text);
+
+    // Further environment of a run: "NAME=value".
+    void Environment(const std::string& setting) { environment_.push_back(setting); }
+
+  private:
+    pid_t Start(qvsim::SimRig& rig, const std::vector<std::string>& arguments, int input,
+                int output, bool onTerminal);
+    void Finish(pid_t pid, ToolRun* run);
+
+    std::string root_;
+    std::string work_;
+    std::string bin_;
+    std::vector<std::string> environment_;
+};
+
+}  // namespace qvtest

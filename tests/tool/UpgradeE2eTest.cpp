@@ -1,0 +1,456 @@
+// Whole upgrades by the real binary: the dialogue byte by byte, the requests that the driver sees,
+// and what stands in the flash afterwards.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/types.h>
+
+#include <algorithm>
+#include <csignal>
+#include <fstream>
+
+#include "ToolProcess.h"
+#include "ToolTexts.h"
+#include "Transcript.h"
+#include "support/PackageBuilder.h"
+
+namespace qvtest {
+namespace {
+
+using qvsim::Lumo;
+using qvsim::Pelix;
+using qvsim::Refuse;
+using testing::ElementsAre;
+using testing::ElementsAreArray;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using testing::StartsWith;
+
+constexpr uint32_t kFirmware = 0x100000;  // where the simulated cards keep their header
+
+class UpgradeE2eTest : public testing::Test {
+  protected:
+    // The journal without the probing of nodes that are not there.
+    std::vector<std::string> Requests() {
+        std::vector<std::string> lines;
+        for (const std::string& line : rig.Journal())
+            if (!line.ends_with("ENOENT")) lines.push_back(line);
+        return lines;
+    }
+    // What was printed from the first channel's first line on.
+    static std::string AfterTable(const ToolRun& run) {
+        const size_t at = run.output.find("\n[1/");
+        return at == std::string::npos ? "no channel line: " + run.output
+                                       : run.output.substr(at + 1);
+    }
+    void ExpectFlash(int board, int channel, uint32_t offset, const Bytes& bytes) {
+        EXPECT_TRUE(bytes == rig.Flash(board, channel, offset, static_cast<uint32_t>(bytes.size())))
+            << "flash at " << offset;
+    }
+
+    qvsim::SimRig rig;
+    ToolFolder folder;
+};
+
+constexpr char kSummaryOneDone[] = "\n\ntotal 1,  success 1,  fail 0,  skip 0,  cancel 0\n";
+
+TEST_F(UpgradeE2eTest, ANormalUpgradeOnATerminalIsExactToTheByte) {
+    rig.Add(Pelix().Product("P4").Firmware(1, 0));
+    // Header 157 + 28 = 185 bytes, 65722 in all.
+    PackageBuilder package = Package().Firmware(1, 1).Section("Factory.Main", 0x200000, 65537);
+    package.Write(folder / "p4.qvf");
+    const ToolRun run = folder.OnTerminal(rig, {"-a"}, {"y", "n"});
+    EXPECT_EQ(0, run.status);
+    EXPECT_EQ("", run.errors);
+    EXPECT_TRUE(run.terminalRestored);
+    EXPECT_EQ(
+        kWarning +
+            "total 1  need upgrade 1\n"
+            "capture name                   |current ver     |hardware ver    |new ver         "
+            "|status         \n"
+            "00:00 P4                       |1.0             |A               |1.1             "
+            "|Need upgrade   \n\n"
+            "[1/1] [00:00 P4]  Do you want to upgrade from 1.0 to 1.1? -- (y)-YES or (n)-NO:" +
+            Clear(80) + "\r[1/1] [00:00 P4]  Upgrade from 1.0 to 1.1   " +
+            "(Erasing -------------  0%)" + Clear(28) + "(Erasing -------------  0%)" + Clear(27) +
+            "(Erasing ------------- 99%)" + Clear(27) + "(Erasing ------------- 100%)" +
+            Clear(28) +  //
+            "(Writting -------------  0%)" + Clear(28) + "(Writting -------------  0%)" +
+            Clear(28) + "(Writting ------------- 99%)" + Clear(28) +
+            "(Writting ------------- 100%)" + Clear(28) +  //
+            "(Verifying -------------  0%)" + Clear(30) + "(Verifying -------------  0%)" +
+            Clear(29) + "(Verifying ------------- 99%)" + Clear(29) +
+            "(Verifying ------------- 100%)" + Clear(30) +  //
+            Clear(80) + "\r[1/1] [00:00 P4]  Upgrade from 1.0 to 1.1 successfully.\n" +
+            "\ntotal 1,  success 1,  fail 0,  skip 0,  cancel 0\n" + kPowerOffQuestion + "\n",
+        run.output);
+    EXPECT_THAT(folder.Commands(), IsEmpty());
+    ExpectFlash(0, 0, kFirmware, package.Header());
+    ExpectFlash(0, 0, 0x200000, package.Data(0));
+}
+
+TEST_F(UpgradeE2eTest, TheDriverSeesExactlyTheseRequests) {
+    rig.Add(Pelix());
+    Package()
+        .Firmware(1, 1)
+        .Section("Factory.Main", 0x200000, Bytes(65537, 0))
+        .Write(folder / "p.qvf");
+    folder.ThroughPipe(rig, {"-a", "-y"});
+    std::vector<std::string> seen = Requests();
+    for (std::string& line : seen)
+        if (const size_t at = line.find(" crc="); at != std::string::npos)
+            line.erase(at, line.find(' ', at + 1) - at);
+    const std::vector<std::string> probe = {
+        "open /dev/video0 = 0",
+        "ioctl /dev/video0 GetChannelInfo = 0",
+        "ioctl /dev/video0 GetFamilyInfo = 0",
+        "close /dev/video0 = 0",
+    };
+    std::vector<std::string> expected = {"open /dev/qv-event = 0"};
+    for (int i = 0; i < 2; ++i) expected.insert(expected.end(), probe.begin(), probe.end());
+    for (const char* line : {
+             // the list
+             "open /dev/video0 = 0",
+             "ioctl /dev/video0 GetChannelInfo = 0",
+             "ioctl /dev/video0 GetChannelInfo = 0",
+             "ioctl /dev/video0 GetFirmwareStorageInfo firmware=0x100000 = 0",
+             "ioctl /dev/video0 ReadFirmwareData offset=0x100000 size=157 got=157 = 0",
+             "close /dev/video0 = 0",
+             // the upgrade
+             "open /dev/video0 = 0",
+             "ioctl /dev/video0 GetChannelInfo = 0",
+             "ioctl /dev/video0 GetChannelInfo = 0",
+             "ioctl /dev/video0 GetFirmwareStorageInfo firmware=0x100000 = 0",
+             "ioctl /dev/video0 EraseFirmwareData offset=0x100000 size=185 = 0",
+             "ioctl /dev/video0 EraseFirmwareData offset=0x200000 size=65536 = 0",
+             "ioctl /dev/video0 EraseFirmwareData offset=0x210000 size=1 = 0",
+             "ioctl /dev/video0 WriteFirmwareData offset=0x100000 size=185 = 0",
+             "ioctl /dev/video0 WriteFirmwareData offset=0x200000 size=65536 = 0",
+             "ioctl /dev/video0 WriteFirmwareData offset=0x210000 size=1 = 0",
+             "ioctl /dev/video0 ReadFirmwareData offset=0x100000 size=185 got=185 = 0",
+             "ioctl /dev/video0 ReadFirmwareData offset=0x200000 size=65536 got=65536 = 0",
+             "ioctl /dev/video0 ReadFirmwareData offset=0x210000 size=1 got=1 = 0",
+             "ioctl /dev/video0 SetPostReconfig value=200 = 0",
+             "close /dev/video0 = 0",
+             "close /dev/qv-event = 0",
+         })
+        expected.push_back(line);
+    EXPECT_THAT(seen, ElementsAreArray(expected));
+}
+
+TEST_F(UpgradeE2eTest, WithYesNothingIsAskedButThePowerOff) {
+    rig.Add(Pelix().Product("P4"));
+    Package().Firmware(1, 1).Section("Factory.Main", 0x200000, 100).Write(folder / "p.qvf");
+    const std::vector<uint32_t> steps = {185, 100};
+    const std::string upgraded = "[1/1] [00:00 P4]  Upgrade from 1.0 to 1.1   " +
+                                 StageText(kErasing, 285, steps) + StageText(kWriting, 285, steps) +
+                                 StageText(kVerifying, 285, steps) + Clear(80) +
+                                 "\r[1/1] [00:00 P4]  Upgrade from 1.0 to 1.1 successfully." +
+                                 kSummaryOneDone + kPowerOffQuestion + "\n";
+    // The end of standard input answers no.
+    EXPECT_EQ(upgraded, AfterTable(folder.ThroughPipe(rig, {"-a", "-y"})));
+    EXPECT_THAT(folder.Commands(), IsEmpty());
+}
+
+TEST_F(UpgradeE2eTest, ASafeUpgradeTouchesOnlyTheUpgradeImage) {
+    rig.Add(Pelix().Product("P4").Firmware(1, 0).Stored(1, 0, 7));
+    PackageBuilder package = Package()
+                                 .Firmware(1, 1)
+                                 .Compatibility(7)
+                                 .Section("Factory.Main", 0x200000, 3000)
+                                 .Section("Upgrade.Main", 0x300000, 5000)
+                                 .Section("Other", 0x400000, 10);
+    package.Write(folder / "p.qvf");
+    const Bytes headerBefore = rig.Flash(0, 0, kFirmware, 157);
+    const ToolRun run = folder.OnTerminal(rig, {"-d", "/dev/video0"}, {"Y", "N"});
+    const std::vector<uint32_t> steps = {241, 5000};
+    EXPECT_EQ(
+        "[1/1] [00:00 P4]  Do you want to safe upgrade from 1.0 to 1.1? -- (y)-YES or "
+        "(n)-NO:" +
+            Clear(80) + "\r[1/1] [00:00 P4]  Safe upgrade from 1.0 to 1.1   " +
+            StageText(kErasing, 5241, steps) + StageText(kWriting, 5241, steps) +
+            StageText(kVerifying, 5241, steps) + Clear(80) +
+            "\r[1/1] [00:00 P4]  Safe upgrade from 1.0 to 1.1 successfully." + kSummaryOneDone +
+            kPowerOffQuestion + "\n",
+        AfterTable(run));
+    ExpectFlash(0, 0, kFirmware, headerBefore);
+    ExpectFlash(0, 0, kFirmware + 4096, package.Header());
+    ExpectFlash(0, 0, 0x300000, package.Data(1));
+    ExpectFlash(0, 0, 0x200000, Bytes(3000, 0xFF));
+    ExpectFlash(0, 0, 0x400000, Bytes(10, 0xFF));
+}
+
+TEST_F(UpgradeE2eTest, ANormalUpgradeLeavesUpgradeSectionsAlone) {
+    rig.Add(Pelix());
+    PackageBuilder package = Package()
+                                 .Section("Upgrade.Main", 0x300000, 5000)
+                                 .Section("Factory.Main", 0x200000, 3000)
+                                 .Section("Other", 0x400000, 10);
+    package.Write(folder / "p.qvf");
+    folder.ThroughPipe(rig, {"-a", "-y"});
+    ExpectFlash(0, 0, kFirmware, package.Header());
+    ExpectFlash(0, 0, 0x300000, Bytes(5000, 0xFF));
+    ExpectFlash(0, 0, 0x200000, package.Data(1));
+    ExpectFlash(0, 0, 0x400000, package.Data(2));
+}
+
+TEST_F(UpgradeE2eTest, APackageWithoutSectionsWritesOnlyTheHeader) {
+    rig.Add(Pelix().Product("P4"));
+    PackageBuilder package = Package();
+    package.Write(folder / "p.qvf");
+    const ToolRun run = folder.ThroughPipe(rig, {"-a", "-y"});
+    EXPECT_THAT(AfterTable(run),
+                StartsWith("[1/1] [00:00 P4]  Upgrade from 1.0 to 1.1   " +
+                           StageText(kErasing, 157, {157}) + StageText(kWriting, 157, {157}) +
+                           StageText(kVerifying, 157, {157}) + Clear(80) + "\r"));
+    ExpectFlash(0, 0, kFirmware, package.Header());
+}
+
+TEST_F(UpgradeE2eTest, AClearSectionIsErasedCheckedAndCountedButNeverWritten) {
+    rig.Add(Pelix().Product("P4"));
+    PackageBuilder package = Package()
+                                 .Section("Factory.CLR.Log", 0x200000, 65537)
+                                 .Section("Factory.Main", 0x300000, 1000);
+    package.Write(folder / "p.qvf");
+    const ToolRun run = folder.ThroughPipe(rig, {"-a", "-y"});
+    const uint32_t total = 213 + 65537 + 1000;
+    EXPECT_THAT(AfterTable(run),
+                StartsWith("[1/1] [00:00 P4]  Upgrade from 1.0 to 1.1   " +
+                           StageText(kErasing, total, {213, 65536, 1, 1000}) +
+                           StageText(kWriting, total, {213, 1000}) +
+                           StageText(kVerifying, total, {213, 1000}) + Clear(80) +
+                           "\r[1/1] [00:00 P4]  Upgrade from 1.0 to 1.1 successfully."));
+    EXPECT_THAT(run.output, Not(HasSubstr("Writting ------------- 100%")));
+    EXPECT_THAT(run.output, Not(HasSubstr("Verifying ------------- 100%")));
+    ExpectFlash(0, 0, 0x200000, Bytes(65537, 0xFF));
+    EXPECT_THAT(
+        Requests(),
+        testing::Contains("ioctl /dev/video0 ReadFirmwareData offset=0x210000 size=1 got=1 = 0"));
+}
+
+TEST_F(UpgradeE2eTest, AClearSectionOfTheSafeImageIsClearedInSafeMode) {
+    rig.Add(Pelix().Product("P4").Stored(1, 0, 2));
+    Package()
+        .Compatibility(2)
+        .Section("Upgrade.CLR", 0x200000, 100)
+        .Section("Factory.CLR.X", 0x300000, 100)
+        .Write(folder / "p.qvf");
+    const ToolRun run = folder.ThroughPipe(rig, {"-a", "-y"});
+    EXPECT_THAT(AfterTable(run),
+                StartsWith("[1/1] [00:00 P4]  Safe upgrade from 1.0 to 1.1   " +
+                           StageText(kErasing, 313, {213, 100}) + StageText(kWriting, 313, {213}) +
+                           StageText(kVerifying, 313, {213}) + Clear(80) + "\r"));
+    EXPECT_THAT(rig.Journal(), Not(testing::Contains(HasSubstr("0x300000"))));
+}
+
+// --- decisions ------------------------------------------------------------------------------
+
+TEST_F(UpgradeE2eTest, AnEqualVersionIsSkippedUnlessForced) {
+    rig.Add(Pelix().Product("P4").Firmware(1, 1));
+    Package().Firmware(1, 1).Write(folder / "p.qvf");
+    const ToolRun skipped = folder.ThroughPipe(rig, {"-a", "-y"});
+    EXPECT_EQ(
+        "\r[1/1] [00:00 P4]  Needn't upgrade\n\ntotal 1,  success 0,  fail 0,  skip 1,  "
+        "cancel 0\n",
+        skipped.output.substr(skipped.output.find('\r')));
+    const ToolRun forced = folder.ThroughPipe(rig, {"-a", "-y", "-f"});
+    EXPECT_THAT(forced.output, HasSubstr("Upgrade from 1.1 to 1.1 successfully."));
+    EXPECT_THAT(forced.output, HasSubstr("|Not Need upgrade"));
+}
+
+TEST_F(UpgradeE2eTest, AnOlderPackageIsWrittenWhenForced) {
+    rig.Add(Pelix().Firmware(2, 0));
+    PackageBuilder package = Package().Firmware(1, 9);
+    package.Write(folder / "p.qvf");
+    EXPECT_THAT(folder.ThroughPipe(rig, {"-a", "-y"}).output, HasSubstr("Needn't upgrade"));
+    EXPECT_THAT(folder.ThroughPipe(rig, {"-a", "-y", "-f"}).output,
+                HasSubstr("Upgrade from 2.0 to 1.9 successfully."));
+    ExpectFlash(0, 0, kFirmware, package.Header());
+}
+
+TEST_F(UpgradeE2eTest, AChannelWithoutAPackageIsSilentAndCountsNowhere) {
+    rig.Add(Pelix().ProductCode(0x0999));
+    Package().Write(folder / "p.qvf");
+    const ToolRun run = folder.ThroughPipe(rig, {"-a", "-y"});
+    EXPECT_EQ(kWarning + "total 1  need upgrade 0\n" + kTableHeader +
+                  "00:00 Pelix SIM                |1.0             |A               |             "
+                  "   |Not Need upgrade\n\n"
+                  "\n\ntotal 1,  success 0,  fail 0,  skip 0,  cancel 0\n",
+              run.output);
+}
+
+TEST_F(UpgradeE2eTest, TheChannelWithoutAPackageStaysOpenWhileTheListIsBuilt) {
+    rig.Add(Pelix().ProductCode(0x0999));
+    Package().Write(folder / "p.qvf");
+    folder.ThroughPipe(rig, {"-l"});
+    EXPECT_THAT(Requests(),
+                ElementsAre("open /dev/qv-event = 0", "open /dev/video0 = 0",
+                            "ioctl /dev/video0 GetChannelInfo = 0",
+                            "ioctl /dev/video0 GetFamilyInfo = 0", "close /dev/video0 = 0",
+                            "open /dev/video0 = 0", "ioctl /dev/video0 GetChannelInfo = 0",
+                            "ioctl /dev/video0 GetFamilyInfo = 0", "close /dev/video0 = 0",
+                            "open /dev/video0 = 0", "ioctl /dev/video0 GetChannelInfo = 0",
+                            "ioctl /dev/video0 GetChannelInfo = 0", "close /dev/qv-event = 0"));
+}
+
+TEST_F(UpgradeE2eTest, LumoCardsAreUpgradedOnceAndPelixCardsChannelByChannel) {
+    rig.Add(Lumo().Channels(4).Product("L")).Add(Pelix().Channels(2).Product("P"));
+    Package().Write(folder / "p.qvf");
+    const ToolRun run = folder.ThroughPipe(rig, {"-a", "-y"});
+    EXPECT_THAT(run.output, HasSubstr("[1/3] [00:00 L]  Upgrade from 1.0 to 1.1 successfully."));
+    EXPECT_THAT(run.output, HasSubstr("[2/3] [01:00 P]  Upgrade from 1.0 to 1.1 successfully."));
+    EXPECT_THAT(run.output, HasSubstr("[3/3] [01:01 P]  Upgrade from 1.0 to 1.1 successfully."));
+    EXPECT_THAT(run.output, HasSubstr("\n\ntotal 3,  success 3,  fail 0,  skip 0,  cancel 0\n"));
+}
+
+// --- answers --------------------------------------------------------------------------------
+
+TEST_F(UpgradeE2eTest, DecliningOneOfThreeStillOffersThePowerOff) {
+    rig.Add(Pelix().Channels(3).Product("P"));
+    Package().Write(folder / "p.qvf");
+    const ToolRun run = folder.OnTerminal(rig, {"-a"}, {"y", "n", "Y", "n"});
+    EXPECT_EQ(0, run.status);
+    EXPECT_THAT(run.output,
+                HasSubstr("[2/3] [00:01 P]  Do you want to upgrade from 1.0 to 1.1? -- (y)-YES or "
+                          "(n)-NO:" +
+                          Clear(80) + "\r[2/3] [00:01 P]  Upgrade cancled.\n[3/3] "));
+    EXPECT_THAT(run.output, EndsWith("\n\ntotal 3,  success 2,  fail 0,  skip 0,  cancel 1\n" +
+                                     kPowerOffQuestion + "\n"));
+    EXPECT_TRUE(run.terminalRestored);
+}
+
+TEST_F(UpgradeE2eTest, DecliningASafeUpgradeSaysSo) {
+    rig.Add(Pelix().Product("P").Stored(1, 0, 3));
+    Package().Compatibility(3).Write(folder / "p.qvf");
+    const ToolRun run = folder.OnTerminal(rig, {"-a"}, {"n"});
+    EXPECT_THAT(run.output,
+                EndsWith("\r[1/1] [00:00 P]  Safe upgrade cancled.\n\ntotal 1,  success "
+                         "0,  fail 0,  skip 0,  cancel 1\n"));
+}
+
+TEST_F(UpgradeE2eTest, OtherKeysAreReadAndIgnoredAndNeverEchoed) {
+    rig.Add(Pelix().Product("P"));
+    Package().Write(folder / "p.qvf");
+    const ToolRun run = folder.OnTerminal(rig, {"-a"}, {"x\n \x1By", "q\r1N"});
+    EXPECT_EQ(0, run.status);
+    EXPECT_THAT(run.output, HasSubstr("(n)-NO:" + Clear(80) + "\r[1/1] [00:00 P]  Upgrade from"));
+    EXPECT_THAT(run.output, EndsWith(kPowerOffQuestion + "\n"));
+}
+
+TEST_F(UpgradeE2eTest, TheEndOfInputDeclinesEveryUpgrade) {
+    rig.Add(Pelix().Channels(2));
+    Package().Write(folder / "p.qvf");
+    const ToolRun run = folder.ThroughPipe(rig, {"-a"});
+    EXPECT_EQ(0, run.status);
+    EXPECT_THAT(run.output, EndsWith("total 2,  success 0,  fail 0,  skip 0,  cancel 2\n"));
+    EXPECT_THAT(rig.Journal(), Not(testing::Contains(HasSubstr("EraseFirmwareData"))));
+}
+
+TEST_F(UpgradeE2eTest, AnswersComeThroughAPipeToo) {
+    rig.Add(Pelix().Channels(2));
+    Package().Write(folder / "p.qvf");
+    const ToolRun run = folder.ThroughPipe(rig, {"-a"}, "ny");
+    EXPECT_THAT(run.output, HasSubstr("total 2,  success 1,  fail 0,  skip 0,  cancel 1\n"));
+}
+
+TEST_F(UpgradeE2eTest, RootPowersOffDirectly) {
+    rig.Add(Pelix());
+    Package().Write(folder / "p.qvf");
+    folder.UserNumber(0);
+    const ToolRun run = folder.OnTerminal(rig, {"-a", "-y"}, {"y"});
+    EXPECT_EQ(0, run.status);
+    EXPECT_THAT(folder.Commands(), ElementsAre("sync", "poweroff"));
+    // The second newline is the command line's own.
+    EXPECT_THAT(run.output, EndsWith(kPowerOffQuestion + "\n\n"));
+}
+
+TEST_F(UpgradeE2eTest, AnybodyElsePowersOffThroughSudo) {
+    rig.Add(Pelix());
+    Package().Write(folder / "p.qvf");
+    folder.UserNumber(1000);
+    const ToolRun run = folder.ThroughPipe(rig, {"-a", "-y"}, "Y");
+    EXPECT_EQ(0, run.status);
+    EXPECT_THAT(folder.Commands(), ElementsAre("sync", "sudo poweroff"));
+    EXPECT_THAT(run.output, EndsWith(kPowerOffQuestion + "\n\n"));
+    // By then the library is closed.
+    EXPECT_EQ("close /dev/qv-event = 0", rig.Journal().back());
+}
+
+// A number from what the kernel tells of a process.
+uint64_t StatusOf(pid_t pid, const std::string& field, int base) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.starts_with(field + ":"))
+            return std::stoull(line.substr(field.size() + 1), nullptr, base);
+    ADD_FAILURE() << "no line for " << field;
+    return 0;
+}
+
+uint64_t IgnoredSignals(pid_t pid) { return StatusOf(pid, "SigIgn", 16); }
+
+TEST_F(UpgradeE2eTest, InterruptsAreIgnoredWhileAChannelIsWorkedOnAndNotAfterwards) {
+    rig.Add(Pelix().Product("P"));
+    Package().Write(folder / "p.qvf");
+    constexpr uint64_t kInterrupt = 1u << (SIGINT - 1);
+    const ToolRun run = folder.OnTerminal(rig, {"-a"}, {"y", "n"}, [](int question, pid_t pid) {
+        EXPECT_EQ(question == 1, (IgnoredSignals(pid) & kInterrupt) != 0) << question;
+        if (question == 1) {
+            EXPECT_EQ(0, kill(pid, SIGINT));
+        }
+    });
+    EXPECT_EQ(0, run.status);
+    EXPECT_THAT(run.output, HasSubstr("successfully."));
+}
+
+TEST_F(UpgradeE2eTest, AnInterruptAtThePowerOffQuestionEndsTheTool) {
+    rig.Add(Pelix());
+    Package().Write(folder / "p.qvf");
+    const ToolRun run =
+        folder.OnTerminal(rig, {"-a", "-y"}, {"x"}, [](int, pid_t pid) { kill(pid, SIGINT); });
+    EXPECT_EQ(SIGINT, run.signal);
+    EXPECT_THAT(folder.Commands(), IsEmpty());
+}
+
+// Packages are loaded whole, one after another, and given back; sizes that a heap would keep apart.
+TEST_F(UpgradeE2eTest, TheLargestPackageBoundsTheMemory) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's own memory is many times the tool's";
+#endif
+    constexpr uint32_t kMiB = 1 << 20;
+    // The first card has no package, so that all of them are loaded for every list.
+    rig.Add(Pelix().ProductCode(0x0998)).Add(Pelix());
+    PackageBuilder other = Package().ProductCode(0x0999);
+    PackageBuilder(other).Section("A", 0, 10 * kMiB).Write(folder / "a.qvf");
+    PackageBuilder(other)
+        .Section("A", 0, 6 * kMiB)
+        .Section("B", 0, 6 * kMiB)
+        .Write(folder / "b.qvf");
+    PackageBuilder(other).Section("A", 0, 13 * kMiB).Write(folder / "c.qvf");
+    Package().Section("A", 0x200000, kMiB).Write(folder / "d.qvf");
+    uint64_t peakKiB = 0;
+    const ToolRun run =
+        folder.OnTerminal(rig, {"-a", "-a", "-a", "-y"}, {"n"},
+                          [&](int, pid_t pid) { peakKiB = StatusOf(pid, "VmHWM", 10); });
+    EXPECT_THAT(run.output, HasSubstr("successfully."));
+    EXPECT_LE(peakKiB, (13 + 8) * 1024u);
+    EXPECT_GE(peakKiB, 13 * 1024u);  // the package was in memory: the measure works
+}
+
+TEST_F(UpgradeE2eTest, ADamagedSizeTakesNoMemory) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer maps terabytes of its own";
+#endif
+    // The first card has no package, so that both are looked at.
+    rig.Add(Pelix().ProductCode(0x0998)).Add(Pelix());
+    Package().ProductCode(9).Section("A", 0, 10).ClaimSize(0x20000000).Write(folder / "bad.qvf");
+    Package().Write(folder / "good.qvf");
+    uint64_t peakKiB = 0;  // of address space, whether touched or not
+    const ToolRun run = folder.OnTerminal(
+        rig, {"-a", "-y"}, {"n"}, [&](int, pid_t pid) { peakKiB = StatusOf(pid, "VmPeak", 10); });
+    EXPECT_THAT(run.output, HasSubstr("successfully."));
+    EXPECT_LT(peakKiB, 0x20000000u / 1024);
+}
+
+}  // namespace
+}  // namespace qvtest
