@@ -1,0 +1,126 @@
+// What the tool costs beside the bare conversation with the driver: processor time, memory, waiting
+// time, and listing a large rack. Prints rows of a table; exit status 1 when a target is missed.
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+
+#include "Process.h"
+#include "Report.h"
+#include "support/PackageBuilder.h"
+#include "support/SimRig.h"
+
+namespace {
+
+using qvbench::Folder;
+using qvbench::g_missed;
+using qvbench::Median;
+using qvbench::Row;
+using qvbench::Run;
+using qvbench::Text;
+using qvbench::Usage;
+using qvsim::Pelix;
+using qvsim::SimRig;
+using qvtest::PackageBuilder;
+
+constexpr uint32_t kMiB = 1u << 20;
+constexpr uint32_t kSectionAddress = 0x200000;
+PackageBuilder PackageOf(uint32_t size) {
+    return PackageBuilder()
+        .ProductCode(0x0101)
+        .Hardware('A')
+        .Firmware(1, 1)
+        .Compatibility(1)
+        .Section("Factory.Main", kSectionAddress, size);
+}
+
+qvsim::BoardBuilder Board(int channels) {
+    return Pelix().Channels(channels).ProductCode(0x0101).Hardware('A').Firmware(1, 0).FlashSize(
+        32 * kMiB);
+}
+
+// Eight channels and one package of 16 MiB, on cards that answer at once; the tool and the bare
+// replay of its own journal in turn.
+void ProcessorTimeAndMemory() {
+    constexpr int kRounds = 5;
+    SimRig rig;
+    rig.Add(Board(8));
+    Folder work;
+    PackageOf(16 * kMiB).Write(work.Path() + "/a.qvf");
+    const std::vector<std::string> tool{QV_TOOL_FILE, "-a", "-y"};
+    const std::string journal = work.Path() + "/replay.journal";
+    std::vector<double> ratios;
+    std::vector<double> toolSeconds;
+    std::vector<double> bareSeconds;
+    long peak = 0;
+    for (int round = 0; round <= kRounds; ++round) {
+        const std::string running = rig.Dir() + "/journal";
+        std::filesystem::remove(running);
+        const Usage upgrade = Run(rig.Dir(), work.Path(), tool);
+        if (round == 0) std::filesystem::copy_file(running, journal);
+        std::filesystem::remove(running);
+        const Usage bare = Run(rig.Dir(), work.Path(), {QV_REPLAY_FILE, journal});
+        if (upgrade.status != 0 || bare.status != 0) {
+            fprintf(stderr, "a run failed: tool %d, replay %d\n", upgrade.status, bare.status);
+            exit(2);
+        }
+        if (round == 0) continue;  // caches are warm from here on
+        ratios.push_back(upgrade.cpuSeconds / bare.cpuSeconds);
+        toolSeconds.push_back(upgrade.cpuSeconds);
+        bareSeconds.push_back(bare.cpuSeconds);
+        peak = std::max(peak, upgrade.peakKiB);
+    }
+    Row("upgrade of 8 channels, 16 MiB: CPU of the tool / of a bare replay of its requests",
+        Text("%.2f (%.2f s / %.2f s)", Median(ratios), Median(toolSeconds), Median(bareSeconds)),
+        "at most 1.25", Median(ratios) <= 1.25);
+    const double overPackage = static_cast<double>(peak) / 1024 - 16;
+    Row("the same: peak resident memory above the package's size", Text("%.1f MiB", overPackage),
+        "at most 8 MiB", overPackage <= 8);
+}
+
+// One channel and 2 MiB on cards with the delays of a serial NOR flash.
+void WaitingTime() {
+    constexpr uint32_t kSize = 2 * kMiB;
+    constexpr qvsim::Latencies kDelays{10000, 400, 20};
+    SimRig rig;
+    rig.Add(Board(1)).Delays(kDelays);
+    Folder work;
+    PackageOf(kSize).Write(work.Path() + "/a.qvf");
+    const Usage usage = Run(rig.Dir(), work.Path(), {QV_TOOL_FILE, "-a", "-y"});
+    // The header goes along: a sector, a page, and a KiB three times (inventory and verify).
+    const double simulated =
+        ((kSize / 4096.0 + 1) * kDelays.erasePerSector +
+         (kSize / 256.0 + 1) * kDelays.programPerPage + (kSize / 1024.0 + 2) * kDelays.readPerKiB) /
+        1e6;
+    const double ratio = usage.wallSeconds / simulated;
+    Row("upgrade of 1 channel, 2 MiB, with flash delays: wall time / sum of the delays",
+        Text("%.3f (%.2f s / %.2f s)", ratio, usage.wallSeconds, simulated), "at most 1.02",
+        usage.status == 0 && ratio <= 1.02);
+}
+
+// 64 channels and 32 packages of 8 MiB, of which the last in the folder's order fits.
+void ListingALargeRack() {
+    SimRig rig;
+    for (int board = 0; board < 8; ++board) rig.Add(Board(8).Board(board));
+    Folder work;
+    for (int i = 0; i < 32; ++i)
+        PackageOf(8 * kMiB).ProductCode(0x0999).Write(work.Path() + "/p" + std::to_string(i) +
+                                                      ".qvf");
+    std::string last;  // the folder's own order decides which one is read last
+    for (const auto& entry : std::filesystem::directory_iterator(work.Path())) last = entry.path();
+    PackageOf(8 * kMiB).Write(last);
+    const Usage usage = Run(rig.Dir(), work.Path(), {QV_TOOL_FILE, "-l"});
+    const double gib = 64.0 * 32 * 8 / 1024;
+    Row("`-l` with 64 channels and 32 packages of 8 MiB, the last of which fits",
+        Text("%.1f s, %.0f GiB of packages read, %.2f GiB/s", usage.wallSeconds, gib,
+             gib / usage.wallSeconds),
+        "reported", usage.status == 0);
+}
+
+}  // namespace
+
+int main() {
+    ProcessorTimeAndMemory();
+    WaitingTime();
+    ListingALargeRack();
+    return g_missed == 0 ? 0 : 1;
+}
