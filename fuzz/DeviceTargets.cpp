@@ -1,0 +1,174 @@
+// The upgrade tool's pieces over simulated cards whose driver says anything.
+#include <fcntl.h>
+#include <getopt.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <vector>
+
+#include "CommandLine.h"
+#include "FirmwarePackage.h"
+#include "Input.h"
+#include "Inventory.h"
+#include "QVCapture.h"
+#include "Targets.h"
+#include "ToolState.h"
+#include "UpgradeRun.h"
+#include "support/PackageBuilder.h"
+#include "support/SimRig.h"
+
+namespace qvfuzz {
+namespace {
+
+constexpr uint32_t kFirmware = 0x2000;
+constexpr uint32_t kFlashSize = 0x10000;
+
+void ResetTool() {
+    g_dwCMD = 0;
+    g_nBoardIndex = kAnyIndex;
+    g_nChannelIndex = kAnyIndex;
+    g_nDevicesNum = 0;
+    g_nDevicesNeedUpgrade = 0;
+    for (_QVCAP_UPGRADE_LIST_INFO_& record : g_arrChannsInfo) record = {};
+}
+
+// A channel without a package stays open to the end of the tool; here the tool ends many times.
+class OpenFiles {
+  public:
+    OpenFiles() {
+        for (int fd = 0; fd < kNumbers; ++fd) before_[fd] = IsOpen(fd);
+    }
+    ~OpenFiles() {
+        for (int fd = 0; fd < kNumbers; ++fd)
+            if (!before_[fd] && IsOpen(fd)) close(fd);
+    }
+    OpenFiles(const OpenFiles&) = delete;
+    OpenFiles& operator=(const OpenFiles&) = delete;
+
+  private:
+    static constexpr int kNumbers = 64;
+    static bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
+    bool before_[kNumbers];
+};
+
+void EnterFolder() {
+    static const bool kThere = chdir(Folder().c_str()) == 0;
+    Check(kThere, "the folder cannot be entered");
+}
+
+void CheckList() {
+    Check(g_nDevicesNum >= 0 && g_nDevicesNum <= kListCapacity, "the list is too long");
+    for (int i = 0; i < g_nDevicesNum; ++i) {
+        const _QVCAP_UPGRADE_LIST_INFO_& record = g_arrChannsInfo[i];
+        Check(memchr(record.captureName, 0, sizeof record.captureName) &&
+                  memchr(record.devicePath, 0, sizeof record.devicePath) &&
+                  memchr(record.currentVersion, 0, sizeof record.currentVersion) &&
+                  memchr(record.newVersion, 0, sizeof record.newVersion),
+              "a text without an end");
+        Check(record.needUpgrade <= 1 && record.safeUpgrade <= 1, "a flag that is none");
+    }
+}
+
+}  // namespace
+
+// One byte: boards and their kind; a channel record for each; the rest stands in the flash.
+void ListDevices(const uint8_t* data, size_t size) {
+    EnterFolder();
+    Taker taker(data, size);
+    const uint8_t kinds = taker.Byte();
+    std::vector<_QVCAP_CHANNEL_INFO> records(1 + kinds % 3);
+    qvsim::SimRig rig;
+    for (size_t i = 0; i < records.size(); ++i) {
+        taker.Fill(&records[i], sizeof records[i]);
+        const auto edit = [record = records[i]](_QVCAP_CHANNEL_INFO& info) { info = record; };
+        rig.Add(((kinds >> (2 + i) & 1) ? qvsim::Lumo() : qvsim::Pelix())
+                    .FirmwareOffset(kFirmware)
+                    .FlashSize(kFlashSize)
+                    .RawInfo(edit));
+    }
+    qvtest::Package()
+        .ProductCode(records[0].productCode)
+        .Hardware(records[0].hardwareVersion)
+        .Compatibility(7)
+        .Section("Factory.Main", 0x4000, 10)
+        .Write(Folder() + "/p.qvf");
+    rig.Attach();
+    {
+        const OpenFiles leftOpen;
+        QVCaptureInitInstance();
+        std::vector<uint8_t> flash(std::min<size_t>(taker.Left(), 4096));
+        taker.Fill(flash.data(), flash.size());
+        if (const QV_CHANNEL channel = QVOpenChannelByPath("/dev/video0"); channel != nullptr) {
+            QVEraseFirmwareData(channel, kFirmware, 4096);
+            QVWriteFirmwareData(channel, kFirmware, flash.data(),
+                                static_cast<unsigned>(flash.size()));
+            QVCloseChannel(channel);
+        }
+        ResetTool();
+        Check(InitialQVFList() == 0, "no list of packages");
+        int count = kListCapacity;
+        if (GetDevicesInfo(g_arrChannsInfo, &count, kAnyIndex, kAnyIndex) == 0)
+            g_nDevicesNum = count;
+        CheckList();
+        ListAllChannelInfo();
+        std::fflush(stdout);
+        ExitQVFList();
+        QVCaptureExitInstance();
+    }
+    rig.Detach();
+}
+
+// Arguments, each ended by a newline, up to a zero byte; the keys that are typed behind it. The
+// power-off question is not among what is run.
+void RunCommandLine(const uint8_t* data, size_t size) {
+    EnterFolder();
+    const uint8_t* const end = std::find(data, data + size, uint8_t{0});
+    std::vector<std::string> arguments = {"qvcap-upgrade", ""};
+    for (const uint8_t* at = data; at < end && arguments.size() < 16; ++at) {
+        if (*at == '\n')
+            arguments.emplace_back();
+        else
+            arguments.back() += static_cast<char>(*at);
+    }
+    if (arguments.back().empty()) arguments.pop_back();
+    std::vector<char*> argv;
+    for (std::string& argument : arguments) argv.push_back(argument.data());
+    argv.push_back(nullptr);
+
+    const uint8_t* const keys = end == data + size ? end : end + 1;
+    const std::string& typed = AsFile(keys, static_cast<size_t>(data + size - keys));
+    Check(std::freopen(typed.c_str(), "r", stdin) != nullptr, "no standard input");
+
+    qvsim::SimRig rig;
+    rig.Add(qvsim::Pelix().Channels(2).FirmwareOffset(kFirmware).FlashSize(kFlashSize))
+        .Add(qvsim::Lumo().Channels(2).FirmwareOffset(kFirmware).FlashSize(kFlashSize));
+    qvtest::Package().Section("Factory.Main", 0x4000, 10).Write(Folder() + "/p.qvf");
+    rig.Attach();
+    {
+        const OpenFiles leftOpen;
+        QVCaptureInitInstance();
+        ResetTool();
+        Check(InitialQVFList() == 0, "no list of packages");
+        optind = 0;  // begins anew
+        opterr = 0;
+        const int parsed = PraseCommandLine(static_cast<int>(arguments.size()), argv.data());
+        Check(parsed >= 0 && parsed <= 5, "an unknown result");
+        CheckList();
+        ListAllChannelInfo();
+        if (parsed == 0 || parsed == 5) {
+            const UpgradeCounters counters = UpgradeListedChannels();
+            Check(
+                counters.success + counters.fail + counters.skip + counters.cancel == g_nDevicesNum,
+                "a channel counts nowhere, or twice");
+            Check(counters.fail == 0, "healthy cards fail");
+            PrintSummary(counters);
+        }
+        std::fflush(stdout);
+        ExitQVFList();
+        QVCaptureExitInstance();
+    }
+    rig.Detach();
+}
+
+}  // namespace qvfuzz

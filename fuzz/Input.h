@@ -1,0 +1,48 @@
+// Helpers of the targets: input as a file, a check that holds without NDEBUG, a folder to work in.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <string>
+
+namespace qvfuzz {
+
+inline void Check(bool holds, const char* what) {
+    if (holds) return;
+    std::fprintf(stderr, "fuzz: %s\n", what);
+    std::abort();
+}
+
+// A regular file in memory that holds the bytes; its path stays the same.
+const std::string& AsFile(const uint8_t* data, size_t size);
+
+// An empty folder of this process, made on first use and removed at its end.
+const std::string& Folder();
+
+// Takes bytes from the front; zeros when there are no more.
+class Taker {
+  public:
+    Taker(const uint8_t* data, size_t size) : data_(data), left_(size) {}
+    size_t Left() const { return left_; }
+    const uint8_t* Rest() const { return data_; }
+    uint8_t Byte() {
+        uint8_t byte = 0;
+        Fill(&byte, 1);
+        return byte;
+    }
+    void Fill(void* out, size_t size) {
+        auto* bytes = static_cast<uint8_t*>(out);
+        for (size_t i = 0; i < size; ++i) {
+            bytes[i] = left_ > 0 ? *data_++ : uint8_t{0};
+            left_ -= left_ > 0;
+        }
+    }
+
+  private:
+    const uint8_t* data_;
+    size_t left_;
+};
+
+}  // namespace qvfuzz

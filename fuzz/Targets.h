@@ -1,0 +1,29 @@
+// What is fuzzed: functions that take any bytes, and abort when one of their own checks fails.
+//
+// The same functions run under libFuzzer (scripts/fuzz) and over the corpus in the ordinary tests
+// (tests/fuzz). Standard output is theirs to fill; whoever calls them sends it away. One thread.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+
+namespace qvfuzz {
+
+struct Target {
+    const char* name;  // also the folder of its corpus
+    void (*run)(const uint8_t* data, size_t size);
+};
+
+void LoadPackage(const uint8_t* data, size_t size);      // the upgrade tool's package loader
+void ReadPackage(const uint8_t* data, size_t size);      // qvftool's, and everything behind it
+void ReadDescription(const uint8_t* data, size_t size);  // qvftool's TOML description
+void ParseScenario(const uint8_t* data, size_t size);    // scenario files of the simulation
+void ListDevices(const uint8_t* data, size_t size);      // arbitrary driver records and flash
+void RunCommandLine(const uint8_t* data, size_t size);   // arguments, then keys
+
+inline constexpr Target kTargets[] = {
+    {"package", LoadPackage},    {"qvftool", ReadPackage}, {"description", ReadDescription},
+    {"scenario", ParseScenario}, {"devices", ListDevices}, {"commandline", RunCommandLine},
+};
+
+}  // namespace qvfuzz
