@@ -6,6 +6,7 @@
 
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
 #include "AudioAlsa.h"
 #include "AudioVolume.h"
@@ -34,8 +35,9 @@ struct Identity {
     char product[sizeof _QVCAP_CHANNEL_INFO::productName + 1] = {};
 };
 
-bool IsFamily(const _QVCAP_CHANNEL_INFO& info, const char* family) {
-    return strncmp(info.familyName, family, sizeof info.familyName) == 0;
+bool IsFamily(const _QVCAP_CHANNEL_INFO& info, std::string_view family) {
+    return family ==
+           std::string_view(info.familyName, strnlen(info.familyName, sizeof info.familyName));
 }
 
 Identity Identify(QV_CHANNEL channel) {

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string_view>
 
 #include "FirmwarePackage.h"
 #include "ToolState.h"
@@ -55,7 +56,9 @@ bool PassesFilter(const _QVCAP_CHANNEL_INFO& info, int board, int channel) {
 // Whether an earlier record already stands for this channel's firmware.
 bool SharesFirmwareWithListed(const _QVCAP_CHANNEL_INFO& info,
                               const _QVCAP_UPGRADE_LIST_INFO_* list, int count) {
-    if (strncmp(info.familyName, "Lumo Capture", sizeof info.familyName) != 0) return false;
+    const std::string_view family(info.familyName,
+                                  strnlen(info.familyName, sizeof info.familyName));
+    if (family != "Lumo Capture") return false;
     for (int i = 0; i < count; ++i)
         if (strncmp(list[i].boardSerialNumber, info.boardSerialNumber,
                     sizeof info.boardSerialNumber) == 0)
