@@ -1,6 +1,6 @@
 // A firmware package as data, read from bytes and turned into bytes again without losing any.
 //
-// The format is docs/formats/qvf.md. A reader of its own: it must be able to judge what other
+// The format is docs/man/qvf.5.scd. A reader of its own: it must be able to judge what other
 // readers make of a file. Every failure is a Mistake. Values may be used from any thread.
 #pragma once
 

@@ -1,5 +1,5 @@
 // Firmware package files (".qvf"): their records, the list of those in the current directory, and
-// loading the one that fits a channel. The format is described in docs/formats/qvf.md.
+// loading the one that fits a channel. The format is described in docs/man/qvf.5.scd.
 // Nothing here touches a card's flash. Single-threaded.
 #pragma once
 
