@@ -30,7 +30,7 @@ std::string OwnPath() {
 // installed. Empty when neither is there.
 std::string SupportFolder(const std::string& own) {
     const std::string folder = own.substr(0, own.rfind('/'));
-    for (const char* place : {"", "/../lib/qvcapture"}) {
+    for (const char* place : {"", "/../lib/qvcapture/sim"}) {
         const std::string candidate = folder + place;
         if (access((candidate + "/standins/poweroff").c_str(), X_OK) == 0) return candidate;
     }

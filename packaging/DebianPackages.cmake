@@ -1,0 +1,80 @@
+# Debian packages: `cpack` in a build folder that was configured for /usr, see scripts/package.
+set(maintainer "The qvcapture maintainers <maintainers@qvcapture.invalid>")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME qvcapture)
+set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
+set(CPACK_PACKAGE_CONTACT ${maintainer})
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime dev tool companions)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
+if(CMAKE_SIZEOF_VOID_P EQUAL 4)
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE i386)
+else()
+  set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE amd64)
+endif()
+
+# Stated and not looked up: on the machine that builds them the 32-bit libraries are in no package of
+# their own. A test compares this with what the programs ask for.
+set(system_libraries "libc6 (>= 2.36), libgcc-s1 (>= 3.0)")
+set(cpp_library "libstdc++6 (>= 12)")
+set(this_version "(= ${PROJECT_VERSION})")
+
+# A package is a component, its name, section, what it needs, and its description.
+macro(debian_package component name section depends summary text)
+  string(TOUPPER ${component} key)
+  set(CPACK_DEBIAN_${key}_PACKAGE_NAME ${name})
+  set(CPACK_DEBIAN_${key}_PACKAGE_SECTION ${section})
+  set(CPACK_DEBIAN_${key}_PACKAGE_DEPENDS "${depends}")
+  set(CPACK_COMPONENT_${key}_DESCRIPTION "${summary}\n${text}")
+  execute_process(
+    COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/debian-changelog ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+            qvcapture ${maintainer}
+    COMMAND gzip -9nc
+    OUTPUT_FILE ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz
+    COMMAND_ERROR_IS_FATAL ANY)
+  install(FILES ${CMAKE_CURRENT_BINARY_DIR}/changelog.gz copyright
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${name} COMPONENT ${component})
+  if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/lintian/${name})
+    install(FILES lintian/${name} DESTINATION ${CMAKE_INSTALL_DATADIR}/lintian/overrides
+      COMPONENT ${component})
+  endif()
+endmacro()
+
+debian_package(runtime libqvcapture3 libs
+  "${system_libraries}, ${cpp_library}, libasound2 (>= 1.2), libv4l-0 (>= 1.22)"
+  "capture-device library"
+  "Finds, opens and drives the channels of Pelix, Lumo and Tavo Capture
+devices: identity, settings, events, video and audio capture, firmware.")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_MULTIARCH same)
+debian_package(dev libqvcapture-dev libdevel
+  "libqvcapture3 ${this_version}, libasound2-dev, libv4l-dev"
+  "capture-device library - development files"
+  "Headers for C and C++, manual pages, data for pkg-config and CMake, and the
+static library of what drives Pelix, Lumo and Tavo Capture devices.")
+debian_package(tool qvcap-upgrade admin
+  "libqvcapture3 ${this_version}, ${system_libraries}, ${cpp_library}"
+  "firmware upgrade of capture cards"
+  "Lists the Pelix and Lumo Capture cards of a computer and upgrades their
+firmware from packages in the current directory: erases, writes and verifies
+section by section.")
+debian_package(companions qvcapture-companions utils
+  "${system_libraries}, ${cpp_library}"
+  "simulated capture cards and firmware package tool"
+  "qvcap-sim lays out simulated capture cards, flash memory and faults included,
+and runs programs on them. qvftool makes, shows, checks and takes apart
+firmware packages.")
+set(CPACK_DEBIAN_COMPANIONS_PACKAGE_SUGGESTS qvcap-upgrade)
+
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/control/triggers "activate-noawait ldconfig\n")
+file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/control/shlibs
+  "libqvcapture ${PROJECT_VERSION_MAJOR} libqvcapture3 (>= ${PROJECT_VERSION})\n")
+file(CHMOD ${CMAKE_CURRENT_BINARY_DIR}/control/triggers ${CMAKE_CURRENT_BINARY_DIR}/control/shlibs
+  PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA
+  ${CMAKE_CURRENT_BINARY_DIR}/control/triggers ${CMAKE_CURRENT_BINARY_DIR}/control/shlibs)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+include(CPack)
