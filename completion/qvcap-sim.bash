@@ -11,12 +11,13 @@ _qvcap_sim() {
     done
     compopt -o filenames 2>/dev/null
     if ((COMP_CWORD == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W '-h --help init run serve status power-cycle journal' -- "$current")
+        mapfile -t COMPREPLY < <(compgen -W '-h --help init run serve usb status power-cycle journal' -- "$current")
     elif [[ $previous == --scenario ]]; then
         mapfile -t COMPREPLY < <(compgen -f -X '!*.toml' -- "$current"; compgen -d -- "$current")
     elif [[ $current == -* ]]; then
         local options='-h --help'
         [[ $subcommand == init ]] && options+=' --scenario'
+        [[ $subcommand == usb ]] && options+=' --scenario --played'
         [[ $subcommand == run ]] && options+=' --state --'
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
     else

@@ -14,6 +14,9 @@ int PowerCycleCommand(const std::string& dir);
 int JournalCommand(const std::string& dir);
 // Makes the cards' nodes in /dev and serves them until SIGTERM or SIGINT; 1 when that cannot be.
 int ServeCommand(const std::string& dir);
+// Plugs the USB devices of a scenario into the running kernel and serves them until SIGTERM or
+// SIGINT; 1 when that cannot be. What is played to them goes to files in the folder `played`.
+int UsbCommand(const std::string& scenario, const std::string& played);  // either may be ""
 // Becomes `command`, with the cards of `dir` in its /dev and harmless stand-ins for the programs
 // that switch a machine off; returns only when that cannot be.
 int RunCommand(const std::string& dir, const std::vector<std::string>& command);

@@ -226,13 +226,44 @@ Fault ReadFault(const toml::node& node) {
     return fault;
 }
 
-UsbDevice ReadUsb(const toml::node& node) {
+std::vector<std::string> ReadNames(const toml::node& node, const char* key) {
+    std::vector<std::string> names;
+    const toml::array* array = node.as_array();
+    if (!array) throw Mistake(node, std::string(key) + " is a list of texts");
+    for (const toml::node& name : *array) names.push_back(Table::TextOf(name, key));
+    return names;
+}
+
+CameraSize ReadSize(const toml::node& node) {
+    Table table(TableOf(node, "camera"));
+    CameraSize size;
+    table.Integer("width", size.width, 2, 4096);
+    table.Integer("height", size.height, 2, 4096);
+    if (const toml::node* fps = table.Find("fps")) {
+        const toml::array* array = fps->as_array();
+        if (!array) throw Mistake(*fps, "fps is a list of whole numbers");
+        size.fps.clear();
+        for (const toml::node& rate : *array)
+            size.fps.push_back(static_cast<int>(Table::IntegerOf(rate, "fps", 1, 240)));
+    }
+    table.NothingElse();
+    return size;
+}
+
+UsbPlan ReadUsb(const toml::node& node) {
     Table table(TableOf(node, "usb"));
-    UsbDevice device;
+    UsbPlan device;
     table.Text("product", device.product);
     table.Text("serial", device.serial);
     table.Text("hardware", device.hardware);
     table.Integer("product_code", device.productCode, 0, 0xFFFF);
+    table.Integer("controller", device.controller, 0, 15);
+    if (const toml::node* names = table.Find("captures"))
+        device.captures = ReadNames(*names, "captures");
+    if (const toml::node* names = table.Find("playbacks"))
+        device.playbacks = ReadNames(*names, "playbacks");
+    if (table.Find("camera")) device.camera.emplace();
+    ForEach(table, "camera", [&](const toml::node& e) { device.camera->push_back(ReadSize(e)); });
     table.NothingElse();
     return device;
 }
@@ -253,7 +284,11 @@ void ReadAll(const toml::table& root, CardsPlan& plan) {
         latency.NothingElse();
     }
     ForEach(table, "board", [&](const toml::node& e) { plan.boards.push_back(ReadBoard(e)); });
-    ForEach(table, "usb", [&](const toml::node& e) { plan.usbDevices.push_back(ReadUsb(e)); });
+    ForEach(table, "usb", [&](const toml::node& e) {
+        plan.usbDevices.push_back(ReadUsb(e));
+        if (const std::string error = CompleteLastUsb(plan.usbDevices); !error.empty())
+            throw Mistake(e, error);
+    });
     ForEach(table, "fault", [&](const toml::node& e) { plan.faults.push_back(ReadFault(e)); });
     table.NothingElse();
     // Each board is checked alone first, so that the message can name its line.

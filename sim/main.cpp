@@ -40,6 +40,14 @@ int main(int argc, char** argv) {
              "make the cards' nodes in /dev and serve them until SIGTERM or SIGINT;\n"
              "prints `ready` when they stand. Needs root and /dev/cuse",
              qvsim::ServeCommand);
+    auto* usb = app.add_subcommand(
+        "usb",
+        "plug the scenario's USB devices into this kernel and serve them until SIGTERM or SIGINT;\n"
+        "prints `ready` when all are known, and takes lines `unplug SERIAL` and `plug SERIAL`.\n"
+        "Needs root and the modules vhci-hcd, snd-usb-audio, uvcvideo");
+    usb->add_option("--scenario", scenario, "TOML file; without it one device");
+    usb->add_option("--played", dir, "folder for what is played to the devices");
+    usb->callback([&] { status = qvsim::UsbCommand(scenario, dir); });
     onFolder("status", "show boards, channels, versions and power", qvsim::StatusCommand);
     onFolder("power-cycle", "switch the cards off and on: firmware is loaded from flash",
              qvsim::PowerCycleCommand);

@@ -148,7 +148,7 @@ std::string LayOut(const CardsPlan& plan, const std::string& dir) {
     state.latencies = plan.latencies;
     state.foreignNodes = plan.foreignNodes;
     state.faults = plan.faults;
-    state.usbDevices = plan.usbDevices;
+    state.usbDevices.assign(plan.usbDevices.begin(), plan.usbDevices.end());
     for (const BoardPlan& board : plan.boards) {
         state.boards.push_back(MakeBoard(board));
         if (std::string error = LayFlash(board, state.boards.back(), dir); !error.empty())

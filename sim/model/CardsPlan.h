@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "CardsState.h"
+#include "UsbPlan.h"
 
 namespace qvsim {
 
@@ -51,7 +52,7 @@ struct CardsPlan {
     std::vector<int> foreignNodes;
     std::vector<BoardPlan> boards;
     std::vector<Fault> faults;
-    std::vector<UsbDevice> usbDevices;
+    std::vector<UsbPlan> usbDevices;
 };
 
 // Fills in what is open and checks that the whole can exist: unique boards and nodes, texts that

@@ -55,7 +55,7 @@ struct BoardState {
     std::vector<ChannelState> channels;
 };
 
-// Kept for whoever lists USB devices; no door serves them.
+// Kept for whoever lists USB devices.
 struct UsbDevice {
     std::string product;
     std::string serial;

@@ -23,15 +23,26 @@ bool DrawPicture(const FrameRequest& request, uint32_t number) {
     return true;
 }
 
+int16_t ToneSample(uint64_t index, int kilohertz) {
+    constexpr size_t kPeriod = 48;  // samples of 1 kHz at 48 kHz
+    static const std::array<int16_t, kPeriod> wave = [] {
+        std::array<int16_t, kPeriod> samples{};
+        for (size_t i = 0; i < kPeriod; ++i) {
+            const double angle = 2 * 3.14159265358979323846 * static_cast<double>(i) / kPeriod;
+            samples[i] = static_cast<int16_t>(std::lround(12000 * std::sin(angle)));
+        }
+        return samples;
+    }();
+    return wave[static_cast<size_t>(index % kPeriod) * static_cast<unsigned>(kilohertz) % kPeriod];
+}
+
 void DrawTone(uint32_t number, _QVCAP_AUDIO_CAPTURE_FRAME& frame) {
     constexpr size_t kSamples = sizeof frame.bytes12 / sizeof(int16_t);
-    constexpr double kStep = 2 * 3.14159265358979323846 / 48;  // 1 kHz at 48 kHz
     const uint64_t wide = number;
     std::memcpy(frame.bytes0, &wide, sizeof wide);
     frame.marker = QV_AUDIO_FRAME_MARKER;
     for (size_t i = 0; i < kSamples; ++i) {
-        const double angle = kStep * static_cast<double>(number * kSamples + i);
-        const auto sample = static_cast<int16_t>(12000 * std::sin(angle));
+        const int16_t sample = ToneSample(wide * kSamples + i, 1);
         std::memcpy(frame.bytes12 + i * sizeof sample, &sample, sizeof sample);
     }
 }

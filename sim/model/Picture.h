@@ -15,7 +15,11 @@ namespace qvsim {
 // refused.
 bool DrawPicture(const FrameRequest& request, uint32_t number);
 
-// A sine of 16-bit samples behind the marker; the first eight bytes are the frame's number.
+// Sample `index` of a sine of so many kHz at 48 kHz.
+int16_t ToneSample(uint64_t index, int kilohertz);
+
+// A sine of 1 kHz in 16-bit samples behind the marker; the first eight bytes are the frame's
+// number.
 void DrawTone(uint32_t number, _QVCAP_AUDIO_CAPTURE_FRAME& frame);
 
 }  // namespace qvsim

@@ -151,6 +151,24 @@ TEST_F(CommandsTest, ServingWhereTheKernelCannotSaysWhatIsMissing) {
         outcome.output);
 }
 
+TEST_F(CommandsTest, PluggingInWhereTheKernelCannotSaysWhatIsMissing) {
+    if (access("/sys/devices/platform/vhci_hcd.0", F_OK) == 0)
+        GTEST_SKIP() << "this kernel can: UsbServerTest plays one that cannot";
+    Outcome outcome = Shell("qvcap-sim usb");
+    EXPECT_EQ(1, outcome.status);
+    EXPECT_EQ(
+        "qvcap-sim: usb: /sys/devices/platform/vhci_hcd.0/attach: No such file or directory: the "
+        "kernel's virtual host controller is not loaded (modprobe vhci-hcd)\n",
+        outcome.output);
+    std::ofstream(home_ + "/s.toml") << "[[usb]]\nproduct = \"T\"\nserial = \"S\"\n";
+    outcome = Shell("qvcap-sim usb --scenario " + home_ + "/s.toml");
+    EXPECT_EQ(2, outcome.status);
+    EXPECT_THAT(outcome.output, HasSubstr("S has neither sound nor camera: 'T' is no model"));
+    outcome = Shell("qvcap-sim usb --played " + home_ + "/s.toml");
+    EXPECT_EQ(2, outcome.status);
+    EXPECT_THAT(outcome.output, HasSubstr("s.toml: is no folder"));
+}
+
 TEST_F(CommandsTest, TheStandInsDoNothingWithoutCards) {
     const std::string folder = std::filesystem::path(QVCAP_SIM).parent_path().string();
     EXPECT_EQ(1,

@@ -7,6 +7,7 @@ namespace qvsim {
 namespace {
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 using testing::StartsWith;
 
 TEST(ScenarioTest, TheDefaultOneHasACardOfEverySort) {
@@ -55,6 +56,14 @@ kind = "refuse"
 value = "ENODEV"
 [[usb]]
 product = "T"
+[[usb]]
+product = "Tavo Capture SDI 4K"
+serial = "S"
+controller = 2
+camera = [{ width = 64, height = 32, fps = [30, 15] }]
+[[usb]]
+product = "Lumo Capture SDI"
+playbacks = ["Out"]
 )",
                                 "x", plan));
     EXPECT_FALSE(plan.eventNode);
@@ -79,6 +88,18 @@ product = "T"
     EXPECT_EQ(FaultKind::kRefuse, fault.effect.kind);
     EXPECT_EQ(static_cast<uint32_t>(ENODEV), fault.effect.value);
     EXPECT_EQ("T", plan.usbDevices.at(0).product);
+    EXPECT_EQ("USB0", plan.usbDevices[0].serial);
+    EXPECT_THAT(*plan.usbDevices[0].captures, IsEmpty()) << "no model known";
+    const UsbPlan& model = plan.usbDevices.at(1);
+    EXPECT_EQ("S", model.serial);
+    EXPECT_EQ(2, model.controller);
+    EXPECT_THAT(*model.captures, ElementsAre("SDI", "Line In"));
+    EXPECT_EQ(64, model.camera->at(0).width);
+    EXPECT_THAT(model.camera->at(0).fps, ElementsAre(30, 15));
+    const UsbPlan& card = plan.usbDevices.at(2);
+    EXPECT_THAT(*card.captures, ElementsAre("SDI"));
+    EXPECT_THAT(*card.playbacks, ElementsAre("Out"));
+    EXPECT_THAT(*card.camera, IsEmpty());
 }
 
 struct Wrong {
@@ -123,6 +144,16 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong{"[[board]]\nstored = \"some\"", "f.toml:2: stored is \"none\" or a table"},
         Wrong{"event_node = 1", "f.toml:1: event_node is true or false"},
         Wrong{"board = 5", "f.toml:1: board is a list"},
+        Wrong{"[[usb]]\nserial = \"A\"\n[[usb]]\nserial = \"A\"",
+              "f.toml:3: serial 'A' is another USB device's"},
+        Wrong{"[[usb]]\nserial = \"../x\"", "f.toml:1: serial is 1 to 31 characters"},
+        Wrong{"[[usb]]\nproduct = \"a\\nb\"", "f.toml:1: product is 1 to 63 characters"},
+        Wrong{"[[usb]]\ncontroller = 16", "f.toml:2: controller is a whole number from 0 to 15"},
+        Wrong{"[[usb]]\ncaptures = \"Mic\"", "f.toml:2: captures is a list of texts"},
+        Wrong{"[[usb]]\ncaptures = [\"\"]", "f.toml:1: captures and playbacks are up to 7 names"},
+        Wrong{"[[usb]]\ncamera = [{ width = 63 }]", "f.toml:1: the width of a camera's picture"},
+        Wrong{"[[usb]]\ncamera = [{ fps = [] }]", "f.toml:1: fps is a list of 1 to 16 numbers"},
+        Wrong{"[[usb]]\ncamera = [{ fps = [0] }]", "f.toml:2: fps is a whole number from 1 to 240"},
         // What the parser takes for granted, and what it takes for impossible.
         Wrong{"[[[", "f.toml: this is not TOML"},
         Wrong{"# a\n\xE2\x80\xB0", "f.toml:2: only ASCII characters are understood"}));

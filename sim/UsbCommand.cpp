@@ -1,0 +1,82 @@
+// `qvcap-sim usb`: the USB devices of a scenario on the kernel's virtual host controller, until
+// SIGTERM or SIGINT.
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+
+#include "Commands.h"
+#include "Scenario.h"
+#include "UsbServer.h"
+
+namespace qvsim {
+namespace {
+
+constexpr int kCannotServe = 1;
+
+int Fail(const std::string& error, int status) {
+    std::fprintf(stderr, "qvcap-sim: %s\n", error.c_str());
+    return status;
+}
+
+usb::PluggedSpec Spec(const UsbPlan& plan) {
+    usb::PluggedSpec spec;
+    spec.controller = plan.controller;
+    spec.device.product = plan.product;
+    spec.device.serial = plan.serial;
+    for (const std::string& name : *plan.captures) spec.device.streams.push_back({name, true});
+    for (const std::string& name : *plan.playbacks) spec.device.streams.push_back({name, false});
+    for (const CameraSize& size : *plan.camera)
+        spec.device.sizes.push_back({size.width, size.height, size.fps});
+    return spec;
+}
+
+}  // namespace
+
+int UsbCommand(const std::string& scenario, const std::string& played) {
+    CardsPlan plan;
+    std::string error = scenario.empty()
+                            ? ParseScenario(kDefaultScenario, "default-scenario.toml", plan)
+                            : ReadScenario(scenario, plan);
+    if (!error.empty()) return Fail(error, kBadInput);
+    if (!played.empty() && !std::filesystem::is_directory(played))
+        return Fail(played + ": is no folder; make it, or leave --played away", kBadInput);
+
+    // Blocked, to be read: the devices are unplugged before the end.
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGTERM);
+    sigaddset(&ends, SIGINT);
+    sigprocmask(SIG_BLOCK, &ends, nullptr);
+    const int stop = signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (stop < 0) return Fail(std::string("usb: ") + std::strerror(errno), kCannotServe);
+
+    std::vector<usb::PluggedSpec> specs;
+    for (const UsbPlan& device : plan.usbDevices) {
+        specs.push_back(Spec(device));
+        if (specs.back().device.streams.empty() && specs.back().device.sizes.empty())
+            return Fail("usb: " + device.serial + " has neither sound nor camera: '" +
+                            device.product +
+                            "' is no model known here, name captures, playbacks or camera",
+                        kBadInput);
+    }
+    const auto report = [](const std::string& line) {
+        std::printf("%s\n", line.c_str());
+        std::fflush(stdout);
+    };
+    usb::VhciHost host;
+    usb::UsbServer server(std::move(specs), host, played, report);
+    error = server.Start(stop);
+    if (error.empty()) {
+        report("ready");
+        error = server.Run(STDIN_FILENO);
+    }
+    close(stop);
+    return error.empty() ? 0 : Fail("usb: " + error, kCannotServe);
+}
+
+}  // namespace qvsim

@@ -1,0 +1,55 @@
+// One USB device: descriptors, standard requests, and its functions; bytes in, bytes out.
+//
+// Knows no sockets and no clock. A message that cannot be understood ends the conversation. One
+// thread.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "AudioFunction.h"
+#include "UsbFunction.h"
+#include "VideoFunction.h"
+
+namespace qvsim::usb {
+
+struct DeviceSpec {
+    std::string product;
+    std::string serial;
+    std::vector<StreamSpec> streams;  // empty: no sound card
+    std::vector<SizeSpec> sizes;      // empty: no camera
+};
+
+class EmulatedDevice {
+  public:
+    EmulatedDevice(DeviceSpec spec, AudioFunction::Listener listener);
+
+    // Takes bytes as they come and answers what can be answered at once. False when they make no
+    // sense: nothing more can be understood.
+    bool Receive(const uint8_t* bytes, size_t size, Micros now, Bytes& out);
+    void Advance(Micros now, Bytes& out);
+    Micros NextDue() const;
+
+    bool Configured() const { return configuration_ != 0; }
+    const DeviceSpec& Spec() const { return spec_; }
+    const Bytes& ConfigurationDescriptor() const { return described_; }
+
+  private:
+    void Serve(Message& message, Bytes& out);
+    // What is read, or nothing to stall.
+    std::optional<Bytes> Control(const Setup& setup, const Bytes& data);
+    std::optional<Bytes> Standard(const Setup& setup);
+    std::optional<Bytes> Descriptor(const Setup& setup) const;
+    std::optional<Bytes> InterfaceRequest(const Setup& setup);
+    UsbFunction* FunctionOf(const Setup& setup) const;
+
+    DeviceSpec spec_;
+    Numbers numbers_;
+    std::vector<std::unique_ptr<UsbFunction>> functions_;
+    Bytes described_;
+    Bytes received_;
+    uint8_t configuration_ = 0;
+};
+
+}  // namespace qvsim::usb

@@ -1,0 +1,67 @@
+// Building blocks of descriptors: what a device says it is, in the bus's little-endian bytes.
+//
+// A descriptor's length is counted, never typed. Pure functions, any thread.
+#pragma once
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include "UsbWire.h"
+
+namespace qvsim::usb {
+
+inline constexpr uint8_t kDeviceDescriptor = 1;
+inline constexpr uint8_t kConfigurationDescriptor = 2;
+inline constexpr uint8_t kStringDescriptor = 3;
+inline constexpr uint8_t kInterfaceDescriptor = 4;
+inline constexpr uint8_t kEndpointDescriptor = 5;
+inline constexpr uint8_t kAssociationDescriptor = 11;
+inline constexpr uint8_t kClassInterface = 0x24;
+inline constexpr uint8_t kClassEndpoint = 0x25;
+
+// A field of one byte, unless said otherwise.
+struct Field {
+    template <class Number>
+    constexpr Field(Number number) : value(static_cast<uint32_t>(number)) {}
+    constexpr Field(uint32_t number, int bytes) : value(number), size(bytes) {}
+    uint32_t value;
+    int size = 1;
+};
+constexpr Field Half(uint32_t value) { return {value, 2}; }
+constexpr Field Three(uint32_t value) { return {value, 3}; }
+constexpr Field Whole(uint32_t value) { return {value, 4}; }
+
+// Appends a descriptor of this type; its length is put in front.
+void AppendDescriptor(Bytes& out, uint8_t type, const std::vector<Field>& fields);
+// The fields alone.
+void AppendFields(Bytes& out, const std::vector<Field>& fields);
+// Appends `inner`, class descriptors that begin with a header, and writes their total length into
+// that header at `offset`.
+void AppendWithTotal(Bytes& out, Bytes inner, size_t offset);
+
+Bytes StringDescriptor(const std::string& text);
+Bytes LanguagesDescriptor();
+
+// What the functions of a device share: numbers of interfaces and endpoints, and texts.
+class Numbers {
+  public:
+    uint8_t Interface() { return interfaces_++; }
+    uint8_t InEndpoint() { return static_cast<uint8_t>(0x80 | ++inEndpoints_); }
+    uint8_t OutEndpoint() { return ++outEndpoints_; }
+    uint8_t Text(const std::string& text) {
+        texts_.push_back(text);
+        return static_cast<uint8_t>(texts_.size());
+    }
+    uint8_t Interfaces() const { return interfaces_; }
+    const std::vector<std::string>& Texts() const { return texts_; }  // text n stands at n - 1
+
+  private:
+    uint8_t interfaces_ = 0;
+    uint8_t inEndpoints_ = 0;
+    uint8_t outEndpoints_ = 0;
+    std::vector<std::string> texts_;
+};
+
+}  // namespace qvsim::usb

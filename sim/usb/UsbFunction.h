@@ -1,0 +1,71 @@
+// A function of a device, sound or camera: its interfaces, its controls and its endpoints.
+//
+// Knows no sockets and no clock: transfers come in, `now` is told, answers go out as bytes. One
+// thread.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <limits>
+#include <optional>
+
+#include "UsbDescriptors.h"
+#include "UsbWire.h"
+
+namespace qvsim::usb {
+
+using Micros = int64_t;  // since any moment that stays the same
+inline constexpr Micros kNever = std::numeric_limits<Micros>::max();
+
+// Bits of a control request's type.
+inline constexpr uint8_t kFromDevice = 0x80;
+inline constexpr uint8_t kClassRequest = 0x20;
+
+class UsbFunction {
+  public:
+    virtual ~UsbFunction() = default;
+
+    virtual void Describe(Bytes& configuration) const = 0;
+
+    virtual bool HasInterface(uint8_t interface) const = 0;
+    virtual bool HasEndpoint(uint8_t address) const = 0;
+    // The setting in use; of an interface that it has.
+    virtual uint8_t Alternate(uint8_t interface) const = 0;
+    // False for a setting that the interface does not have.
+    virtual bool SetAlternate(uint8_t interface, uint8_t alternate) = 0;
+    virtual void ClearHalt(uint8_t address) = 0;
+    // A class request to one of its interfaces or endpoints: what is read, or nothing to stall.
+    virtual std::optional<Bytes> Control(const Setup& setup, const Bytes& data) = 0;
+
+    // Takes a transfer of one of its endpoints. False when it has too many already.
+    virtual bool Submit(Urb urb) = 0;
+    // Gives one up; false when it is not here.
+    virtual bool Unlink(uint32_t sequence) = 0;
+    // Answers what is due.
+    virtual void Advance(Micros now, Bytes& out) = 0;
+    // When there will be something to answer; kNever: when a transfer comes.
+    virtual Micros NextDue() const = 0;
+};
+
+// Transfers of one endpoint that wait for their time. A controller that never stops adding is cut
+// off.
+class UrbQueue {
+  public:
+    bool Add(Urb urb) {
+        constexpr size_t kMost = 256;
+        if (urbs_.size() >= kMost) return false;
+        urbs_.push_back(std::move(urb));
+        return true;
+    }
+    bool Remove(uint32_t sequence) {
+        return std::erase_if(urbs_, [=](const Urb& urb) { return urb.sequence == sequence; }) > 0;
+    }
+    bool Empty() const { return urbs_.empty(); }
+    const Urb& Front() const { return urbs_.front(); }
+    void Pop() { urbs_.pop_front(); }
+
+  private:
+    std::deque<Urb> urbs_;
+};
+
+}  // namespace qvsim::usb

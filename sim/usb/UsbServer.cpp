@@ -1,0 +1,244 @@
+#include "UsbServer.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <utility>
+
+namespace qvsim::usb {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+constexpr size_t kLongestOrder = 256;
+constexpr std::streamoff kMostPlayed = 16 << 20;  // bytes kept of each stream
+constexpr std::chrono::seconds kDetachPatience{5};
+constexpr int kSendSeconds = 5;  // a kernel that takes nothing for so long has gone
+
+Micros Now() {
+    return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
+        .count();
+}
+
+}  // namespace
+
+UsbServer::UsbServer(std::vector<PluggedSpec> specs, UsbHost& host, std::string played,
+                     Report report)
+    : host_(host), played_(std::move(played)), report_(std::move(report)) {
+    for (PluggedSpec& spec : specs) {
+        plugs_.emplace_back();
+        plugs_.back().spec = std::move(spec);
+    }
+}
+
+UsbServer::~UsbServer() {
+    for (Plug& plug : plugs_) Unplug(plug);
+}
+
+AudioFunction::Listener UsbServer::ListenerFor(const DeviceSpec& spec) const {
+    if (played_.empty()) return [](const std::string&, const uint8_t*, size_t) {};
+    const std::string start = played_ + "/" + spec.serial + "-";
+    const auto files = std::make_shared<std::map<std::string, std::ofstream>>();
+    return [start, files](const std::string& stream, const uint8_t* data, size_t size) {
+        const auto [file, isNew] = files->try_emplace(stream);
+        if (isNew) file->second.open(start + stream + ".raw", std::ios::binary | std::ios::app);
+        if (file->second.tellp() > kMostPlayed) return;
+        file->second.write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+        file->second.flush();
+    };
+}
+
+// ---- plugging in and out
+
+std::string UsbServer::Start(int stop) {
+    stop_ = stop;
+    if (plugs_.empty()) return "there is no device to plug in: the scenario has no [[usb]]";
+    for (Plug& plug : plugs_)
+        if (std::string error = PlugIn(plug); !error.empty()) return error;
+    return {};
+}
+
+std::string UsbServer::PlugIn(Plug& plug) {
+    int ends[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends) != 0)
+        return std::string("no socket for a device: ") + std::strerror(errno);
+    const timeval limit{kSendSeconds, 0};
+    setsockopt(ends[0], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+    std::string error;
+    plug.port = host_.Attach(plug.spec.controller, ends[1], error);
+    close(ends[1]);  // the kernel has its own reference
+    if (plug.port < 0) {
+        close(ends[0]);
+        return error;
+    }
+    plug.socket = ends[0];
+    plug.device = std::make_unique<EmulatedDevice>(plug.spec.device, ListenerFor(plug.spec.device));
+    // One order at a time: what comes meanwhile waits.
+    const int orders = std::exchange(orders_, -1);
+    error = Announce(plug);
+    orders_ = orders;
+    return error;
+}
+
+// Serves until the kernel has the device's sound card and nodes, so that those of the next come
+// behind them.
+std::string UsbServer::Announce(Plug& plug) {
+    const DeviceSpec& spec = plug.spec.device;
+    const bool card = !spec.streams.empty();
+    const bool camera = !spec.sizes.empty();
+    const Clock::time_point end = Clock::now() + patience;
+    while (plug.device) {
+        if (plug.device->Configured())
+            if (const std::optional<Place> place = host_.Find(plug.port, card, camera)) {
+                std::string line =
+                    "plugged " + spec.serial + ": " + spec.product + ", bus " + place->bus;
+                if (card) line += ", sound card " + std::to_string(place->card);
+                for (const std::string& node : place->nodes) line += ", " + node;
+                report_(line);
+                return {};
+            }
+        if (Clock::now() >= end) {
+            const char* missing = plug.device->Configured()
+                                      ? "the kernel made no sound card or video node of it: load "
+                                        "the drivers first (modprobe snd-usb-audio uvcvideo)"
+                                      : "the kernel has not configured it";
+            return spec.serial + ": " + missing;
+        }
+        bool stopped = false;
+        if (!ServeOnce(5, &stopped)) break;
+        if (stopped) return spec.serial + ": ended while it was plugged in";
+    }
+    return spec.serial + ": the kernel has given the device up";
+}
+
+void UsbServer::Unplug(Plug& plug) {
+    if (!plug.device) return;
+    host_.Detach(plug.port);
+    close(plug.socket);
+    plug.socket = -1;
+    plug.device.reset();
+}
+
+// ---- serving
+
+bool UsbServer::Send(Plug& plug, const Bytes& bytes) {
+    for (size_t done = 0; done < bytes.size();) {
+        const ssize_t n = send(plug.socket, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+void UsbServer::ServeSocket(Plug& plug) {
+    uint8_t bytes[65536];
+    const ssize_t n = recv(plug.socket, bytes, sizeof bytes, MSG_DONTWAIT);
+    if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    Bytes out;
+    const bool understood =
+        n > 0 && plug.device->Receive(bytes, static_cast<size_t>(n), Now(), out);
+    if (understood && Send(plug, out)) return;
+    Unplug(plug);
+    report_((n > 0 && !understood ? "not understood, unplugged "
+                                  : "given up by the kernel, unplugged ") +
+            plug.spec.device.serial);
+}
+
+int UsbServer::TimeToNext() const {
+    Micros next = kNever;
+    for (const Plug& plug : plugs_)
+        if (plug.device) next = std::min(next, plug.device->NextDue());
+    if (next == kNever) return -1;
+    return static_cast<int>(std::clamp<Micros>((next - Now() + 999) / 1000, 0, 1000));
+}
+
+bool UsbServer::ServeOnce(int timeout, bool* stopped) {
+    std::vector<pollfd> waiting{{stop_, POLLIN, 0}, {orders_, POLLIN, 0}};
+    for (const Plug& plug : plugs_) waiting.push_back({plug.socket, POLLIN, 0});  // -1: left out
+    const int next = TimeToNext();
+    if (next >= 0 && (timeout < 0 || next < timeout)) timeout = next;
+    if (poll(waiting.data(), waiting.size(), timeout) < 0 && errno != EINTR) return false;
+    *stopped = waiting[0].revents != 0;
+    for (size_t i = 0; i < plugs_.size(); ++i) {
+        if (waiting[i + 2].revents != 0) ServeSocket(plugs_[i]);
+        if (!plugs_[i].device) continue;
+        Bytes out;
+        plugs_[i].device->Advance(Now(), out);
+        if (!Send(plugs_[i], out)) Unplug(plugs_[i]);
+    }
+    if (waiting[1].revents != 0) TakeOrders();
+    return true;
+}
+
+std::string UsbServer::Run(int orders) {
+    orders_ = orders;
+    std::string error;
+    for (bool stopped = false; !stopped;)
+        if (!ServeOnce(-1, &stopped)) {
+            error = std::string("waiting failed: ") + std::strerror(errno);
+            break;
+        }
+    for (Plug& plug : plugs_) Unplug(plug);
+    const Clock::time_point end = Clock::now() + kDetachPatience;
+    for (const Plug& plug : plugs_)
+        while (error.empty() && plug.port >= 0 && !host_.IsFree(plug.port)) {
+            if (Clock::now() >= end)
+                error = plug.spec.device.serial + ": the kernel still holds its port " +
+                        std::to_string(plug.port);
+            poll(nullptr, 0, 10);
+        }
+    return error;
+}
+
+// ---- orders
+
+void UsbServer::TakeOrders() {
+    char text[256];
+    const ssize_t n = read(orders_, text, sizeof text);
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    if (n <= 0) {
+        orders_ = -1;  // nobody orders any more; the devices stay
+        return;
+    }
+    for (const char letter : std::string(text, static_cast<size_t>(n))) {
+        if (letter != '\n') {
+            if (order_.size() < kLongestOrder) order_ += letter;
+            continue;
+        }
+        std::string line;
+        std::swap(line, order_);
+        Obey(line);
+    }
+}
+
+void UsbServer::Obey(const std::string& line) {
+    const size_t space = line.find(' ');
+    const std::string verb = line.substr(0, space);
+    const std::string serial = space == std::string::npos ? "" : line.substr(space + 1);
+    const auto plug = std::find_if(plugs_.begin(), plugs_.end(), [&](const Plug& entry) {
+        return entry.spec.device.serial == serial;
+    });
+    if ((verb != "plug" && verb != "unplug") || plug == plugs_.end())
+        return report_("not understood: '" + line +
+                       "'; orders are `plug SERIAL` and `unplug SERIAL`");
+    if ((verb == "plug") == (plug->device != nullptr))
+        return report_(serial + " is " + verb + "ged already");
+    if (verb == "plug") {
+        if (const std::string error = PlugIn(*plug); !error.empty()) {
+            Unplug(*plug);
+            report_("not plugged, " + error);
+        }
+        return;
+    }
+    Unplug(*plug);
+    report_("unplugged " + serial);
+}
+
+}  // namespace qvsim::usb

@@ -1,0 +1,72 @@
+// Serves emulated devices on a host: plugs them in one after another, answers what the kernel
+// asks, unplugs them.
+//
+// One thread serves all devices and waits for nothing else; pictures and sounds come when their
+// time has come. While it runs it takes orders, one a line: `unplug SERIAL`, `plug SERIAL`.
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "EmulatedDevice.h"
+#include "UsbHost.h"
+
+namespace qvsim::usb {
+
+struct PluggedSpec {
+    DeviceSpec device;
+    int controller = 0;
+};
+
+class UsbServer {
+  public:
+    using Report = std::function<void(const std::string& line)>;
+    // `played`: a folder for what is played to the devices, SERIAL-STREAM.raw each; "": nowhere.
+    UsbServer(std::vector<PluggedSpec> specs, UsbHost& host, std::string played, Report report);
+    ~UsbServer();
+    UsbServer(const UsbServer&) = delete;
+    UsbServer& operator=(const UsbServer&) = delete;
+
+    // Plugs all devices in, in order: the kernel knows each completely before the next comes. An
+    // empty text, or why not. Ends early when `stop` is readable.
+    std::string Start(int stop);
+    // Serves until `stop`, the same, is readable, and takes orders from `orders` (-1: none) until
+    // that ends. All devices are unplugged when it returns. An empty text, or what ended it before.
+    std::string Run(int orders);
+
+    // How long a device may take to become known.
+    std::chrono::milliseconds patience{20000};
+
+  private:
+    struct Plug {
+        PluggedSpec spec;
+        std::unique_ptr<EmulatedDevice> device;  // null: unplugged
+        int socket = -1;
+        int port = -1;
+    };
+
+    std::string PlugIn(Plug& plug);
+    std::string Announce(Plug& plug);
+    void Unplug(Plug& plug);
+    void ServeSocket(Plug& plug);
+    bool Send(Plug& plug, const Bytes& bytes);
+    // False: something is wrong with the descriptors.
+    bool ServeOnce(int timeout, bool* stopped);
+    void TakeOrders();
+    void Obey(const std::string& line);
+    int TimeToNext() const;
+    AudioFunction::Listener ListenerFor(const DeviceSpec& spec) const;
+
+    std::vector<Plug> plugs_;
+    UsbHost& host_;
+    std::string played_;
+    Report report_;
+    int stop_ = -1;
+    int orders_ = -1;
+    std::string order_;  // the part of a line that has come
+};
+
+}  // namespace qvsim::usb

@@ -1,0 +1,84 @@
+// The camera of a device: uncompressed pictures over a bulk endpoint, and four picture controls.
+//
+// Pictures are those of DrawPicture: frame n carries its number at both ends of every line.
+// Controls are kept but not applied. Thread rule of UsbFunction.
+#pragma once
+
+#include <array>
+#include <vector>
+
+#include "UsbFunction.h"
+
+namespace qvsim::usb {
+
+struct SizeSpec {
+    int width;
+    int height;
+    std::vector<int> fps;  // the first is the default
+};
+
+// Order of the picture controls, and what each is at the start.
+enum PictureControl { kBrightness, kContrast, kHue, kSaturation, kPictureControls };
+struct ControlRange {
+    uint8_t selector;
+    int minimum;
+    int maximum;
+    int first;
+};
+inline constexpr ControlRange kControlRanges[kPictureControls] = {
+    {2, -64, 64, 0}, {3, 0, 95, 32}, {6, -180, 180, 0}, {7, 0, 128, 64}};
+
+class VideoFunction : public UsbFunction {
+  public:
+    // A largest payload: more would not fit one transfer of the host's driver.
+    static constexpr uint32_t kPayload = 16384;
+
+    VideoFunction(std::vector<SizeSpec> sizes, const std::string& name, Numbers& numbers);
+
+    void Describe(Bytes& configuration) const override;
+    bool HasInterface(uint8_t interface) const override;
+    bool HasEndpoint(uint8_t address) const override { return address == endpoint_; }
+    uint8_t Alternate(uint8_t) const override { return 0; }
+    bool SetAlternate(uint8_t interface, uint8_t alternate) override;
+    void ClearHalt(uint8_t address) override;
+    std::optional<Bytes> Control(const Setup& setup, const Bytes& data) override;
+    bool Submit(Urb urb) override;
+    bool Unlink(uint32_t sequence) override { return waiting_.Remove(sequence); }
+    void Advance(Micros now, Bytes& out) override;
+    Micros NextDue() const override;
+
+  private:
+    // What is streamed: which size, how fast.
+    struct Choice {
+        uint8_t frame = 1;      // from 1
+        uint32_t interval = 0;  // 100 ns units
+    };
+    Choice Nearest(uint8_t frame, uint32_t interval) const;
+    Bytes ProbeRecord(const Choice& choice) const;
+    uint32_t FrameBytes(const Choice& choice) const;
+    void DescribeControl(Bytes& out) const;
+    void DescribeStream(Bytes& out) const;
+    std::optional<Bytes> UnitControl(const Setup& setup, const Bytes& data);
+    std::optional<Bytes> StreamControl(const Setup& setup, const Bytes& data);
+    void BeginFrame(Micros now);
+    void Stop();
+
+    std::vector<SizeSpec> sizes_;
+    uint8_t control_;  // interfaces
+    uint8_t streaming_;
+    uint8_t endpoint_;
+    uint8_t text_;
+    std::array<int, kPictureControls> values_;
+    Choice probed_;
+    Choice committed_;
+
+    UrbQueue waiting_;
+    Bytes picture_;
+    size_t sent_ = 0;       // of the picture; all of it: none is on its way
+    uint32_t number_ = 0;   // of the picture; since the camera was plugged in
+    bool toggle_ = false;   // changes with every picture
+    bool running_ = false;  // `next_` is valid
+    Micros next_ = 0;       // when the next picture begins
+};
+
+}  // namespace qvsim::usb

@@ -1,0 +1,297 @@
+// Devices on a host that the test plays: plugging in and out, orders, a controller's files.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <thread>
+
+#include "UsbHost.h"
+#include "UsbServer.h"
+#include "sim/UsbKernel.h"
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+namespace fs = std::filesystem;
+
+namespace qvsim::usb {
+namespace {
+
+const StreamSpec kMic{"Mic", true};
+
+// A kernel of one port per device. It configures each device as soon as it is asked for it.
+class PlayedKernel : public UsbHost {
+  public:
+    ~PlayedKernel() override {
+        for (const int end : ends) close(end);
+    }
+    int Attach(int controller, int socket, std::string& error) override {
+        if (!refusal.empty()) {
+            error = refusal;
+            return -1;
+        }
+        ends.push_back(dup(socket));
+        controllers.push_back(controller);
+        if (silent) return static_cast<int>(ends.size()) - 1;
+        const Bytes configure =
+            usbtest::Submit({.in = 0, .setup = usbtest::ControlSetup(0, 9, 1, 0, 0)});
+        EXPECT_EQ(48, send(ends.back(), configure.data(), configure.size(), 0));
+        return static_cast<int>(ends.size()) - 1;
+    }
+    void Detach(int port) override { detached.push_back(port); }
+    std::optional<Place> Find(int port, bool card, bool camera) override {
+        if (unknown) return std::nullopt;
+        return Place{"001/00" + std::to_string(port + 2), card ? port : -1,
+                     camera ? std::vector<std::string>{"/dev/video0"} : std::vector<std::string>{}};
+    }
+    bool IsFree(int) override { return true; }
+
+    bool silent = false;
+    bool unknown = false;
+    std::string refusal;
+    std::vector<int> ends;
+    std::vector<int> controllers;
+    std::vector<int> detached;
+};
+
+class UsbServerTest : public testing::Test {
+  protected:
+    UsbServerTest() {
+        EXPECT_EQ(0, pipe(stop));
+        EXPECT_EQ(0, pipe(orders));
+    }
+    ~UsbServerTest() override {
+        for (const int fd : {stop[0], stop[1], orders[0], orders[1]}) close(fd);
+    }
+    void Make(std::vector<PluggedSpec> specs, const std::string& played = "") {
+        server = std::make_unique<UsbServer>(std::move(specs), kernel, played,
+                                             [this](const std::string& line) {
+                                                 lines.push_back(line);
+                                                 EXPECT_EQ(1, write(told[1], "x", 1));
+                                             });
+    }
+    // Serves until `lines` reports have come; the orders are sent at once.
+    std::string RunUntil(size_t reports, const std::string& text) {
+        EXPECT_EQ(static_cast<ssize_t>(text.size()), write(orders[1], text.data(), text.size()));
+        std::thread ender([this, reports] {
+            char byte;
+            for (size_t i = 0; i < reports; ++i) EXPECT_EQ(1, read(told[0], &byte, 1));
+            EXPECT_EQ(1, write(stop[1], "x", 1));
+        });
+        const std::string error = server->Run(orders[0]);
+        ender.join();
+        return error;
+    }
+
+    PlayedKernel kernel;
+    std::vector<std::string> lines;
+    int stop[2];
+    int orders[2];
+    int told[2] = {-1, -1};
+    const bool piped = pipe(told) == 0;
+    std::unique_ptr<UsbServer> server;
+};
+
+TEST_F(UsbServerTest, DevicesArePluggedInInOrderAndSayWhereTheyAre) {
+    Make({{{"Card", "A", {kMic}, {}}, 3}, {{"Camera", "B", {}, {{64, 32, {30}}}}, 0}});
+    EXPECT_EQ("", server->Start(stop[0]));
+    EXPECT_THAT(lines, ElementsAre("plugged A: Card, bus 001/002, sound card 0",
+                                   "plugged B: Camera, bus 001/003, /dev/video0"));
+    EXPECT_THAT(kernel.controllers, ElementsAre(3, 0));
+    server.reset();
+    EXPECT_THAT(kernel.detached, ElementsAre(0, 1));
+}
+
+TEST_F(UsbServerTest, ADeviceIsUnpluggedAndPluggedInByOrder) {
+    Make({{{"Card", "A", {kMic}, {}}, 0}, {{"Card", "B", {kMic}, {}}, 0}});
+    ASSERT_EQ("", server->Start(stop[0]));
+    EXPECT_EQ("", RunUntil(8, "unplug B\nunplug B\nplug B\nplug B\nunplug C\nexplode\n"));
+    EXPECT_THAT(std::vector<std::string>(lines.begin() + 2, lines.end()),
+                ElementsAre("unplugged B", "B is unplugged already",
+                            "plugged B: Card, bus 001/004, sound card 2", "B is plugged already",
+                            HasSubstr("not understood: 'unplug C'"),
+                            HasSubstr("not understood: 'explode'")));
+    EXPECT_THAT(kernel.detached, ElementsAre(1, 0, 2));
+}
+
+TEST_F(UsbServerTest, TheEndOfOrdersIsNotTheEnd) {
+    Make({{{"Card", "A", {kMic}, {}}, 0}});
+    ASSERT_EQ("", server->Start(stop[0]));
+    close(orders[1]);
+    orders[1] = dup(orders[0]);
+    std::thread ender([this] {
+        // Asked after the end of orders: it is still there.
+        const Bytes ask =
+            usbtest::Submit({.length = 1, .setup = usbtest::ControlSetup(0x80, 8, 0, 0, 1)});
+        EXPECT_EQ(48, send(kernel.ends[0], ask.data(), ask.size(), 0));
+        Bytes answer(97);
+        EXPECT_EQ(97, recv(kernel.ends[0], answer.data(), answer.size(), MSG_WAITALL));
+        usbtest::Take(answer, false);  // of the configuration
+        EXPECT_THAT(usbtest::Take(answer).data, ElementsAre(1));
+        EXPECT_EQ(1, write(stop[1], "x", 1));
+    });
+    EXPECT_EQ("", server->Run(orders[0]));
+    ender.join();
+}
+
+TEST_F(UsbServerTest, ADeviceThatIsToldNonsenseIsUnplugged) {
+    Make({{{"Card", "A", {kMic}, {}}, 0}});
+    ASSERT_EQ("", server->Start(stop[0]));
+    EXPECT_EQ(48, send(kernel.ends[0], Bytes(48, 0xFF).data(), 48, 0));
+    EXPECT_EQ("", RunUntil(2, ""));
+    EXPECT_EQ("not understood, unplugged A", lines.back());
+    EXPECT_THAT(kernel.detached, ElementsAre(0));
+}
+
+TEST_F(UsbServerTest, ADeviceThatTheKernelGivesUpIsUnplugged) {
+    Make({{{"Card", "A", {kMic}, {}}, 0}});
+    ASSERT_EQ("", server->Start(stop[0]));
+    close(kernel.ends[0]);
+    kernel.ends.clear();
+    EXPECT_EQ("", RunUntil(2, ""));
+    EXPECT_EQ("given up by the kernel, unplugged A", lines.back());
+}
+
+TEST_F(UsbServerTest, WhatIsPlayedGoesToAFile) {
+    const fs::path folder = fs::temp_directory_path() / ("qv-usb-" + std::to_string(getpid()));
+    fs::create_directory(folder);
+    Make({{{"Card", "A", {{"Out", false}}, {}}, 0}}, folder.string());
+    ASSERT_EQ("", server->Start(stop[0]));
+    const Bytes setting =
+        usbtest::Submit({.in = 0, .setup = usbtest::ControlSetup(1, 11, 1, 1, 0)});
+    const Bytes sound = usbtest::Submit(
+        {.in = 0, .endpoint = 1, .length = 3, .data = {1, 2, 3}, .packets = {{0, 3}}});
+    send(kernel.ends[0], setting.data(), setting.size(), 0);
+    send(kernel.ends[0], sound.data(), sound.size(), 0);
+    std::thread ender([this] {
+        Bytes answers(48 + 48 + 48 + 16);
+        EXPECT_EQ(static_cast<ssize_t>(answers.size()),
+                  recv(kernel.ends[0], answers.data(), answers.size(), MSG_WAITALL));
+        EXPECT_EQ(1, write(stop[1], "x", 1));
+    });
+    EXPECT_EQ("", server->Run(-1));
+    ender.join();
+    std::ifstream file(folder / "A-Out.raw", std::ios::binary);
+    const Bytes played{std::istreambuf_iterator<char>(file), {}};
+    EXPECT_THAT(played, ElementsAre(1, 2, 3));
+    fs::remove_all(folder);
+}
+
+TEST_F(UsbServerTest, WhatCannotBePluggedInSaysWhy) {
+    Make({});
+    EXPECT_THAT(server->Start(stop[0]), HasSubstr("no [[usb]]"));
+    Make({{{"Card", "A", {kMic}, {}}, 0}});
+    kernel.refusal = "no room";
+    EXPECT_EQ("no room", server->Start(stop[0]));
+    kernel.refusal.clear();
+    server->patience = std::chrono::milliseconds(1);
+    kernel.unknown = true;
+    kernel.silent = true;
+    EXPECT_EQ("A: the kernel has not configured it", server->Start(stop[0]));
+}
+
+TEST_F(UsbServerTest, ADeviceWithoutDriversIsRefusedWithAdvice) {
+    Make({{{"Card", "A", {kMic}, {}}, 0}});
+    server->patience = std::chrono::milliseconds(200);
+    kernel.unknown = true;
+    EXPECT_THAT(server->Start(stop[0]), HasSubstr("modprobe snd-usb-audio"));
+}
+
+// ---- the controller's files
+
+const char kStatus[] =
+    "hub port sta spd dev      sockfd local_busid\n"
+    "hs  0000 006 003 00000001 000003 1-1\n"
+    "hs  0001 004 000 00000000 000000 0-0\n"
+    "ss  0015 004 000 00000000 000000 0-0\n";
+
+TEST(UsbPortStatusTest, PortsOfHighSpeedAreRead) {
+    const std::vector<PortStatus> ports = ReadPortStatus(kStatus);
+    ASSERT_EQ(2u, ports.size());
+    EXPECT_EQ(0, ports[0].port);
+    EXPECT_FALSE(ports[0].free);
+    EXPECT_EQ("1-1", ports[0].device);
+    EXPECT_EQ(1, ports[1].port);
+    EXPECT_TRUE(ports[1].free);
+    EXPECT_EQ("", ports[1].device);
+    EXPECT_THAT(ReadPortStatus("nonsense\nhs\nhs 1 4\n"), IsEmpty());
+}
+
+class VhciHostTest : public testing::Test {
+  protected:
+    VhciHostTest() : root(fs::temp_directory_path() / ("qv-vhci-" + std::to_string(getpid()))) {
+        fs::create_directories(root / "controller");
+        fs::create_directories(root / "devices");
+        fs::create_directories(root / "sound");
+        Put("controller/status", kStatus);
+    }
+    ~VhciHostTest() override { fs::remove_all(root); }
+    void Put(const fs::path& path, const std::string& text) {
+        fs::create_directories((root / path).parent_path());
+        std::ofstream(root / path) << text;
+    }
+    std::string Text(const fs::path& path) {
+        std::ifstream file(root / path);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+
+    fs::path root;
+    VhciHost host{VhciHost::Folders{(root / "controller").string(), (root / "devices").string(),
+                                    (root / "sound").string()}};
+    std::string error;
+};
+
+TEST_F(VhciHostTest, ADeviceGoesToTheFirstFreePort) {
+    Put("controller/attach", "");
+    EXPECT_EQ(1, host.Attach(0, 7, error)) << error;
+    EXPECT_EQ("1 7 1 3", Text("controller/attach"));
+    EXPECT_TRUE(host.IsFree(1));
+    EXPECT_FALSE(host.Find(1, false, false).has_value()) << "nothing hangs there yet";
+    Put("controller/detach", "");
+    host.Detach(1);
+    EXPECT_EQ("1", Text("controller/detach"));
+}
+
+TEST_F(VhciHostTest, FurtherControllersHaveFilesOfTheirOwn) {
+    Put("controller/attach", "");
+    Put("controller/status.2", "hs  0060 004 000 00000000 000000 0-0\n");
+    EXPECT_EQ(60, host.Attach(2, 7, error)) << error;
+    EXPECT_EQ("60 7 1 3", Text("controller/attach"));
+}
+
+TEST_F(VhciHostTest, WhatIsMissingIsSaidWithAdvice) {
+    EXPECT_EQ(-1, host.Attach(0, 7, error));
+    EXPECT_THAT(error, HasSubstr("modprobe vhci-hcd"));
+    Put("controller/attach", "");
+    EXPECT_EQ(-1, host.Attach(9, 7, error));
+    EXPECT_THAT(error, HasSubstr("no virtual host controller 9"));
+    Put("controller/status", "hs  0000 006 003 00000001 000003 1-1\n");
+    EXPECT_EQ(-1, host.Attach(0, 7, error));
+    EXPECT_THAT(error, HasSubstr("all 1 ports of virtual host controller 0 are taken"));
+}
+
+TEST_F(VhciHostTest, ADevicesSoundCardAndNodesAreFound) {
+    Put("controller/attach", "");
+    ASSERT_EQ(1, host.Attach(0, 7, error)) << error;
+    Put("controller/status", "hs  0001 006 003 00000001 000003 1-2\n");
+    EXPECT_FALSE(host.IsFree(1));
+    EXPECT_FALSE(host.Find(1, false, false).has_value()) << "no numbers yet";
+    Put("devices/1-2/busnum", "1\n");
+    Put("devices/1-2/devnum", "12\n");
+    EXPECT_EQ("001/012", host.Find(1, false, false).value().bus);
+    EXPECT_FALSE(host.Find(1, true, false).has_value());
+    Put("sound/card0/usbbus", "001/002\n");
+    Put("sound/card10/usbbus", "001/012\n");
+    EXPECT_EQ(10, host.Find(1, true, false).value().card);
+    EXPECT_FALSE(host.Find(1, true, true).has_value());
+    fs::create_directories(root / "devices/1-2/1-2:1.5/video4linux/video9");
+    fs::create_directories(root / "devices/1-2/1-2:1.5/video4linux/video10");
+    EXPECT_THAT(host.Find(1, true, true).value().nodes, ElementsAre("/dev/video9", "/dev/video10"));
+}
+
+}  // namespace
+}  // namespace qvsim::usb
