@@ -2,44 +2,43 @@
 //
 //   capture_frames /dev/video0 100 frames.raw [WIDTH HEIGHT]     NV12 frames, one behind the other
 //
-// The first four bytes of the driver's frame description are taken for the frame's running number.
-#include <condition_variable>
+// Frames are written on this thread, not on the worker's, which must not be held up; what this one
+// is too slow for is dropped and counted. The first four bytes of the driver's frame description
+// are taken for the frame's running number: gaps in it are frames that the capture itself lost.
+#include <poll.h>
+
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
 
-#include "QVCapture.h"
+#include "QVCapture.hpp"
 
 namespace {
 
-constexpr unsigned int kNv12 = 0x3231564E;  // "NV12", first character in the low byte
-
-struct Recording {
-    std::FILE* file = nullptr;
-    unsigned long wanted = 0;
+struct Counts {
     unsigned long written = 0;
     unsigned long lost = 0;
-    bool failed = false;
-    std::mutex lock;
-    std::condition_variable done;
 };
 
-// On the channel's worker thread. The picture is only valid until this returns.
-void onFrame(unsigned long long address, unsigned int size, unsigned int /*stride*/,
-             _QVCAP_VIDEO_FRAME_INFO* info, void* param) {
-    auto* recording = static_cast<Recording*>(param);
-    static uint32_t last = 0;
-    uint32_t number = 0;
-    std::memcpy(&number, info->bytes, sizeof number);
-    const std::lock_guard<std::mutex> guard(recording->lock);
-    if (recording->written == recording->wanted || recording->failed) return;
-    if (last != 0) recording->lost += number - last - 1;
-    last = number;
-    const void* picture = reinterpret_cast<const void*>(static_cast<uintptr_t>(address));
-    recording->failed = std::fwrite(picture, 1, size, recording->file) != size;
-    if (!recording->failed) ++recording->written;
-    if (recording->written == recording->wanted || recording->failed) recording->done.notify_one();
+// Until the file has as many frames as wanted; false when it cannot be written.
+bool record(qvcapture::Mailbox<qvcapture::FrameCopy>& frames, unsigned long wanted, std::FILE* file,
+            Counts& counts) {
+    qvcapture::FrameCopy frame;
+    uint32_t last = 0;
+    while (counts.written < wanted) {
+        pollfd waiting{frames.Fd(), POLLIN, 0};
+        poll(&waiting, 1, -1);
+        while (counts.written < wanted && frames.Take(frame)) {
+            uint32_t number = 0;
+            std::memcpy(&number, frame.info.bytes, sizeof number);
+            if (last != 0) counts.lost += number - last - 1;
+            last = number;
+            if (std::fwrite(frame.bytes.data(), 1, frame.bytes.size(), file) != frame.bytes.size())
+                return false;
+            ++counts.written;
+        }
+    }
+    return true;
 }
 
 }  // namespace
@@ -51,33 +50,29 @@ int main(int argc, char** argv) {
     }
     const int width = argc == 6 ? std::atoi(argv[4]) : 1920;
     const int height = argc == 6 ? std::atoi(argv[5]) : 1080;
-    Recording recording;
-    recording.wanted = std::strtoul(argv[2], nullptr, 10);
-    recording.file = std::fopen(argv[3], "wb");
-    if (recording.file == nullptr) {
+    std::FILE* file = std::fopen(argv[3], "wb");
+    if (file == nullptr) {
         std::perror(argv[3]);
         return 1;
     }
-    QVCaptureInitInstance();
-    QV_CHANNEL channel = QVOpenChannelByPath(argv[1]);
-    int status = 1;
-    if (channel == nullptr) {
-        std::fprintf(stderr, "%s: not a capture channel, or it cannot be opened\n", argv[1]);
-    } else if (QVStartChannelThread(channel) != QV_RESULT_OK ||
-               QVStartVideoCaptureWithCallback(channel, kNv12, width, height,
-                                               QV_VIDEO_CAPTURE_BACK_TO_BACK, onFrame,
-                                               &recording) != QV_RESULT_OK) {
-        std::fprintf(stderr, "%s: capture cannot be started\n", argv[1]);
-    } else {
-        std::unique_lock<std::mutex> guard(recording.lock);
-        recording.done.wait(
-            guard, [&] { return recording.written == recording.wanted || recording.failed; });
-        std::printf("%lu frames of %dx%d written, %lu lost\n", recording.written, width, height,
-                    recording.lost);
-        status = recording.failed ? 1 : 0;
+    Counts counts;
+    bool good = false;
+    {
+        const qvcapture::Instance instance;
+        const qvcapture::Channel channel(argv[1]);
+        const qvcapture::Worker worker(channel);
+        qvcapture::Mailbox<qvcapture::FrameCopy> frames(8);
+        const qvcapture::VideoCapture capture(channel, {qvcapture::FourCc("NV12"), width, height},
+                                              frames.Sink());
+        if (capture.Status())
+            good = record(frames, std::strtoul(argv[2], nullptr, 10), file, counts);
+        else
+            std::fprintf(stderr, "%s: capture cannot be started: %s\n", argv[1],
+                         capture.Status().Text());
     }
-    QVCloseChannel(channel);  // stops the worker, and with it the capture
-    QVCaptureExitInstance();
-    if (std::fclose(recording.file) != 0) status = 1;
-    return status;
+    if (good)
+        std::printf("%lu frames of %dx%d written, %lu lost\n", counts.written, width, height,
+                    counts.lost);
+    if (std::fclose(file) != 0) good = false;
+    return good ? 0 : 1;
 }

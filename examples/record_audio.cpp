@@ -4,33 +4,15 @@
 //
 // Takes the samples behind the marker for 16-bit stereo at 48 kHz; what they really are is for the
 // driver to say.
-#include <condition_variable>
+#include <poll.h>
+
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
-#include <mutex>
 #include <vector>
 
-#include "QVCapture.h"
+#include "QVCapture.hpp"
 
 namespace {
-
-struct Recording {
-    std::vector<unsigned char> samples;
-    unsigned long wanted = 0;
-    unsigned long frames = 0;
-    std::mutex lock;
-    std::condition_variable done;
-};
-
-void onAudio(_QVCAP_AUDIO_CAPTURE_FRAME* frame, void* param) {
-    auto* recording = static_cast<Recording*>(param);
-    const std::lock_guard<std::mutex> guard(recording->lock);
-    if (recording->frames == recording->wanted) return;
-    recording->samples.insert(recording->samples.end(), frame->bytes12,
-                              frame->bytes12 + sizeof frame->bytes12);
-    if (++recording->frames == recording->wanted) recording->done.notify_one();
-}
 
 void put(std::FILE* file, uint32_t value, int bytes) {
     for (int i = 0; i < bytes; ++i) std::fputc(static_cast<int>(value >> 8 * i & 0xFF), file);
@@ -66,21 +48,28 @@ int main(int argc, char** argv) {
         std::fprintf(stderr, "usage: record_audio DEVICE FRAMES FILE\n");
         return 2;
     }
-    Recording recording;
-    recording.wanted = std::strtoul(argv[2], nullptr, 10);
-    QVCaptureInitInstance();
-    QV_CHANNEL channel = QVOpenChannelByPath(argv[1]);
-    int status = 1;
-    if (QVStartChannelThread(channel) != QV_RESULT_OK ||
-        QVStartAudioCaptureWithCallback(channel, onAudio, &recording) != QV_RESULT_OK) {
-        std::fprintf(stderr, "%s: audio capture cannot be started\n", argv[1]);
-    } else {
-        std::unique_lock<std::mutex> guard(recording.lock);
-        recording.done.wait(guard, [&] { return recording.frames >= recording.wanted; });
-        status = writeWav(argv[3], recording.samples) ? 0 : 1;
-        std::printf("%lu audio frames, %zu bytes\n", recording.frames, recording.samples.size());
+    const unsigned long wanted = std::strtoul(argv[2], nullptr, 10);
+    const qvcapture::Instance instance;
+    const qvcapture::Channel channel(argv[1]);
+    const qvcapture::Worker worker(channel);
+    qvcapture::Mailbox<_QVCAP_AUDIO_CAPTURE_FRAME> frames(64);
+    const qvcapture::AudioCapture capture(channel, frames.Sink());
+    if (!capture.Status()) {
+        std::fprintf(stderr, "%s: audio capture cannot be started: %s\n", argv[1],
+                     capture.Status().Text());
+        return 1;
     }
-    QVCloseChannel(channel);
-    QVCaptureExitInstance();
-    return status;
+    std::vector<unsigned char> samples;
+    unsigned long taken = 0;
+    while (taken < wanted) {
+        pollfd waiting{frames.Fd(), POLLIN, 0};
+        poll(&waiting, 1, -1);
+        _QVCAP_AUDIO_CAPTURE_FRAME frame;
+        for (; taken < wanted && frames.Take(frame); ++taken)
+            samples.insert(samples.end(), frame.bytes12, frame.bytes12 + sizeof frame.bytes12);
+    }
+    std::printf("%lu audio frames, %zu bytes\n", taken, samples.size());
+    if (frames.Dropped() != 0)
+        std::printf("%llu dropped\n", static_cast<unsigned long long>(frames.Dropped()));
+    return writeWav(argv[3], samples) ? 0 : 1;
 }

@@ -1,58 +1,35 @@
 // Prints the notifications of a channel as they come.
 //
 //   watch_notifications /dev/video0 5     ends after five of them
-#include <condition_variable>
+#include <poll.h>
+
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
-#include "QVCapture.h"
-
-namespace {
-
-struct Watch {
-    unsigned long wanted = 0;
-    unsigned long seen = 0;
-    std::mutex lock;
-    std::condition_variable done;
-};
-
-// On the channel's worker thread.
-void onNotify(unsigned long long /*handle*/, unsigned int bits, void* param) {
-    auto* watch = static_cast<Watch*>(param);
-    const std::lock_guard<std::mutex> guard(watch->lock);
-    if (watch->seen == watch->wanted) return;
-    std::printf("notification, bits 0x%x\n", bits);
-    if (++watch->seen == watch->wanted) watch->done.notify_one();
-}
-
-}  // namespace
+#include "QVCapture.hpp"
 
 int main(int argc, char** argv) {
     if (argc != 3) {
         std::fprintf(stderr, "usage: watch_notifications DEVICE COUNT\n");
         return 2;
     }
-    Watch watch;
-    watch.wanted = std::strtoul(argv[2], nullptr, 10);
-    QVCaptureInitInstance();
-    QV_CHANNEL channel = QVOpenChannelByPath(argv[1]);
-    int status = 1;
-    if (QVStartChannelThread(channel) != QV_RESULT_OK) {
-        std::fprintf(stderr, "%s: no worker for it: is it a capture channel?\n", argv[1]);
-    } else {
-        // Every bit that the driver has; which one means what is the driver's to say.
-        const unsigned long long all =
-            QVRegisterNotifyWithCallback(channel, 0xFFFFFFFF, onNotify, &watch);
-        if (all != 0) {
-            std::unique_lock<std::mutex> guard(watch.lock);
-            watch.done.wait(guard, [&] { return watch.seen >= watch.wanted; });
-            guard.unlock();  // the callback may be waiting for it
-            QVUnregisterNotify(channel, all);
-            status = 0;
-        }
+    unsigned long left = std::strtoul(argv[2], nullptr, 10);
+    const qvcapture::Instance instance;
+    const qvcapture::Channel channel(argv[1]);
+    const qvcapture::Worker worker(channel);
+    qvcapture::Mailbox<uint32_t> raised(64);
+    // Every bit that the driver has; which one means what is the driver's to say.
+    const qvcapture::Notification all(channel, 0xFFFFFFFF, raised.Sink());
+    if (!all) {
+        std::fprintf(stderr, "%s: not watched: worker: %s\n", argv[1], worker.Status().Text());
+        return 1;
     }
-    QVCloseChannel(channel);
-    QVCaptureExitInstance();
-    return status;
+    while (left != 0) {
+        pollfd waiting{raised.Fd(), POLLIN, 0};
+        poll(&waiting, 1, -1);
+        uint32_t bits = 0;
+        for (; left != 0 && raised.Take(bits); --left)
+            std::printf("notification, bits 0x%x\n", bits);
+    }
+    return 0;
 }

@@ -7,7 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "QVCapture.h"
+#include "QVCapture.hpp"
 #include "VideoCaptureV4l2.h"
 #include "lib/FakeAlsa.h"
 #include "lib/FakeV4l2.h"
@@ -96,6 +96,47 @@ class MediaTest : public testing::Test {
     Tavo& tavo = Tavo::Get();
     char path[512] = "before";
 };
+
+// ---- the C++ face
+
+TEST_F(MediaTest, TheCppFaceCapturesVideoAndSoundUntilItsObjectsAreDestroyed) {
+    const qvcapture::Channel channel(kUsbPath);
+    ASSERT_TRUE(channel);
+    qvcapture::Mailbox<qvcapture::ChunkCopy> frames(2);
+    qvcapture::Mailbox<qvcapture::ChunkCopy> chunks(2);
+    v4l2_queryctrl brightness{};
+    brightness.id = V4L2_CID_BRIGHTNESS;
+    brightness.maximum = 10;
+    nodes.device.controls[brightness.id] = brightness;
+    alsa.available = {480, 480, 480};
+    {
+        const qvcapture::NodeVideoCapture video(channel, {kYuy2, 64, 48}, qvcapture::Ticks(333333),
+                                                frames.Sink());
+        ASSERT_TRUE(video);
+        EXPECT_EQ(QV_RESULT_OK, QVSetVideoProcParam(video.Handle(), QV_VIDEO_PROC_BRIGHTNESS, 5));
+        for (unsigned int i = 0; i < 3; ++i) nodes.Deliver(i, 100 + i);
+        const qvcapture::SoundCapture sound(channel, 0, {}, chunks.Sink());
+        ASSERT_TRUE(sound);
+        EXPECT_TRUE(Eventually([&] { return frames.Delivered() == 3 && chunks.Delivered() >= 3; }));
+    }
+    EXPECT_EQ(1u, frames.Dropped());
+    qvcapture::ChunkCopy frame;
+    for (size_t size = 100; size < 102; ++size) {
+        ASSERT_TRUE(frames.Take(frame));
+        EXPECT_EQ(size, frame.bytes.size());
+    }
+    EXPECT_FALSE(frames.Take(frame));
+    qvcapture::ChunkCopy chunk;
+    ASSERT_TRUE(chunks.Take(chunk));
+    EXPECT_EQ(size_t{1920}, chunk.bytes.size()) << "10 ms of 16-bit stereo at 48 kHz";
+}
+
+TEST_F(MediaTest, TheCppFaceSaysWhenThereIsNothingToCaptureFrom) {
+    const qvcapture::Channel none("usb:9-9");
+    EXPECT_FALSE(none);
+    EXPECT_FALSE(qvcapture::NodeVideoCapture(none, {kYuy2, 64, 48}, qvcapture::Ticks(1), nullptr));
+    EXPECT_FALSE(qvcapture::SoundCapture(none, 0, {}, nullptr));
+}
 
 // ---- list and opening
 
