@@ -67,7 +67,12 @@ int InstallSoftwareParams(snd_pcm_t* pcm, snd_pcm_uframes_t periodSize, unsigned
 // Frames that can be read at once, after recovering an overrun; negative after an error.
 snd_pcm_sframes_t AvailableFrames(snd_pcm_t* pcm) {
     snd_pcm_sframes_t available = snd_pcm_avail_update(pcm);
-    if (available >= 0 && snd_pcm_state(pcm) == SND_PCM_STATE_XRUN) available = -EPIPE;
+    if (available >= 0) {
+        const snd_pcm_state_t state = snd_pcm_state(pcm);
+        if (state == SND_PCM_STATE_XRUN) available = -EPIPE;
+        // An unplugged device goes on telling what it had before: nothing more will come.
+        if (state == SND_PCM_STATE_DISCONNECTED) usleep(kDeviceGonePause);
+    }
     if (available >= 0) return available;
     snd_pcm_drain(pcm);
     if (snd_pcm_recover(pcm, static_cast<int>(available), 0) < 0) {

@@ -5,12 +5,22 @@
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
 
+#include <atomic>
 #include <cerrno>
 #include <condition_variable>
+#include <ctime>
 
 #include "lib/FakeAlsa.h"
 #include "lib/RefusedThreads.h"
 #include "lib/TestThreads.h"
+
+// Pauses of at least 10 ms that threads of this program asked for; they are taken, too.
+static std::atomic<int> g_longPauses;
+extern "C" int usleep(useconds_t pause) {
+    if (pause >= 10000) ++g_longPauses;
+    const timespec time{0, static_cast<long>(pause) * 1000};
+    return nanosleep(&time, nullptr);
+}
 
 using fake::Alsa;
 using testing::ElementsAre;
@@ -282,6 +292,20 @@ TEST_F(AudioAlsaTest, AnUnpluggedDeviceIsPolledUntilTheCaptureIsStopped) {
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
     EXPECT_TRUE(Eventually([&] { return alsa.Count("snd_pcm_recover") >= 3; }));
     StopAndDestroy(capture);
+    EXPECT_EQ(0, chunks.count);
+}
+
+TEST_F(AudioAlsaTest, AnUnpluggedDeviceThatStillTellsOfFramesIsAskedRarely) {
+    AudioCaptureALSAContext* capture = Create();
+    alsa.defaultAvailable = 240;  // half a chunk, for ever
+    alsa.states.assign(10000, SND_PCM_STATE_DISCONNECTED);
+    alsa.Refuse("snd_pcm_status", -ENODEV, 1, true);
+    g_longPauses = 0;
+    ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
+    EXPECT_TRUE(Eventually([&] { return alsa.Count("snd_pcm_avail_update") >= 3; }));
+    StopAndDestroy(capture);
+    EXPECT_EQ(alsa.Count("snd_pcm_avail_update"), g_longPauses) << "a pause in every pass";
+    EXPECT_EQ(0, alsa.Count("snd_pcm_recover"));
     EXPECT_EQ(0, chunks.count);
 }
 
