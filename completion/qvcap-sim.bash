@@ -18,7 +18,6 @@ _qvcap_sim() {
         local options='-h --help'
         [[ $subcommand == init ]] && options+=' --scenario'
         [[ $subcommand == usb ]] && options+=' --scenario --played'
-        [[ $subcommand == usb ]] && options+=' --scenario --played'
         [[ $subcommand == run ]] && options+=' --state --'
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
     else
