@@ -1,5 +1,4 @@
-/** @file
- * The channel worker: notifications, timers, and capture of frames by callback.
+/* The channel worker: notifications, timers, and capture of frames by callback.
  *
  * Part of QVCapture.h; results and thread words as described there. PCIe channels only: a channel
  * of another kind fails.

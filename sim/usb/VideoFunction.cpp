@@ -106,7 +106,8 @@ void VideoFunction::DescribeStream(Bytes& out) const {
     uint8_t index = 0;
     for (const SizeSpec& size : sizes_) {
         const uint32_t bytes = FrameBytes({++index, 0});
-        const auto [slowest, fastest] = std::minmax_element(size.fps.begin(), size.fps.end());
+        std::vector<int> rates = size.fps;
+        std::sort(rates.rbegin(), rates.rend());  // hosts take for granted: the shortest first
         const auto bits = [bytes](int fps) {
             const uint64_t rate = uint64_t{bytes} * 8 * static_cast<unsigned>(fps);
             return Whole(static_cast<uint32_t>(std::min<uint64_t>(rate, UINT32_MAX)));
@@ -116,12 +117,12 @@ void VideoFunction::DescribeStream(Bytes& out) const {
                                   0,
                                   Half(static_cast<uint32_t>(size.width)),
                                   Half(static_cast<uint32_t>(size.height)),
-                                  bits(*slowest),
-                                  bits(*fastest),
+                                  bits(rates.back()),
+                                  bits(rates.front()),
                                   Whole(bytes),
                                   Whole(IntervalOf(size.fps.front())),
                                   size.fps.size()};
-        for (const int fps : size.fps) fields.push_back(Whole(IntervalOf(fps)));
+        for (const int fps : rates) fields.push_back(Whole(IntervalOf(fps)));
         AppendDescriptor(inner, kClassInterface, fields);
     }
     AppendDescriptor(inner, kClassInterface, {0x0D, 1, 1, 4});  // colours

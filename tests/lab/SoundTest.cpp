@@ -1,0 +1,603 @@
+// Sound cards of a real kernel: found by order and by bus, volume as amixer sees it, captured and
+// played sample by sample, pulled out in the middle.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <filesystem>
+#include <thread>
+
+#include "AudioAlsa.h"
+#include "AudioVolume.h"
+#include "QVCapture.h"
+#include "lab/LabCapture.h"
+#include "lab/LabDevices.h"
+
+using lab::Chunks;
+using lab::LabDevices;
+using testing::HasSubstr;
+
+namespace {
+
+LabDevices& Devices() { return LabDevices::Get(); }
+
+std::string CardDevice(const char* serial) {
+    return "hw:" + std::to_string(Devices()[serial].card);
+}
+
+// "capture 20 -30.00dB on": a line of amixer about one channel of an element.
+std::string Mixer(const char* serial, const std::string& element, const char* direction,
+                  const char* channel) {
+    const std::string text = lab::Output("amixer -c " + std::to_string(Devices()[serial].card) +
+                                         " sget \"'" + element + "',0\"");
+    const size_t line = text.find(std::string(channel) + ": ");
+    const size_t part = text.find(std::string(direction) + " ", line);
+    int raw = 0;
+    char decibels[32] = {};
+    char on[8] = {};
+    if (line == std::string::npos || part == std::string::npos ||
+        std::sscanf(text.c_str() + part, "%*s %d [%*[^]]] [%31[^]]] [%7[^]]]", &raw, decibels,
+                    on) != 3)
+        return "no such line in: " + text;
+    return std::to_string(raw) + " " + decibels + " " + on;
+}
+std::string Left(const char* serial, const std::string& element, const char* direction) {
+    return Mixer(serial, element, direction, "Front Left");
+}
+std::string Right(const char* serial, const std::string& element, const char* direction) {
+    return Mixer(serial, element, direction, "Front Right");
+}
+
+void SetMixer(const char* serial, const std::string& element, const std::string& value) {
+    lab::Output("amixer -q -c " + std::to_string(Devices()[serial].card) + " sset \"'" + element +
+                "',0\" -- " + value);
+}
+
+// ---- cards
+
+TEST(SoundCardTest, TheTableHoldsEveryCardWithItsNameAndBus) {
+    RefreshSoundCards();
+    ASSERT_EQ(6, g_sndCount);
+    const char* serials[] = {lab::kHdmi, lab::kPelix, lab::kSdi, lab::kLumo, lab::kDvi, lab::kAio};
+    const char* ids[] = {"HDMI", "HDMI_1", "SDI", "SDI_1", "DVI", "AIO"};
+    for (int i = 0; i < 6; ++i) {
+        const lab::LabDevice& device = Devices()[serials[i]];
+        EXPECT_EQ(i, device.card);
+        EXPECT_STREQ(device.product.c_str(), g_sndCards[i].name);
+        EXPECT_STREQ(ids[i], g_sndCards[i].id);
+        EXPECT_EQ("hw:" + std::to_string(i), g_sndCards[i].device);
+        EXPECT_EQ(device.bus, g_sndCards[i].usbBus);
+    }
+    EXPECT_EQ("001/", Devices()[lab::kHdmi].bus.substr(0, 4));
+    EXPECT_EQ("003/", Devices()[lab::kSdi].bus.substr(0, 4));
+}
+
+struct NodeRow {
+    const char* serial;
+    const char* element[8];
+    int pcm[8];  // -1: nothing to capture from
+};
+
+TEST(SoundCardTest, EveryNodeOfEveryModelIsTheElementAndDeviceOfItsCard) {
+    const NodeRow rows[] = {
+        {lab::kHdmi,
+         {"Mic", "Headphone", "", "", "HDMI", "HDMI", "Computer", "Computer"},
+         {1, 0, -1, -1, 0, -1, 2, -1}},
+        {lab::kSdi, {"", "", "Line In", "", "SDI", "", "", ""}, {-1, -1, 1, -1, 0, -1, -1, -1}},
+        {lab::kDvi, {"", "", "Line In", "", "HDMI", "", "", ""}, {-1, -1, 1, -1, 0, -1, -1, -1}},
+        {lab::kAio, {"", "", "Analog", "", "Digital", "", "", ""}, {-1, -1, 1, -1, 0, -1, -1, -1}},
+    };
+    for (const NodeRow& row : rows) {
+        const lab::LabDevice& device = Devices()[row.serial];
+        for (unsigned node = 0; node < 8; ++node) {
+            SCOPED_TRACE(device.product + " node " + std::to_string(node));
+            char id[64] = "-";
+            char element[32] = "-";
+            char pcm[32] = "-";
+            const int result = GetUSBCaptureAudioPath(device.bus.c_str(), device.product.c_str(),
+                                                      node, id, element, pcm);
+            if (row.pcm[node] < 0) {
+                EXPECT_EQ(-1, result);
+                EXPECT_STREQ("-", pcm);
+                continue;
+            }
+            EXPECT_EQ(0, result);
+            EXPECT_STREQ(row.element[node], element);
+            EXPECT_EQ(CardDevice(row.serial) + "," + std::to_string(row.pcm[node]), pcm);
+            EXPECT_EQ(device.bus, lab::Output(std::string("cat /proc/asound/") + id + "/usbbus")
+                                      .substr(0, device.bus.size()));
+        }
+    }
+}
+
+TEST(SoundCardTest, ABusWithoutACardHasNoPath) {
+    char pcm[32] = "-";
+    EXPECT_EQ(-1, GetUSBCaptureAudioPath("001/099", "Tavo Capture HDMI", 4, nullptr, nullptr, pcm));
+    EXPECT_EQ(-1, GetUSBCaptureAudioPath("", "Tavo Capture HDMI", 4, nullptr, nullptr, pcm));
+    EXPECT_EQ(-1, GetUSBCaptureAudioPath(Devices()[lab::kHdmi].bus.c_str(), "Tavo Capture VGA", 4,
+                                         nullptr, nullptr, pcm));
+    // The card is there, but has no such element.
+    EXPECT_EQ(-1, GetUSBCaptureAudioPath(Devices()[lab::kSdi].bus.c_str(), "Tavo Capture HDMI", 4,
+                                         nullptr, nullptr, pcm));
+    EXPECT_STREQ("-", pcm);
+}
+
+TEST(SoundCardTest, ElementsAreFoundByTheirExactName) {
+    EXPECT_EQ(1, HasUSBCaptureSoundItem(CardDevice(lab::kHdmi).c_str(), "Mic"));
+    EXPECT_EQ(1, HasUSBCaptureSoundItem(CardDevice(lab::kSdi).c_str(), "Line In"));
+    EXPECT_EQ(0, HasUSBCaptureSoundItem(CardDevice(lab::kSdi).c_str(), "Line"));
+    EXPECT_EQ(0, HasUSBCaptureSoundItem(CardDevice(lab::kSdi).c_str(), "Mic"));
+    EXPECT_EQ(0, HasUSBCaptureSoundItem("hw:30", "Mic"));
+}
+
+// ---- volume of USB devices, in hundredths of a decibel
+
+int SetVolume(const char* serial, unsigned node, int channel, long value, int mute) {
+    const lab::LabDevice& device = Devices()[serial];
+    return SetQVUSBSoundVolume(device.bus.c_str(), device.product.c_str(), node, channel, value,
+                               mute);
+}
+
+TEST(UsbVolumeTest, OneChannelOfACaptureElementIsSet) {
+    SetMixer(lab::kHdmi, "Mic", "0dB cap");
+    EXPECT_EQ("50 0.00dB on", Left(lab::kHdmi, "Mic", "Capture"));
+    EXPECT_EQ(0, SetVolume(lab::kHdmi, 0, 0, -3000, 0));
+    EXPECT_EQ("20 -30.00dB on", Left(lab::kHdmi, "Mic", "Capture"));
+    EXPECT_EQ("50 0.00dB on", Right(lab::kHdmi, "Mic", "Capture"));
+    EXPECT_EQ(0, SetVolume(lab::kHdmi, 0, 1, -100, 0));
+    EXPECT_EQ("20 -30.00dB on", Left(lab::kHdmi, "Mic", "Capture"));
+    EXPECT_EQ("49 -1.00dB on", Right(lab::kHdmi, "Mic", "Capture"));
+}
+
+TEST(UsbVolumeTest, AVolumeBetweenTwoStepsIsRoundedUpAndOneBeyondTheRangeIsItsEnd) {
+    EXPECT_EQ(0, SetVolume(lab::kHdmi, 0, 0, -2950, 0));
+    EXPECT_EQ("21 -29.00dB on", Left(lab::kHdmi, "Mic", "Capture"));
+    EXPECT_EQ(0, SetVolume(lab::kHdmi, 0, 0, -2901, 0));
+    EXPECT_EQ("21 -29.00dB on", Left(lab::kHdmi, "Mic", "Capture"));
+    EXPECT_EQ(0, SetVolume(lab::kHdmi, 0, 0, -9900, 0));
+    EXPECT_EQ("0 -50.00dB on", Left(lab::kHdmi, "Mic", "Capture"));
+    EXPECT_EQ(0, SetVolume(lab::kHdmi, 0, 0, 700, 0));
+    EXPECT_EQ("50 0.00dB on", Left(lab::kHdmi, "Mic", "Capture"));
+}
+
+TEST(UsbVolumeTest, MuteIsTheSwitchOfAllChannels) {
+    EXPECT_EQ(0, SetVolume(lab::kSdi, 2, 0, -2000, 1));
+    EXPECT_EQ("30 -20.00dB off", Left(lab::kSdi, "Line In", "Capture"));
+    EXPECT_EQ("30 -20.00dB off", Right(lab::kSdi, "Line In", "Capture"));
+    EXPECT_EQ("30 -20.00dB on", Left(lab::kSdi, "SDI", "Capture"));
+    EXPECT_EQ(0, SetVolume(lab::kSdi, 2, 0, -2000, 0));
+    EXPECT_EQ("30 -20.00dB on", Right(lab::kSdi, "Line In", "Capture"));
+}
+
+TEST(UsbVolumeTest, AnOutputNodeSetsThePlaybackSideOfItsElementAlone) {
+    SetMixer(lab::kHdmi, "HDMI", "capture 0dB cap");
+    SetMixer(lab::kHdmi, "HDMI", "playback 0dB unmute");
+    EXPECT_EQ(0, SetVolume(lab::kHdmi, 5, 0, -1000, 1));
+    EXPECT_EQ("40 -10.00dB off", Left(lab::kHdmi, "HDMI", "Playback"));
+    EXPECT_EQ("50 0.00dB on", Left(lab::kHdmi, "HDMI", "Capture"));
+    EXPECT_EQ(0, SetVolume(lab::kHdmi, 4, 0, -2000, 0));
+    EXPECT_EQ("40 -10.00dB off", Left(lab::kHdmi, "HDMI", "Playback"));
+    EXPECT_EQ("30 -20.00dB on", Left(lab::kHdmi, "HDMI", "Capture"));
+    EXPECT_EQ(0, SetVolume(lab::kHdmi, 1, 1, -500, 0));
+    EXPECT_EQ("45 -5.00dB on", Right(lab::kHdmi, "Headphone", "Playback"));
+}
+
+TEST(UsbVolumeTest, ANodeThatTheModelDoesNotHaveIsRefused) {
+    EXPECT_EQ(-1, SetVolume(lab::kHdmi, 2, 0, 0, 0));
+    EXPECT_EQ(-1, SetVolume(lab::kSdi, 0, 0, 0, 0));
+    EXPECT_EQ(-1, SetVolume(lab::kAio, 1, 0, 0, 0));
+}
+
+// ---- through channels
+
+class SoundChannelTest : public testing::Test {
+  protected:
+    static void SetUpTestSuite() {
+        std::filesystem::remove_all("/tmp/sound-cards");
+        lab::Output("qvcap-sim init /tmp/sound-cards --scenario /t/sound-cards.toml");
+        server = std::make_unique<lab::Companion>(
+            std::vector<std::string>{"qvcap-sim", "serve", "/tmp/sound-cards"});
+        ASSERT_EQ("ready", server->Await("ready"));
+    }
+    static void TearDownTestSuite() { server.reset(); }
+    void SetUp() override {
+        QVCaptureInitInstance();
+        descriptors = lab::DescriptorsOpen();
+    }
+    void TearDown() override {
+        EXPECT_EQ(descriptors, lab::DescriptorsOpen());
+        QVCaptureExitInstance();
+    }
+
+    // A channel that is closed with its holder.
+    struct Closer {
+        void operator()(void* channel) const { QVCloseChannel(channel); }
+    };
+    using Channel = std::unique_ptr<void, Closer>;
+    static Channel Usb(const char* serial) { return Channel(LabDevices::OpenChannel(serial)); }
+    static Channel Pcie(const char* path) {
+        Channel channel(QVOpenChannelByPath(path));
+        EXPECT_NE(nullptr, channel) << path;
+        return channel;
+    }
+
+    static std::unique_ptr<lab::Companion> server;
+    int descriptors = 0;
+};
+std::unique_ptr<lab::Companion> SoundChannelTest::server;
+
+TEST_F(SoundChannelTest, APcieChannelHasTheCardOfItsPlaceAmongCardsOfItsFamilies) {
+    char id[64];
+    char card[32];
+    char pcm[32];
+    ASSERT_EQ(0, GetPelixCaptureAudioPath("/dev/video30", id, card, pcm));
+    EXPECT_STREQ("HDMI_1", id);
+    EXPECT_EQ(CardDevice(lab::kPelix), card);
+    EXPECT_EQ(CardDevice(lab::kPelix) + ",0", pcm);
+    ASSERT_EQ(0, GetPelixCaptureAudioPath("/dev/video31", id, card, pcm));
+    EXPECT_STREQ("SDI_1", id);
+    EXPECT_EQ(CardDevice(lab::kLumo) + ",0", pcm);
+    EXPECT_EQ(-1, GetPelixCaptureAudioPath("/dev/video32", id, card, pcm)) << "a third card";
+    EXPECT_EQ(-1, GetPelixCaptureAudioPath("/dev/video0", id, card, pcm)) << "a camera's node";
+}
+
+TEST_F(SoundChannelTest, VolumesOfAPcieChannelAreParts) {
+    const Channel channel = Pcie("/dev/video30");
+    _QVCAP_AUDIO_VOLUME volume{};
+    volume.channelCount = 9;
+    volume.volume[0] = 40;
+    volume.volume[1] = 85;
+    ASSERT_EQ(QV_RESULT_OK, QVSetAudioVolume(channel.get(), 3, &volume));
+    EXPECT_EQ(9, volume.channelCount) << "setting leaves it";
+    EXPECT_EQ(0, volume.minimum);
+    EXPECT_EQ(100, volume.maximum);
+    EXPECT_EQ("20 -30.00dB on", Left(lab::kPelix, "HDMI", "Capture"));
+    EXPECT_EQ("42 -8.00dB on", Right(lab::kPelix, "HDMI", "Capture")) << "85 of 100 is 42.5 of 50";
+    EXPECT_EQ("30 -20.00dB on", Left(lab::kLumo, "SDI", "Capture")) << "another channel's card";
+
+    SetMixer(lab::kPelix, "HDMI", "-25dB nocap");
+    std::memset(&volume, 0x55, sizeof volume);
+    ASSERT_EQ(QV_RESULT_OK, QVGetAudioVolume(channel.get(), 0, &volume));
+    EXPECT_EQ(2, volume.channelCount);
+    EXPECT_EQ(0, volume.minimum);
+    EXPECT_EQ(100, volume.maximum);
+    for (int i = 0; i < 2; ++i) {
+        EXPECT_EQ(50, volume.volume[i]);
+        EXPECT_NE(0, volume.mute[i]);
+    }
+    EXPECT_EQ(0x5555, volume.volume[2]) << "no third channel";
+    SetMixer(lab::kPelix, "HDMI", "0dB cap");
+    ASSERT_EQ(QV_RESULT_OK, QVGetAudioVolume(channel.get(), 0, &volume));
+    EXPECT_EQ(100, volume.volume[1]);
+    EXPECT_EQ(0, volume.mute[1]);
+}
+
+TEST_F(SoundChannelTest, EveryPartThatIsSetIsReadBackAsTheStepItFellOn) {
+    const Channel channel = Pcie("/dev/video31");
+    for (int16_t part = 0; part <= 100; part += 5) {
+        _QVCAP_AUDIO_VOLUME volume{};
+        volume.volume[0] = part;
+        volume.volume[1] = static_cast<int16_t>(100 - part);
+        volume.mute[0] = volume.mute[1] = part % 2 != 0;
+        ASSERT_EQ(QV_RESULT_OK, QVSetAudioVolume(channel.get(), 0, &volume));
+        _QVCAP_AUDIO_VOLUME got{};
+        ASSERT_EQ(QV_RESULT_OK, QVGetAudioVolume(channel.get(), 0, &got));
+        EXPECT_EQ(part / 2 * 2, got.volume[0]);
+        EXPECT_EQ((100 - part) / 2 * 2, got.volume[1]);
+        EXPECT_EQ(part % 2 != 0, got.mute[0] != 0);
+    }
+}
+
+TEST_F(SoundChannelTest, AChannelWithoutACardHasNoVolume) {
+    const Channel channel = Pcie("/dev/video32");
+    _QVCAP_AUDIO_VOLUME volume{};
+    EXPECT_EQ(QV_RESULT_FAILED, QVSetAudioVolume(channel.get(), 0, &volume));
+    EXPECT_EQ(QV_RESULT_FAILED, QVGetAudioVolume(channel.get(), 0, &volume));
+    Chunks chunks;
+    EXPECT_EQ(nullptr,
+              QVCreateAudioCapture(channel.get(), 0, 48000, 16, 2, Chunks::OnChunk, &chunks));
+}
+
+TEST_F(SoundChannelTest, VolumesOfAUsbChannelAreDecibelsOnItsOwnCard) {
+    const Channel channel = Usb(lab::kHdmi);
+    _QVCAP_AUDIO_VOLUME volume{};
+    volume.channelCount = 2;
+    volume.volume[0] = -1500;
+    volume.volume[1] = -1600;
+    EXPECT_EQ(QV_RESULT_OK, QVSetAudioVolume(channel.get(), 6, &volume));
+    EXPECT_EQ("35 -15.00dB on", Left(lab::kHdmi, "Computer", "Capture"));
+    EXPECT_EQ("34 -16.00dB on", Right(lab::kHdmi, "Computer", "Capture"));
+    EXPECT_EQ("30 -20.00dB on", Left(lab::kHdmi, "Computer", "Playback"));
+    EXPECT_EQ(QV_RESULT_FAILED, QVSetAudioVolume(channel.get(), 2, &volume)) << "no such node";
+}
+
+// ---- capture
+
+// Every chunk is a run of one stream's samples, and chunks come in order; `kilohertz` tells the
+// stream. A chunk may begin behind a gap: a slow machine overruns.
+void ExpectTone(const std::vector<std::vector<unsigned char>>& chunks, size_t frames,
+                size_t sampleBytes, int kilohertz) {
+    int next = -1;
+    for (const auto& chunk : chunks) {
+        ASSERT_EQ(frames * 2 * sampleBytes, chunk.size());
+        const std::vector<int> samples = lab::Samples(chunk, sampleBytes);
+        for (size_t i = 0; i < frames; ++i) {
+            const int number = static_cast<uint16_t>(samples[2 * i + 1]);
+            if (i > 0) {
+                ASSERT_EQ(next, number) << "sample " << i;
+            }
+            const double angle = 2 * 3.14159265358979 * (number * kilohertz % 48) / 48;
+            ASSERT_EQ(std::lround(12000 * std::sin(angle)), samples[2 * i]) << "number " << number;
+            next = (number + 1) % 48000;
+        }
+    }
+    EXPECT_FALSE(chunks.empty());
+}
+
+TEST_F(SoundChannelTest, EachNodeOfAUsbChannelCapturesItsStream) {
+    const Channel channel = Usb(lab::kHdmi);
+    const int rows[][2] = {{0, 1}, {1, 1}, {2, 2}, {3, 3}, {5, 1}, {7, 1}};  // node, kHz
+    for (const auto& [node, kilohertz] : rows) {
+        SCOPED_TRACE(node);
+        Chunks chunks;
+        QV_AUDIO_CAPTURE capture = QVCreateAudioCapture(channel.get(), static_cast<unsigned>(node),
+                                                        48000, 16, 2, Chunks::OnChunk, &chunks);
+        ASSERT_NE(nullptr, capture);
+        EXPECT_TRUE(chunks.AwaitMore(20));
+        EXPECT_EQ(QV_RESULT_OK, QVDestoryAudioCapture(capture));
+        ExpectTone(chunks.Take(), 480, 2, kilohertz);
+        EXPECT_FALSE(chunks.Reserved());
+    }
+    Chunks chunks;
+    EXPECT_EQ(nullptr,
+              QVCreateAudioCapture(channel.get(), 4, 48000, 16, 2, Chunks::OnChunk, &chunks))
+        << "this model has no line in";
+}
+
+TEST_F(SoundChannelTest, RatesAndSampleSizesAreTheCardsOwn) {
+    const Channel channel = Usb(lab::kAio);
+    const struct {
+        unsigned rate;
+        unsigned short bits;
+        size_t frames;
+        size_t bytes;
+    } rows[] = {{44100, 16, 440, 2}, {48000, 32, 480, 4}, {48000, 24, 480, 2}, {48000, 16, 480, 2}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(testing::Message() << row.rate << " Hz, " << row.bits << " bits");
+        Chunks chunks;
+        QV_AUDIO_CAPTURE capture =
+            QVCreateAudioCapture(channel.get(), 4, row.rate, row.bits, 2, Chunks::OnChunk, &chunks);
+        ASSERT_NE(nullptr, capture);
+        EXPECT_TRUE(chunks.AwaitMore(10));
+        EXPECT_EQ(QV_RESULT_OK, QVDestoryAudioCapture(capture));
+        ExpectTone(chunks.Take(), row.frames, row.bytes, 2);
+    }
+    Chunks chunks;
+    EXPECT_EQ(nullptr,
+              QVCreateAudioCapture(channel.get(), 4, 48000, 16, 5, Chunks::OnChunk, &chunks))
+        << "five channels";
+}
+
+TEST_F(SoundChannelTest, APcieChannelCapturesFromTheCardOfItsPlace) {
+    const Channel channel = Pcie("/dev/video30");
+    Chunks chunks;
+    QV_AUDIO_CAPTURE capture =
+        QVCreateAudioCapture(channel.get(), 3, 48000, 16, 2, Chunks::OnChunk, &chunks);
+    ASSERT_NE(nullptr, capture);
+    EXPECT_TRUE(chunks.AwaitMore(5));
+    EXPECT_THAT(lab::Output("cat /proc/asound/card" + std::to_string(Devices()[lab::kPelix].card) +
+                            "/pcm0c/sub0/status"),
+                HasSubstr("RUNNING"));
+    EXPECT_EQ(QV_RESULT_OK, QVDestoryAudioCapture(capture));
+    ExpectTone(chunks.Take(), 480, 2, 1);
+}
+
+TEST_F(SoundChannelTest, TwoStreamsOfADeviceAreCapturedAtOnce) {
+    const Channel channel = Usb(lab::kHdmi);
+    Chunks one;
+    Chunks two;
+    QV_AUDIO_CAPTURE first =
+        QVCreateAudioCapture(channel.get(), 0, 48000, 16, 2, Chunks::OnChunk, &one);
+    QV_AUDIO_CAPTURE second =
+        QVCreateAudioCapture(channel.get(), 2, 48000, 16, 2, Chunks::OnChunk, &two);
+    ASSERT_NE(nullptr, first);
+    ASSERT_NE(nullptr, second);
+    EXPECT_EQ(nullptr, QVCreateAudioCapture(channel.get(), 2, 48000, 16, 2, Chunks::OnChunk, &two))
+        << "a stream is captured once";
+    EXPECT_TRUE(one.AwaitMore(30));
+    EXPECT_TRUE(two.AwaitMore(30));
+    EXPECT_EQ(QV_RESULT_OK, QVDestoryAudioCapture(first));
+    EXPECT_EQ(QV_RESULT_OK, QVDestoryAudioCapture(second));
+    ExpectTone(one.Take(), 480, 2, 1);
+    ExpectTone(two.Take(), 480, 2, 2);
+}
+
+// Blocks the capture's thread until the device has nothing more to write to.
+struct Blocker {
+    Chunks chunks;
+    std::atomic<bool> blocked{true};
+    static void OnChunk(const unsigned char* data, int bytes, long long reserved, void* param) {
+        auto* blocker = static_cast<Blocker*>(param);
+        Chunks::OnChunk(data, bytes, reserved, &blocker->chunks);
+        while (blocker->blocked) usleep(10000);
+    }
+};
+
+TEST_F(SoundChannelTest, AnOverrunIsRecoveredAndCaptureGoesOn) {
+    const Channel channel = Usb(lab::kDvi);
+    Blocker blocker;
+    QV_AUDIO_CAPTURE capture =
+        QVCreateAudioCapture(channel.get(), 0, 48000, 16, 2, Blocker::OnChunk, &blocker);
+    ASSERT_NE(nullptr, capture);
+    const std::string status =
+        "/proc/asound/card" + std::to_string(Devices()[lab::kDvi].card) + "/pcm0c/sub0/status";
+    std::string state;
+    for (int tries = 0; tries < 600 && state.find("XRUN") == std::string::npos; ++tries) {
+        usleep(100000);
+        state = lab::Output("cat " + status);
+    }
+    EXPECT_THAT(state, HasSubstr("XRUN"));
+    blocker.blocked = false;
+    EXPECT_TRUE(blocker.chunks.AwaitMore(20));
+    EXPECT_EQ(QV_RESULT_OK, QVDestoryAudioCapture(capture));
+    ExpectTone(blocker.chunks.Take(), 480, 2, 1);
+}
+
+TEST_F(SoundChannelTest, ACaptureThatIsDestroyedByItsOwnCallbackEnds) {
+    struct Own {
+        QV_AUDIO_CAPTURE capture = nullptr;
+        std::mutex created;
+        std::atomic<bool> destroyed{false};
+    } own;
+    const Channel channel = Usb(lab::kDvi);
+    {
+        const std::lock_guard lock(own.created);
+        own.capture = QVCreateAudioCapture(
+            channel.get(), 0, 48000, 16, 2,
+            [](const unsigned char*, int, long long, void* param) {
+                auto* self = static_cast<Own*>(param);
+                const std::lock_guard inside(self->created);
+                if (self->destroyed.exchange(true)) return;
+                EXPECT_EQ(QV_RESULT_OK, QVDestoryAudioCapture(self->capture));
+            },
+            &own);
+        ASSERT_NE(nullptr, own.capture);
+    }
+    for (int tries = 0; tries < 600 && lab::DescriptorsOpen() != descriptors; ++tries)
+        usleep(100000);
+    EXPECT_TRUE(own.destroyed);
+}
+
+// ---- pulled out
+
+TEST_F(SoundChannelTest, ACardThatIsPulledOutEndsItsCaptureWithoutHarm) {
+    const Channel channel = Usb(lab::kSdi);
+    Chunks chunks;
+    QV_AUDIO_CAPTURE capture =
+        QVCreateAudioCapture(channel.get(), 4, 48000, 16, 2, Chunks::OnChunk, &chunks);
+    ASSERT_NE(nullptr, capture);
+    EXPECT_TRUE(chunks.AwaitMore(5));
+    Devices().Unplug(lab::kSdi);
+    for (int tries = 0; tries < 600 && std::filesystem::exists("/proc/asound/SDI"); ++tries)
+        usleep(100000);
+    RefreshSoundCards();
+    EXPECT_EQ(5, g_sndCount);
+    // A pass sleeps 10 ms and then shortly.
+    const lab::Load load = lab::LoadOf("AudioCapture");
+    EXPECT_LT(load.sleeps, 210) << "it asks a card that is gone again and again";
+    EXPECT_LT(load.busy, 0.9) << "it spins";
+    EXPECT_EQ(QV_RESULT_OK, QVDestoryAudioCapture(capture));
+    ExpectTone(chunks.Take(), 480, 2, 2);
+    EXPECT_EQ(nullptr,
+              QVCreateAudioCapture(channel.get(), 4, 48000, 16, 2, Chunks::OnChunk, &chunks));
+    _QVCAP_AUDIO_VOLUME volume{};
+    volume.channelCount = 1;
+    EXPECT_EQ(QV_RESULT_FAILED, QVSetAudioVolume(channel.get(), 4, &volume));
+
+    Devices().Plug(lab::kSdi);
+    const Channel again = Usb(lab::kSdi);
+    Chunks later;
+    capture = QVCreateAudioCapture(again.get(), 4, 48000, 16, 2, Chunks::OnChunk, &later);
+    ASSERT_NE(nullptr, capture);
+    EXPECT_TRUE(later.AwaitMore(5));
+    EXPECT_EQ(QV_RESULT_OK, QVDestoryAudioCapture(capture));
+    ExpectTone(later.Take(), 480, 2, 2);
+}
+
+// ---- playback
+
+// Frames that tell their place: none of them is silence.
+std::string Numbered(uint32_t first, uint32_t count) {
+    std::string bytes;
+    for (uint32_t i = first; i < first + count; ++i) {
+        const uint32_t frame = 0x40000000u + i;
+        bytes.append(reinterpret_cast<const char*>(&frame), sizeof frame);
+    }
+    return bytes;
+}
+
+int Put(AudioPlaybackALSAContext* playback, const std::string& bytes) {
+    return AudioPlaybackALSAPut(playback, reinterpret_cast<const unsigned char*>(bytes.data()),
+                                static_cast<int>(bytes.size()));
+}
+
+// What reached the device, without silence.
+std::string Sounds(const std::string& bytes) {
+    std::string sounds;
+    for (size_t at = 0; at + 4 <= bytes.size(); at += 4)
+        if (bytes.compare(at, 4, std::string(4, '\0')) != 0) sounds += bytes.substr(at, 4);
+    return sounds;
+}
+
+TEST_F(SoundChannelTest, WhatIsPlayedReachesTheDeviceInOrder) {
+    AudioPlaybackALSAContext* playback = nullptr;
+    ASSERT_EQ(0, AudioPlaybackALSACreate(&playback));
+    ASSERT_EQ(0, AudioPlaybackALSAStart(playback, (CardDevice(lab::kHdmi) + ",0").c_str(), 48000,
+                                        16, 2, 0));
+    std::string sent;
+    for (uint32_t i = 0; i < 144; ++i) {
+        const std::string part = Numbered(i * 1000, 1000);
+        ASSERT_EQ(1000, Put(playback, part)) << i;
+        sent += part;
+    }
+    AudioPlaybackALSAStop(playback);
+    const std::string heard = Sounds(LabDevices::Played(lab::kHdmi, "Headphone"));
+    // The buffer holds two seconds; what was in it when playback stopped is dropped.
+    EXPECT_GT(heard.size(), 40000u * 4);
+    ASSERT_LE(heard.size(), sent.size());
+    EXPECT_EQ(0, sent.compare(0, heard.size(), heard));
+    AudioPlaybackALSADestroy(playback);
+}
+
+TEST_F(SoundChannelTest, AnUnderrunIsRecoveredAndTheSoundGoesOn) {
+    AudioPlaybackALSAContext* playback = nullptr;
+    ASSERT_EQ(0, AudioPlaybackALSACreate(&playback));
+    const std::string device = CardDevice(lab::kHdmi);
+    ASSERT_EQ(0, AudioPlaybackALSAStart(playback, (device + ",1").c_str(), 48000, 16, 2, 0));
+    snd_pcm_uframes_t buffer = 0;
+    snd_pcm_uframes_t period = 0;
+    ASSERT_EQ(0, snd_pcm_get_params(playback->pcm, &buffer, &period));
+    const auto whole = static_cast<uint32_t>(buffer);
+    ASSERT_EQ(static_cast<int>(whole), Put(playback, Numbered(0, whole)));
+    for (int tries = 0; tries < 600 && snd_pcm_state(playback->pcm) != SND_PCM_STATE_XRUN;
+         ++tries) {
+        snd_pcm_avail_update(playback->pcm);
+        usleep(100000);
+    }
+    ASSERT_EQ(SND_PCM_STATE_XRUN, snd_pcm_state(playback->pcm));
+    ASSERT_EQ(1000, Put(playback, Numbered(whole, 1000)));
+    // Pushes them through: a put returns when all of it is in the buffer.
+    ASSERT_EQ(static_cast<int>(whole), Put(playback, Numbered(whole + 1000, whole)));
+    ASSERT_EQ(4800, Put(playback, Numbered(2 * whole + 1000, 4800)));
+    AudioPlaybackALSAStop(playback);
+    AudioPlaybackALSADestroy(playback);
+    const std::string heard = Sounds(LabDevices::Played(lab::kHdmi, "HDMI"));
+    const size_t before = heard.find(Numbered(whole, 1000));
+    ASSERT_NE(std::string::npos, before) << "behind the underrun";
+    // What was on its way when the buffer ran dry is lost in the device's driver.
+    EXPECT_EQ(0, Numbered(0, whole).compare(0, before, heard, 0, before)) << "and before it";
+    EXPECT_GT(before, 4u * whole / 2);
+}
+
+TEST_F(SoundChannelTest, ACardThatIsPulledOutFailsEveryPut) {
+    AudioPlaybackALSAContext* playback = nullptr;
+    ASSERT_EQ(0, AudioPlaybackALSACreate(&playback));
+    ASSERT_EQ(0, AudioPlaybackALSAStart(playback, (CardDevice(lab::kHdmi) + ",2").c_str(), 48000,
+                                        16, 2, 0));
+    EXPECT_EQ(1000, Put(playback, Numbered(0, 1000)));
+    Devices().Unplug(lab::kHdmi);
+    int result = 0;
+    for (int tries = 0; tries < 600 && result >= 0; ++tries) {
+        result = Put(playback, Numbered(0, 100));
+        usleep(10000);
+    }
+    EXPECT_EQ(-ENODEV, result);
+    AudioPlaybackALSAStop(playback);
+    AudioPlaybackALSADestroy(playback);
+    Devices().Plug(lab::kHdmi);
+}
+
+}  // namespace
