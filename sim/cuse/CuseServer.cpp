@@ -21,6 +21,12 @@ void AnswerRequest(const CuseNode& node, uint64_t unique, const Answer& answer) 
     node.AnswerWith(unique, result);
 }
 
+void Wake(int eventFd) {
+    const uint64_t one = 1;
+    // A full counter is as good as a written one.
+    if (write(eventFd, &one, sizeof one) < 0) return;
+}
+
 }  // namespace
 
 CuseWays KernelWays() {
@@ -35,11 +41,7 @@ CuseServer::CuseServer(std::shared_ptr<Model> model, CuseWays ways)
       epoll_(epoll_create1(EPOLL_CLOEXEC)),
       changed_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
     const std::lock_guard lock(model_->Mutex());
-    model_->Events().Listen([fd = changed_] {
-        const uint64_t one = 1;
-        // A full counter is as good as a written one.
-        if (write(fd, &one, sizeof one) < 0) return;
-    });
+    model_->Events().Listen([fd = changed_] { Wake(fd); });
 }
 
 CuseServer::~CuseServer() {
@@ -107,6 +109,7 @@ std::string CuseServer::AwaitNodes() {
 }
 
 std::string CuseServer::Run(int stop) {
+    stop_ = stop;
     if (!Watch(stop, &epoll_)) return std::string("nothing to stop at: ") + std::strerror(errno);
     std::string error;
     for (bool stopped = false; error.empty() && !stopped;)
@@ -115,41 +118,75 @@ std::string CuseServer::Run(int stop) {
     for (const auto& [number, open] : files_) model_->Close(open.file, open.number);
     files_.clear();
     nodes_.clear();
+    const std::lock_guard lock(settling_);
+    settleDone_ = UINT64_MAX;
+    settled_.notify_all();
     return error;
 }
 
-std::string CuseServer::ServeOnce(int timeout, bool* stopped) {
-    epoll_event events[16];
-    const int count = epoll_wait(epoll_, events, 16, timeout);
-    if (count < 0 && errno != EINTR) return std::string("waiting failed: ") + std::strerror(errno);
-    for (int i = 0; i < count; ++i) {
-        void* const what = events[i].data.ptr;
-        if (what == &epoll_) {
-            *stopped = true;
-        } else if (what == &changed_) {
-            uint64_t changes = 0;
-            if (read(changed_, &changes, sizeof changes) < 0) continue;
-        } else if (std::string error = Drain(*static_cast<CuseNode*>(what)); !error.empty()) {
-            return error;
-        }
-    }
-    AskWaiters();
-    return {};
+void CuseServer::Settle() {
+    std::unique_lock lock(settling_);
+    const uint64_t mine = ++settleAsked_;
+    Wake(changed_);
+    settled_.wait(lock, [&] { return settleDone_ >= mine; });
 }
 
-// Everything that is there: one wake-up may stand for several messages.
-std::string CuseServer::Drain(CuseNode& node) {
-    CuseMessage message;
-    for (;;) {
-        switch (node.Receive(message)) {
-            case CuseNode::Received::kNothing:
-                return {};
-            case CuseNode::Received::kGone:
-                return node.Path() +
-                       " was refused or taken away by the kernel: is there another "
-                       "node of this name?";
-            case CuseNode::Received::kMessage:
-                if (std::string error = Serve(node, message); !error.empty()) return error;
+std::string CuseServer::ServeOnce(int timeout, bool* stopped) {
+    std::vector<Sent> sent;
+    std::string error = Collect(timeout, sent, stopped);
+    uint64_t asked = 0;
+    {
+        const std::lock_guard lock(settling_);
+        asked = settleAsked_;
+    }
+    // A close returns before its release is read, so what its process asks of another node next may
+    // have been read first.
+    std::stable_partition(sent.begin(), sent.end(), [](const Sent& one) {
+        return one.message.header.opcode == FUSE_RELEASE;
+    });
+    for (const auto& [node, message] : sent) {
+        const std::string refused = Serve(*node, message);
+        if (error.empty()) error = refused;
+    }
+    AskWaiters();
+    const std::lock_guard lock(settling_);
+    settleDone_ = std::max(settleDone_, asked);
+    settled_.notify_all();
+    return error;
+}
+
+// Waits for messages, then takes everything that is there, of all nodes. That has an end: a caller
+// has one request on its way, and none is answered here.
+std::string CuseServer::Collect(int timeout, std::vector<Sent>& sent, bool* stopped) {
+    epoll_event events[16];
+    for (;; timeout = 0) {
+        const int count = epoll_wait(epoll_, events, 16, timeout);
+        if (count < 0 && errno != EINTR)
+            return std::string("waiting failed: ") + std::strerror(errno);
+        if (count <= 0) return {};
+        for (int i = 0; i < count; ++i) {
+            void* const what = events[i].data.ptr;
+            if (what == &epoll_) {
+                *stopped = true;
+                epoll_ctl(epoll_, EPOLL_CTL_DEL, stop_, nullptr);  // it stays readable
+            } else if (what == &changed_) {
+                uint64_t changes = 0;
+                if (read(changed_, &changes, sizeof changes) < 0) continue;
+            } else {
+                CuseNode* const node = static_cast<CuseNode*>(what);
+                Sent one{node, {}};
+                switch (node->Receive(one.message)) {
+                    case CuseNode::Received::kMessage:
+                        sent.push_back(std::move(one));
+                        break;
+                    case CuseNode::Received::kGone:
+                        return node->Path() +
+                               " was refused or taken away by the kernel: is there another "
+                               "node of this name?";
+                    case CuseNode::Received::kNothing:
+                        break;
+                }
+            }
         }
     }
 }
@@ -203,30 +240,41 @@ void CuseServer::ServeRelease(CuseNode& node, const CuseMessage& message) {
 
 void CuseServer::ServeIoctl(CuseNode& node, const CuseMessage& message) {
     fuse_ioctl_in request{};
-    const auto found =
-        message.Get(&request, sizeof request) ? files_.find(request.fh) : files_.end();
-    if (found == files_.end()) return node.Answer(message.header.unique, EBADF);
-    ClientMemory memory(static_cast<pid_t>(message.header.pid));
-    ParkedWait wait;
+    if (!message.Get(&request, sizeof request)) return node.Answer(message.header.unique, EBADF);
+    Try({&node, message.header.unique, request.fh, request.cmd, request.arg,
+         static_cast<pid_t>(message.header.pid)},
+        {});
+}
+
+// Serves a request, or parks it until it can be.
+void CuseServer::Try(const Request& request, ParkedWait wait) {
+    const auto open = files_.find(request.file);
+    if (open == files_.end()) return request.node->Answer(request.unique, EBADF);
+    ClientMemory memory(request.thread);
     const Answer answer =
-        ServeRequest(*model_, *found->second.file, request.cmd, request.arg, memory, &wait);
-    if (!wait.Parked()) return AnswerRequest(node, message.header.unique, answer);
-    Waiter waiter{&node, message.header.unique, std::move(wait), {}};
-    if (waiter.wait.timeout > 0)
+        ServeRequest(*model_, *open->second.file, request.code, request.address, memory, &wait);
+    if (!wait.ForEvent() && !wait.ForCard())
+        return AnswerRequest(*request.node, request.unique, answer);
+    Waiter waiter{request, std::move(wait), {}};
+    if (waiter.wait.ForCard())
+        waiter.deadline = Clock::now() + waiter.wait.delay;
+    else if (waiter.wait.timeout > 0)
         waiter.deadline = Clock::now() + std::chrono::milliseconds(waiter.wait.timeout);
     waiters_.push_back(std::move(waiter));
 }
 
 // Without an answer the caller could not be killed. An interrupt for a request that was answered
-// already, or that never waits, needs none.
+// already, or that never waits, needs none; a card at work is not interrupted.
 void CuseServer::Interrupt(CuseNode& node, const CuseMessage& message) {
     fuse_interrupt_in interrupt{};
     if (!message.Get(&interrupt, sizeof interrupt)) return;
     std::erase_if(waiters_, [&](const Waiter& waiter) {
-        if (waiter.node != &node || waiter.unique != interrupt.unique) return false;
+        if (waiter.request.node != &node || waiter.request.unique != interrupt.unique ||
+            waiter.wait.ForCard())
+            return false;
         Answer answer;
         AskAgain(*model_, waiter.wait, true, EINTR, answer);
-        AnswerRequest(node, waiter.unique, answer);
+        AnswerRequest(node, waiter.request.unique, answer);
         return true;
     });
 }
@@ -234,20 +282,28 @@ void CuseServer::Interrupt(CuseNode& node, const CuseMessage& message) {
 // In order of arrival: of several waiters for one event the first takes it.
 void CuseServer::AskWaiters() {
     const Clock::time_point now = Clock::now();
-    std::erase_if(waiters_, [&](const Waiter& waiter) {
+    std::vector<Waiter> asked;
+    asked.swap(waiters_);
+    for (Waiter& waiter : asked) {
         const bool late = waiter.deadline && *waiter.deadline <= now;
+        if (waiter.wait.ForCard() && late) {
+            waiter.wait.DelayOver();
+            Try(waiter.request, std::move(waiter.wait));
+            continue;
+        }
         Answer answer;
-        if (!AskAgain(*model_, waiter.wait, late, 0, answer)) return false;
-        AnswerRequest(*waiter.node, waiter.unique, answer);
-        return true;
-    });
+        if (waiter.wait.ForEvent() && AskAgain(*model_, waiter.wait, late, 0, answer))
+            AnswerRequest(*waiter.request.node, waiter.request.unique, answer);
+        else
+            waiters_.push_back(std::move(waiter));
+    }
 }
 
 void CuseServer::EndWaiters(int error) {
     for (const Waiter& waiter : waiters_) {
-        Answer answer;
-        AskAgain(*model_, waiter.wait, true, error, answer);
-        AnswerRequest(*waiter.node, waiter.unique, answer);
+        Answer answer = Refused(error);
+        if (waiter.wait.ForEvent()) AskAgain(*model_, waiter.wait, true, error, answer);
+        AnswerRequest(*waiter.request.node, waiter.request.unique, answer);
     }
     waiters_.clear();
 }

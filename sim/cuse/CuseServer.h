@@ -1,15 +1,17 @@
 // Door 2: the nodes of the cards as real character devices, for any number of programs at once.
 //
-// One thread serves all nodes and never waits for a card's event: such a caller is parked and
-// answered when the event comes, its time is up or a signal interrupts it. What a card's flash
-// takes its time for (latencies, the fault "slow") holds up every caller. Requests, time-outs and
-// faults are the protocol's business, not the door's.
+// One thread serves all nodes and waits for nothing but messages: whoever waits for an event is
+// parked until the event comes, its time is up or a signal interrupts it; whoever waits for a card
+// that takes its time (flash latencies, the fault "slow") until that time has passed, signals or
+// not. Requests, time-outs and faults are the protocol's business, not the door's.
 #pragma once
 
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -43,28 +45,44 @@ class CuseServer {
     // and all files are closed when it returns.
     std::string Run(int stop);
 
+    // Returns when all that was asked before is served, also what nobody waits for: the release of
+    // a file comes after its close() has returned. Any other thread, while Run() runs.
+    void Settle();
+
   private:
     using Clock = std::chrono::steady_clock;
     struct OpenNode {
         std::shared_ptr<OpenFile> file;
         int number;  // for the journal
     };
-    struct Waiter {
+    struct Request {
         CuseNode* node;
         uint64_t unique;
+        uint64_t file;
+        uint32_t code;
+        uint64_t address;
+        pid_t thread;
+    };
+    struct Waiter {
+        Request request;
         ParkedWait wait;
         std::optional<Clock::time_point> deadline;
+    };
+    struct Sent {
+        CuseNode* node;
+        CuseMessage message;
     };
 
     std::string AddNode(const std::string& name);
     std::string AwaitNodes();
     // Waits for messages, `timeout` milliseconds at most, and serves them.
     std::string ServeOnce(int timeout, bool* stopped);
-    std::string Drain(CuseNode& node);
+    std::string Collect(int timeout, std::vector<Sent>& sent, bool* stopped);
     std::string Serve(CuseNode& node, const CuseMessage& message);
     void ServeOpen(CuseNode& node, const CuseMessage& message);
     void ServeRelease(CuseNode& node, const CuseMessage& message);
     void ServeIoctl(CuseNode& node, const CuseMessage& message);
+    void Try(const Request& request, ParkedWait wait);
     void Interrupt(CuseNode& node, const CuseMessage& message);
     void AskWaiters();
     void EndWaiters(int error);
@@ -74,11 +92,17 @@ class CuseServer {
     std::shared_ptr<Model> model_;
     CuseWays ways_;
     int epoll_;
-    int changed_;  // written to when the model's events change
+    int changed_;    // written to when the model's events change, or somebody waits in Settle()
+    int stop_ = -1;  // while Run() runs
     std::vector<std::unique_ptr<CuseNode>> nodes_;
     std::map<uint64_t, OpenNode> files_;
     uint64_t nextFile_ = 1;
     std::vector<Waiter> waiters_;
+
+    std::mutex settling_;
+    std::condition_variable settled_;
+    uint64_t settleAsked_ = 0;
+    uint64_t settleDone_ = 0;
 };
 
 }  // namespace qvsim

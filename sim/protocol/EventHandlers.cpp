@@ -21,8 +21,11 @@ Answer WaitFor(Call& call, const std::vector<uint64_t>& events, bool takes, int 
     const int patience = call.parked ? 0 : timeout;
     const Answer answer = takes ? table.Wait(call.lock, events[0], patience)
                                 : table.WaitSeveral(call.lock, events, patience);
-    if (call.parked && timeout != 0 && answer.error == 0 && answer.value == 0)
-        *call.parked = {events, takes, timeout, {}};
+    if (call.parked && timeout != 0 && answer.error == 0 && answer.value == 0) {
+        call.parked->events = events;
+        call.parked->takes = takes;
+        call.parked->timeout = timeout;
+    }
     return answer;
 }
 

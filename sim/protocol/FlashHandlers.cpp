@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
-#include <thread>
 
 #include "FirmwareImage.h"
 #include "Handlers.h"
@@ -14,12 +13,9 @@
 namespace qvsim {
 namespace {
 
-// Waits as long as the chip would; other requests go on meanwhile.
-void Busy(Call& call, uint64_t microseconds) {
-    if (microseconds == 0) return;
-    call.lock.unlock();
-    std::this_thread::sleep_for(std::chrono::microseconds(microseconds));
-    call.lock.lock();
+// Waits as long as the chip would; false as Call::TakeTime() says.
+bool Busy(Call& call, uint64_t microseconds) {
+    return call.TakeTime(std::chrono::microseconds(microseconds));
 }
 
 uint64_t Units(uint64_t bytes, uint64_t unit) { return (bytes + unit - 1) / unit; }
@@ -63,7 +59,8 @@ Answer EraseFirmwareData(Call& call) {
     NoteRange(call, offset, size);
     NorFlash& flash = *call.channel->flash;
     if (!flash.InRange(offset, size)) return Refused(EINVAL);
-    Busy(call, Units(size, NorFlash::kSector) * call.model.Delays().erasePerSector);
+    if (!Busy(call, Units(size, NorFlash::kSector) * call.model.Delays().erasePerSector))
+        return Ok();
     const uint32_t done = SizeBeforeCut(call, size);
     if (!flash.Erase(offset, done) || !GarbleAfterCut(call, offset, done)) return Refused(EIO);
     constexpr uint8_t kProgrammed = 0x5A;
@@ -77,7 +74,7 @@ Answer WriteFirmwareData(Call& call) {
     NoteRange(call, offset, size);
     NorFlash& flash = *call.channel->flash;
     if (!flash.InRange(offset, size)) return Refused(EINVAL);
-    Busy(call, Units(size, NorFlash::kPage) * call.model.Delays().programPerPage);
+    if (!Busy(call, Units(size, NorFlash::kPage) * call.model.Delays().programPerPage)) return Ok();
     const auto stuck =
         static_cast<uint8_t>(EffectOf(call.effects, FaultKind::kStuckBits).value_or(0));
     const uint32_t wanted = SizeBeforeCut(call, size);
@@ -104,7 +101,7 @@ Answer ReadFirmwareData(Call& call) {
     NoteRange(call, record.offset, record.size);
     NorFlash& flash = *call.channel->flash;
     if (!flash.InRange(record.offset, record.size)) return Refused(EINVAL);
-    Busy(call, Units(record.size, 1024) * call.model.Delays().readPerKiB);
+    if (!Busy(call, Units(record.size, 1024) * call.model.Delays().readPerKiB)) return Ok();
     const uint32_t wanted =
         std::min(record.size, EffectOf(call.effects, FaultKind::kShortRead).value_or(record.size));
     const auto flip = EffectOf(call.effects, FaultKind::kFlipBit);

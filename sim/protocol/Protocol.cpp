@@ -24,11 +24,8 @@ char LetterOf(uint32_t code) { return static_cast<char>(code >> 8 & 0xFF); }
 Answer Precheck(Call& call) {
     if (call.model.IsShutDown()) return Refused(ENODEV);
     Channel* channel = call.channel;
-    if (const auto slow = EffectOf(call.effects, FaultKind::kSlow)) {
-        call.lock.unlock();
-        std::this_thread::sleep_for(std::chrono::milliseconds(*slow));
-        call.lock.lock();
-    }
+    const auto slow = EffectOf(call.effects, FaultKind::kSlow);
+    if (slow && !call.TakeTime(std::chrono::milliseconds(*slow))) return Ok();
     if (channel && EffectOf(call.effects, FaultKind::kNodeGone)) channel->gone = true;
     if (channel && channel->gone) return Refused(ENODEV);
     if (channel && channel->board->state->powerLost) return Refused(EIO);
@@ -36,6 +33,8 @@ Answer Precheck(Call& call) {
         return Refused(static_cast<int>(*error));
     return Ok();
 }
+
+bool LeftToTheDoor(const Call& call) { return call.parked && call.parked->ForCard(); }
 
 // A power cut in the middle: the two requests that change flash do part of their work.
 Answer CutPower(Call& call) {
@@ -55,14 +54,12 @@ Answer Run(Call& call, uint64_t address) {
     auto& records = call.channel ? call.channel->lastRecord : call.model.EventRecords();
     if (call.row.TakesRecord() || call.size == 0)
         records[call.row.name] = Bytes(call.record, call.record + call.size);
-    if (const Answer early = Precheck(call); early.error) return early;
-    Answer answer;
-    if (call.channel && EffectOf(call.effects, FaultKind::kPowerLoss)) {
-        answer = CutPower(call);
-        call.model.LosePower(*call.channel->board);
-    } else {
-        answer = call.row.handler(call);
-    }
+    if (const Answer early = Precheck(call); early.error || LeftToTheDoor(call)) return early;
+    const bool powerLoss =
+        call.channel && EffectOf(call.effects, FaultKind::kPowerLoss).has_value();
+    const Answer answer = powerLoss ? CutPower(call) : call.row.handler(call);
+    if (LeftToTheDoor(call)) return answer;
+    if (powerLoss) call.model.LosePower(*call.channel->board);
     if (answer.error == 0 && call.row.GivesRecord() &&
         !call.memory.Write(address, call.record, call.size))
         return Refused(EFAULT);
@@ -77,6 +74,19 @@ void Call::Note(const char* name, const std::string& value) {
 void Call::NoteNumber(const char* name, int64_t value) { Note(name, std::to_string(value)); }
 void Call::NoteHex(const char* name, uint64_t value) { Note(name, HexText(value)); }
 
+bool Call::TakeTime(std::chrono::microseconds time) {
+    if (time.count() == 0) return true;
+    if (parked) {
+        if (delays++ < parked->delaysOver) return true;
+        parked->delay = time;
+        return false;
+    }
+    lock.unlock();
+    std::this_thread::sleep_for(time);
+    lock.lock();
+    return true;
+}
+
 Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t address,
                     CallerMemory& memory, ParkedWait* parked) {
     Model::Lock lock(model.Mutex());
@@ -90,13 +100,18 @@ Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t addres
     }
     const int board = file.channel ? file.channel->board->state->index : -1;
     const int channel = file.channel ? file.channel->index : -1;
-    const std::vector<FaultEffect> effects = model.Faults().Hits(row->name, board, channel);
+    // A request that is served again has been counted.
+    const std::vector<FaultEffect> effects = parked && parked->delaysOver > 0
+                                                 ? parked->effects
+                                                 : model.Faults().Hits(row->name, board, channel);
     alignas(8) uint8_t record[kLargestRecord] = {};
     Call call{model,  lock,        file,    file.channel, *row, memory,
               record, row->Size(), effects, parked,       {}};
     const Answer answer = Run(call, address);
     const std::string line = head + row->name + call.arguments;
-    if (parked && parked->Parked())
+    if (LeftToTheDoor(call))
+        parked->effects = effects;
+    else if (parked && parked->ForEvent())
         parked->line = line;
     else
         model.Lines().Write(line, answer);

@@ -4,6 +4,7 @@
 // request (the model and the handlers do). Any thread.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -15,15 +16,27 @@ namespace qvsim {
 
 struct Row;
 
-// A wait of a caller whose door serves others meanwhile: instead of sleeping, the handler leaves it
-// here, and the door asks again until it is answered.
+// What a caller has to wait for whose door serves others meanwhile: instead of sleeping, the
+// handler leaves it here. For an event the door asks again until it is answered (AskAgain); when a
+// card takes its time, nothing is done yet and the door serves the request once more when that time
+// has passed, with the same object.
 struct ParkedWait {
-    std::vector<uint64_t> events;  // empty: nothing was parked
+    std::vector<uint64_t> events;  // empty: not for an event
     bool takes = false;            // ends by consuming its one event
     int timeout = 0;               // milliseconds, negative: none
     std::string line;              // for the journal, written when the wait ends
 
-    bool Parked() const { return !events.empty(); }
+    std::chrono::microseconds delay{0};  // of a card; 0: none
+    int delaysOver = 0;                  // how many the door has let pass
+    std::vector<FaultEffect> effects;    // that hit the request when it came
+
+    bool ForEvent() const { return !events.empty(); }
+    bool ForCard() const { return delay.count() > 0; }
+    // The card's time has passed: the request may be served again.
+    void DelayOver() {
+        delay = {};
+        ++delaysOver;
+    }
 };
 
 // One request on its way through a handler; the model's lock is held.
@@ -39,6 +52,7 @@ struct Call {
     const std::vector<FaultEffect>& effects;
     ParkedWait* parked;     // null: a wait may sleep
     std::string arguments;  // decoded, for the journal
+    int delays = 0;         // met so far
 
     template <class Record>
     Record& As() const {
@@ -48,6 +62,9 @@ struct Call {
     void Note(const char* name, const std::string& value);
     void NoteNumber(const char* name, int64_t value);
     void NoteHex(const char* name, uint64_t value);
+    // Takes a card's time, while other requests go on. False: left to the door, and the handler
+    // must return without having done anything.
+    bool TakeTime(std::chrono::microseconds time);
 };
 
 using Handler = Answer (*)(Call&);
@@ -70,12 +87,12 @@ const Row* FindRow(uint32_t code);
 const Row* FindRow(const std::string& name);
 const Row* AllRows(size_t& count);
 
-// Serves one request and journals it. With `parked`, a wait that cannot end at once is left there,
+// Serves one request and journals it. With `parked`, what cannot be answered at once is left there,
 // and the answer says nothing.
 Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t address,
                     CallerMemory& memory, ParkedWait* parked = nullptr);
-// Asks again for a parked wait: true, and the answer, when it has ended. `last` ends it anyway: with
-// its time-out, or with `error`.
+// Asks again for a parked wait: true, and the answer, when it has ended. `last` ends it anyway:
+// with its time-out, or with `error`.
 bool AskAgain(Model& model, const ParkedWait& parked, bool last, int error, Answer& answer);
 
 }  // namespace qvsim

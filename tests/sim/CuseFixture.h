@@ -1,0 +1,202 @@
+// The served door with the test in the kernel's place, at the other end of each control device;
+// this very process is the client whose memory the requests point into.
+#pragma once
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <sys/ioctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <mutex>
+#include <thread>
+
+#include "CuseServer.h"
+#include "QVDriverRequests.h"
+#include "gmock/gmock.h"
+#include "support/SimRig.h"
+
+namespace qvsim {
+
+using testing::ElementsAre;
+using testing::HasSubstr;
+
+constexpr int kEvents = 1;  // the nodes of the fixture, in the order in which they are made
+constexpr int kVideo = 0;
+constexpr int kAnswerTime = 20000;  // ms; an answer that never comes fails the test
+
+struct Reply {
+    fuse_out_header header{};
+    std::vector<uint8_t> body;
+    int Error() const { return -header.error; }
+    int Result() const {
+        fuse_ioctl_out out{};
+        if (body.size() != sizeof out) return -1;
+        std::memcpy(&out, body.data(), sizeof out);
+        return out.result;
+    }
+};
+
+class CuseTest : public testing::Test {
+  protected:
+    void SetUp() override {
+        std::string pattern = testing::TempDir() + "/qvsim-cuse-XXXXXX";
+        ASSERT_NE(nullptr, mkdtemp(pattern.data()));
+        folder_ = pattern;
+        stop_ = eventfd(0, EFD_CLOEXEC);
+    }
+    void TearDown() override {
+        Stop();
+        for (const int end : ends_) close(end);
+        close(stop_);
+        std::filesystem::remove_all(folder_);
+    }
+
+    // A kernel that makes each node at once; `refusing` ones hang up instead.
+    CuseWays Ways(bool refusing = false) {
+        CuseWays ways;
+        ways.deviceFolder = folder_;
+        ways.patience = std::chrono::milliseconds(kAnswerTime);
+        ways.openControl = [this, refusing] {
+            int pair[2];
+            if (socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC | SOCK_NONBLOCK, 0, pair) != 0)
+                return -1;
+            if (refusing) {
+                close(pair[1]);
+                return pair[0];
+            }
+            std::ofstream(folder_ + "/" + model_->NodeNames()[ends_.size()]).put('\n');
+            ends_.push_back(pair[1]);
+            return pair[0];
+        };
+        return ways;
+    }
+    void Load() {
+        std::string error;
+        model_ = Model::Load(rig_.Dir(), error);
+        ASSERT_TRUE(model_) << error;
+    }
+    // Cards with /dev/video0 and /dev/qv-event, served by a thread, the greeting done.
+    void Serve() {
+        rig_.Add(Pelix().Video(64, 32, 0));
+        Load();
+        server_ = std::make_unique<CuseServer>(model_, Ways());
+        ASSERT_EQ("", server_->Start());
+        thread_ = std::thread([this] {
+            serverThread_ = gettid();
+            outcome_ = server_->Run(stop_);
+        });
+        for (int node = 0; node < 2; ++node) {
+            cuse_init_in offer{};
+            offer.major = FUSE_KERNEL_VERSION;
+            offer.minor = FUSE_KERNEL_MINOR_VERSION;
+            offer.flags = CUSE_UNRESTRICTED_IOCTL;
+            greeting_ = Ask(node, CUSE_INIT, offer);
+            ASSERT_EQ(0, greeting_.Error());
+        }
+    }
+    void Stop() {
+        const uint64_t one = 1;
+        if (!thread_.joinable()) return;
+        EXPECT_EQ(static_cast<ssize_t>(sizeof one), write(stop_, &one, sizeof one));
+        thread_.join();
+    }
+
+    template <class Body>
+    uint64_t Send(int node, uint32_t opcode, const Body& body) {
+        struct {
+            fuse_in_header header{};
+            Body body{};
+        } message;
+        message.header.len = sizeof message;
+        message.header.opcode = opcode;
+        message.header.unique = ++unique_;
+        message.header.pid = static_cast<uint32_t>(getpid());
+        message.body = body;
+        EXPECT_EQ(static_cast<ssize_t>(sizeof message),
+                  send(ends_[static_cast<size_t>(node)], &message, sizeof message, 0));
+        return unique_;
+    }
+    Reply Receive(int node) {
+        Reply reply;
+        pollfd ready{ends_[static_cast<size_t>(node)], POLLIN, 0};
+        EXPECT_EQ(1, poll(&ready, 1, kAnswerTime)) << "no answer";
+        std::vector<uint8_t> bytes(4096);
+        const ssize_t n = recv(ready.fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
+        if (n < static_cast<ssize_t>(sizeof reply.header)) {
+            ADD_FAILURE() << "an answer of " << n << " bytes";
+            return reply;
+        }
+        std::memcpy(&reply.header, bytes.data(), sizeof reply.header);
+        EXPECT_EQ(n, static_cast<ssize_t>(reply.header.len));
+        reply.body.assign(bytes.begin() + sizeof reply.header, bytes.begin() + n);
+        return reply;
+    }
+    template <class Body>
+    Reply Ask(int node, uint32_t opcode, const Body& body) {
+        const uint64_t unique = Send(node, opcode, body);
+        Reply reply = Receive(node);
+        EXPECT_EQ(unique, reply.header.unique);
+        return reply;
+    }
+    // With the model locked: returns when the server has taken what was sent and stands at the
+    // lock.
+    void AwaitHeldUp(int node) {
+        int bytes = 1;
+        while (bytes > 0) ASSERT_EQ(0, ioctl(ends_[static_cast<size_t>(node)], TIOCOUTQ, &bytes));
+        // From a message to its request the server sleeps nowhere else.
+        const std::string path = "/proc/self/task/" + std::to_string(serverThread_) + "/stat";
+        for (std::string state; state != "S";) {
+            std::ifstream stat(path);
+            std::string text((std::istreambuf_iterator<char>(stat)), {});
+            ASSERT_NE(std::string::npos, text.rfind(") "));
+            state = text.substr(text.rfind(") ") + 2, 1);
+        }
+    }
+    uint64_t Open(int node) {
+        const Reply reply = Ask(node, FUSE_OPEN, fuse_open_in{});
+        fuse_open_out out{};
+        EXPECT_EQ(sizeof out, reply.body.size());
+        std::memcpy(&out, reply.body.data(), std::min(sizeof out, reply.body.size()));
+        return out.fh;
+    }
+    static fuse_ioctl_in Ioctl(uint64_t fh, uint32_t code, const void* argument) {
+        fuse_ioctl_in in{};
+        in.fh = fh;
+        in.flags = FUSE_IOCTL_UNRESTRICTED;
+        in.cmd = code;
+        in.arg = reinterpret_cast<uintptr_t>(argument);
+        return in;
+    }
+    template <class Row>
+    Reply Do(int node, uint64_t fh, const Row& row, const void* argument) {
+        return Ask(node, FUSE_IOCTL, Ioctl(fh, row.code, argument));
+    }
+    uint64_t CreateEvent(uint64_t events) {
+        uint64_t event = 0;
+        EXPECT_EQ(0, Do(kEvents, events, qv::kCreateEvent, &event).Error());
+        return event;
+    }
+    uint64_t SendWait(uint64_t events, const qv::WaitEventRecord& wait) {
+        return Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kWaitEvent.code, &wait));
+    }
+
+    SimRig rig_;
+    std::string folder_;
+    std::shared_ptr<Model> model_;
+    std::unique_ptr<CuseServer> server_;
+    std::thread thread_;
+    std::atomic<pid_t> serverThread_ = 0;
+    std::string outcome_ = "still serving";
+    std::vector<int> ends_;
+    Reply greeting_;
+    uint64_t unique_ = 100;
+    int stop_ = -1;
+};
+
+}  // namespace qvsim
