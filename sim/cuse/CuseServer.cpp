@@ -41,7 +41,9 @@ CuseServer::CuseServer(std::shared_ptr<Model> model, CuseWays ways)
       epoll_(epoll_create1(EPOLL_CLOEXEC)),
       changed_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
     const std::lock_guard lock(model_->Mutex());
-    model_->Events().Listen([fd = changed_] { Wake(fd); });
+    model_->Events().Listen([this] {
+        if (!eventsChanged_.exchange(true)) Wake(changed_);
+    });
 }
 
 CuseServer::~CuseServer() {
@@ -149,6 +151,7 @@ std::string CuseServer::ServeOnce(int timeout, bool* stopped) {
         if (error.empty()) error = refused;
     }
     AskWaiters();
+    TakeNodesAway();
     const std::lock_guard lock(settling_);
     settleDone_ = std::max(settleDone_, asked);
     settled_.notify_all();
@@ -220,7 +223,10 @@ void CuseServer::ServeOpen(CuseNode& node, const CuseMessage& message) {
     const std::shared_ptr<OpenFile> file = model_->Open(node.Path(), error);
     const uint64_t number = nextFile_++;
     model_->JournalOpen(node.Path(), file ? static_cast<int>(number) : -1, error);
-    if (!file) return node.Answer(message.header.unique, error);
+    if (!file) {
+        node.Answer(message.header.unique, error);
+        return NoteIfGone(node, error);
+    }
     files_[number] = {file, static_cast<int>(number)};
     fuse_open_out opened{};
     opened.fh = number;
@@ -253,8 +259,10 @@ void CuseServer::Try(const Request& request, ParkedWait wait) {
     ClientMemory memory(request.thread);
     const Answer answer =
         ServeRequest(*model_, *open->second.file, request.code, request.address, memory, &wait);
-    if (!wait.ForEvent() && !wait.ForCard())
-        return AnswerRequest(*request.node, request.unique, answer);
+    if (!wait.ForEvent() && !wait.ForCard()) {
+        AnswerRequest(*request.node, request.unique, answer);
+        return NoteIfGone(*request.node, answer.error);
+    }
     Waiter waiter{request, std::move(wait), {}};
     if (waiter.wait.ForCard())
         waiter.deadline = Clock::now() + waiter.wait.delay;
@@ -281,6 +289,7 @@ void CuseServer::Interrupt(CuseNode& node, const CuseMessage& message) {
 
 // In order of arrival: of several waiters for one event the first takes it.
 void CuseServer::AskWaiters() {
+    const bool changed = eventsChanged_.exchange(false);
     const Clock::time_point now = Clock::now();
     std::vector<Waiter> asked;
     asked.swap(waiters_);
@@ -292,11 +301,31 @@ void CuseServer::AskWaiters() {
             continue;
         }
         Answer answer;
-        if (waiter.wait.ForEvent() && AskAgain(*model_, waiter.wait, late, 0, answer))
+        if (waiter.wait.ForEvent() && (changed || late) &&
+            AskAgain(*model_, waiter.wait, late, 0, answer))
             AnswerRequest(*waiter.request.node, waiter.request.unique, answer);
         else
             waiters_.push_back(std::move(waiter));
     }
+}
+
+void CuseServer::NoteIfGone(CuseNode& node, int error) {
+    if (error == ENODEV && !model_->Exists(node.Path())) gone_.insert(&node);
+}
+
+// As when a card is pulled out: the kernel removes the node and fails whatever still comes from the
+// programs that have it open.
+void CuseServer::TakeNodesAway() {
+    for (CuseNode* const node : gone_) {
+        std::erase_if(waiters_, [&](const Waiter& one) { return one.request.node == node; });
+        std::erase_if(files_, [&](const auto& item) {
+            if (item.second.file->path != node->Path()) return false;
+            model_->Close(item.second.file, item.second.number);
+            return true;
+        });
+        std::erase_if(nodes_, [&](const auto& one) { return one.get() == node; });
+    }
+    gone_.clear();
 }
 
 void CuseServer::EndWaiters(int error) {

@@ -6,6 +6,7 @@
 // not. Requests, time-outs and faults are the protocol's business, not the door's.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -13,6 +14,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -85,6 +87,8 @@ class CuseServer {
     void Try(const Request& request, ParkedWait wait);
     void Interrupt(CuseNode& node, const CuseMessage& message);
     void AskWaiters();
+    void NoteIfGone(CuseNode& node, int error);
+    void TakeNodesAway();
     void EndWaiters(int error);
     int TimeToDeadline() const;
     bool Watch(int fd, void* what);
@@ -98,6 +102,8 @@ class CuseServer {
     std::map<uint64_t, OpenNode> files_;
     uint64_t nextFile_ = 1;
     std::vector<Waiter> waiters_;
+    std::set<CuseNode*> gone_;  // taken away by a fault, and not served from now on
+    std::atomic<bool> eventsChanged_ = true;
 
     std::mutex settling_;
     std::condition_variable settled_;

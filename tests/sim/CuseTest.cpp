@@ -250,6 +250,23 @@ TEST_F(CuseTest, ANodeThatTheKernelTakesAwayEndsTheServer) {
     EXPECT_THAT(outcome_, HasSubstr("/dev/video0 was refused or taken away"));
 }
 
+TEST_F(CuseTest, ANodeThatAFaultTakesAwayIsGivenUpAndTheOthersAreServedOn) {
+    rig_.AddFault({.request = "GetTemperature", .effect = NodeGone()});
+    Serve();
+    const uint64_t events = Open(kEvents);
+    const uint64_t video = Open(kVideo);
+    uint64_t event = CreateEvent(events);
+    uint32_t temperature = 0;
+    EXPECT_EQ(ENODEV, Do(kVideo, video, qv::kGetTemperature, &temperature).Error());
+    char nothing = 0;
+    pollfd hungUp{ends_[kVideo], POLLIN, 0};
+    EXPECT_EQ(1, poll(&hungUp, 1, kAnswerTime));
+    EXPECT_EQ(0, recv(ends_[kVideo], &nothing, 1, MSG_DONTWAIT));
+    EXPECT_EQ(0, Do(kEvents, events, qv::kSetEvent, &event).Error());
+    EXPECT_EQ("close /dev/video0 = 0", rig_.Journal().at(4));
+    EXPECT_EQ(1u, model_->CountAlive().files);
+}
+
 TEST_F(CuseTest, ANodeThatNeverAppearsIsNamed) {
     rig_.Add(Pelix());
     Load();
