@@ -45,6 +45,8 @@ TEST_F(RegistryTest, WithoutDevicesTheListIsEmptyAndEveryIndexIsABadArgument) {
 }
 
 TEST_F(RegistryTest, ProbesAsManyNumbersAsThereAreVideoNodesAnd32More) {
+    if (qvsim::ThroughServedNodes())
+        GTEST_SKIP() << "a kernel keeps opens of nodes that are not there to itself";
     rig.Add(Pelix().Channels(2)).ForeignNode(40);  // three entries named video*
     rig.Attach();
     rig.ClearJournal();
@@ -95,10 +97,7 @@ TEST_F(RegistryTest, TheIdentityOfANodeIsAskedInTwoRequestsBetweenOpenAndClose) 
     rig.Attach();
     rig.ClearJournal();
     QVRefreshDevice();
-    std::vector<std::string> lines = rig.Journal();
-    ASSERT_GT(lines.size(), 7u);
-    lines.resize(7);
-    EXPECT_THAT(lines,
+    EXPECT_THAT(rig.KernelJournal(),
                 ElementsAre("open /dev/video0 = 0", "ioctl /dev/video0 GetChannelInfo = 0",
                             "ioctl /dev/video0 GetFamilyInfo = 0", "close /dev/video0 = 0",
                             "open /dev/video1 = 0", "ioctl /dev/video1 GetChannelInfo = -1 ENOTTY",

@@ -140,22 +140,36 @@ const std::string& SimRig::Dir() {
 }
 
 void SimRig::Attach() {
+    if (ThroughServedNodes()) {
+        std::string error;
+        Detach();
+        model_ = Model::Load(Dir(), error);
+        Require(error);
+        serving_ = std::make_unique<ServingThread>(model_);
+        return;
+    }
     Require(qvsim::Attach(Dir()));
     model_ = CurrentModel();
 }
 
 void SimRig::Detach() {
     if (!model_) return;
+    if (serving_) {
+        serving_.reset();
+        model_->ShutDown();
+    }
     qvsim::Detach();
     model_.reset();
 }
 
 Model& SimRig::Cards() {
     if (!model_) Require("the rig is not attached");
+    if (serving_) serving_->Settle();
     return *model_;
 }
 
 std::vector<JournalLine> SimRig::JournalLines() {
+    if (serving_) serving_->Settle();
     std::vector<JournalLine> lines;
     for (const JournalLine& line : ReadJournal(Dir()))
         if (line.sequence > journalFrom_) lines.push_back(line);
@@ -165,6 +179,27 @@ std::vector<JournalLine> SimRig::JournalLines() {
 std::vector<std::string> SimRig::Journal() {
     std::vector<std::string> lines;
     for (const JournalLine& line : JournalLines()) lines.push_back(line.Comparable());
+    return lines;
+}
+
+std::vector<std::string> SimRig::KernelJournal() {
+    std::vector<std::string> lines;
+    std::vector<std::string> open;  // by the process of the line before
+    int process = 0;
+    const auto leave = [&] {
+        for (const std::string& node : open) lines.push_back("close " + node + " = 0");
+        open.clear();
+    };
+    for (const JournalLine& line : JournalLines()) {
+        if (line.pid != process) leave();
+        process = line.pid;
+        if (line.action == "open" && line.result == "-1 ENOENT") continue;
+        if (line.action == "open" && line.result == "0") open.push_back(line.node);
+        const auto found = std::find(open.begin(), open.end(), line.node);
+        if (line.action == "close" && found != open.end()) open.erase(found);
+        lines.push_back(line.Comparable());
+    }
+    leave();
     return lines;
 }
 

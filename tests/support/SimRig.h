@@ -2,8 +2,8 @@
 // builders, and the door that makes the test's own process see them in /dev.
 //
 // Link qvsim_rig: open(), ioctl() and the other interposed functions then belong to the test
-// program, and pass everything through while no rig is attached. One attached rig at a time; a rig
-// belongs to the test's thread, the cards may be used from any.
+// program, and pass everything through while no rig is attached. Or real nodes, see ServedCards.h.
+// One attached rig at a time; a rig belongs to the test's thread, the cards may be used from any.
 #pragma once
 
 #include <cstdint>
@@ -16,6 +16,7 @@
 #include "Fault.h"
 #include "Journal.h"
 #include "Model.h"
+#include "ServedCards.h"
 
 namespace qvsim {
 
@@ -69,12 +70,15 @@ class SimRig {
     const std::string& Dir();  // writes the state on first use
     void Attach();             // the door is open until Detach() or the end of the rig
     void Detach();
-    Model& Cards();  // attached only
+    Model& Cards();  // attached only; all that was asked of the nodes so far is served
 
     // Since the last ClearJournal(), without sequence number, process and descriptor:
     // "open /dev/video0 = 0", "ioctl /dev/video0 EraseFirmwareData offset=0x100000 size=65536 = 0".
     std::vector<std::string> Journal();
     std::vector<JournalLine> JournalLines();
+    // The journal as a kernel has it, whatever the door: opens of nodes that are not there are its
+    // own business, and what a process leaves open is closed when it ends.
+    std::vector<std::string> KernelJournal();
     void ClearJournal();
 
     std::vector<uint8_t> Flash(int board, int channel, uint32_t offset, uint32_t length);
@@ -87,6 +91,7 @@ class SimRig {
     std::string dir_;
     bool written_ = false;
     std::shared_ptr<Model> model_;
+    std::unique_ptr<ServingThread> serving_;
     uint64_t journalFrom_ = 0;
 };
 

@@ -10,6 +10,7 @@
 #include <termios.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -71,6 +72,17 @@ bool ReadSome(int fd, std::string* output) {
 
 }  // namespace
 
+uint64_t StatusOf(pid_t pid, const std::string& field, int base) {
+    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
+    for (std::string line; std::getline(status, line);)
+        if (line.starts_with(field + ":"))
+            return std::stoull(line.substr(field.size() + 1), nullptr, base);
+    ADD_FAILURE() << "no line for " << field;
+    return 0;
+}
+
+bool IgnoresInterrupts(pid_t pid) { return (StatusOf(pid, "SigIgn", 16) >> (SIGINT - 1) & 1) != 0; }
+
 ToolFolder::ToolFolder() {
     root_ = testing::TempDir() + "/qvtool-XXXXXX";
     Require(mkdtemp(root_.data()) != nullptr, "mkdtemp");
@@ -81,7 +93,8 @@ ToolFolder::ToolFolder() {
     WriteScript(bin_ + "/poweroff", "echo 'poweroff" + record);
     WriteScript(bin_ + "/sudo", "echo \"sudo $*\" >>'" + root_ + "/commands'");
     WriteScript(bin_ + "/sync", "echo 'sync" + record);
-    Require(symlink("/usr/bin/id", (bin_ + "/id").c_str()) == 0, "symlink");
+    const char* id = access("/usr/bin/id", X_OK) == 0 ? "/usr/bin/id" : "/bin/id";
+    Require(symlink(id, (bin_ + "/id").c_str()) == 0, "symlink");
 }
 
 ToolFolder::~ToolFolder() {
@@ -105,13 +118,19 @@ pid_t ToolFolder::Start(qvsim::SimRig& rig, const std::vector<std::string>& argu
                         int output, bool onTerminal) {
     std::vector<std::string> environment = {
         "PATH=" + bin_,
-        "LD_PRELOAD=" QV_PRELOAD_FILE,
-        "QVSIM_STATE=" + rig.Dir(),
         // A sanitizer's own library stands behind the preloaded one; one channel without a package
         // stays open on purpose.
         "ASAN_OPTIONS=verify_asan_link_order=0",
         "LSAN_OPTIONS=print_suppressions=0:suppressions=" + root_ + "/leaks",
     };
+    if (qvsim::ThroughServedNodes()) {
+        server_ = std::make_unique<qvsim::ServingProcess>(rig.Dir());
+        if (const char* libraries = std::getenv("LD_LIBRARY_PATH"))
+            environment.push_back(std::string("LD_LIBRARY_PATH=") + libraries);
+    } else {
+        environment.push_back("LD_PRELOAD=" + qvsim::ProgramFile(QV_PRELOAD_FILE));
+        environment.push_back("QVSIM_STATE=" + rig.Dir());
+    }
     std::ofstream(root_ + "/leaks") << "leak:QVOpenChannelByPath\n";
     environment.insert(environment.end(), environment_.begin(), environment_.end());
     std::vector<std::string> all = {"qvcap-upgrade"};
@@ -122,6 +141,7 @@ pid_t ToolFolder::Start(qvsim::SimRig& rig, const std::vector<std::string>& argu
     argv.push_back(nullptr);
     envp.push_back(nullptr);
 
+    const std::string tool = qvsim::ProgramFile(QV_TOOL_FILE);
     const pid_t pid = fork();
     Require(pid >= 0, "fork");
     if (pid > 0) return pid;
@@ -132,7 +152,7 @@ pid_t ToolFolder::Start(qvsim::SimRig& rig, const std::vector<std::string>& argu
     dup2(output, 1);
     dup2(errors, 2);
     for (int fd = 3; fd < 256; ++fd) close(fd);
-    if (chdir(work_.c_str()) == 0) execve(QV_TOOL_FILE, argv.data(), envp.data());
+    if (chdir(work_.c_str()) == 0) execve(tool.c_str(), argv.data(), envp.data());
     _exit(127);
 }
 
@@ -142,11 +162,32 @@ void ToolFolder::Finish(pid_t pid, ToolRun* run) {
     if (WIFEXITED(status)) run->status = WEXITSTATUS(status);
     if (WIFSIGNALED(status)) run->signal = WTERMSIG(status);
     run->errors = ReadWhole(root_ + "/errors");
+    server_.reset();
+}
+
+void ToolFolder::KillServer() {
+    Require(server_ != nullptr, "there is no server");
+    server_->Kill();
 }
 
 ToolRun ToolFolder::OnTerminal(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
                                const std::vector<std::string>& answers,
                                const std::function<void(int, pid_t)>& atQuestion) {
+    size_t answered = 0;
+    const ToolRun run = OnTerminal(rig, arguments, [&](const Screen& screen) -> std::string {
+        if (answered == answers.size() || !screen.oneKeyMode ||
+            CountQuestions(screen.output) <= answered)
+            return {};
+        const std::string& answer = answers[answered++];
+        if (atQuestion) atQuestion(static_cast<int>(answered), screen.pid);
+        return answer;
+    });
+    EXPECT_EQ(answered, answers.size()) << "not every answer was asked for";
+    return run;
+}
+
+ToolRun ToolFolder::OnTerminal(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
+                               const std::function<std::string(const Screen&)>& typist) {
     int master = -1;
     int slave = -1;
     Require(openpty(&master, &slave, nullptr, nullptr, nullptr) == 0, "openpty");
@@ -158,18 +199,15 @@ ToolRun ToolFolder::OnTerminal(qvsim::SimRig& rig, const std::vector<std::string
 
     ToolRun run;
     const pid_t pid = Start(rig, arguments, slave, slave, true);
-    size_t answered = 0;
     for (bool ended = false; !ended;) {
         // The parent keeps the slave open, so the end shows in the process, not in the terminal.
         siginfo_t state = {};
         ended = waitid(P_PID, static_cast<id_t>(pid), &state, WEXITED | WNOHANG | WNOWAIT) == 0 &&
                 state.si_pid == pid;
         ReadSome(master, &run.output);
-        if (ended || answered == answers.size()) continue;
-        if (CountQuestions(run.output) <= answered || !InOneKeyMode(master)) continue;
-        const std::string& answer = answers[answered++];
-        if (atQuestion) atQuestion(static_cast<int>(answered), pid);
-        Require(write(master, answer.data(), answer.size()) == static_cast<ssize_t>(answer.size()),
+        if (ended) continue;
+        const std::string typed = typist({run.output, pid, InOneKeyMode(master)});
+        Require(write(master, typed.data(), typed.size()) == static_cast<ssize_t>(typed.size()),
                 "typing");
     }
     Finish(pid, &run);
@@ -180,7 +218,6 @@ ToolRun ToolFolder::OnTerminal(qvsim::SimRig& rig, const std::vector<std::string
     while (ReadSome(master, &run.output)) {
     }
     close(master);
-    EXPECT_EQ(answered, answers.size()) << "not every answer was asked for";
     return run;
 }
 

@@ -1,5 +1,6 @@
 // Runs the real qvcap-upgrade over simulated cards, in a folder of its own, on a terminal or
-// through pipes, and brings back what it printed. Linux only; one run at a time.
+// through pipes, and brings back what it printed. Linux only; one run at a time. The cards are seen
+// through the preload door, or served for the time of the run, see support/ServedCards.h.
 //
 // `poweroff`, `sudo` and `sync` are always recording stand-ins, and nothing else but `id` is on
 // the PATH of a run: no test can turn the machine off.
@@ -8,6 +9,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -22,6 +24,10 @@ struct ToolRun {
     std::string errors;  // standard error
     bool terminalRestored = true;
 };
+
+// What the kernel tells of a process: the number in such a line of its status.
+uint64_t StatusOf(pid_t pid, const std::string& field, int base);
+bool IgnoresInterrupts(pid_t pid);
 
 class ToolFolder {
   public:
@@ -47,6 +53,15 @@ class ToolFolder {
     ToolRun OnTerminal(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
                        const std::vector<std::string>& answers = {},
                        const std::function<void(int, pid_t)>& atQuestion = {});
+    // On such a terminal, typing what `typist` returns. It is called again and again until the tool
+    // has ended.
+    struct Screen {
+        const std::string& output;  // so far
+        pid_t pid;                  // of the tool
+        bool oneKeyMode;
+    };
+    ToolRun OnTerminal(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
+                       const std::function<std::string(const Screen&)>& typist);
     // With `input` as standard input, then its end.
     ToolRun ThroughPipe(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
                         const std::string& input = {});
@@ -54,6 +69,9 @@ class ToolFolder {
     // Nothing on standard input; the reader of the output goes away once `text` was printed.
     ToolRun UntilPrinted(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
                          const std::string& text);
+
+    // Ends the server of the run that is under way; served nodes only.
+    void KillServer();
 
     // Further environment of a run: "NAME=value".
     void Environment(const std::string& setting) { environment_.push_back(setting); }
@@ -67,6 +85,7 @@ class ToolFolder {
     std::string work_;
     std::string bin_;
     std::vector<std::string> environment_;
+    std::unique_ptr<qvsim::ServingProcess> server_;  // while the tool runs over served nodes
 };
 
 }  // namespace qvtest

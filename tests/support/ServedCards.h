@@ -1,0 +1,55 @@
+// The second door in tests: the cards as real character devices. Wanted by QV_TEST_DOOR=served in
+// the environment, where the kernel has /dev/cuse and the test is root; without it tests use the
+// preload door. One test at a time: the machine has one /dev.
+#pragma once
+
+#include <sys/types.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "CuseServer.h"
+
+namespace qvsim {
+
+// Any other value of QV_TEST_DOOR than "served" and "preload" ends the program.
+bool ThroughServedNodes();
+
+// The file of a program under test: where it was built, or in the folder QV_TEST_PROGRAMS.
+std::string ProgramFile(const std::string& built);
+
+// Serves from a thread of this process: the test keeps its hands on the model.
+class ServingThread {
+  public:
+    explicit ServingThread(const std::shared_ptr<Model>& model);
+    ~ServingThread();  // every wait ends, every file is closed
+    ServingThread(const ServingThread&) = delete;
+    ServingThread& operator=(const ServingThread&) = delete;
+
+    // As CuseServer::Settle().
+    void Settle();
+
+  private:
+    std::unique_ptr<CuseServer> server_;  // null: there is no node to serve
+    std::thread thread_;
+    std::string outcome_;
+    int stop_ = -1;
+};
+
+// Serves a folder of cards by `qvcap-sim serve`, which must end with status 0.
+class ServingProcess {
+  public:
+    explicit ServingProcess(const std::string& dir);  // the nodes stand
+    ~ServingProcess();
+    ServingProcess(const ServingProcess&) = delete;
+    ServingProcess& operator=(const ServingProcess&) = delete;
+
+    // SIGKILL instead of a regular end.
+    void Kill();
+
+  private:
+    pid_t pid_ = -1;
+};
+
+}  // namespace qvsim
