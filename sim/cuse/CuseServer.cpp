@@ -41,8 +41,10 @@ CuseServer::CuseServer(std::shared_ptr<Model> model, CuseWays ways)
       epoll_(epoll_create1(EPOLL_CLOEXEC)),
       changed_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
     const std::lock_guard lock(model_->Mutex());
-    model_->Events().Listen([this] {
-        if (!eventsChanged_.exchange(true)) Wake(changed_);
+    model_->Events().Listen([this](uint64_t event) {
+        const std::lock_guard guard(changing_);
+        if (changedEvents_.empty()) Wake(changed_);
+        changedEvents_.insert(event);
     });
 }
 
@@ -289,7 +291,16 @@ void CuseServer::Interrupt(CuseNode& node, const CuseMessage& message) {
 
 // In order of arrival: of several waiters for one event the first takes it.
 void CuseServer::AskWaiters() {
-    const bool changed = eventsChanged_.exchange(false);
+    std::set<uint64_t> changed;
+    {
+        const std::lock_guard guard(changing_);
+        changed.swap(changedEvents_);
+    }
+    const auto concerns = [&](const ParkedWait& wait) {
+        return changed.count(EventTable::kAnyEvent) != 0 ||
+               std::any_of(wait.events.begin(), wait.events.end(),
+                           [&](uint64_t event) { return changed.count(event) != 0; });
+    };
     const Clock::time_point now = Clock::now();
     std::vector<Waiter> asked;
     asked.swap(waiters_);
@@ -301,7 +312,7 @@ void CuseServer::AskWaiters() {
             continue;
         }
         Answer answer;
-        if (waiter.wait.ForEvent() && (changed || late) &&
+        if (waiter.wait.ForEvent() && (late || concerns(waiter.wait)) &&
             AskAgain(*model_, waiter.wait, late, 0, answer))
             AnswerRequest(*waiter.request.node, waiter.request.unique, answer);
         else

@@ -6,7 +6,6 @@
 // not. Requests, time-outs and faults are the protocol's business, not the door's.
 #pragma once
 
-#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -103,7 +102,8 @@ class CuseServer {
     uint64_t nextFile_ = 1;
     std::vector<Waiter> waiters_;
     std::set<CuseNode*> gone_;  // taken away by a fault, and not served from now on
-    std::atomic<bool> eventsChanged_ = true;
+    std::mutex changing_;
+    std::set<uint64_t> changedEvents_;  // since the waiters were asked last
 
     std::mutex settling_;
     std::condition_variable settled_;

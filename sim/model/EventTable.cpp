@@ -13,12 +13,12 @@ uint64_t EventTable::Create(const void* owner) {
 
 void EventTable::DropOwner(const void* owner) {
     std::erase_if(events_, [owner](const auto& item) { return item.second.owner == owner; });
-    Changed();
+    Changed(kAnyEvent);
 }
 
 Answer EventTable::Close(uint64_t event) {
     if (events_.erase(event) == 0) return Refused(EINVAL);
-    Changed();
+    Changed(event);
     return Ok();
 }
 
@@ -26,7 +26,7 @@ Answer EventTable::Set(uint64_t event) {
     const auto found = events_.find(event);
     if (found == events_.end()) return Refused(EINVAL);
     found->second.set = true;
-    Changed();
+    Changed(event);
     return Ok();
 }
 
@@ -57,9 +57,9 @@ Answer EventTable::Wait(Lock& lock, uint64_t event, int timeout) {
     return answer.value >= 1 ? TryWait(event) : answer;
 }
 
-void EventTable::Changed() {
+void EventTable::Changed(uint64_t event) {
     changed_.notify_all();
-    if (listener_) listener_();
+    if (listener_) listener_(event);
 }
 
 Answer EventTable::Poll(const std::vector<uint64_t>& events) const {
@@ -90,7 +90,7 @@ Answer EventTable::WaitSeveral(Lock& lock, const std::vector<uint64_t>& events, 
 
 void EventTable::ShutDown() {
     shutDown_ = true;
-    Changed();
+    Changed(kAnyEvent);
 }
 
 }  // namespace qvsim

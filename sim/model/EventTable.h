@@ -47,12 +47,14 @@ class EventTable {
 
     // Wakes every waiter with ENODEV, now and in future.
     void ShutDown();
-    // Called with the lock held after every change that can end a wait; must not block.
-    void Listen(std::function<void()> listener) { listener_ = std::move(listener); }
+    // Called with the lock held after every change that can end a wait, with the event that changed
+    // or kAnyEvent; must not block.
+    static constexpr uint64_t kAnyEvent = 0;
+    void Listen(std::function<void(uint64_t)> listener) { listener_ = std::move(listener); }
 
   private:
     Answer Poll(const std::vector<uint64_t>& events) const;
-    void Changed();
+    void Changed(uint64_t event);
 
     struct Event {
         const void* owner;
@@ -61,7 +63,7 @@ class EventTable {
     std::map<uint64_t, Event> events_;
     uint64_t next_ = 0x1001;
     std::condition_variable changed_;
-    std::function<void()> listener_;
+    std::function<void(uint64_t)> listener_;
     bool shutDown_ = false;
 };
 

@@ -1,5 +1,6 @@
 // 64 channels at once, each with notifications, timers, video and audio, for a bounded number of
-// events; every event is accounted for.
+// events; every event is accounted for. Video runs as fast as it can, but in step with the audio
+// over real nodes: there one thread serves them all, and would be all that is measured.
 #include <array>
 #include <chrono>
 
@@ -56,8 +57,9 @@ void Await(const std::atomic<uint64_t>& value, uint64_t count) {
 
 TEST(WorkerStressTest, SixtyFourChannelsAccountForEveryEvent) {
     SimRig rig;
+    const bool inStep = qvsim::ThroughServedNodes();
     for (int board = 0; board < 4; ++board)
-        rig.Add(Pelix().Board(board).Channels(16).Video(32, 4, 0).Audio(1000));
+        rig.Add(Pelix().Board(board).Channels(16).Video(32, 4, inStep ? 1000 : 0).Audio(1000));
     rig.Attach();
     rig.Cards().FreezeClock();
     ASSERT_TRUE(QVCaptureInitInstance());
@@ -80,12 +82,14 @@ TEST(WorkerStressTest, SixtyFourChannelsAccountForEveryEvent) {
     for (uint64_t round = 1; round <= kSounds; ++round) {
         rig.Cards().AdvanceClock(10000);
         for (Station& station : stations) Await(station.sounds, round);
+        if (!inStep) continue;
+        for (Station& station : stations) Await(station.frames, round);
     }
     for (uint64_t round = 1; round <= kNotifications; ++round) {
         for (int i = 0; i < kChannels; ++i) rig.Cards().RaiseNotification(i / 16, i % 16, 0x100);
         for (Station& station : stations) Await(station.notifications, round);
     }
-    for (Station& station : stations) Await(station.frames, kFrames);
+    for (Station& station : stations) Await(station.frames, inStep ? kSounds : kFrames);
     Await(g_ticks, kChannels);
     for (Station& station : stations) {
         EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(station.channel));
