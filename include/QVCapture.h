@@ -1,17 +1,18 @@
-/* The capture-device library: instance, list of channels, opening, identity and firmware.
+/** @file
+ * The capture-device library: instance, list of channels, opening, identity and firmware.
  *
  * Includes the whole public interface. Plain C functions with unmangled names; compiles as C99 and
  * as C++17. Nothing is printed and no exception leaves a function.
  *
  * Results, wherever a function does not say otherwise:
- *   QV_RESULT_OK            done; on every other result out-parameters are untouched
- *   QV_RESULT_FAILED        the driver or device refused, or has no such operation
- *   QV_RESULT_BAD_ARGUMENT  null channel or pointer, index out of range, channel closed
+ * - QV_RESULT_OK: done; on every other result out-parameters are untouched
+ * - QV_RESULT_FAILED: the driver or device refused, or has no such operation
+ * - QV_RESULT_BAD_ARGUMENT: null channel or pointer, index out of range, channel closed
  *
- * Thread words used below:
- *   @threads instance     from one thread, while no other function of the library runs
- *   @threads per channel  one thread at a time for each channel; different channels are independent
- *   @threads any          any thread at any time */
+ * Words for threads, used everywhere:
+ * - instance: from one thread, while no other function of the library runs
+ * - per channel: one thread at a time for each channel; different channels are independent
+ * - any: any thread at any time */
 #ifndef QV_CAPTURE_H
 #define QV_CAPTURE_H
 

@@ -1,4 +1,5 @@
-/* The channel worker: notifications, timers, and capture of frames by callback.
+/** @file
+ * The channel worker: notifications, timers, and capture of frames by callback.
  *
  * Part of QVCapture.h; results and thread words as described there. PCIe channels only: a channel
  * of another kind fails.

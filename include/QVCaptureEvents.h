@@ -1,4 +1,5 @@
-/* Events, notifications, timers and the device clock of PCIe channels.
+/** @file
+ * Events, notifications, timers and the device clock of PCIe channels.
  *
  * Part of QVCapture.h; results and thread words as described there. Handles of events,
  * notifications and timers are values minted by the driver; 0 means none. */

@@ -1,4 +1,5 @@
-/* Video capture of USB channels, audio capture, playback and volume.
+/** @file
+ * Video capture of USB channels, audio capture, playback and volume.
  *
  * Part of QVCapture.h; results and thread words as described there. Video of USB channels goes
  * through their V4L2 node, audio of every channel through its ALSA sound card, so none of this
@@ -194,7 +195,7 @@ QV_API QV_RESULT QVSetAudioVolume(QV_CHANNEL channel, unsigned int node,
                                   _QVCAP_AUDIO_VOLUME* volume);
 
 /** Reads what QVSetAudioVolume() sets; channelCount tells how many entries are valid.
- * Results and @threads as there */
+ * Results as there. @threads as there */
 QV_API QV_RESULT QVGetAudioVolume(QV_CHANNEL channel, unsigned int node,
                                   _QVCAP_AUDIO_VOLUME* volume);
 

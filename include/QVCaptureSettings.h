@@ -1,4 +1,5 @@
-/* Input selection, signal status, picture and timing settings.
+/** @file
+ * Input selection, signal status, picture and timing settings.
  *
  * Part of QVCapture.h; results and thread words as described there. Records and enumeration values
  * are the driver's and pass through untouched. Every function here: @threads per channel. */

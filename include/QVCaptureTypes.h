@@ -1,4 +1,5 @@
-/* Results, records, handles and callback types of the capture-device library.
+/** @file
+ * Results, records, handles and callback types of the capture-device library.
  *
  * Plain C: compiles as C99 and as C++17. Declares no function; see QVCapture.h.
  *

@@ -1,4 +1,5 @@
-/* Video and audio capture of PCIe channels, frame by frame, and OSD images.
+/** @file
+ * Video and audio capture of PCIe channels, frame by frame, and OSD images.
  *
  * Part of QVCapture.h; results and thread words as described there. PCIe channels only: a channel
  * of another kind fails. Every function here: @threads per channel. */
