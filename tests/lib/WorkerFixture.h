@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <filesystem>
 #include <functional>
+#include <iterator>
 #include <mutex>
 #include <thread>
 
@@ -56,6 +58,11 @@ class Gate {
     std::condition_variable m_changed;
     bool m_open = false;
 };
+
+// How many threads this process has; one that ends by itself counts until its last destructor ran.
+inline ptrdiff_t ThreadsNow() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/task"), {});
+}
 
 // A std::function as the parameter of a callback.
 using NotifyFunction = std::function<void(unsigned long long, unsigned int)>;

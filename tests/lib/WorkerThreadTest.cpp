@@ -113,6 +113,7 @@ TEST_F(WorkerThreadTest, StoppingFromACallbackFailsAndStopsNothing) {
 }
 
 TEST_F(WorkerThreadTest, ClosingFromACallbackClosesAfterTheCallback) {
+    const ptrdiff_t threads = ThreadsNow();
     QV_CHANNEL second = QVOpenChannelByPath("/dev/video0");
     ASSERT_EQ(QV_RESULT_OK, QVStartChannelThread(second));
     Gate called;
@@ -130,6 +131,8 @@ TEST_F(WorkerThreadTest, ClosingFromACallbackClosesAfterTheCallback) {
     while (rig.Cards().CountAlive().files == 3) std::this_thread::yield();
     EXPECT_EQ(0u, rig.Cards().CountAlive().notifications);
     while (rig.Cards().CountAlive().events != 1) std::this_thread::yield();
+    while (ThreadsNow() > threads)
+        std::this_thread::yield();  // its hold on the event node goes last
 }
 
 TEST_F(WorkerThreadTest, ClosingFromOutsideStopsARunningWorkerFirst) {
