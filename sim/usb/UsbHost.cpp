@@ -60,13 +60,18 @@ int CardOnBus(const std::string& sound, const std::string& bus) {
     return -1;
 }
 
-std::vector<std::string> NodesOf(const fs::path& devices, const std::string& device) {
+// None yet while the camera's driver is still making them: its media device comes last.
+std::vector<std::string> NodesOf(const fs::path& devices, const std::string& device,
+                                 bool hasMedia) {
     std::vector<std::string> nodes;
-    for (const std::string& interface : SortedNames(devices / device, device + ":"))
-        for (const std::string& node :
-             SortedNames(devices / device / interface / "video4linux", "video"))
+    bool complete = !hasMedia;
+    for (const std::string& interface : SortedNames(devices / device, device + ":")) {
+        const fs::path folder = devices / device / interface;
+        for (const std::string& node : SortedNames(folder / "video4linux", "video"))
             nodes.push_back("/dev/" + node);
-    return nodes;
+        complete = complete || !SortedNames(folder, "media").empty();
+    }
+    return complete ? nodes : std::vector<std::string>{};
 }
 
 }  // namespace
@@ -150,7 +155,9 @@ std::optional<Place> VhciHost::Find(int port, bool wantsCard, bool wantsCamera) 
     char text[32];
     std::snprintf(text, sizeof text, "%03d/%03d", bus, number);
     Place place{text, wantsCard ? CardOnBus(folders_.sound, text) : -1, {}};
-    if (wantsCamera) place.nodes = NodesOf(folders_.devices, status->device);
+    if (wantsCamera)
+        place.nodes =
+            NodesOf(folders_.devices, status->device, access(folders_.media.c_str(), F_OK) == 0);
     if ((wantsCard && place.card < 0) || (wantsCamera && place.nodes.empty())) return std::nullopt;
     return place;
 }

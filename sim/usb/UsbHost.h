@@ -45,6 +45,7 @@ class VhciHost : public UsbHost {
         std::string controller = "/sys/devices/platform/vhci_hcd.0";
         std::string devices = "/sys/bus/usb/devices";
         std::string sound = "/proc/asound";
+        std::string media = "/sys/bus/media";  // not there: this kernel makes no media devices
     };
     VhciHost() = default;
     explicit VhciHost(Folders folders) : folders_(std::move(folders)) {}

@@ -241,7 +241,7 @@ class VhciHostTest : public testing::Test {
 
     fs::path root;
     VhciHost host{VhciHost::Folders{(root / "controller").string(), (root / "devices").string(),
-                                    (root / "sound").string()}};
+                                    (root / "sound").string(), (root / "media").string()}};
     std::string error;
 };
 
@@ -290,6 +290,10 @@ TEST_F(VhciHostTest, ADevicesSoundCardAndNodesAreFound) {
     EXPECT_FALSE(host.Find(1, true, true).has_value());
     fs::create_directories(root / "devices/1-2/1-2:1.5/video4linux/video9");
     fs::create_directories(root / "devices/1-2/1-2:1.5/video4linux/video10");
+    EXPECT_THAT(host.Find(1, true, true).value().nodes, ElementsAre("/dev/video9", "/dev/video10"));
+    fs::create_directory(root / "media");
+    EXPECT_FALSE(host.Find(1, true, true).has_value()) << "its media device is still to come";
+    fs::create_directory(root / "devices/1-2/1-2:1.5/media0");
     EXPECT_THAT(host.Find(1, true, true).value().nodes, ElementsAre("/dev/video9", "/dev/video10"));
 }
 
