@@ -108,22 +108,41 @@ BoardState MakeBoard(const BoardPlan& plan) {
     return board;
 }
 
+int FlashCount(const BoardState& board) {
+    return board.sharedFlash ? 1 : static_cast<int>(board.channels.size());
+}
+
+// False when the flash cannot be written.
+bool LayHeader(const BoardPlan& plan, NorFlash& flash) {
+    if (plan.noStoredHeader) return true;
+    const StoredPlan stored = plan.stored.value_or(StoredPlan{plan.firmware, 1});
+    const std::vector<uint8_t> header =
+        MakeHeader(stored.version, stored.compatibilityCode, plan.productCode,
+                   static_cast<uint8_t>(plan.hardware));
+    return flash.Program(plan.firmwareOffset, header.data(),
+                         static_cast<uint32_t>(header.size())) &&
+           flash.SetBootAddress(plan.firmwareOffset);
+}
+
 std::string LayFlash(const BoardPlan& plan, const BoardState& board, const std::string& dir) {
-    for (int c = 0; c < (board.sharedFlash ? 1 : plan.channels); ++c) {
+    for (int c = 0; c < FlashCount(board); ++c) {
         NorFlash flash;
         const std::string path = dir + "/" + FlashFileName(board, c);
         if (std::string error = flash.Open(path, plan.flashSize); !error.empty()) return error;
-        if (plan.noStoredHeader) continue;
-        const StoredPlan stored = plan.stored.value_or(StoredPlan{plan.firmware, 1});
-        const std::vector<uint8_t> header =
-            MakeHeader(stored.version, stored.compatibilityCode, plan.productCode,
-                       static_cast<uint8_t>(plan.hardware));
-        if (!flash.Program(plan.firmwareOffset, header.data(),
-                           static_cast<uint32_t>(header.size())) ||
-            !flash.SetBootAddress(plan.firmwareOffset))
-            return path + ": cannot be written: " + std::strerror(errno);
+        if (!LayHeader(plan, flash)) return path + ": cannot be written: " + std::strerror(errno);
     }
     return {};
+}
+
+CardsState MakeState(const CardsPlan& plan) {
+    CardsState state;
+    state.eventNode = plan.eventNode;
+    state.latencies = plan.latencies;
+    state.foreignNodes = plan.foreignNodes;
+    state.faults = plan.faults;
+    state.usbDevices.assign(plan.usbDevices.begin(), plan.usbDevices.end());
+    for (const BoardPlan& board : plan.boards) state.boards.push_back(MakeBoard(board));
+    return state;
 }
 
 }  // namespace
@@ -143,18 +162,25 @@ std::string LayOut(const CardsPlan& plan, const std::string& dir) {
     if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) return dir + ": " + std::strerror(errno);
     if (access(StatePath(dir).c_str(), F_OK) == 0)
         return StatePath(dir) + ": there are cards already; remove the directory first";
-    CardsState state;
-    state.eventNode = plan.eventNode;
-    state.latencies = plan.latencies;
-    state.foreignNodes = plan.foreignNodes;
-    state.faults = plan.faults;
-    state.usbDevices.assign(plan.usbDevices.begin(), plan.usbDevices.end());
-    for (const BoardPlan& board : plan.boards) {
-        state.boards.push_back(MakeBoard(board));
-        if (std::string error = LayFlash(board, state.boards.back(), dir); !error.empty())
+    const CardsState state = MakeState(plan);
+    for (size_t i = 0; i < plan.boards.size(); ++i)
+        if (std::string error = LayFlash(plan.boards[i], state.boards[i], dir); !error.empty())
             return error;
-    }
     return SaveState(dir, state);  // last: a directory without it holds no cards
+}
+
+std::shared_ptr<Model> MakeInMemory(const CardsPlan& plan, std::string& error) {
+    std::shared_ptr<Model> model = Model::InMemory(MakeState(plan), error);
+    if (!model) return nullptr;
+    for (size_t i = 0; i < plan.boards.size(); ++i) {
+        const BoardState& board = model->State().boards[i];
+        for (int c = 0; c < FlashCount(board); ++c) {
+            if (LayHeader(plan.boards[i], *model->Flash(board.index, c))) continue;
+            error = std::string("flash in memory: cannot be written: ") + std::strerror(errno);
+            return nullptr;
+        }
+    }
+    return model;
 }
 
 }  // namespace qvsim

@@ -1,16 +1,18 @@
 // Cards as somebody describes them, and the laying out of a state directory from that.
 //
-// Shared by scenario files and the test rig; what is left open gets its default here. Used once per
-// directory, by one thread.
+// Shared by scenario files and the test rig; what is left open gets its default here. By one
+// thread.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "CardsState.h"
+#include "Model.h"
 #include "UsbPlan.h"
 
 namespace qvsim {
@@ -62,5 +64,8 @@ std::string CompletePlan(CardsPlan& plan);
 // Writes a complete plan into `dir`, which is made when it is not there. Nothing is written when
 // the directory already holds cards. An empty text or what went wrong.
 std::string LayOut(const CardsPlan& plan, const std::string& dir);
+
+// The cards of a complete plan in this process alone; null and what went wrong.
+std::shared_ptr<Model> MakeInMemory(const CardsPlan& plan, std::string& error);
 
 }  // namespace qvsim

@@ -214,8 +214,11 @@ std::string FlashFileName(const BoardState& board, int channel) {
 }
 
 int OpenOutOfTheWay(const std::string& path, int flags) {
+    return OutOfTheWay(open(path.c_str(), flags | O_CLOEXEC, 0666));
+}
+
+int OutOfTheWay(int fd) {
     constexpr int kFirstNumber = 700;
-    const int fd = open(path.c_str(), flags | O_CLOEXEC, 0666);
     if (fd < 0) return fd;
     const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstNumber);
     if (moved < 0) return fd;  // a low limit: better in the way than not at all

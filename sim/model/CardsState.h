@@ -84,6 +84,8 @@ std::string FlashFileName(const BoardState& board, int channel);
 // open(2) with a number far above those that a program gets: the simulation's own files must not
 // take a number that the program under it would have been given, such as a closed 0.
 int OpenOutOfTheWay(const std::string& path, int flags);
+// The same for a descriptor that is open already; takes `fd`, which may be -1.
+int OutOfTheWay(int fd);
 
 // The whole file; empty when there is none.
 std::string ReadText(const std::string& path);

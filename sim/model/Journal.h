@@ -42,6 +42,7 @@ class Journal {
     ~Journal();
 
     std::string Open(const std::string& dir);  // an empty text or what went wrong
+    bool IsOpen() const { return fd_ >= 0; }
     // `what` is everything between process and result.
     void Write(const std::string& what, const Answer& answer);
 

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <charconv>
 #include <chrono>
 #include <cstring>
 
@@ -13,10 +14,23 @@
 namespace qvsim {
 namespace {
 
+constexpr char kFolder[] = "/dev/";
+constexpr char kEventName[] = "qv-event";
+constexpr char kVideoName[] = "video";
 constexpr char kEventPath[] = "/dev/qv-event";
 constexpr char kVideoPrefix[] = "/dev/video";
 
-std::string VideoPath(int node) { return kVideoPrefix + std::to_string(node); }
+// The number of a video node; none for another path, and for a number with a zero before it.
+std::optional<int> NodeOf(const std::string& path) {
+    constexpr size_t kPrefix = sizeof kVideoPrefix - 1;
+    int node = 0;
+    if (path.compare(0, kPrefix, kVideoPrefix) != 0) return std::nullopt;
+    const char* const end = path.data() + path.size();
+    const auto [last, error] = std::from_chars(path.data() + kPrefix, end, node);
+    if (error != std::errc() || last != end) return std::nullopt;
+    if (path[kPrefix] == '0' && path.size() > kPrefix + 1) return std::nullopt;
+    return node;
+}
 
 // Changes whenever the file is replaced; 0 when there is none.
 int64_t StampOf(const std::string& path) {
@@ -30,20 +44,28 @@ int64_t StampOf(const std::string& path) {
 
 std::shared_ptr<Model> Model::Load(const std::string& dir, std::string& error) {
     std::shared_ptr<Model> model(new Model);
-    error = model->Build(dir);
+    model->dir_ = dir;
+    error = LoadState(dir, model->state_);
+    model->stateStamp_ = StampOf(StatePath(dir));
+    if (error.empty()) error = model->Build();
+    if (error.empty()) error = model->journal_.Open(dir);
+    return error.empty() ? model : nullptr;
+}
+
+std::shared_ptr<Model> Model::InMemory(CardsState state, std::string& error) {
+    std::shared_ptr<Model> model(new Model);
+    model->state_ = std::move(state);
+    error = model->Build();
     return error.empty() ? model : nullptr;
 }
 
 Model::~Model() { ShutDown(); }
 
-std::string Model::Build(const std::string& dir) {
-    dir_ = dir;
-    if (std::string error = LoadState(dir, state_); !error.empty()) return error;
-    stateStamp_ = StampOf(StatePath(dir));
+std::string Model::Build() {
     for (BoardState& board : state_.boards)
         if (std::string error = BuildBoard(board); !error.empty()) return error;
     for (const Fault& fault : state_.faults) faults_.Add(fault);
-    return journal_.Open(dir);
+    return {};
 }
 
 std::string Model::BuildBoard(BoardState& state) {
@@ -51,10 +73,12 @@ std::string Model::BuildBoard(BoardState& state) {
     board->state = &state;
     for (size_t i = 0; i < state.channels.size(); ++i) {
         if (i == 0 || !state.sharedFlash) {
-            auto flash = std::make_unique<NorFlash>();
-            const std::string path = dir_ + "/" + FlashFileName(state, static_cast<int>(i));
-            if (std::string error = flash->Open(path, state.flashSize); !error.empty())
-                return error;
+            auto flash = dir_.empty() ? std::make_unique<NorFlash>(state.flashSize)
+                                      : std::make_unique<NorFlash>();
+            const std::string name = FlashFileName(state, static_cast<int>(i));
+            std::string error;
+            if (!dir_.empty()) error = flash->Open(dir_ + "/" + name, state.flashSize);
+            if (!error.empty()) return error;
             board->flashes.push_back(std::move(flash));
         }
         auto channel = std::make_unique<Channel>();
@@ -62,7 +86,7 @@ std::string Model::BuildBoard(BoardState& state) {
         channel->state = &state.channels[i];
         channel->index = static_cast<int>(i);
         channel->flash = board->flashes.back().get();
-        channel->settings.Load(ReadText(SettingsPath(*channel)));
+        if (!dir_.empty()) channel->settings.Load(ReadText(SettingsPath(*channel)));
         channels_.push_back(std::move(channel));
     }
     boards_.push_back(std::move(board));
@@ -74,23 +98,41 @@ std::string Model::SettingsPath(const Channel& channel) const {
            std::to_string(channel.index);
 }
 
+void Model::SaveSettings(const Channel& channel) const {
+    // Best effort: a directory that cannot be written loses settings, not requests.
+    if (!dir_.empty()) ReplaceFile(SettingsPath(channel), channel.settings.Save());
+}
+
 bool Model::Answers(const char* path) {
-    if (std::strcmp(path, kEventPath) == 0) return true;
-    constexpr size_t prefix = sizeof kVideoPrefix - 1;
-    if (std::strncmp(path, kVideoPrefix, prefix) != 0 || path[prefix] == '\0') return false;
-    return std::strspn(path + prefix, "0123456789") == std::strlen(path + prefix);
+    return std::strncmp(path, kFolder, sizeof kFolder - 1) == 0 &&
+           AnswersName(path + sizeof kFolder - 1);
+}
+
+bool Model::AnswersName(const char* name) {
+    if (std::strcmp(name, kEventName) == 0) return true;
+    constexpr size_t prefix = sizeof kVideoName - 1;
+    if (std::strncmp(name, kVideoName, prefix) != 0 || name[prefix] == '\0') return false;
+    return std::strspn(name + prefix, "0123456789") == std::strlen(name + prefix);
 }
 
 Channel* Model::ChannelOfNode(const std::string& path) {
+    const std::optional<int> node = NodeOf(path);
     for (const auto& channel : channels_)
-        if (VideoPath(channel->state->node) == path) return channel.get();
+        if (channel->state->node == node) return channel.get();
     return nullptr;
 }
 
+bool Model::IsForeign(const std::string& path) const {
+    const std::optional<int> wanted = NodeOf(path);
+    return std::any_of(state_.foreignNodes.begin(), state_.foreignNodes.end(),
+                       [&](int node) { return node == wanted; });
+}
+
 bool Model::Exists(const std::string& path) {
-    const std::string name = path.substr(std::min<size_t>(path.size(), 5));  // behind "/dev/"
-    const std::vector<std::string> names = NodeNames();
-    return std::find(names.begin(), names.end(), name) != names.end();
+    const std::lock_guard lock(mutex_);
+    if (path == kEventPath) return state_.eventNode;
+    if (const Channel* channel = ChannelOfNode(path)) return !channel->gone;
+    return IsForeign(path);
 }
 
 std::vector<std::string> Model::NodeNames() {
@@ -106,39 +148,39 @@ std::vector<std::string> Model::NodeNames() {
 std::shared_ptr<OpenFile> Model::Open(const std::string& path, int& error) {
     const std::lock_guard lock(mutex_);
     RefreshFromDisk();
-    auto file = std::make_shared<OpenFile>();
-    file->path = path;
-    file->channel = ChannelOfNode(path);
+    NodeKind kind = NodeKind::kForeign;
+    Channel* const owner = ChannelOfNode(path);
     error = shutDown_ ? ENODEV : 0;
     if (path == kEventPath) {
-        file->kind = NodeKind::kEvents;
+        kind = NodeKind::kEvents;
         if (!state_.eventNode) error = ENOENT;
-    } else if (file->channel) {
-        file->kind = NodeKind::kChannel;
-        if (file->channel->gone) error = ENODEV;
-    } else if (std::none_of(state_.foreignNodes.begin(), state_.foreignNodes.end(),
-                            [&](int node) { return VideoPath(node) == path; })) {
+    } else if (owner) {
+        kind = NodeKind::kChannel;
+        if (owner->gone) error = ENODEV;
+    } else if (!IsForeign(path)) {
         error = ENOENT;
     }
     if (error) return nullptr;
-    const int board = file->channel ? file->channel->board->state->index : -1;
-    const int channel = file->channel ? file->channel->index : -1;
+    const int board = owner ? owner->board->state->index : -1;
+    const int channel = owner ? owner->index : -1;
     for (const FaultEffect& effect : faults_.Hits("open", board, channel)) {
         if (effect.kind == FaultKind::kRefuse) error = static_cast<int>(effect.value);
-        if (effect.kind == FaultKind::kNodeGone && file->channel) {
-            file->channel->gone = true;
+        if (effect.kind == FaultKind::kNodeGone && owner) {
+            owner->gone = true;
             error = ENODEV;
         }
-        if (effect.kind == FaultKind::kPowerLoss && file->channel) LosePower(*file->channel->board);
+        if (effect.kind == FaultKind::kPowerLoss && owner) LosePower(*owner->board);
     }
     if (error) return nullptr;
-    files_.push_back(file);
+    files_.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, path}));
+    const std::shared_ptr<OpenFile> file = files_.back();
     Kick();  // a signal's script may have begun
     return file;
 }
 
 void Model::JournalOpen(const std::string& path, int descriptor, int error) {
     const std::lock_guard lock(mutex_);
+    if (!journal_.IsOpen()) return;
     if (error)
         journal_.Write("open " + path, Refused(error));
     else
@@ -152,9 +194,8 @@ void Model::Close(const std::shared_ptr<OpenFile>& file, int descriptor) {
     timers_.DropOwner(file.get());
     events_.DropOwner(file.get());
     std::erase(files_, file);
-    // Best effort: a directory that cannot be written loses settings, not requests.
-    if (file->channel && file->channel->settings.Changed())
-        ReplaceFile(SettingsPath(*file->channel), file->channel->settings.Save());
+    if (file->channel && file->channel->settings.Changed()) SaveSettings(*file->channel);
+    if (!journal_.IsOpen()) return;
     journal_.Write("close " + file->path + " fd=" + std::to_string(descriptor), Ok());
 }
 
@@ -178,7 +219,7 @@ void Model::PowerCycle() {
         channel->board->state->powerLost = false;
         channel->gone = false;
         channel->settings.Reset();
-        ReplaceFile(SettingsPath(*channel), channel->settings.Save());
+        SaveSettings(*channel);
     }
     SaveChanges();
 }
@@ -189,6 +230,7 @@ void Model::LosePower(Board& board) {
 }
 
 void Model::SaveChanges() {
+    if (dir_.empty()) return;
     // A state file that cannot be written leaves this process right and the next one behind; the
     // next load reports what is wrong with the directory.
     SaveState(dir_, state_);
@@ -197,6 +239,7 @@ void Model::SaveChanges() {
 
 // Another process may have cut or cycled the power since the file was last read.
 void Model::RefreshFromDisk() {
+    if (dir_.empty()) return;
     const int64_t stamp = StampOf(StatePath(dir_));
     if (stamp == stateStamp_) return;
     stateStamp_ = stamp;
@@ -244,6 +287,12 @@ Bytes Model::LastRecord(int board, int channel, const std::string& request) {
     const auto& records = found ? found->lastRecord : eventRecords_;
     const auto record = records.find(request);
     return record == records.end() ? Bytes() : record->second;
+}
+
+NorFlash* Model::Flash(int board, int channel) {
+    const std::lock_guard lock(mutex_);
+    const Channel* found = FindChannel(board, channel);
+    return found ? found->flash : nullptr;
 }
 
 void Model::SetRecord(int board, int channel, const std::string& key, const Bytes& record) {

@@ -43,6 +43,8 @@ class Model {
 
     // Null, and what went wrong, when the directory holds no usable state.
     static std::shared_ptr<Model> Load(const std::string& dir, std::string& error);
+    // Cards with blank flash that live in this process alone: no directory, no journal.
+    static std::shared_ptr<Model> InMemory(CardsState state, std::string& error);
     Model(const Model&) = delete;
     Model& operator=(const Model&) = delete;
     ~Model();
@@ -50,6 +52,8 @@ class Model {
     // --- for doors -------------------------------------------------------------------------
     // True for /dev/qv-event and every /dev/video<number>: the model answers for all of them.
     static bool Answers(const char* path);
+    // The same for a name in /dev.
+    static bool AnswersName(const char* name);
     // True when such a path exists here.
     bool Exists(const std::string& path);
     // Names in /dev that exist: "video0", "qv-event".
@@ -71,6 +75,8 @@ class Model {
     // The record of the last such request as it came from the caller; empty when there was none.
     // Requests of the event node are found under board -1.
     Bytes LastRecord(int board, int channel, const std::string& request);
+    // Null when there is no such channel.
+    NorFlash* Flash(int board, int channel);
     // Replaces what a get request answers.
     void SetRecord(int board, int channel, const std::string& key, const Bytes& record);
     Alive CountAlive();
@@ -102,18 +108,20 @@ class Model {
 
   private:
     Model() = default;
-    std::string Build(const std::string& dir);
+    std::string Build();
     std::string BuildBoard(BoardState& state);
     Channel* FindChannel(int board, int channel);
     Channel* ChannelOfNode(const std::string& path);
+    bool IsForeign(const std::string& path) const;
     void RefreshFromDisk();
     void SaveChanges();
     std::optional<int64_t> RunDue();
     void KeepTime();
+    void SaveSettings(const Channel& channel) const;
     std::string SettingsPath(const Channel& channel) const;
 
     std::mutex mutex_;
-    std::string dir_;
+    std::string dir_;  // empty: in memory alone
     CardsState state_;
     std::vector<std::unique_ptr<Board>> boards_;
     std::vector<std::unique_ptr<Channel>> channels_;

@@ -47,6 +47,8 @@ NorFlash::~NorFlash() {
     if (fd_ >= 0) close(fd_);
 }
 
+NorFlash::NorFlash(uint32_t size) : memory_(size), size_(size) {}
+
 std::string NorFlash::Open(const std::string& path, uint32_t size) {
     // Sizes stay below 2 GiB, so that a 32-bit off_t reaches every byte.
     if (size == 0 || size > 0x7FFFF000u || size % kSector != 0)
@@ -60,6 +62,18 @@ std::string NorFlash::Open(const std::string& path, uint32_t size) {
     return {};
 }
 
+bool NorFlash::ReadCells(uint8_t* cells, size_t size, uint32_t offset) const {
+    if (memory_.empty()) return ReadAt(fd_, cells, size, offset);
+    std::copy_n(memory_.begin() + offset, size, cells);
+    return true;
+}
+
+bool NorFlash::WriteCells(const uint8_t* cells, size_t size, uint32_t offset) {
+    if (memory_.empty()) return WriteAt(fd_, cells, size, offset);
+    std::copy_n(cells, size, memory_.begin() + offset);
+    return true;
+}
+
 bool NorFlash::Erase(uint32_t offset, uint32_t size) {
     if (!InRange(offset, size)) return false;
     if (size == 0) return true;
@@ -71,10 +85,10 @@ bool NorFlash::Erase(uint32_t offset, uint32_t size) {
     uint8_t sector[kSector];
     for (uint32_t at = begin; at < end; at += kSector) {
         // What is blank already stays a hole: the file of a mostly empty flash stays small.
-        if (!ReadAt(fd_, sector, kSector, at)) return false;
+        if (!ReadCells(sector, kSector, at)) return false;
         if (AllZero(sector, kSector)) continue;
         std::memset(sector, 0, kSector);
-        if (!WriteAt(fd_, sector, kSector, at)) return false;
+        if (!WriteCells(sector, kSector, at)) return false;
     }
     return true;
 }
@@ -85,14 +99,14 @@ bool NorFlash::Program(uint32_t offset, const uint8_t* data, uint32_t size, uint
     for (uint32_t done = 0; done < size;) {
         const uint32_t at = offset + done;
         const uint32_t n = std::min(size - done, kSector - at % kSector);
-        if (!ReadAt(fd_, cells, n, at)) return false;
+        if (!ReadCells(cells, n, at)) return false;
         bool exact = true;
         for (uint32_t i = 0; i < n; ++i) {
             // A cell holds the complement: a set bit here is a programmed, that is cleared, bit.
             cells[i] = static_cast<uint8_t>(cells[i] | (~data[done + i] & ~stuck));
             exact = exact && static_cast<uint8_t>(~cells[i]) == data[done + i];
         }
-        if (!WriteAt(fd_, cells, n, at)) return false;
+        if (!WriteCells(cells, n, at)) return false;
         Forget(at, at + n);
         if (exact) Remember(at, at + n);
         done += n;
@@ -101,7 +115,7 @@ bool NorFlash::Program(uint32_t offset, const uint8_t* data, uint32_t size, uint
 }
 
 bool NorFlash::Read(uint32_t offset, uint8_t* data, uint32_t size) const {
-    if (!InRange(offset, size) || !ReadAt(fd_, data, size, offset)) return false;
+    if (!InRange(offset, size) || !ReadCells(data, size, offset)) return false;
     for (uint32_t i = 0; i < size; ++i) data[i] = static_cast<uint8_t>(~data[i]);
     return true;
 }
@@ -117,7 +131,7 @@ bool NorFlash::Garble(uint32_t offset) {
         value = value * 1664525u + 1013904223u;
         byte = static_cast<uint8_t>(value >> 24);
     }
-    return WriteAt(fd_, sector, kSector, begin);
+    return WriteCells(sector, kSector, begin);
 }
 
 bool NorFlash::Programmed(uint32_t offset, uint32_t size) const {
@@ -134,7 +148,7 @@ bool NorFlash::Blank(uint32_t offset, uint32_t size) const {
     uint8_t cells[kSector];
     for (uint32_t done = 0; done < size;) {
         const uint32_t n = std::min(size - done, kSector);
-        if (!ReadAt(fd_, cells, n, offset + done) || !AllZero(cells, n)) return false;
+        if (!ReadCells(cells, n, offset + done) || !AllZero(cells, n)) return false;
         done += n;
     }
     return true;
@@ -178,6 +192,7 @@ void NorFlash::Remember(uint32_t begin, uint32_t end) {
 }
 
 bool NorFlash::SaveMap() const {
+    if (mapPath_.empty()) return true;
     char line[64];
     std::snprintf(line, sizeof line, "boot 0x%x\n", bootAddress_);
     std::string text = line;
@@ -189,6 +204,7 @@ bool NorFlash::SaveMap() const {
 }
 
 void NorFlash::LoadMap() {
+    if (mapPath_.empty()) return;
     programmed_.clear();
     bootAddress_ = 0;
     std::FILE* file = std::fopen(mapPath_.c_str(), "re");

@@ -1,16 +1,17 @@
-// One NOR flash chip, kept in a sparse file.
+// One NOR flash chip, kept in a sparse file, or in memory for as long as the object lives.
 //
 // The file holds every byte complemented, so that a hole, which reads as 0, is erased flash (0xFF).
 // An erase clears whole 4 KiB sectors: every sector that the range touches. Programming only clears
 // bits. Beside the bytes the chip remembers which ranges hold exactly what was last programmed into
-// them: that is how a card knows a complete image from one whose writing was cut. The flash is
-// never held in memory. Not locked: the model's lock covers it.
+// them: that is how a card knows a complete image from one whose writing was cut. A
+// chip with a file is never held in memory. Not locked: the model's lock covers it.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 namespace qvsim {
 
@@ -20,6 +21,8 @@ class NorFlash {
     static constexpr uint32_t kPage = 256;
 
     NorFlash() = default;
+    // A blank chip in memory; whole sectors.
+    explicit NorFlash(uint32_t size);
     NorFlash(const NorFlash&) = delete;
     NorFlash& operator=(const NorFlash&) = delete;
     ~NorFlash();
@@ -55,14 +58,17 @@ class NorFlash {
     bool SetBootAddress(uint32_t address);
 
   private:
+    bool ReadCells(uint8_t* cells, size_t size, uint32_t offset) const;
+    bool WriteCells(const uint8_t* cells, size_t size, uint32_t offset);
     void Forget(uint32_t begin, uint32_t end);
     void Remember(uint32_t begin, uint32_t end);
     bool SaveMap() const;
     void LoadMap();
 
     int fd_ = -1;
+    std::vector<uint8_t> memory_;  // empty: in the file
     uint32_t size_ = 0;
-    std::string mapPath_;
+    std::string mapPath_;                      // empty: in memory
     std::map<uint32_t, uint32_t> programmed_;  // begin -> end, disjoint, never touching
     uint32_t bootAddress_ = 0;
 };

@@ -27,11 +27,15 @@ std::shared_ptr<Model> CurrentModel() {
 std::string Attach(const std::string& dir) {
     Detach();
     std::string error;
-    std::shared_ptr<Model> model = Model::Load(dir, error);
+    Attach(Model::Load(dir, error));
+    return error;
+}
+
+void Attach(std::shared_ptr<Model> model) {
+    Detach();
     Current& current = TheCurrent();
     const std::lock_guard lock(current.lock);
     current.model = std::move(model);
-    return error;
 }
 
 void Detach() {

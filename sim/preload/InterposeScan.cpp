@@ -34,6 +34,18 @@ Entry* MakeEntry(const std::string& name) {
     return entry;
 }
 
+// What the caller of this thread's scan wants to see; scandir() hands nothing through to a filter.
+template <class Entry>
+constinit thread_local Filter<Entry> t_wanted = nullptr;
+
+// Real entries that stay visible. Chosen while the folder is read: what is not wanted is not
+// copied.
+template <class Entry>
+int KeepsReal(const Entry* entry) {
+    if (qvsim::Model::AnswersName(entry->d_name)) return 0;
+    return t_wanted<Entry> ? t_wanted<Entry>(entry) : 1;
+}
+
 template <class Entry>
 int CompareEntries(Compare<Entry> compare, const Entry* a, const Entry* b) {
     return compare(&a, &b);
@@ -47,23 +59,18 @@ int ScanDev(Next<Scan<Entry>>& next, const char* dir, Entry*** list, Filter<Entr
     if (!model) return next.Get()(dir, list, filter, compare);
 
     Entry** real = nullptr;
-    const int count = next.Get()(dir, &real, nullptr, nullptr);
+    t_wanted<Entry> = filter;
+    const int count = next.Get()(dir, &real, KeepsReal<Entry>, nullptr);
     if (count < 0) return count;
-    std::vector<Entry*> kept;
-    const auto offer = [&](Entry* entry) {
+    std::vector<Entry*> kept(real, real + count);
+    std::free(real);
+    for (const std::string& name : model->NodeNames()) {
+        Entry* const entry = MakeEntry<Entry>(name);
         if (entry && (!filter || filter(entry) != 0))
             kept.push_back(entry);
         else
             std::free(entry);
-    };
-    for (int i = 0; i < count; ++i) {
-        if (qvsim::Model::Answers((std::string("/dev/") + real[i]->d_name).c_str()))
-            std::free(real[i]);
-        else
-            offer(real[i]);
     }
-    std::free(real);
-    for (const std::string& name : model->NodeNames()) offer(MakeEntry<Entry>(name));
     if (compare) {
         // The caller's order may be no strict order at all: an insertion sort stands anything.
         for (size_t i = 1; i < kept.size(); ++i)

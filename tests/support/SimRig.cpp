@@ -94,14 +94,11 @@ BoardBuilder Pelix() { return BoardBuilder("Pelix Capture"); }
 BoardBuilder Lumo() { return BoardBuilder("Lumo Capture"); }
 BoardBuilder Tavo() { return BoardBuilder("Tavo Capture"); }
 
-SimRig::SimRig() {
-    std::string pattern = testing::TempDir() + "/qvsim-XXXXXX";
-    if (!mkdtemp(pattern.data())) Require(pattern + ": cannot be made");
-    dir_ = pattern;
-}
+SimRig::SimRig() = default;
 
 SimRig::~SimRig() {
     Detach();
+    if (dir_.empty()) return;
     std::error_code ignored;  // a leftover in the temporary directory breaks nothing
     std::filesystem::remove_all(dir_, ignored);
 }
@@ -131,10 +128,11 @@ SimRig& SimRig::AddFault(const Fault& fault) {
 }
 
 const std::string& SimRig::Dir() {
-    if (!written_) {
+    if (dir_.empty()) {
+        dir_ = testing::TempDir() + "/qvsim-XXXXXX";
+        if (!mkdtemp(dir_.data())) Require(dir_ + ": cannot be made");
         Require(CompletePlan(plan_));
         Require(LayOut(plan_, dir_));
-        written_ = true;
     }
     return dir_;
 }
@@ -150,6 +148,15 @@ void SimRig::Attach() {
     }
     Require(qvsim::Attach(Dir()));
     model_ = CurrentModel();
+}
+
+void SimRig::AttachInMemory() {
+    Detach();
+    std::string error = CompletePlan(plan_);
+    Require(error);
+    model_ = MakeInMemory(plan_, error);
+    Require(error);
+    qvsim::Attach(model_);
 }
 
 void SimRig::Detach() {

@@ -69,6 +69,9 @@ class SimRig {
 
     const std::string& Dir();  // writes the state on first use
     void Attach();             // the door is open until Detach() or the end of the rig
+    // The same without a state directory: quick, no journal, gone with Detach(). Every call makes the
+    // cards anew.
+    void AttachInMemory();
     void Detach();
     Model& Cards();  // attached only; all that was asked of the nodes so far is served
 
@@ -89,7 +92,6 @@ class SimRig {
   private:
     CardsPlan plan_;
     std::string dir_;
-    bool written_ = false;
     std::shared_ptr<Model> model_;
     std::unique_ptr<ServingThread> serving_;
     uint64_t journalFrom_ = 0;
