@@ -34,7 +34,26 @@ target_compile_options(qv_plain_cpp INTERFACE
 target_link_libraries(qv_plain_cpp INTERFACE qv_warnings)
 
 # Sources that are all template headers (command lines, TOML, JSON) and run for milliseconds: their
-# optimisation costs minutes over all configurations and gains nothing.
+# optimisation costs minutes over all configurations and gains nothing. Fuzzing runs them for hours.
 function(qv_compile_quickly)
+  if(QV_FUZZ)
+    return()
+  endif()
   set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "-O0;-g1")
+endfunction()
+
+# The cards under the code that is fuzzed: they neither guide the fuzzer nor are they checked, so that
+# a run is several times faster. What they write into a caller's memory is checked all the same, the
+# copying function belongs to the sanitizer.
+function(qv_scenery)
+  if(QV_FUZZ)
+    set_property(SOURCE ${ARGN} APPEND PROPERTY COMPILE_OPTIONS -fno-sanitize=all)
+  endif()
+endfunction()
+
+# Sources that are checked and do not guide a fuzzer.
+function(qv_unguided)
+  if(QV_FUZZ)
+    set_property(SOURCE ${ARGN} APPEND PROPERTY COMPILE_OPTIONS -fno-sanitize=fuzzer-no-link)
+  endif()
 endfunction()

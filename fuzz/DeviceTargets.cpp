@@ -1,6 +1,7 @@
 // The upgrade tool's pieces over simulated cards whose driver says anything.
 #include <fcntl.h>
 #include <getopt.h>
+#include <sys/mman.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -11,6 +12,7 @@
 #include "FirmwarePackage.h"
 #include "Input.h"
 #include "Inventory.h"
+#include "OpenChannels.h"
 #include "QVCapture.h"
 #include "Targets.h"
 #include "ToolState.h"
@@ -22,7 +24,7 @@ namespace qvfuzz {
 namespace {
 
 constexpr uint32_t kFirmware = 0x2000;
-constexpr uint32_t kFlashSize = 0x10000;
+constexpr uint32_t kFlashSize = 0x6000;
 
 void ResetTool() {
     g_dwCMD = 0;
@@ -33,29 +35,43 @@ void ResetTool() {
     for (_QVCAP_UPGRADE_LIST_INFO_& record : g_arrChannsInfo) record = {};
 }
 
-// A channel without a package stays open to the end of the tool; here the tool ends many times.
-class OpenFiles {
-  public:
-    OpenFiles() {
-        for (int fd = 0; fd < kNumbers; ++fd) before_[fd] = IsOpen(fd);
-    }
-    ~OpenFiles() {
-        for (int fd = 0; fd < kNumbers; ++fd)
-            if (!before_[fd] && IsOpen(fd)) close(fd);
-    }
-    OpenFiles(const OpenFiles&) = delete;
-    OpenFiles& operator=(const OpenFiles&) = delete;
-
-  private:
-    static constexpr int kNumbers = 64;
-    static bool IsOpen(int fd) { return fcntl(fd, F_GETFD) != -1; }
-    bool before_[kNumbers];
-};
-
-void EnterFolder() {
+// The only package of the current folder.
+void OfferPackage(const qvtest::PackageBuilder& package) {
     static const bool kThere = chdir(Folder().c_str()) == 0;
     Check(kThere, "the folder cannot be entered");
+    static const int file = open("p.qvf", O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    const qvtest::Bytes bytes = package.File();
+    Overwrite(file, bytes.data(), bytes.size());
 }
+
+// Standard input holds these bytes.
+void OfferKeys(const uint8_t* data, size_t size) {
+    static const int file = memfd_create("keys", MFD_CLOEXEC);
+    static const bool kTaken =
+        std::freopen(("/proc/self/fd/" + std::to_string(file)).c_str(), "r", stdin) != nullptr &&
+        std::setvbuf(stdin, nullptr, _IONBF, 0) == 0;  // nothing left over from the run before
+    Check(kTaken, "no standard input");
+    Overwrite(file, data, size);
+    std::rewind(stdin);
+}
+
+// The library and the list of packages, for as long as the tool would run.
+class ToolRun {
+  public:
+    ToolRun() {
+        QVCaptureInitInstance();
+        ResetTool();
+        Check(InitialQVFList() == 0, "no list of packages");
+    }
+    ~ToolRun() {
+        std::fflush(stdout);
+        ExitQVFList();
+        CloseChannelsLeftOpen();
+        QVCaptureExitInstance();
+    }
+    ToolRun(const ToolRun&) = delete;
+    ToolRun& operator=(const ToolRun&) = delete;
+};
 
 void CheckList() {
     Check(g_nDevicesNum >= 0 && g_nDevicesNum <= kListCapacity, "the list is too long");
@@ -74,7 +90,6 @@ void CheckList() {
 
 // One byte: boards and their kind; a channel record for each; the rest stands in the flash.
 void ListDevices(const uint8_t* data, size_t size) {
-    EnterFolder();
     Taker taker(data, size);
     const uint8_t kinds = taker.Byte();
     std::vector<_QVCAP_CHANNEL_INFO> records(1 + kinds % 3);
@@ -87,16 +102,14 @@ void ListDevices(const uint8_t* data, size_t size) {
                     .FlashSize(kFlashSize)
                     .RawInfo(edit));
     }
-    qvtest::Package()
-        .ProductCode(records[0].productCode)
-        .Hardware(records[0].hardwareVersion)
-        .Compatibility(7)
-        .Section("Factory.Main", 0x4000, 10)
-        .Write(Folder() + "/p.qvf");
-    rig.Attach();
+    OfferPackage(qvtest::Package()
+                     .ProductCode(records[0].productCode)
+                     .Hardware(records[0].hardwareVersion)
+                     .Compatibility(7)
+                     .Section("Factory.Main", 0x4000, 10));
+    rig.AttachInMemory();
     {
-        const OpenFiles leftOpen;
-        QVCaptureInitInstance();
+        const ToolRun run;
         std::vector<uint8_t> flash(std::min<size_t>(taker.Left(), 4096));
         taker.Fill(flash.data(), flash.size());
         if (const QV_CHANNEL channel = QVOpenChannelByPath("/dev/video0"); channel != nullptr) {
@@ -105,24 +118,18 @@ void ListDevices(const uint8_t* data, size_t size) {
                                 static_cast<unsigned>(flash.size()));
             QVCloseChannel(channel);
         }
-        ResetTool();
-        Check(InitialQVFList() == 0, "no list of packages");
         int count = kListCapacity;
         if (GetDevicesInfo(g_arrChannsInfo, &count, kAnyIndex, kAnyIndex) == 0)
             g_nDevicesNum = count;
         CheckList();
         ListAllChannelInfo();
-        std::fflush(stdout);
-        ExitQVFList();
-        QVCaptureExitInstance();
     }
-    rig.Detach();
+    Check(rig.Cards().CountAlive() == qvsim::Alive{}, "the driver still holds something");
 }
 
 // Arguments, each ended by a newline, up to a zero byte; the keys that are typed behind it. The
 // power-off question is not among what is run.
 void RunCommandLine(const uint8_t* data, size_t size) {
-    EnterFolder();
     const uint8_t* const end = std::find(data, data + size, uint8_t{0});
     std::vector<std::string> arguments = {"qvcap-upgrade", ""};
     for (const uint8_t* at = data; at < end && arguments.size() < 16; ++at) {
@@ -137,19 +144,17 @@ void RunCommandLine(const uint8_t* data, size_t size) {
     argv.push_back(nullptr);
 
     const uint8_t* const keys = end == data + size ? end : end + 1;
-    const std::string& typed = AsFile(keys, static_cast<size_t>(data + size - keys));
-    Check(std::freopen(typed.c_str(), "r", stdin) != nullptr, "no standard input");
+    OfferKeys(keys, static_cast<size_t>(data + size - keys));
 
     qvsim::SimRig rig;
-    rig.Add(qvsim::Pelix().Channels(2).FirmwareOffset(kFirmware).FlashSize(kFlashSize))
+    rig.Add(qvsim::Pelix().FirmwareOffset(kFirmware).FlashSize(kFlashSize))
         .Add(qvsim::Lumo().Channels(2).FirmwareOffset(kFirmware).FlashSize(kFlashSize));
-    qvtest::Package().Section("Factory.Main", 0x4000, 10).Write(Folder() + "/p.qvf");
-    rig.Attach();
+    static const qvtest::PackageBuilder kPackage =
+        qvtest::Package().Section("Factory.Main", 0x4000, 10);
+    OfferPackage(kPackage);
+    rig.AttachInMemory();
     {
-        const OpenFiles leftOpen;
-        QVCaptureInitInstance();
-        ResetTool();
-        Check(InitialQVFList() == 0, "no list of packages");
+        const ToolRun run;
         optind = 0;  // begins anew
         opterr = 0;
         const int parsed = PraseCommandLine(static_cast<int>(arguments.size()), argv.data());
@@ -164,11 +169,8 @@ void RunCommandLine(const uint8_t* data, size_t size) {
             Check(counters.fail == 0, "healthy cards fail");
             PrintSummary(counters);
         }
-        std::fflush(stdout);
-        ExitQVFList();
-        QVCaptureExitInstance();
     }
-    rig.Detach();
+    Check(rig.Cards().CountAlive() == qvsim::Alive{}, "the driver still holds something");
 }
 
 }  // namespace qvfuzz

@@ -7,15 +7,20 @@
 
 namespace qvfuzz {
 
+void Overwrite(int file, const uint8_t* data, size_t size) {
+    Check(file >= 0, "no file to write");
+    for (size_t done = 0; done < size;) {
+        const ssize_t n = pwrite(file, data + done, size - done, static_cast<off_t>(done));
+        Check(n > 0, "the file cannot be written");
+        done += static_cast<size_t>(n);
+    }
+    Check(ftruncate(file, static_cast<off_t>(size)) == 0, "the file keeps its length");
+}
+
 const std::string& AsFile(const uint8_t* data, size_t size) {
     static const int fd = memfd_create("input", MFD_CLOEXEC);
     static const std::string path = "/proc/self/fd/" + std::to_string(fd);
-    Check(fd >= 0 && ftruncate(fd, 0) == 0, "no file in memory");
-    for (size_t done = 0; done < size;) {
-        const ssize_t n = pwrite(fd, data + done, size - done, static_cast<off_t>(done));
-        Check(n > 0, "the file in memory cannot be written");
-        done += static_cast<size_t>(n);
-    }
+    Overwrite(fd, data, size);
     return path;
 }
 
@@ -23,8 +28,9 @@ namespace {
 
 struct Temporary {
     Temporary() {
-        const char* const memory = "/dev/shm";
-        path = std::string(access(memory, W_OK) == 0 ? memory : "/tmp") + "/qvfuzz-XXXXXX";
+        const char* const wanted = std::getenv("TEST_TMPDIR");
+        path = wanted != nullptr ? wanted : access("/dev/shm", W_OK) == 0 ? "/dev/shm" : "/tmp";
+        path += "/qvfuzz-XXXXXX";
         Check(mkdtemp(path.data()) != nullptr, "no temporary folder");
     }
     ~Temporary() {

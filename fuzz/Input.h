@@ -15,10 +15,14 @@ inline void Check(bool holds, const char* what) {
     std::abort();
 }
 
+// Makes the bytes all that an open file holds.
+void Overwrite(int file, const uint8_t* data, size_t size);
+
 // A regular file in memory that holds the bytes; its path stays the same.
 const std::string& AsFile(const uint8_t* data, size_t size);
 
-// An empty folder of this process, made on first use and removed at its end.
+// An empty folder of this process, made on first use and removed at its end. It stands in
+// TEST_TMPDIR, by default in memory.
 const std::string& Folder();
 
 // Takes bytes from the front; zeros when there are no more.

@@ -1,7 +1,8 @@
 // Packages, their descriptions and scenarios: files that somebody hands us.
+#include <fcntl.h>
+
 #include <cstring>
 #include <fstream>
-#include <sstream>
 
 #include "CardsPlan.h"
 #include "Check.h"
@@ -65,8 +66,8 @@ void ReadPackage(const uint8_t* data, size_t size) {
 
 void ReadDescription(const uint8_t* data, size_t size) {
     static const std::string path = Folder() + "/description.toml";
-    std::ofstream(path, std::ios::binary | std::ios::trunc)
-        .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
+    static const int file = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    Overwrite(file, data, size);
     static const bool kHasData = [] {
         std::ofstream(Folder() + "/a.bin") << "twelve bytes";
         std::ofstream(Folder() + "/b.bin");

@@ -10,8 +10,13 @@ namespace {
 
 template <class Array>
 std::string HexDigits(const Array& bytes) {
+    constexpr char kDigits[] = "0123456789abcdef";
     std::string digits;
-    for (const uint8_t byte : bytes) digits += HexNumber(byte, 2).substr(2);
+    digits.reserve(2 * bytes.size());
+    for (const uint8_t byte : bytes) {
+        digits += kDigits[byte >> 4];
+        digits += kDigits[byte & 15];
+    }
     return digits;
 }
 

@@ -43,7 +43,8 @@ constinit thread_local Filter<Entry> t_wanted = nullptr;
 template <class Entry>
 int KeepsReal(const Entry* entry) {
     if (qvsim::Model::AnswersName(entry->d_name)) return 0;
-    return t_wanted<Entry> ? t_wanted<Entry>(entry) : 1;
+    const Filter<Entry> wanted = t_wanted<Entry>;
+    return wanted ? wanted(entry) : 1;
 }
 
 template <class Entry>
