@@ -51,7 +51,7 @@ class FlashTest : public testing::Test {
   protected:
     void Start(const BoardBuilder& board) {
         rig_.Add(board);
-        rig_.Attach();
+        Attach();
         card_ = std::make_unique<Node>("/dev/video0");
     }
     void WriteImage(uint32_t at, uint32_t version, const std::vector<Section>& sections) {
@@ -67,23 +67,33 @@ class FlashTest : public testing::Test {
         rig_.PowerCycle();
         return card_->RunningVersion();
     }
+    virtual void Attach() { rig_.Attach(); }
     SimRig rig_;
     std::unique_ptr<Node> card_;
 };
 
-TEST_F(FlashTest, AFreshFlashReadsErased) {
+// What is the same with a state directory and in memory alone.
+class AnyFlashTest : public FlashTest, public testing::WithParamInterface<bool> {
+  protected:
+    void Attach() override { GetParam() ? rig_.AttachInMemory() : rig_.Attach(); }
+};
+INSTANTIATE_TEST_SUITE_P(Places, AnyFlashTest, testing::Bool(), [](const auto& tested) {
+    return std::string(tested.param ? "InMemory" : "InADirectory");
+});
+
+TEST_P(AnyFlashTest, AFreshFlashReadsErased) {
     Start(Pelix().NoStoredHeader());
     EXPECT_THAT(card_->Read(0, 70000), Each(0xFF));
 }
 
-TEST_F(FlashTest, ProgrammingOnlyClearsBits) {
+TEST_P(AnyFlashTest, ProgrammingOnlyClearsBits) {
     Start(Pelix());
     ASSERT_EQ(0, card_->Write(10, {0xF0, 0x3C}));
     ASSERT_EQ(0, card_->Write(10, {0x0F, 0xFF}));
     EXPECT_THAT(card_->Read(9, 4), ElementsAre(0xFF, 0x00, 0x3C, 0xFF));
 }
 
-TEST_F(FlashTest, AnEraseTakesEverySectorThatItTouches) {
+TEST_P(AnyFlashTest, AnEraseTakesEverySectorThatItTouches) {
     Start(Pelix());
     ASSERT_EQ(0, card_->Write(0, std::vector<uint8_t>(3 * 4096, 0)));
     ASSERT_EQ(0, card_->Erase(4095, 2));
@@ -91,7 +101,7 @@ TEST_F(FlashTest, AnEraseTakesEverySectorThatItTouches) {
     EXPECT_THAT(card_->Read(2 * 4096, 4096), Each(0));
 }
 
-TEST_F(FlashTest, WhatLiesOutsideTheChipIsRefused) {
+TEST_P(AnyFlashTest, WhatLiesOutsideTheChipIsRefused) {
     Start(Pelix().FlashSize(2u << 20));
     EXPECT_EQ(-1, card_->Erase((2u << 20) - 1, 2));
     EXPECT_EQ(EINVAL, errno);
@@ -109,9 +119,9 @@ TEST_F(FlashTest, NullDataIsAFaultOfTheCaller) {
     EXPECT_EQ(EFAULT, errno);
 }
 
-TEST_F(FlashTest, ALumoHasOneFlashForAllChannelsAPelixOneEach) {
+TEST_P(AnyFlashTest, ALumoHasOneFlashForAllChannelsAPelixOneEach) {
     rig_.Add(Pelix().Channels(2)).Add(Lumo().Channels(2));
-    rig_.Attach();
+    Attach();
     Node pelix0("/dev/video0"), pelix1("/dev/video1"), lumo0("/dev/video2"), lumo1("/dev/video3");
     ASSERT_EQ(0, pelix0.Write(0, {1}));
     ASSERT_EQ(0, lumo0.Write(0, {1}));
@@ -143,7 +153,7 @@ TEST_F(FlashTest, TheJournalNamesRangesAndChecksums) {
                             "= 0"));
 }
 
-TEST_F(FlashTest, ACompleteImageRunsAfterPowerOnAndNotBefore) {
+TEST_P(AnyFlashTest, ACompleteImageRunsAfterPowerOnAndNotBefore) {
     Start(Pelix().Firmware(1, 0));
     WriteImage(kMain, Version(1, 1), {{"Factory.Main", kFactoryData, 5000}});
     EXPECT_EQ(Version(1, 0), card_->RunningVersion());
@@ -161,7 +171,7 @@ TEST_F(FlashTest, PowerOnSeesWhatAnotherProcessWrote) {
     EXPECT_EQ(Version(1, 1), card_->RunningVersion());
 }
 
-TEST_F(FlashTest, AnImageWithOneByteMissingFallsBackToTheGoldenVersion) {
+TEST_P(AnyFlashTest, AnImageWithOneByteMissingFallsBackToTheGoldenVersion) {
     Start(Pelix().Firmware(1, 0).Golden(0, 9));
     WriteImage(kMain, Version(1, 1), {{"Factory.Main", kFactoryData, 5000}});
     ASSERT_EQ(0, card_->Erase(kFactoryData + 4999, 1));
@@ -169,7 +179,7 @@ TEST_F(FlashTest, AnImageWithOneByteMissingFallsBackToTheGoldenVersion) {
     EXPECT_EQ(Version(0, 9), AfterPowerCycle());
 }
 
-TEST_F(FlashTest, ASafeUpgradeRunsAndLeavesTheMainImageToFallBackTo) {
+TEST_P(AnyFlashTest, ASafeUpgradeRunsAndLeavesTheMainImageToFallBackTo) {
     Start(Pelix().Firmware(2, 0).Stored(2, 0, 7));
     WriteImage(kSafe, Version(2, 1),
                {{"Upgrade.Main", kUpgradeData, 300}, {"Factory.Main", kFactoryData, 10}});
@@ -186,7 +196,7 @@ TEST_F(FlashTest, AMainImageWrittenLaterRunsEvenIfItIsOlder) {
     EXPECT_EQ(Version(1, 7), AfterPowerCycle());
 }
 
-TEST_F(FlashTest, AClearSectionMustBeBlank) {
+TEST_P(AnyFlashTest, AClearSectionMustBeBlank) {
     Start(Pelix().Golden(0, 9));
     const std::vector<Section> sections = {{"Factory.CLR.Set", kFactoryData, 4096}};
     const std::vector<uint8_t> header = Header(Version(1, 1), sections);
@@ -229,10 +239,10 @@ TEST_F(FlashTest, AnEraseThatDoesNotBlankLeavesAByte) {
     EXPECT_EQ(0xFF, card_->Read(4096, 1)[0]);
 }
 
-TEST_F(FlashTest, APowerCutKillsTheBoardAndGarblesTheSectorInWork) {
+TEST_P(AnyFlashTest, APowerCutKillsTheBoardAndGarblesTheSectorInWork) {
     rig_.AddFault({.request = "WriteFirmwareData", .effect = PowerLoss()});
     rig_.Add(Pelix().Channels(2).Golden(0, 9)).Add(Pelix());
-    rig_.Attach();
+    Attach();
     Node first("/dev/video0"), second("/dev/video1"), other("/dev/video2");
     EXPECT_EQ(-1, first.Write(0, std::vector<uint8_t>(16384, 0x11)));
     EXPECT_EQ(EIO, errno);

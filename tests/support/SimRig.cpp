@@ -18,6 +18,13 @@ void Require(const std::string& error) {
     std::abort();
 }
 
+const BoardState& BoardOf(const CardsState& state, int index) {
+    for (const BoardState& board : state.boards)
+        if (board.index == index) return board;
+    Require("no board " + std::to_string(index));
+    std::abort();
+}
+
 }  // namespace
 
 BoardBuilder::BoardBuilder(const std::string& family) { plan_.family = family; }
@@ -128,6 +135,7 @@ SimRig& SimRig::AddFault(const Fault& fault) {
 }
 
 const std::string& SimRig::Dir() {
+    if (inMemory_) Require("cards in memory have no directory and no journal");
     if (dir_.empty()) {
         dir_ = testing::TempDir() + "/qvsim-XXXXXX";
         if (!mkdtemp(dir_.data())) Require(dir_ + ": cannot be made");
@@ -156,6 +164,7 @@ void SimRig::AttachInMemory() {
     Require(error);
     model_ = MakeInMemory(plan_, error);
     Require(error);
+    inMemory_ = true;
     qvsim::Attach(model_);
 }
 
@@ -167,6 +176,7 @@ void SimRig::Detach() {
     }
     qvsim::Detach();
     model_.reset();
+    inMemory_ = false;
 }
 
 Model& SimRig::Cards() {
@@ -216,18 +226,21 @@ void SimRig::ClearJournal() {
 }
 
 std::vector<uint8_t> SimRig::Flash(int board, int channel, uint32_t offset, uint32_t length) {
-    CardsState state;
-    Require(LoadState(Dir(), state));
-    for (const BoardState& candidate : state.boards) {
-        if (candidate.index != board) continue;
-        NorFlash flash;
-        Require(flash.Open(dir_ + "/" + FlashFileName(candidate, channel), candidate.flashSize));
+    const auto read = [&](const NorFlash& flash) {
         std::vector<uint8_t> bytes(length);
         if (!flash.Read(offset, bytes.data(), length)) Require("flash range cannot be read");
         return bytes;
+    };
+    if (inMemory_) {
+        const NorFlash* const flash = model_->Flash(board, channel);
+        if (!flash) Require("no board " + std::to_string(board));
+        return read(*flash);
     }
-    Require("no board " + std::to_string(board));
-    return {};
+    const CardsState state = State();
+    NorFlash flash;
+    const BoardState& found = BoardOf(state, board);
+    Require(flash.Open(dir_ + "/" + FlashFileName(found, channel), found.flashSize));
+    return read(flash);
 }
 
 void SimRig::PowerCycle() {
@@ -239,13 +252,15 @@ void SimRig::PowerCycle() {
 }
 
 uint32_t SimRig::RunningVersion(int board, int channel) {
+    const CardsState state = State();
+    return BoardOf(state, board).channels.at(static_cast<size_t>(channel)).info.firmwareVersion;
+}
+
+CardsState SimRig::State() {
+    if (inMemory_) return model_->State();
     CardsState state;
     Require(LoadState(Dir(), state));
-    for (const BoardState& candidate : state.boards)
-        if (candidate.index == board)
-            return candidate.channels.at(static_cast<size_t>(channel)).info.firmwareVersion;
-    Require("no board " + std::to_string(board));
-    return 0;
+    return state;
 }
 
 }  // namespace qvsim

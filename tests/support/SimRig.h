@@ -69,8 +69,8 @@ class SimRig {
 
     const std::string& Dir();  // writes the state on first use
     void Attach();             // the door is open until Detach() or the end of the rig
-    // The same without a state directory: quick, no journal, gone with Detach(). Every call makes the
-    // cards anew.
+    // The same without a state directory: quick, no journal, gone with Detach(). Every call makes
+    // the cards anew.
     void AttachInMemory();
     void Detach();
     Model& Cards();  // attached only; all that was asked of the nodes so far is served
@@ -90,8 +90,12 @@ class SimRig {
     uint32_t RunningVersion(int board, int channel);
 
   private:
+    // As the state directory has it, or as the cards in memory are.
+    CardsState State();
+
     CardsPlan plan_;
     std::string dir_;
+    bool inMemory_ = false;
     std::shared_ptr<Model> model_;
     std::unique_ptr<ServingThread> serving_;
     uint64_t journalFrom_ = 0;
