@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <cstdio>
+#include <cstdlib>
+#include <fstream>
 #include <map>
 #include <mutex>
+#include <sstream>
 
 #include "Scenarios.h"
 
@@ -63,6 +65,46 @@ std::vector<Case> CasesOf(const Scenario& scenario, const std::vector<Bytes>& fl
     return cases;
 }
 
+// The columns of the table in the document, in the order of an upgrade.
+const char* const kOutcomes[] = {"device refused", "nothing listed",
+                                 "silent",         "unknown reason",
+                                 "erase failed",   "write failed",
+                                 "verify failed",  "reconfiguration failed",
+                                 "not needed",     "ok"};
+
+// A line of that table; every run is in one of its columns.
+std::string Row(const std::string& name, size_t runs, std::map<std::string, int>& outcomes) {
+    std::string row = "| " + name + " | " + std::to_string(runs) + " |";
+    size_t counted = 0;
+    for (const char* outcome : kOutcomes) {
+        row += " " + std::to_string(outcomes[outcome]) + " |";
+        counted += static_cast<size_t>(outcomes[outcome]);
+    }
+    EXPECT_EQ(runs, counted) << name;
+    return row + "\n";
+}
+
+// scripts/recovery-table has the rows written down.
+void ExpectInDocument(const std::string& row) {
+    if (const char* path = std::getenv("QV_SWEEP_TABLE")) {
+        std::ofstream file(path, std::ios::app);
+        if (file.tellp() == 0) {
+            file << "| upgrade | runs |";
+            for (const char* outcome : kOutcomes) file << " " << outcome << " |";
+            file << "\n|---|---|";
+            for ([[maybe_unused]] const char* outcome : kOutcomes) file << "---|";
+            file << "\n";
+        }
+        file << row;
+        EXPECT_TRUE(file.flush().good()) << path;
+        return;
+    }
+    std::ifstream file(QV_RECOVERY_DOCUMENT);
+    std::ostringstream document;
+    document << file.rdbuf();
+    EXPECT_THAT(document.str(), testing::HasSubstr(row)) << "run scripts/recovery-table";
+}
+
 class FaultSweep : public testing::TestWithParam<size_t> {
   protected:
     const Scenario& scenario = Scenarios()[GetParam()];
@@ -111,14 +153,11 @@ TEST_P(FaultSweep, EveryFaultAtEveryPositionEndsAsTheReferenceSays) {
         const std::lock_guard lock(mutex);
         ++outcomes[outcome];
     });
-    std::string line = "sweep: " + scenario.name + ": " + std::to_string(cases.size()) + " runs";
-    for (const auto& [outcome, count] : outcomes)
-        line += ", " + std::to_string(count) + " " + outcome;
-    std::printf("%s\n", line.c_str());
     // The sweep reaches what it is for.
     for (const char* outcome : {"ok", "erase failed", "write failed", "verify failed",
                                 "unknown reason", "nothing listed", "reconfiguration failed"})
         EXPECT_GT(outcomes[outcome], 0) << outcome;
+    ExpectInDocument(Row(scenario.name, cases.size(), outcomes));
 }
 
 INSTANTIATE_TEST_SUITE_P(Scenarios, FaultSweep, testing::Range<size_t>(0, Scenarios().size()),

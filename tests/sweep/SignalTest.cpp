@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
 #include <csignal>
 #include <thread>
 
@@ -135,13 +137,16 @@ TEST_P(DeadlySignal, EndsTheToolAtOnceAndTheNextRunMakesTheCardWhole) {
     ExpectMadeWholeByTheNextRun();
 }
 
+const char* SignalName(int signal) {
+    return signal == SIGINT    ? "Interrupt"
+           : signal == SIGTERM ? "Terminate"
+           : signal == SIGHUP  ? "HangUp"
+                               : "BrokenPipe";
+}
+
 std::string NameOf(const testing::TestParamInfo<std::tuple<int, size_t, bool>>& tested) {
-    const int signal = std::get<0>(tested.param);
-    const char* name = signal == SIGINT    ? "Interrupt"
-                       : signal == SIGTERM ? "Terminate"
-                       : signal == SIGHUP  ? "HangUp"
-                                           : "BrokenPipe";
-    return std::string(name) + "_during_" + kPhases[std::get<1>(tested.param)].name +
+    return std::string(SignalName(std::get<0>(tested.param))) + "_during_" +
+           kPhases[std::get<1>(tested.param)].name +
            (std::get<2>(tested.param) ? "_safe" : "_normal");
 }
 
@@ -153,6 +158,48 @@ INSTANTIATE_TEST_SUITE_P(Phases, DeadlySignal,
                          testing::Combine(testing::Values(SIGTERM, SIGHUP, SIGPIPE),
                                           testing::Range<size_t>(0, 4), testing::Bool()),
                          NameOf);
+
+// At the question about turning off everything has been written and nothing is under way: any
+// signal ends the tool there, and the computer stays on.
+class SignalAtPowerOff : public testing::TestWithParam<std::tuple<int, bool>> {};
+
+TEST_P(SignalAtPowerOff, EndsTheToolWithTheComputerOnAndTheCardUpgraded) {
+    const auto [signal, safe] = GetParam();
+    qvsim::SimRig rig;
+    AddBoards(Swept(safe), &rig);
+    ToolFolder folder;
+    Swept(safe).package.Write(folder / "p.qvf");
+    // The key that is typed behind the signal must not be taken for an answer.
+    const ToolRun run = folder.OnTerminal(rig, {"-a", "-y"}, {"y"}, [&](int, pid_t pid) {
+        kill(pid, signal);
+        siginfo_t ended = {};
+        EXPECT_EQ(0, waitid(P_PID, static_cast<id_t>(pid), &ended, WEXITED | WNOWAIT));
+    });
+    EXPECT_EQ(signal, run.signal);
+    EXPECT_EQ(-1, run.status);
+    EXPECT_THAT(run.output, HasSubstr("successfully."));
+    EXPECT_THAT(run.output, HasSubstr("success 1,  fail 0,"));
+    EXPECT_THAT(run.output, EndsWith(kPowerOffQuestion));
+    EXPECT_EQ(std::vector<std::string>(), folder.Commands());
+    // It was waiting for a key, without echo.
+    EXPECT_FALSE(run.terminalRestored);
+    // All that was to be written stands: the next power-on loads it, and the next run has nothing
+    // to do.
+    const std::vector<std::string> requests = Requests(rig);
+    EXPECT_EQ(1, Count(requests, " SetPostReconfig "));
+    EXPECT_EQ(kRunning, rig.RunningVersion(0, 0));
+    rig.PowerCycle();
+    EXPECT_EQ(kNew, rig.RunningVersion(0, 0));
+    EXPECT_THAT(folder.ThroughPipe(rig, {"-a", "-y"}).output, HasSubstr("Needn't upgrade"));
+}
+
+INSTANTIATE_TEST_SUITE_P(Signals, SignalAtPowerOff,
+                         testing::Combine(testing::Values(SIGINT, SIGTERM, SIGHUP, SIGPIPE),
+                                          testing::Bool()),
+                         [](const auto& tested) {
+                             return std::string(SignalName(std::get<0>(tested.param))) +
+                                    (std::get<1>(tested.param) ? "_safe" : "_normal");
+                         });
 
 // `qvcap-upgrade -a -y | head` ends the tool inside the upgrade: the next progress line has no
 // reader any more.
