@@ -24,8 +24,10 @@ double Seconds(const timeval& time) {
     arguments.push_back(nullptr);
     const std::string preload = "LD_PRELOAD=" QV_PRELOAD_FILE;
     const std::string cards = "QVSIM_STATE=" + state;
-    char* environment[] = {const_cast<char*>(preload.c_str()), const_cast<char*>(cards.c_str()),
-                           const_cast<char*>("PATH=/nonexistent"), nullptr};
+    char* environment[] = {const_cast<char*>("PATH=/nonexistent"),
+                           const_cast<char*>(preload.c_str()), const_cast<char*>(cards.c_str()),
+                           nullptr};
+    if (state.empty()) environment[1] = nullptr;
     const int null = open("/dev/null", O_RDWR);
     dup2(null, STDIN_FILENO);
     dup2(null, STDOUT_FILENO);

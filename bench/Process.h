@@ -13,8 +13,9 @@ struct Usage {
     long peakKiB = 0;  // largest resident size
 };
 
-// Under the preload door over the cards in `state`, in folder `dir`, with nothing on standard input
-// and its output thrown away. PATH is empty: nothing can be started from there.
+// Under the preload door over the cards in `state`, or without it when that is empty, in folder
+// `dir`, with nothing on standard input and its output thrown away. PATH is empty: nothing can be
+// started from there.
 Usage Run(const std::string& state, const std::string& dir,
           const std::vector<std::string>& command);
 

@@ -4,39 +4,23 @@
 #include <filesystem>
 #include <fstream>
 
+#include "Cards.h"
 #include "Process.h"
 #include "Report.h"
-#include "support/PackageBuilder.h"
-#include "support/SimRig.h"
 
 namespace {
 
+using qvbench::Board;
 using qvbench::Folder;
 using qvbench::g_missed;
+using qvbench::kMiB;
 using qvbench::Median;
+using qvbench::PackageOf;
 using qvbench::Row;
 using qvbench::Run;
 using qvbench::Text;
 using qvbench::Usage;
-using qvsim::Pelix;
 using qvsim::SimRig;
-using qvtest::PackageBuilder;
-
-constexpr uint32_t kMiB = 1u << 20;
-constexpr uint32_t kSectionAddress = 0x200000;
-PackageBuilder PackageOf(uint32_t size) {
-    return PackageBuilder()
-        .ProductCode(0x0101)
-        .Hardware('A')
-        .Firmware(1, 1)
-        .Compatibility(1)
-        .Section("Factory.Main", kSectionAddress, size);
-}
-
-qvsim::BoardBuilder Board(int channels) {
-    return Pelix().Channels(channels).ProductCode(0x0101).Hardware('A').Firmware(1, 0).FlashSize(
-        32 * kMiB);
-}
 
 // Eight channels and one package of 16 MiB, on cards that answer at once; the tool and the bare
 // replay of its own journal in turn.
