@@ -6,20 +6,31 @@ namespace {
 
 class FirmwareTest : public ChannelTest {};
 
-TEST_F(FirmwareTest, IdentityIsTheDriversRecord) {
-    Bytes record = ArbitraryBytes(224, 3);
-    rig.Cards().SetRecord(0, 0, "ChannelInfo", record);
-    _QVCAP_CHANNEL_INFO info;
-    memset(&info, kUntouched, sizeof info);
-    EXPECT_EQ(QV_RESULT_OK, QVGetChannelInfo(channel, &info));
-    EXPECT_STREQ("Pelix Capture", info.familyName);
-    EXPECT_EQ(0, info.boardIndex);
-    EXPECT_EQ(0, info.channelIndex);
+// A channel whose record has something else in every byte than the record of any card.
+class IdentityTest : public ChannelTest {
+  protected:
+    qvsim::BoardBuilder BoardUnderTest() override {
+        return Pelix().RawInfo([this](_QVCAP_CHANNEL_INFO& info) {
+            memcpy(static_cast<void*>(&info), record.data(), record.size());
+        });
+    }
+    const Bytes record = ArbitraryBytes(sizeof(_QVCAP_CHANNEL_INFO), 3);
+};
+
+TEST_F(IdentityTest, IsTheDriversRecord) {
+    struct {
+        _QVCAP_CHANNEL_INFO info;
+        uint8_t guard[8];
+    } out;
+    memset(static_cast<void*>(&out), kUntouched, sizeof out);
+    EXPECT_EQ(QV_RESULT_OK, QVGetChannelInfo(channel, &out.info));
+    EXPECT_EQ(record, BytesOf(out.info));
+    EXPECT_EQ(Bytes(8, kUntouched), BytesOf(out.guard));
     EXPECT_THAT(Requests(), ElementsAre("GetChannelInfo"));
     EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, QVGetChannelInfo(channel, nullptr));
-    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, QVGetChannelInfo(nullptr, &info));
+    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, QVGetChannelInfo(nullptr, &out.info));
     RefuseFromNowOn("GetChannelInfo");
-    EXPECT_EQ(QV_RESULT_FAILED, QVGetChannelInfo(channel, &info));
+    EXPECT_EQ(QV_RESULT_FAILED, QVGetChannelInfo(channel, &out.info));
 }
 
 TEST_F(FirmwareTest, FamilyInfoCopiesAsManyOfThe17BytesAsAskedFor) {
