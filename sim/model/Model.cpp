@@ -173,7 +173,7 @@ std::shared_ptr<OpenFile> Model::Open(const std::string& path, int& error) {
     }
     if (error) return nullptr;
     files_.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, path}));
-    const std::shared_ptr<OpenFile> file = files_.back();
+    std::shared_ptr<OpenFile> file = files_.back();
     Kick();  // a signal's script may have begun
     return file;
 }
