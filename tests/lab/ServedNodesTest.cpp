@@ -7,11 +7,10 @@
 #include <atomic>
 #include <csignal>
 #include <ctime>
-#include <fstream>
-#include <iterator>
 
 #include "QVCapture.h"
 #include "support/PackageBuilder.h"
+#include "support/ThreadState.h"
 #include "tool/ToolProcess.h"
 #include "tool/ToolTexts.h"
 
@@ -24,14 +23,8 @@ using qvsim::Slow;
 using testing::EndsWith;
 using testing::HasSubstr;
 
-// Returns when the thread sleeps in the kernel.
 void AwaitAsleep(pid_t thread) {
-    for (std::string state; state != "S";) {
-        std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
-        const std::string text((std::istreambuf_iterator<char>(stat)), {});
-        ASSERT_NE(std::string::npos, text.rfind(") "));
-        state = text.substr(text.rfind(") ") + 2, 1);
-    }
+    while (ThreadState(thread) != 'S') std::this_thread::yield();
 }
 
 // A thread that waits for an event for ever, and what it was told.

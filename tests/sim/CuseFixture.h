@@ -12,7 +12,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <mutex>
 #include <thread>
 
@@ -20,6 +19,7 @@
 #include "QVDriverRequests.h"
 #include "gmock/gmock.h"
 #include "support/SimRig.h"
+#include "support/ThreadState.h"
 
 namespace qvsim {
 
@@ -150,13 +150,7 @@ class CuseTest : public testing::Test {
         int bytes = 1;
         while (bytes > 0) ASSERT_EQ(0, ioctl(ends_[static_cast<size_t>(node)], TIOCOUTQ, &bytes));
         // From a message to its request the server sleeps nowhere else.
-        const std::string path = "/proc/self/task/" + std::to_string(serverThread_) + "/stat";
-        for (std::string state; state != "S";) {
-            std::ifstream stat(path);
-            std::string text((std::istreambuf_iterator<char>(stat)), {});
-            ASSERT_NE(std::string::npos, text.rfind(") "));
-            state = text.substr(text.rfind(") ") + 2, 1);
-        }
+        while (ThreadState(serverThread_) != 'S') std::this_thread::yield();
     }
     uint64_t Open(int node) {
         const Reply reply = Ask(node, FUSE_OPEN, fuse_open_in{});
