@@ -259,11 +259,12 @@ void AudioFunction::Advance(Micros now, Bytes& out) {
 void AudioFunction::AdvanceStream(Stream& stream, Micros now, Bytes& out) {
     while (!stream.waiting.Empty()) {
         const Urb& urb = stream.waiting.Front();
-        if (!stream.running || stream.clock < now - kFarBehind) stream.clock = now;
+        if (!stream.running) stream.clock = now;
         stream.running = true;
         const Micros end = stream.clock + TimeOf(urb);
         if (end > now) return;
-        stream.clock = end;
+        // What is late is answered, however late: a host that is slow must not wait for ever.
+        stream.clock = end < now - kFarBehind ? now : end;
         Answer(stream, urb, out);
         stream.waiting.Pop();
     }
