@@ -31,7 +31,7 @@ std::string OwnPath() {
 std::string SupportFolder(const std::string& own) {
     const std::string folder = own.substr(0, own.rfind('/'));
     for (const char* place : {"", "/../lib/qvcapture/sim"}) {
-        const std::string candidate = folder + place;
+        std::string candidate = folder + place;
         if (access((candidate + "/standins/poweroff").c_str(), X_OK) == 0) return candidate;
     }
     return {};
@@ -66,6 +66,7 @@ int RunCommand(const std::string& dir, const std::vector<std::string>& command) 
     Prepend("ASAN_OPTIONS", "verify_asan_link_order=0", ':');
 #endif
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));
     arguments.push_back(nullptr);
     execvp(arguments[0], arguments.data());

@@ -83,7 +83,7 @@ std::string CuseServer::AddNode(const std::string& name) {
                "or give the cards other nodes (first_node in the scenario)";
     const int fd = ways_.openControl();
     if (fd < 0) {
-        const std::string why = std::string(kControl) + ": " + std::strerror(errno);
+        std::string why = std::string(kControl) + ": " + std::strerror(errno);
         if (errno == ENOENT || errno == ENODEV || errno == ENXIO)
             return why +
                    ": this kernel has no devices in user space, or the module is not loaded "

@@ -32,7 +32,7 @@ bool ImageComplete(const NorFlash& flash, uint32_t address, bool safe) {
     const uint32_t sections = header[156];
     const uint32_t length = kHeaderFixedLength + sections * kHeaderSectionLength;
     if (!flash.Programmed(address, length) || !flash.Read(address, header, length)) return false;
-    for (uint32_t i = 0; i < sections; ++i)
+    for (size_t i = 0; i < sections; ++i)
         if (!SectionComplete(flash, header + kHeaderFixedLength + i * kHeaderSectionLength, safe))
             return false;
     return true;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cmath>
 
 #include "QVDriverRecords.h"
 
@@ -13,7 +14,7 @@ constexpr int64_t kMaxCatchUp = 8;
 
 int64_t Period(double framesPerSecond) {
     const double units = static_cast<double>(kClockUnitsPerSecond) / framesPerSecond;
-    return std::max<int64_t>(1, static_cast<int64_t>(units + 0.5));
+    return std::max<int64_t>(1, std::llround(units));
 }
 
 bool Paced(double framesPerSecond) { return framesPerSecond > 0; }

@@ -90,7 +90,7 @@ Answer SetArray(Call& call) {
     const auto& record = call.As<qv::CountedArrayRecord>();
     call.NoteNumber("count", record.count);
     if (record.count > kMaxArrayBytes / call.row.element) return Refused(EINVAL);
-    Bytes value(record.count * call.row.element);
+    Bytes value(size_t{record.count} * call.row.element);
     if (!value.empty() &&
         !call.memory.Read(record.address, value.data(), static_cast<uint32_t>(value.size())))
         return Refused(EFAULT);
