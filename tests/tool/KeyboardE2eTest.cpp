@@ -21,6 +21,7 @@ using testing::Not;
 
 constexpr char kInterruptKey[] = "\x03";
 constexpr char kStopOutputKey[] = "\x13";
+constexpr char kStartOutputKey[] = "\x11";
 
 class KeyboardE2eTest : public testing::Test {
   protected:
@@ -62,23 +63,38 @@ TEST_F(KeyboardE2eTest, TheInterruptKeyIsIgnoredWhereverADeviceIsWorkedOn) {
 }
 
 // The screen is stopped while the first device's last request is under way: its result line, which
-// is printed when the device is done, holds the tool between the two devices.
+// is printed when the device is done, holds the tool between the two devices. Nothing is printed
+// for as long as that request takes; a screen that was stopped before it holds the device itself
+// up, and is let go again.
 TEST_F(KeyboardE2eTest, TheInterruptKeyBetweenTwoDevicesEndsTheToolBeforeTheSecond) {
+    constexpr int kQuietLooks = 60;   // a request under way, not a pause between two lines
+    constexpr int kHeldLooks = 1600;  // far longer than the request takes
     rig.Add(Pelix().Product("P").Channels(2));
     rig.AddFault({.request = "SetPostReconfig", .effect = Slow(2000)});
-    int typed = 0;
+    bool stopped = false, interrupted = false;
+    size_t seen = 0;
+    int looks = 0;  // since something was printed or typed
     const ToolRun run =
         folder.OnTerminal(rig, {"-a", "-y"}, [&](const ToolFolder::Screen& screen) -> std::string {
-            if (typed == 0 &&
-                screen.output.find("(Verifying ------------- 100%)") != std::string::npos) {
-                ++typed;
+            looks = screen.output.size() == seen ? looks + 1 : 0;
+            seen = screen.output.size();
+            if (interrupted) return {};
+            if (!stopped) {
+                if (looks < kQuietLooks ||
+                    screen.output.find("(Verifying ------------- 100%)") == std::string::npos)
+                    return {};
+                stopped = true;
+                looks = 0;
                 return kStopOutputKey;
             }
-            if (typed == 1 && !IgnoresInterrupts(screen.pid)) {
-                ++typed;
+            if (!IgnoresInterrupts(screen.pid)) {
+                interrupted = true;
                 return kInterruptKey;
             }
-            return {};
+            if (looks < kHeldLooks) return {};
+            stopped = false;
+            looks = 0;
+            return kStartOutputKey;
         });
     EXPECT_EQ(SIGINT, run.signal);
     EXPECT_TRUE(run.terminalRestored);
