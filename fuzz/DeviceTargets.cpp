@@ -88,23 +88,39 @@ void CheckList() {
 
 }  // namespace
 
-// One byte: boards and their kind; a channel record for each; the rest stands in the flash.
+// One byte: boards, their kind, whether the driver describes the flash in its own way; records for
+// each board; the rest stands in the flash.
 void ListDevices(const uint8_t* data, size_t size) {
     Taker taker(data, size);
     const uint8_t kinds = taker.Byte();
-    std::vector<_QVCAP_CHANNEL_INFO> records(1 + kinds % 3);
+    const bool ownLayout = (kinds & 0x20) != 0;
+    struct Records {
+        _QVCAP_CHANNEL_INFO info;
+        _QVCAP_PELIX_CAPTURE_INFO family;
+        _QVCAP_FIRMWARE_STORAGE storage;
+    };
+    std::vector<Records> records(1 + kinds % 3);
     qvsim::SimRig rig;
     for (size_t i = 0; i < records.size(); ++i) {
-        taker.Fill(&records[i], sizeof records[i]);
-        const auto edit = [record = records[i]](_QVCAP_CHANNEL_INFO& info) { info = record; };
+        taker.Fill(&records[i].info, sizeof records[i].info);
+        if (ownLayout) {
+            taker.Fill(&records[i].family, sizeof records[i].family);
+            taker.Fill(&records[i].storage, sizeof records[i].storage);
+        }
+        const auto edit = [ownLayout, &record = records[i]](qvsim::ChannelState& channel) {
+            channel.info = record.info;
+            if (!ownLayout) return;
+            channel.family = record.family;
+            channel.storage = record.storage;
+        };
         rig.Add(((kinds >> (2 + i) & 1) ? qvsim::Lumo() : qvsim::Pelix())
                     .FirmwareOffset(kFirmware)
                     .FlashSize(kFlashSize)
-                    .RawInfo(edit));
+                    .RawChannel(edit));
     }
     OfferPackage(qvtest::Package()
-                     .ProductCode(records[0].productCode)
-                     .Hardware(records[0].hardwareVersion)
+                     .ProductCode(records[0].info.productCode)
+                     .Hardware(records[0].info.hardwareVersion)
                      .Compatibility(7)
                      .Section("Factory.Main", 0x4000, 10));
     rig.AttachInMemory();

@@ -87,7 +87,6 @@ ChannelState MakeChannel(const BoardPlan& board, int index) {
     PutText(info.boardSerialNumber, board.serial);
     info.boardIndex = static_cast<uint8_t>(board.index);
     info.channelIndex = static_cast<uint8_t>(index);
-    if (board.editInfo) board.editInfo(info);
     for (size_t i = 0; i < sizeof channel.family.bytes; ++i)
         channel.family.bytes[i] = PatternByte(7, i);
     channel.storage = {board.storageWords[0], board.storageWords[1], board.storageWords[2],
@@ -95,6 +94,7 @@ ChannelState MakeChannel(const BoardPlan& board, int index) {
     channel.video = board.video;
     channel.audio = board.audio;
     channel.signal = board.signal;
+    if (board.editChannel) board.editChannel(channel);
     return channel;
 }
 

@@ -45,7 +45,7 @@ struct BoardPlan {
     VideoSetup video;
     AudioSetup audio;
     std::vector<SignalStep> signal;
-    std::function<void(_QVCAP_CHANNEL_INFO&)> editInfo;
+    std::function<void(ChannelState&)> editChannel;  // a last look at each channel's records
 };
 
 struct CardsPlan {

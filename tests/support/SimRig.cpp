@@ -93,7 +93,10 @@ BoardBuilder& BoardBuilder::Signal(uint32_t atMilliseconds, bool present) {
     return *this;
 }
 BoardBuilder& BoardBuilder::RawInfo(std::function<void(_QVCAP_CHANNEL_INFO&)> edit) {
-    plan_.editInfo = std::move(edit);
+    return RawChannel([edit = std::move(edit)](ChannelState& channel) { edit(channel.info); });
+}
+BoardBuilder& BoardBuilder::RawChannel(std::function<void(ChannelState&)> edit) {
+    plan_.editChannel = std::move(edit);
     return *this;
 }
 

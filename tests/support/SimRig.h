@@ -43,6 +43,8 @@ class BoardBuilder {
     BoardBuilder& Signal(uint32_t atMilliseconds, bool present);
     // A last look at each channel's record before it is written: unterminated texts, odd indices.
     BoardBuilder& RawInfo(std::function<void(_QVCAP_CHANNEL_INFO&)> edit);
+    // The same for all records of a channel: its family and the flash layout too.
+    BoardBuilder& RawChannel(std::function<void(ChannelState&)> edit);
 
   private:
     friend class SimRig;
