@@ -207,6 +207,7 @@ bool FaultKindFromName(const std::string& name, FaultKind& kind) {
 }
 
 std::string StatePath(const std::string& dir) { return dir + "/cards.state"; }
+std::string MetFaultsPath(const std::string& dir) { return dir + "/faults.met"; }
 
 std::string FlashFileName(const BoardState& board, int channel) {
     const std::string name = "flash-b" + std::to_string(board.index);
@@ -224,6 +225,13 @@ int OutOfTheWay(int fd) {
     if (moved < 0) return fd;  // a low limit: better in the way than not at all
     close(fd);
     return moved;
+}
+
+bool AppendText(const std::string& path, const std::string& text) {
+    const int fd = OpenOutOfTheWay(path, O_WRONLY | O_CREAT | O_APPEND);
+    if (fd < 0) return false;
+    const bool written = WriteAll(fd, text.data(), text.size());
+    return close(fd) == 0 && written;
 }
 
 bool ReplaceFile(const std::string& path, const std::string& text) {

@@ -73,6 +73,8 @@ struct CardsState {
 };
 
 std::string StatePath(const std::string& dir);
+// One line for each time that a fault was met.
+std::string MetFaultsPath(const std::string& dir);
 
 // Both return an empty text, or what went wrong and where. Saving replaces the file as a whole.
 std::string LoadState(const std::string& dir, CardsState& state);
@@ -89,6 +91,9 @@ int OutOfTheWay(int fd);
 
 // The whole file; empty when there is none.
 std::string ReadText(const std::string& path);
+
+// Adds to the end of a file, which is made when there is none.
+bool AppendText(const std::string& path, const std::string& text);
 
 // Writes the whole text to a temporary file beside `path` and renames it into place.
 bool ReplaceFile(const std::string& path, const std::string& text);

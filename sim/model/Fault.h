@@ -13,8 +13,16 @@ enum class FaultKind {
     kStuckBits,  // value: mask; programming leaves these bits of every byte set
     kNotBlank,   // an erase leaves one byte of the range programmed
     kSlow,       // value: milliseconds before the request is served
-    kPowerLoss,  // the board dies in the middle of the request, until it is power-cycled
+    kPowerLoss,  // the board dies in the middle of the request, until it is power-cycled; value:
+                 // a CutPoint. At the open of the event node, every board does
     kNodeGone,   // the node vanishes: this and every later open and request fails with ENODEV
+};
+
+// How far an erase or a write has come when the power goes.
+enum class CutPoint : uint32_t {
+    kHalf,   // half of it is done, and the sector in work holds garbage
+    kStart,  // nothing is done
+    kEnd,    // all but its last byte is done
 };
 
 struct FaultEffect {
@@ -30,7 +38,9 @@ constexpr FaultEffect FlipBit(uint32_t bit) { return {FaultKind::kFlipBit, bit};
 constexpr FaultEffect StuckBits(uint8_t mask) { return {FaultKind::kStuckBits, mask}; }
 constexpr FaultEffect NotBlank() { return {FaultKind::kNotBlank, 0}; }
 constexpr FaultEffect Slow(uint32_t milliseconds) { return {FaultKind::kSlow, milliseconds}; }
-constexpr FaultEffect PowerLoss() { return {FaultKind::kPowerLoss, 0}; }
+constexpr FaultEffect PowerLoss(CutPoint point = CutPoint::kHalf) {
+    return {FaultKind::kPowerLoss, static_cast<uint32_t>(point)};
+}
 constexpr FaultEffect NodeGone() { return {FaultKind::kNodeGone, 0}; }
 
 // Fault{.request = "EraseFirmwareData", .nth = 3, .effect = Refuse(EIO)}

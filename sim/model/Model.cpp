@@ -130,7 +130,7 @@ bool Model::IsForeign(const std::string& path) const {
 
 bool Model::Exists(const std::string& path) {
     const std::lock_guard lock(mutex_);
-    if (path == kEventPath) return state_.eventNode;
+    if (path == kEventPath) return state_.eventNode && !eventNodeGone_;
     if (const Channel* channel = ChannelOfNode(path)) return !channel->gone;
     return IsForeign(path);
 }
@@ -141,41 +141,72 @@ std::vector<std::string> Model::NodeNames() {
     for (const auto& channel : channels_)
         if (!channel->gone) names.push_back("video" + std::to_string(channel->state->node));
     for (const int node : state_.foreignNodes) names.push_back("video" + std::to_string(node));
-    if (state_.eventNode) names.push_back("qv-event");
+    if (state_.eventNode && !eventNodeGone_) names.push_back("qv-event");
     return names;
 }
 
-std::shared_ptr<OpenFile> Model::Open(const std::string& path, int& error) {
-    const std::lock_guard lock(mutex_);
-    RefreshFromDisk();
-    NodeKind kind = NodeKind::kForeign;
-    Channel* const owner = ChannelOfNode(path);
-    error = shutDown_ ? ENODEV : 0;
+int Model::OpenError(const std::string& path, const Channel* owner) const {
     if (path == kEventPath) {
-        kind = NodeKind::kEvents;
-        if (!state_.eventNode) error = ENOENT;
-    } else if (owner) {
-        kind = NodeKind::kChannel;
-        if (owner->gone) error = ENODEV;
-    } else if (!IsForeign(path)) {
-        error = ENOENT;
+        if (!state_.eventNode) return ENOENT;
+    } else if (!owner) {
+        return IsForeign(path) ? 0 : ENOENT;
     }
-    if (error) return nullptr;
-    const int board = owner ? owner->board->state->index : -1;
-    const int channel = owner ? owner->index : -1;
-    for (const FaultEffect& effect : faults_.Hits("open", board, channel)) {
+    return shutDown_ || IsGone(owner) ? ENODEV : 0;
+}
+
+int Model::OpenFault(const std::vector<FaultEffect>& effects, Channel* owner) {
+    int error = 0;
+    for (const FaultEffect& effect : effects) {
         if (effect.kind == FaultKind::kRefuse) error = static_cast<int>(effect.value);
-        if (effect.kind == FaultKind::kNodeGone && owner) {
-            owner->gone = true;
-            error = ENODEV;
-        }
-        if (effect.kind == FaultKind::kPowerLoss && owner) LosePower(*owner->board);
+        if (effect.kind == FaultKind::kNodeGone) LoseNode(owner);
+        if (effect.kind != FaultKind::kPowerLoss) continue;
+        for (const auto& board : boards_)
+            if (!owner || board.get() == owner->board) LosePower(*board);
     }
+    return IsGone(owner) ? ENODEV : error;
+}
+
+std::shared_ptr<OpenFile> Model::Open(const std::string& path, int& error) {
+    Lock lock(mutex_);
+    RefreshFromDisk();
+    Channel* const owner = ChannelOfNode(path);
+    const NodeKind kind = path == kEventPath ? NodeKind::kEvents
+                          : owner            ? NodeKind::kChannel
+                                             : NodeKind::kForeign;
+    error = OpenError(path, owner);
+    if (error) return nullptr;
+    const std::vector<FaultEffect> effects = MeetFaults("open", owner);
+    if (const auto slow = EffectOf(effects, FaultKind::kSlow)) {
+        lock.unlock();
+        std::this_thread::sleep_for(std::chrono::milliseconds(*slow));
+        lock.lock();
+        NoteMet(FaultKind::kSlow, "open", owner);
+    }
+    error = kind == NodeKind::kForeign
+                ? static_cast<int>(EffectOf(effects, FaultKind::kRefuse).value_or(0))
+                : OpenFault(effects, owner);
+    if (shutDown_) error = ENODEV;
     if (error) return nullptr;
     files_.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, path}));
     std::shared_ptr<OpenFile> file = files_.back();
     Kick();  // a signal's script may have begun
     return file;
+}
+
+std::vector<FaultEffect> Model::MeetFaults(const std::string& request, const Channel* channel) {
+    const int board = channel ? channel->board->state->index : -1;
+    std::vector<FaultEffect> effects = faults_.Hits(request, board, channel ? channel->index : -1);
+    for (const FaultEffect& effect : effects)
+        if (effect.kind != FaultKind::kSlow) NoteMet(effect.kind, request, channel);
+    return effects;
+}
+
+void Model::NoteMet(FaultKind kind, const std::string& request, const Channel* channel) const {
+    if (dir_.empty()) return;
+    AppendText(MetFaultsPath(dir_),
+               std::string(FaultKindName(kind)) + " " + request +
+                   " board=" + std::to_string(channel ? channel->board->state->index : -1) +
+                   " channel=" + std::to_string(channel ? channel->index : -1) + "\n");
 }
 
 void Model::JournalOpen(const std::string& path, int descriptor, int error) {
@@ -209,6 +240,7 @@ Channel* Model::FindChannel(int board, int channel) {
 void Model::PowerCycle() {
     const std::lock_guard lock(mutex_);
     RefreshFromDisk();
+    eventNodeGone_ = false;
     for (const auto& board : boards_)
         for (const auto& flash : board->flashes) flash->Reload();
     for (const auto& channel : channels_) {

@@ -93,7 +93,14 @@ class Model {
     EventTable& Events() { return events_; }
     Notifications& Notifies() { return notifications_; }
     Timers& DriverTimers() { return timers_; }
-    FaultSet& Faults() { return faults_; }
+    // Counts a request, or an "open", on every fault; what hits it. Null: the event node. What is
+    // met is written down in the folder of the cards, except for kSlow: only when the caller has
+    // let the time pass, by NoteMet().
+    std::vector<FaultEffect> MeetFaults(const std::string& request, const Channel* channel);
+    void NoteMet(FaultKind kind, const std::string& request, const Channel* channel) const;
+    // A node vanishes until the next power cycle. Null: the event node.
+    void LoseNode(Channel* channel) { (channel ? channel->gone : eventNodeGone_) = true; }
+    bool IsGone(const Channel* channel) const { return channel ? channel->gone : eventNodeGone_; }
     Journal& Lines() { return journal_; }
     const Latencies& Delays() const { return state_.latencies; }
     std::map<std::string, Bytes>& EventRecords() { return eventRecords_; }
@@ -112,6 +119,9 @@ class Model {
     std::string BuildBoard(BoardState& state);
     Channel* FindChannel(int board, int channel);
     Channel* ChannelOfNode(const std::string& path);
+    // Why such a node cannot be opened, faults aside; 0 when it can.
+    int OpenError(const std::string& path, const Channel* owner) const;
+    int OpenFault(const std::vector<FaultEffect>& effects, Channel* owner);
     bool IsForeign(const std::string& path) const;
     void RefreshFromDisk();
     void SaveChanges();
@@ -137,6 +147,7 @@ class Model {
     uint64_t nextHandle_ = 0x4001;
     int64_t stateStamp_ = 0;  // modification time of the state file as last read or written
     bool shutDown_ = false;
+    bool eventNodeGone_ = false;
     std::condition_variable timeChanged_;
     std::thread timekeeper_;  // started when something is due for the first time
 };

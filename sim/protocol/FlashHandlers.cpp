@@ -27,13 +27,23 @@ void NoteRange(Call& call, uint32_t offset, uint32_t size) {
     call.NoteNumber("size", size);
 }
 
-// A power cut leaves the first half done and the sector in work with garbage.
+std::optional<CutPoint> CutOf(const Call& call) {
+    const auto value = EffectOf(call.effects, FaultKind::kPowerLoss);
+    if (!value) return std::nullopt;
+    return static_cast<CutPoint>(*value);
+}
+
 uint32_t SizeBeforeCut(const Call& call, uint32_t size) {
-    return Has(call, FaultKind::kPowerLoss) ? size / 2 : size;
+    const std::optional<CutPoint> cut = CutOf(call);
+    if (!cut) return size;
+    if (*cut == CutPoint::kStart) return 0;
+    return *cut == CutPoint::kEnd && size > 0 ? size - 1 : size / 2;
 }
 
 bool GarbleAfterCut(Call& call, uint32_t offset, uint32_t done) {
-    return !Has(call, FaultKind::kPowerLoss) || call.channel->flash->Garble(offset + done);
+    const std::optional<CutPoint> cut = CutOf(call);
+    const bool clean = !cut || *cut == CutPoint::kStart || *cut == CutPoint::kEnd;
+    return clean || call.channel->flash->Garble(offset + done);
 }
 
 }  // namespace
@@ -91,8 +101,8 @@ Answer WriteFirmwareData(Call& call) {
     call.NoteHex("crc", crc);
     // A header in one of its two places says which image to load first after power-on.
     const uint32_t main = call.channel->state->storage.firmwareOffset;
-    if ((offset == main || offset == main + kSafeHeaderDistance) && !flash.SetBootAddress(offset))
-        return Refused(EIO);
+    const bool isHeader = offset == main || offset == main + kSafeHeaderDistance;
+    if (isHeader && wanted > 0 && !flash.SetBootAddress(offset)) return Refused(EIO);
     return Ok();
 }
 

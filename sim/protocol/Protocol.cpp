@@ -25,9 +25,12 @@ Answer Precheck(Call& call) {
     if (call.model.IsShutDown()) return Refused(ENODEV);
     Channel* channel = call.channel;
     const auto slow = EffectOf(call.effects, FaultKind::kSlow);
-    if (slow && !call.TakeTime(std::chrono::milliseconds(*slow))) return Ok();
-    if (channel && EffectOf(call.effects, FaultKind::kNodeGone)) channel->gone = true;
-    if (channel && channel->gone) return Refused(ENODEV);
+    if (slow) {
+        if (!call.TakeTime(std::chrono::milliseconds(*slow))) return Ok();
+        call.model.NoteMet(FaultKind::kSlow, call.row.name, channel);
+    }
+    if (EffectOf(call.effects, FaultKind::kNodeGone)) call.model.LoseNode(channel);
+    if (call.model.IsGone(channel)) return Refused(ENODEV);
     if (channel && channel->board->state->powerLost) return Refused(EIO);
     if (const auto error = EffectOf(call.effects, FaultKind::kRefuse))
         return Refused(static_cast<int>(*error));
@@ -98,12 +101,10 @@ Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t addres
         model.Lines().Write(head + (row ? row->name : HexText(code)), answer);
         return answer;
     }
-    const int board = file.channel ? file.channel->board->state->index : -1;
-    const int channel = file.channel ? file.channel->index : -1;
     // A request that is served again has been counted.
     const std::vector<FaultEffect> effects = parked && parked->delaysOver > 0
                                                  ? parked->effects
-                                                 : model.Faults().Hits(row->name, board, channel);
+                                                 : model.MeetFaults(row->name, file.channel);
     alignas(8) uint8_t record[kLargestRecord] = {};
     Call call{model,  lock,        file,    file.channel, *row, memory,
               record, row->Size(), effects, parked,       {}};

@@ -306,5 +306,85 @@ TEST_F(FlashTest, AVanishedNodeIsGoneForOpensToo) {
     EXPECT_EQ(ENODEV, errno);
 }
 
+TEST_F(FlashTest, ACutBeforeTheFirstByteLeavesAllAndOneBeforeTheLastLeavesNoGarbage) {
+    for (const CutPoint point : {CutPoint::kStart, CutPoint::kEnd}) {
+        SimRig rig;
+        rig.AddFault({.request = "WriteFirmwareData", .nth = 2, .effect = PowerLoss(point)});
+        rig.Add(Pelix());
+        rig.Attach();
+        Node card("/dev/video0");
+        EXPECT_EQ(0, card.Write(0, std::vector<uint8_t>(8192, 0x33)));
+        EXPECT_EQ(-1, card.Write(0, std::vector<uint8_t>(8192, 0x11)));
+        EXPECT_EQ(EIO, errno);
+        const bool start = point == CutPoint::kStart;
+        EXPECT_THAT(rig.Flash(0, 0, 0, 8191), Each(start ? 0x33 : 0x11));
+        EXPECT_THAT(rig.Flash(0, 0, 8191, 1), Each(0x33));
+    }
+    for (const CutPoint point : {CutPoint::kStart, CutPoint::kEnd}) {
+        SimRig rig;
+        rig.AddFault({.request = "EraseFirmwareData", .effect = PowerLoss(point)});
+        rig.Add(Pelix());
+        rig.Attach();
+        Node card("/dev/video0");
+        EXPECT_EQ(0, card.Write(0, std::vector<uint8_t>(8192, 0x33)));
+        EXPECT_EQ(-1, card.Erase(0, 4097));
+        const bool start = point == CutPoint::kStart;
+        EXPECT_THAT(rig.Flash(0, 0, 0, 4096), Each(start ? 0x33 : 0xFF));
+        EXPECT_THAT(rig.Flash(0, 0, 4096, 4096), Each(0x33));
+    }
+}
+
+TEST_F(FlashTest, ALateOpenComesInTheEndAndIsWrittenDownThen) {
+    rig_.AddFault({.request = "open", .nth = 2, .effect = Slow(1)});
+    rig_.Add(Pelix().Board(3));
+    Attach();
+    { const Node first("/dev/video0"); }
+    EXPECT_THAT(rig_.MetFaults(), ElementsAre());
+    Node second("/dev/video0");
+    EXPECT_EQ(Version(1, 0), second.RunningVersion());
+    EXPECT_THAT(rig_.MetFaults(), ElementsAre("slow open board=3 channel=0"));
+}
+
+TEST_F(FlashTest, EveryFaultThatIsMetIsWrittenDownOnceItHappened) {
+    rig_.AddFault({.request = "GetTemperature", .nth = 2, .effect = Slow(1)});
+    rig_.AddFault({.request = "GetTemperature", .nth = 3, .effect = Refuse(EIO)});
+    Start(Pelix());
+    uint32_t value = 0;
+    EXPECT_EQ(0, card_->Do(qv::kGetTemperature, value));
+    EXPECT_THAT(rig_.MetFaults(), ElementsAre());
+    EXPECT_EQ(0, card_->Do(qv::kGetTemperature, value));
+    EXPECT_THAT(rig_.MetFaults(), ElementsAre("slow GetTemperature board=0 channel=0"));
+    EXPECT_EQ(-1, card_->Do(qv::kGetTemperature, value));
+    EXPECT_THAT(rig_.MetFaults(), ElementsAre("slow GetTemperature board=0 channel=0",
+                                              "refuse GetTemperature board=0 channel=0"));
+}
+
+TEST_F(FlashTest, AVanishedEventNodeIsBackAfterAPowerCycle) {
+    rig_.AddFault({.request = "open", .effect = NodeGone()});
+    rig_.Add(Pelix());
+    Attach();
+    for (int times = 0; times < 2; ++times) {
+        EXPECT_EQ(-1, open("/dev/qv-event", O_RDWR));
+        EXPECT_EQ(ENODEV, errno);
+        EXPECT_NE(0, access("/dev/qv-event", F_OK));
+    }
+    EXPECT_EQ(Version(1, 0), Node("/dev/video0").RunningVersion());
+    rig_.PowerCycle();
+    const Node events("/dev/qv-event");
+}
+
+TEST_F(FlashTest, PowerThatGoesAtTheEventNodeGoesForEveryBoard) {
+    rig_.AddFault({.request = "open", .effect = PowerLoss()});
+    rig_.Add(Pelix()).Add(Pelix());
+    Attach();
+    const Node events("/dev/qv-event");
+    for (const char* path : {"/dev/video0", "/dev/video1"}) {
+        Node card(path);
+        uint32_t value = 0;
+        EXPECT_EQ(-1, card.Do(qv::kGetTemperature, value)) << path;
+        EXPECT_EQ(EIO, errno) << path;
+    }
+}
+
 }  // namespace
 }  // namespace qvsim

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
+#include <sstream>
 
 #include "Door.h"
 
@@ -226,6 +227,14 @@ std::vector<std::string> SimRig::KernelJournal() {
 void SimRig::ClearJournal() {
     for (const JournalLine& line : JournalLines())
         journalFrom_ = std::max(journalFrom_, line.sequence);
+}
+
+std::vector<std::string> SimRig::MetFaults() {
+    if (serving_) serving_->Settle();
+    std::vector<std::string> lines;
+    std::istringstream text(ReadText(MetFaultsPath(Dir())));
+    for (std::string line; std::getline(text, line);) lines.push_back(line);
+    return lines;
 }
 
 std::vector<uint8_t> SimRig::Flash(int board, int channel, uint32_t offset, uint32_t length) {

@@ -85,6 +85,8 @@ class SimRig {
     // own business, and what a process leaves open is closed when it ends.
     std::vector<std::string> KernelJournal();
     void ClearJournal();
+    // Every fault that was met, in order: "slow open board=0 channel=1".
+    std::vector<std::string> MetFaults();
 
     std::vector<uint8_t> Flash(int board, int channel, uint32_t offset, uint32_t length);
     void PowerCycle();
