@@ -33,7 +33,9 @@ RefDriver::Effect RefDriver::Meet(const std::string& name, int board, int channe
         if (fault.request != name || (fault.board != -1 && fault.board != board) ||
             (fault.channel != -1 && fault.channel != channel))
             continue;
-        if (++met_[i] == fault.nth) effect = {true, fault.effect.kind, fault.effect.value};
+        if (++seen_[i] != fault.nth) continue;
+        effect = {true, fault.effect.kind, fault.effect.value};
+        met.push_back({fault.effect.kind, calls.back()});
     }
     return effect;
 }
@@ -45,9 +47,14 @@ bool RefDriver::Exists(const std::string& path) const {
 }
 
 bool RefDriver::OpenEvents() {
-    const bool refused = Meet("open", -1, -1, 0, 0).Is(qvsim::FaultKind::kRefuse);
-    Line(std::string("open /dev/qv-event = ") + (refused ? "-1 EBUSY" : "0"));
-    return !refused;
+    const Effect effect = Meet("open", -1, -1, 0, 0);
+    const bool gone = effect.Is(qvsim::FaultKind::kNodeGone);
+    const bool refused = effect.Is(qvsim::FaultKind::kRefuse);
+    // The power of the computer, not of one card.
+    if (effect.Is(qvsim::FaultKind::kPowerLoss))
+        for (const RefChannel& channel : world.channels) world.dead.insert(channel.board);
+    Line(std::string("open /dev/qv-event = ") + (gone ? "-1 ENODEV" : refused ? "-1 EBUSY" : "0"));
+    return !gone && !refused;
 }
 
 bool RefDriver::Open(RefChannel& channel) {
@@ -84,6 +91,18 @@ bool RefDriver::Finish(RefChannel& channel, const std::string& name, const std::
     return !cut;
 }
 
+uint32_t RefDriver::Done(const RefChannel& channel, uint32_t offset, uint32_t size,
+                         const Effect& effect) {
+    if (!effect.Is(qvsim::FaultKind::kPowerLoss)) return size;
+    if (effect.value == static_cast<uint32_t>(qvsim::CutPoint::kStart)) return 0;
+    if (effect.value == static_cast<uint32_t>(qvsim::CutPoint::kEnd)) return size - 1;
+    const Bytes& flash = world.flashes.at(channel.flash);
+    const uint32_t begin = (offset + size / 2) / kSector * kSector;
+    torn.push_back(
+        {channel.flash, begin, Bytes(flash.begin() + begin, flash.begin() + begin + kSector)});
+    return size / 2;
+}
+
 bool RefDriver::Simple(RefChannel& channel, const std::string& name, const std::string& detail) {
     const Effect effect = Meet(name, channel.board, channel.channel, 0, 0);
     if (!Admit(channel, name, effect)) return false;
@@ -95,8 +114,11 @@ bool RefDriver::Erase(RefChannel& channel, uint32_t offset, uint32_t size) {
     const Effect effect = Meet("EraseFirmwareData", channel.board, channel.channel, offset, size);
     if (!Admit(channel, "EraseFirmwareData", effect)) return false;
     Bytes& flash = world.flashes.at(channel.flash);
-    for (uint32_t at = offset / kSector * kSector; at < offset + size; ++at) flash.at(at) = 0xFF;
-    for (uint32_t at = offset + size; at % kSector != 0; ++at) flash.at(at) = 0xFF;
+    const uint32_t end = offset + Done(channel, offset, size, effect);
+    if (end > offset) {  // whole sectors
+        for (uint32_t at = offset / kSector * kSector; at < end; ++at) flash.at(at) = 0xFF;
+        for (uint32_t at = end; at % kSector != 0; ++at) flash.at(at) = 0xFF;
+    }
     if (effect.Is(qvsim::FaultKind::kNotBlank)) flash.at(offset) = 0x5A;
     return Finish(channel, "EraseFirmwareData", Range(offset, size), effect);
 }
@@ -107,7 +129,8 @@ bool RefDriver::Write(RefChannel& channel, uint32_t offset, const Bytes& data) {
     if (!Admit(channel, "WriteFirmwareData", effect)) return false;
     const uint32_t stuck = effect.Is(qvsim::FaultKind::kStuckBits) ? effect.value : 0;
     Bytes& flash = world.flashes.at(channel.flash);
-    for (uint32_t i = 0; i < size; ++i)
+    const uint32_t done = Done(channel, offset, size, effect);
+    for (uint32_t i = 0; i < done; ++i)
         flash.at(offset + i) = static_cast<uint8_t>(flash.at(offset + i) & (data[i] | stuck));
     return Finish(channel, "WriteFirmwareData", Range(offset, size), effect);
 }

@@ -47,10 +47,23 @@ struct RefCall {
     uint32_t size = 0;
 };
 
+// What a power cut leaves of the sector in work is the card's business: garbage, which is neither
+// what was there nor blank.
+struct RefTorn {
+    size_t flash = 0;
+    uint32_t begin = 0;
+    Bytes before;
+};
+
+struct RefMet {
+    qvsim::FaultKind kind;
+    RefCall call;
+};
+
 class RefDriver {
   public:
     explicit RefDriver(RefWorld start, std::vector<qvsim::Fault> faults = {})
-        : world(std::move(start)), faults_(std::move(faults)), met_(faults_.size()) {}
+        : world(std::move(start)), faults_(std::move(faults)), seen_(faults_.size()) {}
 
     bool Exists(const std::string& path) const;
     bool OpenEvents();
@@ -66,6 +79,8 @@ class RefDriver {
     RefWorld world;
     std::vector<std::string> journal;
     std::vector<RefCall> calls;
+    std::vector<RefMet> met;    // every fault, when it was met
+    std::vector<RefTorn> torn;  // by power cuts
 
   private:
     struct Effect {
@@ -76,6 +91,8 @@ class RefDriver {
     };
     void Line(const std::string& text) { journal.push_back(text); }
     Effect Meet(const std::string& name, int board, int channel, uint32_t offset, uint32_t size);
+    // How much of a range is done, with the torn sector noted.
+    uint32_t Done(const RefChannel& channel, uint32_t offset, uint32_t size, const Effect& effect);
     // True when the request gets as far as its work; else its line is written.
     bool Admit(RefChannel& channel, const std::string& name, const Effect& effect);
     // The line of a request that was worked on; a power cut makes it fail all the same.
@@ -83,7 +100,7 @@ class RefDriver {
                 const Effect& effect);
 
     std::vector<qvsim::Fault> faults_;  // at most one hits a call
-    std::vector<int> met_;
+    std::vector<int> seen_;
 };
 
 struct RefOptions {

@@ -6,15 +6,15 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <fstream>
 #include <thread>
-
-#include "CardsState.h"
 
 namespace qvtest {
 namespace {
 
 constexpr uint32_t kFirmware = 0x2000;  // the safe header stands 4096 bytes further on
 constexpr uint32_t kFlashSize = 0x40000;
+constexpr uint32_t kSector = 4096;
 
 // Thousands of small folders are made and removed: in memory, where there is such a file system.
 [[maybe_unused]] const bool g_inMemory = [] {
@@ -25,6 +25,18 @@ constexpr uint32_t kFlashSize = 0x40000;
 }();
 
 PackageBuilder NewPackage() { return Package().Firmware(1, 1); }
+
+// Both images, small.
+PackageBuilder SmallPackage(uint16_t code) {
+    return NewPackage()
+        .Compatibility(code)
+        .Section("Factory.Main", 0x4000, 5000)
+        .Section("Upgrade.Main", 0x20000, 500);
+}
+
+PackageBuilder EarlierPackage(int minor) {
+    return Package().Firmware(1, minor).Compatibility(5).Section("Factory.Main", 0x4000, 2000);
+}
 
 std::vector<Scenario> Make() {
     const RefOptions all;
@@ -67,6 +79,21 @@ std::vector<Scenario> Make() {
     scenarios.push_back({"header only", {{}}, NewPackage(), {all, byPath}});
     scenarios.push_back(
         {"65537 bytes", {{}}, NewPackage().Section("Factory.Main", 0x4000, 65537), {all}});
+    scenarios.push_back({"safe, forced", {{.storedCode = 7}}, SmallPackage(7), {forced}});
+    scenarios.push_back({"code 5 to 7",
+                         {{.storedCode = 5}},
+                         SmallPackage(7),
+                         {all, forced},
+                         kRunning,
+                         EarlierPackage(0)});
+    scenarios.push_back(
+        {"to code 0", {{.storedCode = 5}}, SmallPackage(0), {all}, kRunning, EarlierPackage(0)});
+    scenarios.push_back({"same version, code 5 to 7",
+                         {{.storedCode = 5}},
+                         SmallPackage(7),
+                         {forced},
+                         kNew,
+                         EarlierPackage(1)});
     return scenarios;
 }
 
@@ -90,15 +117,35 @@ std::vector<std::string> Arguments(const RefOptions& options) {
 }
 
 void AddBoards(const Scenario& scenario, qvsim::SimRig* rig) {
+    const int major = static_cast<int>(scenario.running >> 16);
+    const int minor = static_cast<int>(scenario.running & 0xFFFF);
     for (const SweepBoard& board : scenario.boards) {
         qvsim::BoardBuilder builder = board.lumo ? qvsim::Lumo() : qvsim::Pelix();
         rig->Add(builder.Channels(board.channels)
                      .Product("CARD")
-                     .Firmware(1, 0)
+                     .Firmware(major, minor)
                      .Golden(0, 9)
-                     .Stored(1, 0, board.storedCode)
+                     .Stored(major, minor, board.storedCode)
                      .FirmwareOffset(kFirmware)
                      .FlashSize(kFlashSize));
+    }
+}
+
+void LayOut(const Scenario& scenario, qvsim::SimRig& rig) {
+    // In the files of a flash every byte is complemented, which makes no difference to these.
+    static const Bytes kLeftOver = Payload(kFlashSize - kFirmware - kSector, 77);
+    int index = 0;
+    for (const SweepBoard& board : scenario.boards) {
+        for (int c = 0; c < (board.lumo ? 1 : board.channels); ++c) {
+            const std::string name = board.lumo ? "" : "-c" + std::to_string(c);
+            std::fstream file(rig.Dir() + "/flash-b" + std::to_string(index) + name + ".bin",
+                              std::ios::in | std::ios::out | std::ios::binary);
+            file.seekp(kFirmware + kSector);
+            file.write(reinterpret_cast<const char*>(kLeftOver.data()),
+                       static_cast<std::streamsize>(kLeftOver.size()));
+            EXPECT_TRUE(file.flush().good()) << "flash of board " << index;
+        }
+        ++index;
     }
 }
 
@@ -115,7 +162,7 @@ RefWorld WorldOf(const Scenario& scenario) {
             channel.flash = flashes;
             channel.lumo = board.lumo;
             channel.product = "CARD";
-            channel.version = kRunning;
+            channel.version = scenario.running;
             channel.firmware = kFirmware;
             world.channels.push_back(channel);
             if (!board.lumo) ++flashes;
@@ -135,24 +182,6 @@ std::vector<Bytes> Flashes(const Scenario& scenario, qvsim::SimRig& rig) {
         ++index;
     }
     return flashes;
-}
-
-std::vector<std::string> Requests(qvsim::SimRig& rig) {
-    std::vector<std::string> lines;
-    for (std::string line : rig.Journal()) {
-        if (line.ends_with("ENOENT")) continue;
-        if (const size_t at = line.find(" crc="); at != line.npos)
-            line.erase(at, line.find(' ', at + 1) - at);
-        lines.push_back(line);
-    }
-    return lines;
-}
-
-void ForgetTroubles(qvsim::SimRig& rig) {
-    qvsim::CardsState state;
-    ASSERT_EQ("", qvsim::LoadState(rig.Dir(), state));
-    state.faults.clear();
-    ASSERT_EQ("", qvsim::SaveState(rig.Dir(), state));
 }
 
 std::string Outcome(const RefRun& run) {

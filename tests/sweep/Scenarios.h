@@ -1,5 +1,4 @@
-// The upgrades that are swept: cards, a package and the options; and one run of the real tool over
-// them, with everything that can be compared. Any thread, each with a Bench of its own.
+// The upgrades that are swept: cards, a package and the options. Any thread.
 #pragma once
 
 #include <optional>
@@ -23,9 +22,13 @@ struct Scenario {
     std::vector<SweepBoard> boards;
     PackageBuilder package;
     std::vector<RefOptions> options;  // each is swept
+    uint32_t running = 0x00010000;    // and stored
+    // Where codes are such that a failed normal upgrade may be followed by safe ones, which leave
+    // the main image as it is: a package with another code, which brings the way back.
+    std::optional<PackageBuilder> earlier = {};
 };
 
-// Versions of every scenario: what runs, what the factory put in, what the package brings.
+// Versions of the scenarios: what most run, what the factory put in, what the package brings.
 constexpr uint32_t kRunning = 0x00010000;
 constexpr uint32_t kGolden = 0x00000009;
 constexpr uint32_t kNew = 0x00010001;
@@ -33,18 +36,13 @@ constexpr uint32_t kNew = 0x00010001;
 const std::vector<Scenario>& Scenarios();
 std::vector<std::string> Arguments(const RefOptions& options);
 
-// Fresh cards of a scenario and what the reference makes of them. The cards' own header in flash
-// is taken as found.
+// Cards of a scenario and what the reference makes of them. The cards' own header in flash is
+// taken as found.
 void AddBoards(const Scenario& scenario, qvsim::SimRig* rig);
+// Writes the state, with all of the flash behind that header full of what earlier firmware left.
+void LayOut(const Scenario& scenario, qvsim::SimRig& rig);
 RefWorld WorldOf(const Scenario& scenario);
 std::vector<Bytes> Flashes(const Scenario& scenario, qvsim::SimRig& rig);
-
-// Requests of the real run, as the reference writes them: without the probing of nodes that are
-// not there, and without checksums, which stand in the flash anyway.
-std::vector<std::string> Requests(qvsim::SimRig& rig);
-
-// Faults happen once: the next process must not meet them again.
-void ForgetTroubles(qvsim::SimRig& rig);
 
 // How a run ended: "ok", "erase failed", ...
 std::string Outcome(const RefRun& run);

@@ -1,0 +1,178 @@
+#include "SweptCards.h"
+
+#include <algorithm>
+
+#include "CardsState.h"
+
+namespace qvtest {
+namespace {
+
+constexpr uint32_t kSafeDistance = 4096;
+constexpr uint32_t kSectorSize = 4096;
+
+std::vector<std::string> MetLines(const RefDriver& driver) {
+    std::vector<std::string> lines;
+    for (const auto& [kind, call] : driver.met)
+        lines.push_back(std::string(qvsim::FaultKindName(kind)) + " " + call.name + " board=" +
+                        std::to_string(call.board) + " channel=" + std::to_string(call.channel));
+    return lines;
+}
+
+// Further ones may stay unmet: a run that ends early asks some boards nothing.
+bool MetFirst(const RefDriver& driver, const qvsim::Fault& fault) {
+    if (driver.met.empty()) return false;
+    const auto& [kind, call] = driver.met.front();
+    return kind == fault.effect.kind && call.name == fault.request && call.nth == fault.nth &&
+           call.board == fault.board && call.channel == fault.channel;
+}
+
+}  // namespace
+
+std::vector<std::string> Requests(qvsim::SimRig& rig) {
+    std::vector<std::string> lines;
+    for (std::string line : rig.Journal()) {
+        if (line.ends_with("ENOENT")) continue;
+        if (const size_t at = line.find(" crc="); at != line.npos)
+            line.erase(at, line.find(' ', at + 1) - at);
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+void ForgetTroubles(qvsim::SimRig& rig) {
+    qvsim::CardsState state;
+    ASSERT_EQ("", qvsim::LoadState(rig.Dir(), state));
+    state.faults.clear();
+    ASSERT_EQ("", qvsim::SaveState(rig.Dir(), state));
+}
+
+bool HoldsImage(const Bytes& flash, const PackageBuilder& package, uint32_t firmware, bool safe) {
+    const Bytes header = package.Header();
+    const auto same = [&](size_t at, const Bytes& bytes) {
+        return std::equal(bytes.begin(), bytes.end(), flash.begin() + static_cast<ptrdiff_t>(at));
+    };
+    if (!same(firmware + (safe ? kSafeDistance : 0), header)) return false;
+    for (size_t i = 0; i < header.at(156); ++i) {
+        const size_t entry = 157 + 28 * i;
+        const std::string name(header.begin() + static_cast<ptrdiff_t>(entry),
+                               header.begin() + static_cast<ptrdiff_t>(entry + 16));
+        if ((name.compare(0, 8, "Upgrade.") == 0) != safe) continue;
+        const size_t address = header.at(entry + 16) |
+                               static_cast<size_t>(header.at(entry + 17)) << 8 |
+                               static_cast<size_t>(header.at(entry + 18)) << 16;
+        Bytes data = package.Data(i);
+        if (name.find(".CLR") != name.npos) data.assign(data.size(), 0xFF);
+        if (!same(address, data)) return false;
+    }
+    return true;
+}
+
+SweptCards::SweptCards(const Scenario& scenario, const RefOptions& options,
+                       const std::vector<qvsim::Fault>& faults, const std::string& what)
+    : scenario_(scenario),
+      options_(options),
+      faults_(faults),
+      what_(scenario.name + ", " + testing::PrintToString(Arguments(options)) + ", " + what) {
+    AddBoards(scenario, &rig_);
+    for (const qvsim::Fault& fault : faults) rig_.AddFault(fault);
+    LayOut(scenario, rig_);
+}
+
+RefRun SweptCards::RunWith(const PackageBuilder& package, const RefOptions& options) {
+    package.Write(folder_ / "p.qvf");
+    RefWorld world = WorldOf(scenario_);
+    world.flashes = Flashes(scenario_, rig_);
+    for (RefChannel& channel : world.channels)
+        channel.version = Version(channel.board, channel.channel);
+    RefDriver driver(world, faults_);
+    const RefRun expected = RunReference(driver, package.File(), options);
+    rig_.ClearJournal();
+    const ToolRun run = folder_.ThroughPipe(rig_, Arguments(options));
+    EXPECT_EQ(expected.output, run.output) << what_;
+    EXPECT_EQ(expected.status, run.status) << what_;
+    EXPECT_EQ("", run.errors) << what_;
+    EXPECT_EQ(driver.journal, Requests(rig_)) << what_;
+    EXPECT_EQ(std::vector<std::string>(), folder_.Commands()) << what_;
+    CompareFlash(driver);
+    // No case passes because its fault did not happen.
+    if (!faults_.empty()) {
+        EXPECT_TRUE(MetFirst(driver, faults_.front())) << what_;
+        EXPECT_EQ(MetLines(driver), rig_.MetFaults()) << what_;
+    }
+    NoteBegun(driver);
+    return expected;
+}
+
+void SweptCards::CompareFlash(const RefDriver& driver) {
+    std::vector<Bytes> actual = Flashes(scenario_, rig_);
+    for (const RefTorn& torn : driver.torn) {
+        const auto begin = actual.at(torn.flash).begin() + torn.begin;
+        const Bytes sector(begin, begin + kSectorSize);
+        EXPECT_NE(torn.before, sector) << "not touched: " << what_;
+        EXPECT_NE(Bytes(kSectorSize, 0xFF), sector) << "blank: " << what_;
+        const auto expected = driver.world.flashes.at(torn.flash).begin() + torn.begin;
+        std::copy(expected, expected + kSectorSize, begin);
+    }
+    EXPECT_TRUE(driver.world.flashes == actual) << "flash: " << what_;
+}
+
+void SweptCards::NoteBegun(const RefDriver& driver) {
+    for (const RefCall& call : driver.calls) {
+        if (call.name != "EraseFirmwareData") continue;
+        for (const RefChannel& channel : driver.world.channels) {
+            if (channel.board != call.board || channel.channel != call.channel) continue;
+            begun_[channel.node][0] |= call.offset == channel.firmware;
+            begun_[channel.node][1] |= call.offset == channel.firmware + kSafeDistance;
+        }
+    }
+}
+
+void SweptCards::ForgetTroubles() {
+    faults_.clear();
+    qvtest::ForgetTroubles(rig_);
+}
+
+std::vector<RefChannel> SweptCards::Selected() const {
+    std::vector<RefChannel> channels;
+    for (const RefChannel& channel : WorldOf(scenario_).channels) {
+        if (options_.device && channel.node != 0) continue;
+        if (channel.lumo && channel.channel != 0) continue;
+        channels.push_back(channel);
+    }
+    return channels;
+}
+
+bool SweptCards::Complete() {
+    const std::vector<Bytes> flashes = Flashes(scenario_, rig_);
+    for (const RefChannel& channel : Selected()) {
+        const std::array<bool, 2> begun = begun_[channel.node];
+        if (!begun[0] && !begun[1]) return false;
+        for (const bool safe : {false, true})
+            if (begun[safe] &&
+                !HoldsImage(flashes.at(channel.flash), scenario_.package, channel.firmware, safe))
+                return false;
+    }
+    return true;
+}
+
+void SweptCards::BringBack() {
+    what_ += ", brought back";
+    RefOptions forced = options_;
+    forced.force = true;
+    EXPECT_EQ("ok", Outcome(RunWith(scenario_.earlier.value(), forced))) << what_;
+    PowerCycle();
+    begun_.clear();
+    EXPECT_EQ("ok", Outcome(Run())) << what_;
+    const std::vector<Bytes> flashes = Flashes(scenario_, rig_);
+    for (const RefChannel& channel : Selected()) {
+        EXPECT_TRUE(begun_[channel.node][0]) << what_;
+        EXPECT_TRUE(
+            HoldsImage(flashes.at(channel.flash), scenario_.package, channel.firmware, false))
+            << what_;
+    }
+    PowerCycle();
+    for (const RefChannel& channel : Selected())
+        EXPECT_EQ(kNew, Version(channel.board, channel.channel)) << what_;
+}
+
+}  // namespace qvtest
