@@ -195,7 +195,8 @@ BoardPlan ReadBoard(const toml::node& node) {
 
 // An errno by name or number.
 uint32_t ReadErrno(const toml::node& node) {
-    if (!node.is_string()) return static_cast<uint32_t>(Table::IntegerOf(node, "value", 1, 4095));
+    // A kernel passes on no others from a driver in a process.
+    if (!node.is_string()) return static_cast<uint32_t>(Table::IntegerOf(node, "value", 1, 511));
     const std::string name = Table::TextOf(node, "value");
     for (int error = 1; error < 134; ++error)
         if (ErrorName(error) == name) return static_cast<uint32_t>(error);

@@ -33,14 +33,14 @@ int ServeCommand(const std::string& dir) {
     if (!model) return Fail(error, kBadInput);
     const int stop = signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
     CuseServer server(model, KernelWays());
-    error = server.Start();
-    if (error.empty()) {
+    error = server.Start(stop);
+    if (error.empty() && !server.Stopped()) {
         for (const std::string& name : model->NodeNames())
             std::printf("serving /dev/%s\n", name.c_str());
         std::printf("ready\n");
         std::fflush(stdout);
-        error = server.Run(stop);
     }
+    if (error.empty()) error = server.Run();
     model->ShutDown();
     if (stop >= 0) close(stop);
     return error.empty() ? 0 : Fail("serve: " + error, kCannotServe);

@@ -23,10 +23,13 @@ iovec Range(uint64_t address, size_t size) {
 // Pins the address space itself, so that a number that is used again cannot lead elsewhere.
 class KeptMemory : public CallerMemory {
   public:
-    explicit KeptMemory(int fd) : fd_(fd) {}
-    ~KeptMemory() override {
-        if (fd_ >= 0) close(fd_);
+    // Null when there is no such descriptor.
+    static std::shared_ptr<CallerMemory> Of(int fd) {
+        if (fd < 0) return nullptr;
+        return std::make_shared<KeptMemory>(fd);
     }
+    explicit KeptMemory(int fd) : fd_(fd) {}
+    ~KeptMemory() override { close(fd_); }
     KeptMemory(const KeptMemory&) = delete;
     KeptMemory& operator=(const KeptMemory&) = delete;
 
@@ -41,13 +44,13 @@ class KeptMemory : public CallerMemory {
         });
     }
     std::shared_ptr<CallerMemory> Keep() const override {
-        return std::make_shared<KeptMemory>(fd_ < 0 ? -1 : fcntl(fd_, F_DUPFD_CLOEXEC, 0));
+        return Of(fcntl(fd_, F_DUPFD_CLOEXEC, 0));
     }
 
   private:
     template <class Step>
     bool Move(uint64_t address, uint32_t size, Step step) {
-        if (fd_ < 0 || !Nameable(address, size)) return false;
+        if (!Nameable(address, size)) return false;
         for (uint32_t done = 0; done < size;) {
             const ssize_t n = step(done, static_cast<off_t>(address + done));
             if (n < 0 && errno == EINTR) continue;
@@ -79,7 +82,7 @@ bool ClientMemory::Write(uint64_t address, const void* data, uint32_t size) {
 
 std::shared_ptr<CallerMemory> ClientMemory::Keep() const {
     const std::string path = "/proc/" + std::to_string(thread_) + "/mem";
-    return std::make_shared<KeptMemory>(open(path.c_str(), O_RDWR | O_CLOEXEC));
+    return KeptMemory::Of(open(path.c_str(), O_RDWR | O_CLOEXEC));
 }
 
 }  // namespace qvsim

@@ -12,6 +12,8 @@ namespace {
 constexpr uint32_t kLargestTransfer = 65536;
 // The kernel refuses to write a message into less than its largest one.
 constexpr size_t kLargestMessage = 2 * kLargestTransfer + 4096;
+// An answer with a larger one is refused by the kernel, and its caller would wait for ever.
+constexpr int kLargestError = 511;
 
 }  // namespace
 
@@ -38,7 +40,7 @@ CuseNode::Received CuseNode::Receive(CuseMessage& message) {
     return Received::kMessage;
 }
 
-bool CuseNode::AnswerInit(const CuseMessage& message) const {
+bool CuseNode::AnswerInit(const CuseMessage& message) {
     cuse_init_in offered{};
     if (!message.Get(&offered, sizeof offered) || offered.major != FUSE_KERNEL_VERSION ||
         (offered.flags & CUSE_UNRESTRICTED_IOCTL) == 0) {
@@ -57,13 +59,14 @@ bool CuseNode::AnswerInit(const CuseMessage& message) const {
     std::memcpy(answer.data(), &wanted, sizeof wanted);
     std::memcpy(answer.data() + sizeof wanted, info.c_str(), info.size() + 1);
     Answer(message.header.unique, 0, answer.data(), answer.size());
+    greeted_ = true;
     return true;
 }
 
 void CuseNode::Answer(uint64_t unique, int error, const void* data, size_t size) const {
     fuse_out_header header{};
     header.len = static_cast<uint32_t>(sizeof header + size);
-    header.error = -error;
+    header.error = error >= 0 && error <= kLargestError ? -error : -EIO;
     header.unique = unique;
     const iovec parts[] = {{&header, sizeof header}, {const_cast<void*>(data), size}};
     // What cannot be delivered has nobody who waits for it: the caller was killed, or the node is

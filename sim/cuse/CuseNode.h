@@ -36,8 +36,11 @@ class CuseNode {
 
     Received Receive(CuseMessage& message);
     // Answers the kernel's first message; false when it speaks another version.
-    bool AnswerInit(const CuseMessage& message) const;
-    // `error` is an errno, 0: none. A request that has ended meanwhile needs no answer.
+    bool AnswerInit(const CuseMessage& message);
+    // The kernel has asked for the node and was answered.
+    bool Greeted() const { return greeted_; }
+    // `error` is an errno, 0: none. One that no kernel passes on arrives as EIO. A request that has
+    // ended meanwhile needs no answer.
     void Answer(uint64_t unique, int error, const void* data = nullptr, size_t size = 0) const;
     template <class Record>
     void AnswerWith(uint64_t unique, const Record& record) const {
@@ -47,6 +50,7 @@ class CuseNode {
   private:
     std::string name_;
     int fd_;
+    bool greeted_ = false;
     std::vector<uint8_t> buffer_;
 };
 

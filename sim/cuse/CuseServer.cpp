@@ -7,7 +7,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
+#include <utility>
 
 namespace qvsim {
 namespace {
@@ -32,6 +34,9 @@ void Wake(int eventFd) {
 CuseWays KernelWays() {
     CuseWays ways;
     ways.openControl = [] { return open(kControl, O_RDWR | O_NONBLOCK | O_CLOEXEC); };
+    ways.complain = [](const std::string& line) {
+        std::fprintf(stderr, "qvcap-sim: serve: %s\n", line.c_str());
+    };
     return ways;
 }
 
@@ -64,8 +69,9 @@ bool CuseServer::Watch(int fd, void* what) {
     return epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
-std::string CuseServer::Start() {
-    if (epoll_ < 0 || changed_ < 0 || !Watch(changed_, &changed_))
+std::string CuseServer::Start(int stop) {
+    stop_ = stop;
+    if (epoll_ < 0 || changed_ < 0 || !Watch(changed_, &changed_) || !Watch(stop, &stop_))
         return std::string("no descriptors to serve with: ") + std::strerror(errno);
     const std::vector<std::string> names = model_->NodeNames();
     if (names.empty()) return "there is no node to serve: these cards have none";
@@ -97,27 +103,30 @@ std::string CuseServer::AddNode(const std::string& name) {
     return {};
 }
 
+// A name alone proves nothing: somebody else may have made it meanwhile.
 std::string CuseServer::AwaitNodes() {
     const Clock::time_point end = Clock::now() + ways_.patience;
-    for (;;) {
+    while (!stopped_) {
         const auto missing = std::find_if(nodes_.begin(), nodes_.end(), [this](const auto& node) {
-            return access((ways_.deviceFolder + "/" + node->Name()).c_str(), F_OK) != 0;
+            return !node->Greeted() ||
+                   access((ways_.deviceFolder + "/" + node->Name()).c_str(), F_OK) != 0;
         });
         if (missing == nodes_.end()) return {};
-        if (Clock::now() >= end)
-            return "the kernel has not made " + ways_.deviceFolder + "/" + (*missing)->Name() +
-                   ": is devtmpfs mounted there?";
-        bool stopped = false;
-        if (std::string error = ServeOnce(5, &stopped); !error.empty()) return error;
+        if (Clock::now() >= end) {
+            const std::string place = ways_.deviceFolder + "/" + (*missing)->Name();
+            return (*missing)->Greeted()
+                       ? "the kernel has not made " + place + ": is devtmpfs mounted there?"
+                       : "the kernel has not asked for " + place + ": is " + kControl +
+                             " its own control device?";
+        }
+        if (std::string error = ServeOnce(5); !error.empty()) return error;
     }
+    return {};
 }
 
-std::string CuseServer::Run(int stop) {
-    stop_ = stop;
-    if (!Watch(stop, &epoll_)) return std::string("nothing to stop at: ") + std::strerror(errno);
+std::string CuseServer::Run() {
     std::string error;
-    for (bool stopped = false; error.empty() && !stopped;)
-        error = ServeOnce(TimeToDeadline(), &stopped);
+    while (error.empty() && !stopped_) error = ServeOnce(TimeToDeadline());
     EndWaiters(ENODEV);
     for (const auto& [number, open] : files_) model_->Close(open.file, open.number);
     files_.clear();
@@ -135,9 +144,9 @@ void CuseServer::Settle() {
     settled_.wait(lock, [&] { return settleDone_ >= mine; });
 }
 
-std::string CuseServer::ServeOnce(int timeout, bool* stopped) {
+std::string CuseServer::ServeOnce(int timeout) {
     std::vector<Sent> sent;
-    std::string error = Collect(timeout, sent, stopped);
+    std::string error = Collect(timeout, sent);
     uint64_t asked = 0;
     {
         const std::lock_guard lock(settling_);
@@ -162,7 +171,7 @@ std::string CuseServer::ServeOnce(int timeout, bool* stopped) {
 
 // Waits for messages, then takes everything that is there, of all nodes. That has an end: a caller
 // has one request on its way, and none is answered here.
-std::string CuseServer::Collect(int timeout, std::vector<Sent>& sent, bool* stopped) {
+std::string CuseServer::Collect(int timeout, std::vector<Sent>& sent) {
     epoll_event events[16];
     for (;; timeout = 0) {
         const int count = epoll_wait(epoll_, events, 16, timeout);
@@ -171,8 +180,8 @@ std::string CuseServer::Collect(int timeout, std::vector<Sent>& sent, bool* stop
         if (count <= 0) return {};
         for (int i = 0; i < count; ++i) {
             void* const what = events[i].data.ptr;
-            if (what == &epoll_) {
-                *stopped = true;
+            if (what == &stop_) {
+                stopped_ = true;
                 epoll_ctl(epoll_, EPOLL_CTL_DEL, stop_, nullptr);  // it stays readable
             } else if (what == &changed_) {
                 uint64_t changes = 0;
@@ -249,6 +258,15 @@ void CuseServer::ServeRelease(CuseNode& node, const CuseMessage& message) {
 void CuseServer::ServeIoctl(CuseNode& node, const CuseMessage& message) {
     fuse_ioctl_in request{};
     if (!message.Get(&request, sizeof request)) return node.Answer(message.header.unique, EBADF);
+    // Addresses of this process's own size reach no further.
+    if (sizeof(void*) == 4 && (request.flags & FUSE_IOCTL_32BIT) == 0) {
+        if (!std::exchange(complained_, true))
+            ways_.complain(
+                "process " + std::to_string(message.header.pid) +
+                " is a 64-bit program, which a 32-bit qvcap-sim cannot serve: its requests "
+                "fail with EFAULT. Serve with a 64-bit qvcap-sim, which serves both");
+        return node.Answer(message.header.unique, EFAULT);
+    }
     Try({&node, message.header.unique, request.fh, request.cmd, request.arg,
          static_cast<pid_t>(message.header.pid)},
         {});
@@ -265,6 +283,8 @@ void CuseServer::Try(const Request& request, ParkedWait wait) {
         AnswerRequest(*request.node, request.unique, answer);
         return NoteIfGone(*request.node, answer.error);
     }
+    // The kernel has said so once, and does not say it again.
+    if (wait.ForEvent() && request.interrupted) return EndWait(request, wait, EINTR);
     Waiter waiter{request, std::move(wait), {}};
     if (waiter.wait.ForCard())
         waiter.deadline = Clock::now() + waiter.wait.delay;
@@ -273,18 +293,23 @@ void CuseServer::Try(const Request& request, ParkedWait wait) {
     waiters_.push_back(std::move(waiter));
 }
 
+void CuseServer::EndWait(const Request& request, const ParkedWait& wait, int error) {
+    Answer answer = Refused(error);
+    if (wait.ForEvent()) AskAgain(*model_, wait, true, error, answer);
+    AnswerRequest(*request.node, request.unique, answer);
+}
+
 // Without an answer the caller could not be killed. An interrupt for a request that was answered
-// already, or that never waits, needs none; a card at work is not interrupted.
+// already, or that never waits, needs none; a card at work is not interrupted, but what its caller
+// would wait for behind that is.
 void CuseServer::Interrupt(CuseNode& node, const CuseMessage& message) {
     fuse_interrupt_in interrupt{};
     if (!message.Get(&interrupt, sizeof interrupt)) return;
-    std::erase_if(waiters_, [&](const Waiter& waiter) {
-        if (waiter.request.node != &node || waiter.request.unique != interrupt.unique ||
-            waiter.wait.ForCard())
-            return false;
-        Answer answer;
-        AskAgain(*model_, waiter.wait, true, EINTR, answer);
-        AnswerRequest(node, waiter.request.unique, answer);
+    std::erase_if(waiters_, [&](Waiter& waiter) {
+        if (waiter.request.node != &node || waiter.request.unique != interrupt.unique) return false;
+        waiter.request.interrupted = true;
+        if (waiter.wait.ForCard()) return false;
+        EndWait(waiter.request, waiter.wait, EINTR);
         return true;
     });
 }
@@ -340,11 +365,7 @@ void CuseServer::TakeNodesAway() {
 }
 
 void CuseServer::EndWaiters(int error) {
-    for (const Waiter& waiter : waiters_) {
-        Answer answer = Refused(error);
-        if (waiter.wait.ForEvent()) AskAgain(*model_, waiter.wait, true, error, answer);
-        AnswerRequest(*waiter.request.node, waiter.request.unique, answer);
-    }
+    for (const Waiter& waiter : waiters_) EndWait(waiter.request, waiter.wait, error);
     waiters_.clear();
 }
 

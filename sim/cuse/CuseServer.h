@@ -27,7 +27,8 @@ namespace qvsim {
 struct CuseWays {
     std::function<int()> openControl;  // a non-blocking descriptor, or -1 and errno
     std::string deviceFolder = "/dev";
-    std::chrono::milliseconds patience{10000};  // for the nodes to appear
+    std::chrono::milliseconds patience{10000};              // for the nodes to appear
+    std::function<void(const std::string& line)> complain;  // what a person should know
 };
 
 // The control device of the running kernel.
@@ -40,11 +41,14 @@ class CuseServer {
     CuseServer(const CuseServer&) = delete;
     CuseServer& operator=(const CuseServer&) = delete;
 
-    // An empty text when every node stands, else why not.
-    std::string Start();
-    // Serves until `stop` is readable; an empty text, or what ended it before. All waits have ended
-    // and all files are closed when it returns.
-    std::string Run(int stop);
+    // An empty text when every node stands, else why not. Ends early, see Stopped(), when `stop` is
+    // readable.
+    std::string Start(int stop);
+    // Serves until `stop`, the same, is readable; an empty text, or what ended it before. All waits
+    // have ended and all files are closed when it returns.
+    std::string Run();
+    // `stop` was readable.
+    bool Stopped() const { return stopped_; }
 
     // Returns when all that was asked before is served, also what nobody waits for: the release of
     // a file comes after its close() has returned. Any other thread, while Run() runs.
@@ -63,6 +67,7 @@ class CuseServer {
         uint32_t code;
         uint64_t address;
         pid_t thread;
+        bool interrupted = false;  // while a card took its time
     };
     struct Waiter {
         Request request;
@@ -77,13 +82,14 @@ class CuseServer {
     std::string AddNode(const std::string& name);
     std::string AwaitNodes();
     // Waits for messages, `timeout` milliseconds at most, and serves them.
-    std::string ServeOnce(int timeout, bool* stopped);
-    std::string Collect(int timeout, std::vector<Sent>& sent, bool* stopped);
+    std::string ServeOnce(int timeout);
+    std::string Collect(int timeout, std::vector<Sent>& sent);
     std::string Serve(CuseNode& node, const CuseMessage& message);
     void ServeOpen(CuseNode& node, const CuseMessage& message);
     void ServeRelease(CuseNode& node, const CuseMessage& message);
     void ServeIoctl(CuseNode& node, const CuseMessage& message);
     void Try(const Request& request, ParkedWait wait);
+    void EndWait(const Request& request, const ParkedWait& wait, int error);
     void Interrupt(CuseNode& node, const CuseMessage& message);
     void AskWaiters();
     void NoteIfGone(CuseNode& node, int error);
@@ -95,8 +101,10 @@ class CuseServer {
     std::shared_ptr<Model> model_;
     CuseWays ways_;
     int epoll_;
-    int changed_;    // written to when the model's events change, or somebody waits in Settle()
-    int stop_ = -1;  // while Run() runs
+    int changed_;  // written to when the model's events change, or somebody waits in Settle()
+    int stop_ = -1;
+    bool stopped_ = false;
+    bool complained_ = false;  // of callers that cannot be served
     std::vector<std::unique_ptr<CuseNode>> nodes_;
     std::map<uint64_t, OpenNode> files_;
     uint64_t nextFile_ = 1;

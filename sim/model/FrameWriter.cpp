@@ -2,6 +2,7 @@
 
 #include <pthread.h>
 
+#include <algorithm>
 #include <csignal>
 #include <utility>
 
@@ -30,6 +31,12 @@ void FrameWriter::Cancel(Lock& lock, const Channel& channel) {
     std::erase_if(jobs_, [&](const Job& job) { return job.channel == &channel; });
     if (drawing_ == &channel) cancelled_ = true;
     changed_.wait(lock, [&] { return drawing_ != &channel; });
+}
+
+size_t FrameWriter::InWork(const Channel& channel) const {
+    const auto queued = std::count_if(jobs_.begin(), jobs_.end(),
+                                      [&](const Job& job) { return job.channel == &channel; });
+    return static_cast<size_t>(queued) + (drawing_ == &channel ? 1 : 0);
 }
 
 void FrameWriter::Stop() {

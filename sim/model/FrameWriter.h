@@ -30,6 +30,8 @@ class FrameWriter {
 
     void Add(Channel& channel, FrameRequest request, uint32_t number);
     void Cancel(Lock& lock, const Channel& channel);
+    // Pictures of the channel that are not done: queued, or in work.
+    size_t InWork(const Channel& channel) const;
     // Called without the lock: ends the thread, what is queued stays unwritten.
     void Stop();
 

@@ -69,13 +69,14 @@ Answer MediaSource::RequestFrame(Channel& channel, FrameRequest request, int32_t
     } else if (selector < qv::kFrameNextLowLatency) {
         return Refused(EINVAL);
     }
+    if (video.waiting.size() + writer_.InWork(channel) >= VideoCapture::kMaxInWork)
+        return Refused(EBUSY);
     ForgetReadCompletion(video);
     const bool unpaced = !Paced(channel.state->video.framesPerSecond);
     if (unpaced && selector < 0 && Alive(channel)) {
         Buffer(channel, now);
         number = video.newest;
     } else if (selector == qv::kFrameNextLowLatency || number == 0) {
-        if (video.waiting.size() >= VideoCapture::kMaxInWork) return Refused(EBUSY);
         video.waiting.push_back(std::move(request));
         return Ok();
     }

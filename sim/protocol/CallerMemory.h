@@ -14,7 +14,8 @@ class CallerMemory {
     // False when the range is not the caller's: the request then fails with EFAULT.
     virtual bool Read(uint64_t address, void* data, uint32_t size) = 0;
     virtual bool Write(uint64_t address, const void* data, uint32_t size) = 0;
-    // The same memory for as long as a request in work needs it; usable from any thread.
+    // The same memory for as long as a request in work needs it; usable from any thread. Null when
+    // it cannot be kept: the request then fails with ENOMEM.
     virtual std::shared_ptr<CallerMemory> Keep() const = 0;
 };
 

@@ -4,6 +4,7 @@
 //   frame info       0 frame number (4), 4 width (2), 6 height (2), 8 device time (8)
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "Handlers.h"
 #include "Picture.h"
@@ -58,8 +59,10 @@ Answer CaptureVideoFrame(Call& call) {
     const auto record = call.As<qv::VideoCaptureFrameRecord>();
     NoteFrame(call, record);
     if (const Answer refusal = CheckFrame(call, record); refusal.error) return refusal;
+    std::shared_ptr<CallerMemory> kept = call.memory.Keep();
+    if (!kept) return Refused(ENOMEM);
     FrameRequest request;
-    request.sink = [memory = call.memory.Keep(), address = uint64_t{record.address}](
+    request.sink = [memory = std::move(kept), address = uint64_t{record.address}](
                        uint64_t offset, const void* data, uint32_t size) {
         return memory->Write(address + offset, data, size);
     };

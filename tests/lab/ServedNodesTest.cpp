@@ -2,13 +2,18 @@
 // hands. Needs root and /dev/cuse; the lab runs it.
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <ctime>
+#include <fstream>
 
 #include "QVCapture.h"
+#include "QVDriverRequests.h"
 #include "support/PackageBuilder.h"
 #include "support/ThreadState.h"
 #include "tool/ToolProcess.h"
@@ -37,6 +42,13 @@ class Waiter {
           }) {
         while (id_ == 0) std::this_thread::yield();
         AwaitAsleep(id_);
+    }
+    // Ends a system call that may be interrupted.
+    void Interrupt() {
+        struct sigaction act {};
+        act.sa_handler = [](int) {};
+        EXPECT_EQ(0, sigaction(SIGUSR1, &act, nullptr));
+        EXPECT_EQ(0, pthread_kill(thread_.native_handle(), SIGUSR1));
     }
     int Answer() {
         thread_.join();
@@ -82,6 +94,28 @@ TEST_F(ServedNodesTest, AServerThatIsToldToEndEndsItsWaitsFirst) {
     server.reset();  // fails the test when its status is not 0
     EXPECT_EQ(-1, waiter.Answer());
     EXPECT_THAT(rig.Journal(), testing::Contains(HasSubstr("timeout=-1 = -1 ENODEV")));
+}
+
+TEST_F(ServedNodesTest, AnInterruptDuringADelayEndsTheWaitBehindIt) {
+    rig.Add(Pelix());
+    rig.AddFault({.request = "WaitEvent", .effect = Slow(1000)});
+    Serve();
+    Waiter waiter(QVCreateEvent());
+    waiter.Interrupt();
+    EXPECT_EQ(-1, waiter.Answer());
+    EXPECT_THAT(rig.Journal(), testing::Contains(HasSubstr("timeout=-1 = -1 EINTR")));
+}
+
+TEST_F(ServedNodesTest, AnErrorThatTheKernelDoesNotPassOnIsEio) {
+    rig.Add(Pelix());
+    rig.AddFault({.request = "GetTemperature", .effect = qvsim::Refuse(512)});
+    Serve();
+    QV_CHANNEL channel = QVOpenChannelByPath("/dev/video0");
+    unsigned int temperature = 0;
+    errno = 0;
+    EXPECT_EQ(QV_RESULT_FAILED, QVGetTemperature(channel, &temperature));
+    EXPECT_EQ(EIO, errno);
+    QVCloseChannel(channel);
 }
 
 double Seconds(clockid_t clock) {
@@ -141,26 +175,40 @@ TEST_F(ServedNodesTest, AFlashAtWorkHoldsUpNoOtherProgram) {
 
 class ServedToolTest : public testing::Test {
   protected:
+    static constexpr uint32_t kSection = 0x200000;
     ServedToolTest() {
         rig.Add(Pelix().Product("P"));
         rig.AddFault({.request = "EraseFirmwareData", .nth = 2, .effect = Slow(1000)});
-        Package().Firmware(1, 1).Section("Factory.Main", 0x200000, 70000).Write(folder / "p.qvf");
+        Package().Firmware(1, 1).Section("Factory.Main", kSection, 70000).Write(folder / "p.qvf");
     }
-    // Does it once the second erase is under way.
+    // Does it while the section's first chunk is being erased.
     ToolRun During(const std::function<void(pid_t)>& what) {
         bool done = false;
         return folder.OnTerminal(rig, {"-a", "-y"},
                                  [&](const ToolFolder::Screen& screen) -> std::string {
-                                     if (done || !HeaderIsErased()) return {};
+                                     if (done || !SectionIsBeingErased(screen.pid)) return {};
                                      done = true;
                                      what(screen.pid);
                                      return {};
                                  });
     }
-    bool HeaderIsErased() {
-        for (const std::string& line : rig.Journal())
-            if (line.find("EraseFirmwareData") != line.npos) return true;
-        return false;
+    // The tool stands in that request, and the server has it: what is asked of the same node behind
+    // it is answered.
+    static bool SectionIsBeingErased(pid_t tool) {
+        std::ifstream file("/proc/" + std::to_string(tool) + "/syscall");
+        uintptr_t number = 0;
+        uintptr_t descriptor = 0;
+        uintptr_t code = 0;
+        uintptr_t address = 0;
+        file >> std::dec >> number >> std::hex >> descriptor >> code >> address;
+        qv::FirmwareEraseRecord record{};
+        const iovec here{&record, sizeof record};
+        const iovec there{reinterpret_cast<void*>(address), sizeof record};
+        if (number != SYS_ioctl || code != qv::kEraseFirmwareData.code ||
+            process_vm_readv(tool, &here, 1, &there, 1, 0) != ssize_t{sizeof record} ||
+            record.offset != kSection)
+            return false;
+        return close(open("/dev/video0", O_RDWR)) == 0;
     }
     qvsim::SimRig rig;
     ToolFolder folder;

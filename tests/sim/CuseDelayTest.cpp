@@ -95,6 +95,28 @@ TEST_F(CuseTest, ACardAtWorkIsNotInterrupted) {
     EXPECT_NE(0u, temperature);
 }
 
+TEST_F(CuseTest, AnInterruptDuringADelayEndsTheWaitBehindIt) {
+    rig_.AddFault({.request = "WaitEvent", .count = 2, .effect = Slow(300)});
+    Serve();
+    const uint64_t events = Open(kEvents);
+    uint64_t event = CreateEvent(events);
+    rig_.ClearJournal();
+    const qv::WaitEventRecord forever{event, -1};
+    fuse_interrupt_in interrupt{};
+    interrupt.unique = SendWait(events, forever);
+    Send(kEvents, FUSE_INTERRUPT, interrupt);
+    const Reply reply = Receive(kEvents);
+    EXPECT_EQ(interrupt.unique, reply.header.unique);
+    EXPECT_EQ(EINTR, reply.Error()) << "the kernel does not interrupt again";
+    EXPECT_THAT(rig_.Journal(),
+                ElementsAre("ioctl /dev/qv-event WaitEvent event=0x1001 timeout=-1 = -1 EINTR"));
+    // What need not wait is served, interrupted or not.
+    EXPECT_EQ(0, Do(kEvents, events, qv::kSetEvent, &event).Error());
+    interrupt.unique = SendWait(events, forever);
+    Send(kEvents, FUSE_INTERRUPT, interrupt);
+    EXPECT_EQ(1, Receive(kEvents).Result());
+}
+
 TEST_F(CuseTest, TheEndOfTheServerRefusesWhatACardHasNotDone) {
     rig_.AddFault({.request = "EraseFirmwareData", .effect = Slow(1'000'000)});
     Serve();
@@ -161,8 +183,7 @@ TEST_F(CuseTest, WhatWasSentBeforeTheEndIsStillServed) {
         _QVCAP_CHANNEL_INFO info{};
         Send(kVideo, FUSE_IOCTL, Ioctl(release.fh, qv::kGetChannelInfo.code, &info));
         AwaitHeldUp(kVideo);
-        const uint64_t one = 1;
-        ASSERT_EQ(static_cast<ssize_t>(sizeof one), write(stop_, &one, sizeof one));
+        TellToStop();
         Send(kVideo, FUSE_RELEASE, release);
     }
     thread_.join();

@@ -5,6 +5,8 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -57,7 +59,7 @@ class CuseTest : public testing::Test {
         std::filesystem::remove_all(folder_);
     }
 
-    // A kernel that makes each node at once; `refusing` ones hang up instead.
+    // A kernel that asks for each node and makes it at once; `refusing` ones hang up instead.
     CuseWays Ways(bool refusing = false) {
         CuseWays ways;
         ways.deviceFolder = folder_;
@@ -72,8 +74,10 @@ class CuseTest : public testing::Test {
             }
             std::ofstream(folder_ + "/" + model_->NodeNames()[ends_.size()]).put('\n');
             ends_.push_back(pair[1]);
+            Send(static_cast<int>(ends_.size()) - 1, CUSE_INIT, offer_);
             return pair[0];
         };
+        ways.complain = [this](const std::string& line) { complaints_.push_back(line); };
         return ways;
     }
     void Load() {
@@ -86,25 +90,32 @@ class CuseTest : public testing::Test {
         rig_.Add(Pelix().Video(64, 32, 0));
         Load();
         server_ = std::make_unique<CuseServer>(model_, Ways());
-        ASSERT_EQ("", server_->Start());
-        thread_ = std::thread([this] {
-            serverThread_ = gettid();
-            outcome_ = server_->Run(stop_);
-        });
+        ASSERT_EQ("", server_->Start(stop_));
+        ASSERT_FALSE(server_->Stopped());
         for (int node = 0; node < 2; ++node) {
-            cuse_init_in offer{};
-            offer.major = FUSE_KERNEL_VERSION;
-            offer.minor = FUSE_KERNEL_MINOR_VERSION;
-            offer.flags = CUSE_UNRESTRICTED_IOCTL;
-            greeting_ = Ask(node, CUSE_INIT, offer);
+            greeting_ = Receive(node);
             ASSERT_EQ(0, greeting_.Error());
         }
+        thread_ = std::thread([this] {
+            serverThread_ = gettid();
+            outcome_ = server_->Run();
+        });
+    }
+    void TellToStop() {
+        const uint64_t one = 1;
+        EXPECT_EQ(static_cast<ssize_t>(sizeof one), write(stop_, &one, sizeof one));
     }
     void Stop() {
-        const uint64_t one = 1;
         if (!thread_.joinable()) return;
-        EXPECT_EQ(static_cast<ssize_t>(sizeof one), write(stop_, &one, sizeof one));
+        TellToStop();
         thread_.join();
+    }
+    static cuse_init_in Offer() {
+        cuse_init_in offer{};
+        offer.major = FUSE_KERNEL_VERSION;
+        offer.minor = FUSE_KERNEL_MINOR_VERSION;
+        offer.flags = CUSE_UNRESTRICTED_IOCTL;
+        return offer;
     }
 
     template <class Body>
@@ -162,7 +173,7 @@ class CuseTest : public testing::Test {
     static fuse_ioctl_in Ioctl(uint64_t fh, uint32_t code, const void* argument) {
         fuse_ioctl_in in{};
         in.fh = fh;
-        in.flags = FUSE_IOCTL_UNRESTRICTED;
+        in.flags = FUSE_IOCTL_UNRESTRICTED | (sizeof(void*) == 4 ? FUSE_IOCTL_32BIT : 0);
         in.cmd = code;
         in.arg = reinterpret_cast<uintptr_t>(argument);
         return in;
@@ -188,6 +199,8 @@ class CuseTest : public testing::Test {
     std::atomic<pid_t> serverThread_ = 0;
     std::string outcome_ = "still serving";
     std::vector<int> ends_;
+    cuse_init_in offer_ = Offer();
+    std::vector<std::string> complaints_;
     Reply greeting_;
     uint64_t unique_ = 100;
     int stop_ = -1;

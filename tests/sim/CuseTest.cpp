@@ -18,13 +18,9 @@ TEST_F(CuseTest, TheKernelIsToldTheNodesNameAndThatArgumentsStayWhereTheyAre) {
 TEST_F(CuseTest, AKernelOfAnotherVersionIsRefused) {
     rig_.Add(Pelix());
     Load();
+    offer_.major = FUSE_KERNEL_VERSION + 1;
     CuseServer server(model_, Ways());
-    ASSERT_EQ("", server.Start());
-    cuse_init_in offer{};
-    offer.major = FUSE_KERNEL_VERSION + 1;
-    offer.flags = CUSE_UNRESTRICTED_IOCTL;
-    Send(kVideo, CUSE_INIT, offer);
-    EXPECT_THAT(server.Run(stop_), HasSubstr("not known here"));
+    EXPECT_THAT(server.Start(stop_), HasSubstr("not known here"));
     EXPECT_EQ(EPROTO, Receive(kVideo).Error());
 }
 
@@ -73,6 +69,67 @@ TEST_F(CuseTest, RefusalsComeBackAsTheDriversError) {
     EXPECT_EQ(EPERM, Do(kVideo, video, qv::kGetChannelInfo, &info).Error());
     model_->AddFault({.request = "open", .effect = Refuse(EBUSY)});
     EXPECT_EQ(EBUSY, Ask(kVideo, FUSE_OPEN, fuse_open_in{}).Error());
+}
+
+TEST_F(CuseTest, AnErrorThatNoKernelPassesOnArrivesAsEio) {
+    Serve();
+    const uint64_t video = Open(kVideo);
+    _QVCAP_CHANNEL_INFO info{};
+    for (const auto& [error, arrives] :
+         {std::pair(511, 511), std::pair(512, EIO), std::pair(4095, EIO)}) {
+        model_->ClearFaults();
+        model_->AddFault({.request = "GetChannelInfo", .effect = Refuse(error)});
+        EXPECT_EQ(arrives, Do(kVideo, video, qv::kGetChannelInfo, &info).Error());
+    }
+}
+
+// --- callers of 32 bits
+
+TEST_F(CuseTest, ACallerOf32BitsIsServedThroughAddressesOf32Bits) {
+    struct Low {
+        qv::FirmwareDataRecord write;
+        qv::FirmwareDataRecord read;
+        uint8_t sent[64];
+        uint8_t got[64];
+    };
+#ifdef MAP_32BIT
+    constexpr int kWhere = MAP_32BIT;  // as in a program of 32 bits
+#else
+    constexpr int kWhere = 0;
+#endif
+    void* const page = mmap(nullptr, sizeof(Low), PROT_READ | PROT_WRITE,
+                            MAP_PRIVATE | MAP_ANONYMOUS | kWhere, -1, 0);
+    ASSERT_NE(MAP_FAILED, page);
+    ASSERT_GE(UINT32_MAX, reinterpret_cast<uintptr_t>(page));
+    auto* const low = static_cast<Low*>(page);
+    std::memset(low->sent, 0x5A, sizeof low->sent);
+    low->write = {0x200000, 64, qv::WireAddress(low->sent)};
+    low->read = {0x200000, 64, qv::WireAddress(low->got)};
+    Serve();
+    const uint64_t video = Open(kVideo);
+    for (const auto& [code, record] : {std::pair(qv::kWriteFirmwareData.code, &low->write),
+                                       std::pair(qv::kReadFirmwareData.code, &low->read)}) {
+        fuse_ioctl_in request = Ioctl(video, code, record);
+        request.flags = FUSE_IOCTL_COMPAT | FUSE_IOCTL_UNRESTRICTED | FUSE_IOCTL_32BIT;
+        EXPECT_EQ(0, Ask(kVideo, FUSE_IOCTL, request).Error());
+    }
+    EXPECT_EQ(0, std::memcmp(low->sent, low->got, sizeof low->sent));
+    EXPECT_EQ(0, munmap(page, sizeof(Low)));
+    EXPECT_THAT(complaints_, testing::IsEmpty());
+}
+
+TEST_F(CuseTest, ACallerOf64BitsIsServedByAServerOf64BitsAndToldOffByOneOf32) {
+    Serve();
+    const uint64_t video = Open(kVideo);
+    _QVCAP_CHANNEL_INFO info{};
+    fuse_ioctl_in request = Ioctl(video, qv::kGetChannelInfo.code, &info);
+    request.flags = FUSE_IOCTL_UNRESTRICTED;
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(sizeof(void*) == 4 ? EFAULT : 0, Ask(kVideo, FUSE_IOCTL, request).Error());
+    if (sizeof(void*) == 4)
+        EXPECT_THAT(complaints_, ElementsAre(HasSubstr("is a 64-bit program"))) << "once";
+    else
+        EXPECT_STREQ("Pelix Capture", info.familyName);
 }
 
 TEST_F(CuseTest, WhatIsNotServedIsRefusedAndEndsNothing) {
@@ -208,6 +265,37 @@ TEST_F(CuseTest, AFrameIsWrittenAfterTheRequestHasBeenAnswered) {
     EXPECT_EQ(0xCC, frame.back());
 }
 
+TEST_F(CuseTest, AFrameIsRefusedWhenItsMemoryCannotBeKept) {
+    Serve();
+    const uint64_t events = Open(kEvents);
+    const uint64_t video = Open(kVideo);
+    uint64_t event = CreateEvent(events);
+    ASSERT_EQ(0, Do(kVideo, video, qv::kStartVideoCapture, &event).Error());
+    std::vector<uint8_t> frame(64 * 32 * 2, 0xCC);
+    qv::VideoCaptureFrameRecord record{};
+    record.width = 64;
+    record.height = 32;
+    record.size = 64 * 32 * 2;
+    record.stride = 128;
+    record.frameIndex = -1;
+    record.address = qv::WireAddress(frame.data());
+    // Every descriptor that this process may have is taken: the caller's memory cannot be opened.
+    rlimit before{};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
+    const rlimit few{std::min<rlim_t>(before.rlim_cur, 128), before.rlim_max};
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
+    std::vector<int> taken;
+    for (int fd; (fd = dup(stop_)) >= 0;) taken.push_back(fd);
+    const Reply refused = Do(kVideo, video, qv::kCaptureVideoFrame, &record);
+    for (const int fd : taken) close(fd);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
+    EXPECT_EQ(ENOMEM, refused.Error());
+    EXPECT_THAT(frame, testing::Each(0xCC));
+    EXPECT_EQ(0, Do(kVideo, video, qv::kCaptureVideoFrame, &record).Error());
+    // Nothing is written any more when this is answered.
+    EXPECT_EQ(0, Do(kVideo, video, qv::kStopVideoCapture, nullptr).Error());
+}
+
 TEST_F(CuseTest, TheEndOfTheServerEndsWaitsAndClosesWhatIsOpen) {
     Serve();
     const uint64_t events = Open(kEvents);
@@ -231,7 +319,8 @@ TEST_F(CuseTest, ANodeNameThatIsTakenIsRefusedBeforeAnythingIsMade) {
     Load();
     std::ofstream(folder_ + "/video0").put('\n');
     CuseServer server(model_, Ways());
-    EXPECT_THAT(server.Start(), HasSubstr(folder_ + "/video0 exists already: unload the driver"));
+    EXPECT_THAT(server.Start(stop_),
+                HasSubstr(folder_ + "/video0 exists already: unload the driver"));
     EXPECT_TRUE(ends_.empty());
 }
 
@@ -239,7 +328,8 @@ TEST_F(CuseTest, ANodeThatTheKernelRefusesIsNamed) {
     rig_.Add(Pelix());
     Load();
     CuseServer server(model_, Ways(true));
-    EXPECT_THAT(server.Start(), HasSubstr("/dev/video0 was refused or taken away by the kernel"));
+    EXPECT_THAT(server.Start(stop_),
+                HasSubstr("/dev/video0 was refused or taken away by the kernel"));
 }
 
 TEST_F(CuseTest, ANodeThatTheKernelTakesAwayEndsTheServer) {
@@ -271,10 +361,47 @@ TEST_F(CuseTest, ANodeThatNeverAppearsIsNamed) {
     rig_.Add(Pelix());
     Load();
     CuseWays ways = Ways();
-    ways.openControl = [] { return eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC); };
+    ways.openControl = [this, open = ways.openControl] {
+        const int fd = open();
+        std::filesystem::remove(folder_ + "/video0");
+        return fd;
+    };
     ways.patience = std::chrono::milliseconds(20);
     CuseServer server(model_, ways);
-    EXPECT_THAT(server.Start(), HasSubstr("the kernel has not made " + folder_ + "/video0"));
+    EXPECT_THAT(server.Start(stop_), HasSubstr("the kernel has not made " + folder_ + "/video0"));
+}
+
+// A kernel that says nothing.
+CuseWays Silent(CuseWays ways) {
+    ways.openControl = [] { return eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC); };
+    return ways;
+}
+
+TEST_F(CuseTest, ANodeThatSomebodyElseMadeMeanwhileIsNotTakenForTheServersOwn) {
+    rig_.Add(Pelix());
+    rig_.NoEventNode();
+    Load();
+    CuseWays ways = Silent(Ways());
+    ways.openControl = [this, open = ways.openControl] {
+        for (const std::string& name : model_->NodeNames())
+            std::ofstream(folder_ + "/" + name).put('\n');
+        return open();
+    };
+    ways.patience = std::chrono::milliseconds(20);
+    CuseServer server(model_, ways);
+    EXPECT_THAT(server.Start(stop_),
+                HasSubstr("the kernel has not asked for " + folder_ + "/video0"));
+    EXPECT_FALSE(server.Stopped());
+}
+
+TEST_F(CuseTest, AServerThatIsToldToEndBeforeItsNodesStandEndsAtOnce) {
+    rig_.Add(Pelix());
+    Load();
+    CuseServer server(model_, Silent(Ways()));
+    TellToStop();
+    EXPECT_EQ("", server.Start(stop_)) << "long before it would lose its patience";
+    EXPECT_TRUE(server.Stopped());
+    EXPECT_EQ("", server.Run());
 }
 
 TEST_F(CuseTest, AMissingControlDeviceSaysWhatToDo) {
@@ -288,17 +415,17 @@ TEST_F(CuseTest, AMissingControlDeviceSaysWhatToDo) {
         };
     };
     refuse(ENOENT);
-    EXPECT_THAT(CuseServer(model_, ways).Start(), HasSubstr("modprobe cuse"));
+    EXPECT_THAT(CuseServer(model_, ways).Start(stop_), HasSubstr("modprobe cuse"));
     refuse(EACCES);
-    EXPECT_THAT(CuseServer(model_, ways).Start(), HasSubstr("needs root"));
+    EXPECT_THAT(CuseServer(model_, ways).Start(stop_), HasSubstr("needs root"));
     refuse(EMFILE);
-    EXPECT_EQ("/dev/cuse: Too many open files", CuseServer(model_, ways).Start());
+    EXPECT_EQ("/dev/cuse: Too many open files", CuseServer(model_, ways).Start(stop_));
 }
 
 TEST_F(CuseTest, CardsWithoutAnyNodeCannotBeServed) {
     rig_.NoEventNode();
     Load();
-    EXPECT_THAT(CuseServer(model_, Ways()).Start(), HasSubstr("no node"));
+    EXPECT_THAT(CuseServer(model_, Ways()).Start(stop_), HasSubstr("no node"));
 }
 
 }  // namespace

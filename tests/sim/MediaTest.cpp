@@ -234,6 +234,60 @@ TEST_F(MediaTest, WhatNoDriverCouldServeIsRefused) {
     EXPECT_EQ(0, refused([](auto&) {}));
 }
 
+TEST_F(MediaTest, MoreFramesThanADriverHoldsAreRefusedUntilOneIsThere) {
+    StartVideo(100);
+    for (int i = 0; i < 64; ++i) ASSERT_EQ(0, Capture(-2));
+    EXPECT_EQ(-1, Capture(-2));
+    EXPECT_EQ(EBUSY, errno);
+    rig_.Cards().AdvanceClock(kFrame);
+    ASSERT_EQ(1, events_->Wait(done_, -1));
+    EXPECT_EQ(0, Capture(-2));
+}
+
+// Memory that takes nothing until it is let.
+class Held {
+  public:
+    FrameSink Sink() {
+        return [this](uint64_t, const void*, uint32_t) {
+            std::unique_lock lock(mutex_);
+            changed_.wait(lock, [this] { return free_; });
+            return true;
+        };
+    }
+    void Free() {
+        const std::lock_guard lock(mutex_);
+        free_ = true;
+        changed_.notify_all();
+    }
+
+  private:
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    bool free_ = false;
+};
+
+TEST_F(MediaTest, AFrameThatIsThereAlreadyCountsAmongThoseInWork) {
+    StartVideo(0);
+    Held held;
+    Model& model = rig_.Cards();
+    int error = 0;
+    const std::shared_ptr<OpenFile> file = model.Open("/dev/video0", error);
+    ASSERT_TRUE(file);
+    Model::Lock lock(model.Mutex());
+    const auto ask = [&] {
+        return model.Media()
+            .RequestFrame(*file->channel, {held.Sink(), kSize, kStride}, -2, 0)
+            .error;
+    };
+    for (int i = 0; i < 64; ++i) ASSERT_EQ(0, ask());
+    EXPECT_EQ(EBUSY, ask());
+    lock.unlock();
+    held.Free();
+    ASSERT_EQ(1, events_->Wait(done_, -1));
+    EXPECT_EQ(0, Capture(-2));
+    model.Close(file, 0);
+}
+
 TEST_F(MediaTest, WithoutASignalNoFrameComesUntilItIsBack) {
     StartVideo(100);
     const uint64_t event = events_->CreateEvent();

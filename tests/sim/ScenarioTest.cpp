@@ -139,6 +139,8 @@ INSTANTIATE_TEST_SUITE_P(
               "f.toml:1: fault has no kind, or one that is unknown: 'melt'"},
         Wrong{"[[fault]]\nrequest = \"open\"\nkind = \"refuse\"\nvalue = \"EFOO\"",
               "f.toml:4: value 'EFOO' is no errno known here"},
+        Wrong{"[[fault]]\nrequest = \"open\"\nkind = \"refuse\"\nvalue = 512",
+              "f.toml:4: value is a whole number from 1 to 511"},
         Wrong{"[[board]]\nvideo = { fps = 0 }", "f.toml:2: fps is a number of 0 to 10000"},
         Wrong{"[[board]]\nvideo = 5", "f.toml:2: video is a table"},
         Wrong{"[[board]]\nstored = \"some\"", "f.toml:2: stored is \"none\" or a table"},

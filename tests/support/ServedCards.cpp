@@ -38,11 +38,11 @@ std::string ProgramFile(const std::string& built) {
 ServingThread::ServingThread(const std::shared_ptr<Model>& model) {
     if (model->NodeNames().empty()) return;
     server_ = std::make_unique<CuseServer>(model, KernelWays());
-    const std::string error = server_->Start();
-    Require(error.empty(), error);
     stop_ = eventfd(0, EFD_CLOEXEC);
     Require(stop_ >= 0, std::strerror(errno));
-    thread_ = std::thread([this] { outcome_ = server_->Run(stop_); });
+    const std::string error = server_->Start(stop_);
+    Require(error.empty(), error);
+    thread_ = std::thread([this] { outcome_ = server_->Run(); });
 }
 
 ServingThread::~ServingThread() {
