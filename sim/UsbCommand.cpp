@@ -52,6 +52,10 @@ int UsbCommand(const std::string& scenario, const std::string& played) {
     sigaddset(&ends, SIGTERM);
     sigaddset(&ends, SIGINT);
     sigprocmask(SIG_BLOCK, &ends, nullptr);
+    sigset_t reading;  // orders from a terminal that belongs to another program at the moment
+    sigemptyset(&reading);
+    sigaddset(&reading, SIGTTIN);
+    sigprocmask(SIG_BLOCK, &reading, nullptr);
     const int stop = signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
     if (stop < 0) return Fail(std::string("usb: ") + std::strerror(errno), kCannotServe);
 
@@ -71,10 +75,8 @@ int UsbCommand(const std::string& scenario, const std::string& played) {
     usb::VhciHost host;
     usb::UsbServer server(std::move(specs), host, played, report);
     error = server.Start(stop);
-    if (error.empty()) {
-        report("ready");
-        error = server.Run(STDIN_FILENO);
-    }
+    if (error.empty() && !server.Stopped()) report("ready");
+    if (error.empty()) error = server.Run(STDIN_FILENO);
     close(stop);
     return error.empty() ? 0 : Fail("usb: " + error, kCannotServe);
 }

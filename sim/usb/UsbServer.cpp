@@ -19,7 +19,8 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t kLongestOrder = 256;
 constexpr std::streamoff kMostPlayed = 16 << 20;  // bytes kept of each stream
 constexpr std::chrono::seconds kDetachPatience{5};
-constexpr int kSendSeconds = 5;  // a kernel that takes nothing for so long has gone
+constexpr int kSendSeconds = 5;           // a kernel that takes nothing for so long has gone
+constexpr Micros kOrdersPause = 500'000;  // until a terminal is asked again that is others' now
 
 Micros Now() {
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
@@ -60,7 +61,7 @@ std::string UsbServer::Start(int stop) {
     stop_ = stop;
     if (plugs_.empty()) return "there is no device to plug in: the scenario has no [[usb]]";
     for (Plug& plug : plugs_)
-        if (std::string error = PlugIn(plug); !error.empty()) return error;
+        if (std::string error = PlugIn(plug); !error.empty()) return stopped_ ? "" : error;
     return {};
 }
 
@@ -110,9 +111,8 @@ std::string UsbServer::Announce(Plug& plug) {
                                       : "the kernel has not configured it";
             return spec.serial + ": " + missing;
         }
-        bool stopped = false;
-        if (!ServeOnce(5, &stopped)) break;
-        if (stopped) return spec.serial + ": ended while it was plugged in";
+        if (!ServeOnce(5)) break;
+        if (stopped_) return spec.serial + ": ended while it was plugged in";
     }
     return spec.serial + ": the kernel has given the device up";
 }
@@ -145,33 +145,37 @@ void UsbServer::ServeSocket(Plug& plug) {
     const bool understood =
         n > 0 && plug.device->Receive(bytes, static_cast<size_t>(n), Now(), out);
     if (understood && Send(plug, out)) return;
-    Unplug(plug);
-    report_((n > 0 && !understood ? "not understood, unplugged "
-                                  : "given up by the kernel, unplugged ") +
-            plug.spec.device.serial);
+    GiveUp(plug, n > 0 && !understood ? "not understood" : "given up by the kernel");
 }
 
+void UsbServer::GiveUp(Plug& plug, const char* why) {
+    Unplug(plug);
+    report_(std::string(why) + ", unplugged " + plug.spec.device.serial);
+}
+
+bool UsbServer::OrdersRest() const { return orders_ >= 0 && Now() < ordersFrom_; }
+
 int UsbServer::TimeToNext() const {
-    Micros next = kNever;
+    Micros next = OrdersRest() ? ordersFrom_ : kNever;
     for (const Plug& plug : plugs_)
         if (plug.device) next = std::min(next, plug.device->NextDue());
     if (next == kNever) return -1;
     return static_cast<int>(std::clamp<Micros>((next - Now() + 999) / 1000, 0, 1000));
 }
 
-bool UsbServer::ServeOnce(int timeout, bool* stopped) {
-    std::vector<pollfd> waiting{{stop_, POLLIN, 0}, {orders_, POLLIN, 0}};
+bool UsbServer::ServeOnce(int timeout) {
+    std::vector<pollfd> waiting{{stop_, POLLIN, 0}, {OrdersRest() ? -1 : orders_, POLLIN, 0}};
     for (const Plug& plug : plugs_) waiting.push_back({plug.socket, POLLIN, 0});  // -1: left out
     const int next = TimeToNext();
     if (next >= 0 && (timeout < 0 || next < timeout)) timeout = next;
     if (poll(waiting.data(), waiting.size(), timeout) < 0 && errno != EINTR) return false;
-    *stopped = waiting[0].revents != 0;
+    stopped_ = stopped_ || waiting[0].revents != 0;
     for (size_t i = 0; i < plugs_.size(); ++i) {
         if (waiting[i + 2].revents != 0) ServeSocket(plugs_[i]);
         if (!plugs_[i].device) continue;
         Bytes out;
         plugs_[i].device->Advance(Now(), out);
-        if (!Send(plugs_[i], out)) Unplug(plugs_[i]);
+        if (!Send(plugs_[i], out)) GiveUp(plugs_[i], "given up by the kernel");
     }
     if (waiting[1].revents != 0) TakeOrders();
     return true;
@@ -180,8 +184,8 @@ bool UsbServer::ServeOnce(int timeout, bool* stopped) {
 std::string UsbServer::Run(int orders) {
     orders_ = orders;
     std::string error;
-    for (bool stopped = false; !stopped;)
-        if (!ServeOnce(-1, &stopped)) {
+    while (!stopped_)
+        if (!ServeOnce(-1)) {
             error = std::string("waiting failed: ") + std::strerror(errno);
             break;
         }
@@ -203,6 +207,11 @@ void UsbServer::TakeOrders() {
     char text[256];
     const ssize_t n = read(orders_, text, sizeof text);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    // What is typed on a terminal is not for programs in its background; they may be fetched again.
+    if (n < 0 && errno == EIO) {
+        ordersFrom_ = Now() + kOrdersPause;
+        return;
+    }
     if (n <= 0) {
         orders_ = -1;  // nobody orders any more; the devices stay
         return;

@@ -2,7 +2,9 @@
 // asks, unplugs them.
 //
 // One thread serves all devices and waits for nothing else; pictures and sounds come when their
-// time has come. While it runs it takes orders, one a line: `unplug SERIAL`, `plug SERIAL`.
+// time has come. While it runs it takes orders, one a line: `unplug SERIAL`, `plug SERIAL`. On a
+// terminal it takes them while it is in the foreground; its process must block SIGTTIN, or the
+// first key that is meant for another program stops it.
 #pragma once
 
 #include <chrono>
@@ -31,11 +33,13 @@ class UsbServer {
     UsbServer& operator=(const UsbServer&) = delete;
 
     // Plugs all devices in, in order: the kernel knows each completely before the next comes. An
-    // empty text, or why not. Ends early when `stop` is readable.
+    // empty text, or why not. Ends early, see Stopped(), when `stop` is readable.
     std::string Start(int stop);
     // Serves until `stop`, the same, is readable, and takes orders from `orders` (-1: none) until
     // that ends. All devices are unplugged when it returns. An empty text, or what ended it before.
     std::string Run(int orders);
+    // `stop` was readable.
+    bool Stopped() const { return stopped_; }
 
     // How long a device may take to become known.
     std::chrono::milliseconds patience{20000};
@@ -53,10 +57,12 @@ class UsbServer {
     void Unplug(Plug& plug);
     void ServeSocket(Plug& plug);
     bool Send(Plug& plug, const Bytes& bytes);
+    void GiveUp(Plug& plug, const char* why);
     // False: something is wrong with the descriptors.
-    bool ServeOnce(int timeout, bool* stopped);
+    bool ServeOnce(int timeout);
     void TakeOrders();
     void Obey(const std::string& line);
+    bool OrdersRest() const;
     int TimeToNext() const;
     AudioFunction::Listener ListenerFor(const DeviceSpec& spec) const;
 
@@ -65,8 +71,10 @@ class UsbServer {
     std::string played_;
     Report report_;
     int stop_ = -1;
+    bool stopped_ = false;
     int orders_ = -1;
-    std::string order_;  // the part of a line that has come
+    Micros ordersFrom_ = 0;  // not looked for before that time
+    std::string order_;      // the part of a line that has come
 };
 
 }  // namespace qvsim::usb

@@ -1,7 +1,10 @@
 // Devices on a host that the test plays: plugging in and out, orders, a controller's files.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <pty.h>
 #include <sys/socket.h>
+#include <termios.h>
 #include <unistd.h>
 
 #include <filesystem>
@@ -13,6 +16,7 @@
 #include "UsbServer.h"
 #include "sim/UsbKernel.h"
 
+using testing::Contains;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -154,6 +158,79 @@ TEST_F(UsbServerTest, ADeviceThatTheKernelGivesUpIsUnplugged) {
     kernel.ends.clear();
     EXPECT_EQ("", RunUntil(2, ""));
     EXPECT_EQ("given up by the kernel, unplugged A", lines.back());
+}
+
+// Takes nothing more, but has not hung up: seen only when the device has something to say.
+TEST_F(UsbServerTest, ADeviceThatCannotBeHeardIsUnpluggedAndThatIsReported) {
+    Make({{{"Card", "A", {kMic}, {}}, 0}});
+    ASSERT_EQ("", server->Start(stop[0]));
+    const Bytes listen = usbtest::Submit({.in = 0, .setup = usbtest::ControlSetup(1, 11, 1, 1, 0)});
+    ASSERT_EQ(48, send(kernel.ends[0], listen.data(), listen.size(), 0));
+    std::thread deaf([this] {
+        Bytes answers(48 + 48);
+        EXPECT_EQ(static_cast<ssize_t>(answers.size()),
+                  recv(kernel.ends[0], answers.data(), answers.size(), MSG_WAITALL));
+        EXPECT_EQ(0, shutdown(kernel.ends[0], SHUT_RD));
+        const Bytes sound =
+            usbtest::Submit({.endpoint = 1,
+                             .length = 200,
+                             .packets = std::vector<std::pair<uint32_t, uint32_t>>{{0, 200}}});
+        EXPECT_EQ(static_cast<ssize_t>(sound.size()),
+                  send(kernel.ends[0], sound.data(), sound.size(), 0));
+    });
+    EXPECT_EQ("", RunUntil(2, ""));
+    deaf.join();
+    EXPECT_EQ("given up by the kernel, unplugged A", lines.back());
+    EXPECT_THAT(kernel.detached, ElementsAre(0));
+}
+
+TEST_F(UsbServerTest, ToldToEndWhileADeviceIsPluggedInItUnplugsItAndEnds) {
+    Make({{{"Card", "A", {kMic}, {}}, 0}, {{"Card", "B", {kMic}, {}}, 0}});
+    kernel.unknown = true;
+    EXPECT_EQ(1, write(stop[1], "x", 1));
+    EXPECT_EQ("", server->Start(stop[0]));
+    EXPECT_TRUE(server->Stopped());
+    EXPECT_EQ("", server->Run(orders[0]));
+    EXPECT_THAT(lines, IsEmpty());
+    EXPECT_THAT(kernel.detached, ElementsAre(0)) << "the second was never plugged in";
+}
+
+// Reading from it fails as it does in a terminal's background.
+TEST_F(UsbServerTest, OrdersFromATerminalComeWhenItIsTheServersAgain) {
+    int terminal = -1;
+    int line = -1;
+    char name[64];
+    ASSERT_EQ(0, openpty(&terminal, &line, name, nullptr, nullptr));
+    close(line);
+    char letter = 0;
+    ASSERT_EQ(-1, read(terminal, &letter, 1));
+    ASSERT_EQ(EIO, errno);
+    close(orders[0]);
+    orders[0] = terminal;
+    Make({{{"Card", "A", {kMic}, {}}, 0}});
+    ASSERT_EQ("", server->Start(stop[0]));
+    std::thread later([this, &name] {
+        // A second question is answered behind the first look at the terminal.
+        const Bytes ask =
+            usbtest::Submit({.length = 1, .setup = usbtest::ControlSetup(0x80, 8, 0, 0, 1)});
+        for (const ssize_t size : {48 + 49, 49}) {
+            EXPECT_EQ(48, send(kernel.ends[0], ask.data(), ask.size(), 0));
+            Bytes answer(static_cast<size_t>(size));
+            EXPECT_EQ(size, recv(kernel.ends[0], answer.data(), answer.size(), MSG_WAITALL));
+        }
+        const int typed = open(name, O_RDWR | O_NOCTTY);
+        termios mode{};
+        cfmakeraw(&mode);
+        EXPECT_EQ(0, tcsetattr(typed, TCSANOW, &mode));
+        EXPECT_EQ(9, write(typed, "unplug A\n", 9));
+        char byte;
+        for (int i = 0; i < 2; ++i) EXPECT_EQ(1, read(told[0], &byte, 1));
+        close(typed);
+        EXPECT_EQ(1, write(stop[1], "x", 1));
+    });
+    EXPECT_EQ("", server->Run(orders[0]));
+    later.join();
+    EXPECT_THAT(lines, Contains("unplugged A"));
 }
 
 TEST_F(UsbServerTest, WhatIsPlayedGoesToAFile) {
