@@ -6,8 +6,10 @@
 #include <condition_variable>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace lab {
@@ -18,11 +20,14 @@ class Frames {
     // `stride`: bytes of a line that begins and ends with the frame's number; 0: nothing is looked
     // at but the length.
     explicit Frames(size_t stride = 0) : stride_(stride) {}
+    // `look` says what is wrong with a frame, "" when nothing is.
+    using Look = std::function<std::string(const std::vector<unsigned char>& frame)>;
+    explicit Frames(Look look) : look_(std::move(look)) {}
 
     static void OnFrame(const unsigned char* frame, unsigned int bytes, void* param) {
         auto* frames = static_cast<Frames*>(param);
         const std::lock_guard lock(frames->mutex_);
-        frames->Look(frame, bytes);
+        frames->Take(frame, bytes);
         frames->changed_.notify_all();
     }
 
@@ -52,9 +57,11 @@ class Frames {
         std::memcpy(&number, at, sizeof number);
         return number;
     }
-    void Look(const unsigned char* frame, unsigned bytes) {
+    void Take(const unsigned char* frame, unsigned bytes) {
         lengths_.push_back(bytes);
         last_.assign(frame, frame + bytes);
+        if (look_)
+            if (const std::string wrong = look_(last_); !wrong.empty()) wrong_ = wrong;
         if (stride_ == 0 || bytes < stride_) return;
         const uint32_t number = NumberAt(frame);
         for (size_t line = 0; line + stride_ <= bytes; line += stride_)
@@ -71,7 +78,8 @@ class Frames {
         numbers_.push_back(number);
     }
 
-    const size_t stride_;
+    const size_t stride_ = 0;
+    const Look look_;
     std::mutex mutex_;
     std::condition_variable changed_;
     std::vector<unsigned> lengths_;

@@ -1,6 +1,5 @@
-// V4L2 nodes of a real kernel: two USB cameras, and the kernel's own test nodes whose sizes are a
-// list
-// (/dev/video20) and a range (/dev/video21).
+// V4L2 nodes of a real kernel: two USB cameras, and what the kernel's test nodes answer; what those
+// stream stands in TestNodeTest.cpp.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,50 +16,23 @@
 #include "VideoCaptureV4l2.h"
 #include "lab/LabDevices.h"
 #include "lab/LabFrames.h"
+#include "lab/LabVideo.h"
 
+using lab::Code;
 using lab::Frames;
+using lab::kListNode;
+using lab::kRangeNode;
+using lab::kVga;
 using lab::LabDevices;
+using lab::LabVideoTest;
 using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
 namespace {
 
-constexpr char kListNode[] = "/dev/video20";
-constexpr char kRangeNode[] = "/dev/video21";
-constexpr unsigned kVga = 640 * 360;  // pixels
-
-constexpr unsigned Code(const char (&text)[5]) {
-    unsigned code = 0;
-    for (int i = 3; i >= 0; --i) code = code << 8 | static_cast<unsigned char>(text[i]);
-    return code;
-}
-
 LabDevices& Devices() { return LabDevices::Get(); }
 const char* Camera(const char* serial) { return Devices()[serial].nodes.at(0).c_str(); }
-
-class LabVideoTest : public testing::Test {
-  protected:
-    void SetUp() override {
-        QVCaptureInitInstance();
-        descriptors = lab::DescriptorsOpen();
-    }
-    void TearDown() override {
-        EXPECT_EQ(descriptors, lab::DescriptorsOpen());
-        QVCaptureExitInstance();
-    }
-    struct Closer {
-        void operator()(void* channel) const { QVCloseChannel(channel); }
-    };
-    using Channel = std::unique_ptr<void, Closer>;
-    static Channel Usb(const char* serial) { return Channel(LabDevices::OpenChannel(serial)); }
-    // Waits for the node of a camera that was pulled out to go.
-    static void AwaitGone(const std::string& path) {
-        for (int tries = 0; tries < 600 && std::filesystem::exists(path); ++tries) usleep(100000);
-        ASSERT_FALSE(std::filesystem::exists(path));
-    }
-    int descriptors = 0;
-};
 
 // ---- finding nodes
 
@@ -327,33 +299,6 @@ TEST_F(LabVideoTest, TwoCamerasStreamAtOnce) {
     EXPECT_EQ("", second.Wrong());
 }
 
-TEST_F(LabVideoTest, TheTestNodesStreamListedAndUnlistedSizes) {
-    const struct {
-        const char* node;
-        unsigned width, height, format, bytes;
-    } rows[] = {
-        {kListNode, 640, 360, Code("YUYV"), kVga * 2},
-        {kListNode, 640, 360, Code("YU12"), kVga * 3 / 2},
-        {kRangeNode, 96, 100, Code("BGR3"), 96 * 100 * 3},
-        {kRangeNode, 640, 360, Code("BGR4"), kVga * 4},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.node << " " << row.width << "x" << row.height);
-        VideoCaptureV4L2Context* capture = nullptr;
-        Frames frames;
-        ASSERT_EQ(
-            0, VideoCaptureV4L2Open(row.node, row.format, row.width, row.height, 1, 40, &capture));
-        VideoCaptureV4L2SetCallback(capture, Frames::OnFrame, &frames);
-        ASSERT_EQ(0, VideoCaptureV4L2Start(capture));
-        EXPECT_TRUE(frames.AwaitMore(10));
-        VideoCaptureV4L2Stop(capture);
-        EXPECT_THAT(frames.Lengths(), Each(row.bytes));
-        ASSERT_EQ(0, VideoCaptureV4L2Start(capture)) << "again, after a stop";
-        EXPECT_TRUE(frames.AwaitMore(3));
-        VideoCaptureV4L2Close(capture);
-    }
-}
-
 TEST_F(LabVideoTest, NodesThatCannotStreamAreRefused) {
     VideoCaptureV4L2Context* capture = nullptr;
     const std::string metadata = Devices()[lab::kHdmi].nodes.at(1);
@@ -405,39 +350,11 @@ TEST_F(LabVideoTest, PictureControlsAreTheCamerasOwn) {
     Frames frames;
     QV_VIDEO_CAPTURE capture = Capture(channel.get(), 320, 180, Code("YUY2"), 333333, &frames);
     ASSERT_NE(nullptr, capture);
-    const struct {
-        _QVCAP_VIDEO_PROC_PARAM_TYPE type;
-        const char* name;
-        int low, high, first, wanted;
-    } rows[] = {{QV_VIDEO_PROC_BRIGHTNESS, "brightness", -64, 64, 0, -33},
-                {QV_VIDEO_PROC_CONTRAST, "contrast", 0, 95, 32, 95},
-                {QV_VIDEO_PROC_HUE, "hue", -180, 180, 0, 180},
-                {QV_VIDEO_PROC_SATURATION, "saturation", 0, 128, 64, 1}};
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        int low = 0;
-        int high = 0;
-        int first = 0;
-        int value = 0;
-        EXPECT_EQ(QV_RESULT_OK, QVGetVideoProcParamRange(capture, row.type, &low, &high, &first));
-        EXPECT_EQ(row.low, low);
-        EXPECT_EQ(row.high, high);
-        EXPECT_EQ(row.first, first);
-        EXPECT_EQ(QV_RESULT_OK, QVSetVideoProcParam(capture, row.type, row.wanted));
-        EXPECT_EQ(QV_RESULT_OK, QVGetVideoProcParam(capture, row.type, &value));
-        EXPECT_EQ(row.wanted, value);
-        const std::string node = Camera(lab::kHdmi);
-        EXPECT_EQ(std::string(row.name) + ": " + std::to_string(row.wanted) + "\n",
-                  lab::Output("v4l2-ctl -d " + node + " --get-ctrl=" + row.name));
-        lab::Output("v4l2-ctl -d " + node + " --set-ctrl=" + row.name + "=" +
-                    std::to_string(row.first));
-        EXPECT_EQ(QV_RESULT_OK, QVGetVideoProcParam(capture, row.type, &value));
-        EXPECT_EQ(row.first, value);
-    }
-    int value = 55;
-    EXPECT_EQ(QV_RESULT_FAILED, QVGetVideoProcParam(capture, 4, &value));
-    EXPECT_EQ(QV_RESULT_FAILED, QVSetVideoProcParam(capture, 4, 1));
-    EXPECT_EQ(55, value);
+    lab::ExpectControls(capture, Camera(lab::kHdmi),
+                        {{QV_VIDEO_PROC_BRIGHTNESS, "brightness", -64, 64, 0, -33},
+                         {QV_VIDEO_PROC_CONTRAST, "contrast", 0, 95, 32, 95},
+                         {QV_VIDEO_PROC_HUE, "hue", -180, 180, 0, 180},
+                         {QV_VIDEO_PROC_SATURATION, "saturation", 0, 128, 64, 1}});
     EXPECT_EQ(QV_RESULT_OK, QVDestoryVideoCapture(capture));
 }
 
