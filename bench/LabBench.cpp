@@ -6,30 +6,36 @@
 // Every run is a process of its own, this program again for the library, so that both sides are
 // measured the same way, with the kernel's figures. Of video the time between two frames is looked
 // at, which both sides print as '<': starting is not part of it. What was lost of sound is counted
-// from the content, which numbers every sample.
+// from the content, which numbers every sample. Neither side is believed: every frame of the
+// library and the frames that the other writes have to be of the wanted format's size, and a
+// recording has all of its samples.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <string>
 #include <vector>
 
-#include "AudioAlsa.h"
+#include "LabSides.h"
 #include "Report.h"
-#include "VideoCaptureV4l2.h"
 
 namespace {
 
+using qvbench::BytesOf;
 using qvbench::g_missed;
+using qvbench::kRate;
+using qvbench::kSeconds;
+using qvbench::kSound;
+using qvbench::kSoundBytes;
 using qvbench::Median;
 using qvbench::Row;
 using qvbench::Text;
@@ -37,15 +43,15 @@ using qvbench::Text;
 constexpr int kRounds = 3;
 constexpr unsigned kBefore = 10;  // frames of the start, and as many behind the end
 constexpr unsigned kFrames = 60;
-constexpr unsigned kSeconds = 3;
-constexpr unsigned kRate = 48000;
-constexpr char kSound[] = "/tmp/bench.raw";
+constexpr char kFramesFile[] = "/tmp/bench.frames";
+constexpr char kMessages[] = "/tmp/bench.messages";
 
 // ---- processes
 
 struct Run {
     double wall = 0;  // seconds
     double cpu = 0;
+    unsigned overruns = 0;  // that the process has told of
 };
 
 double Now() {
@@ -75,18 +81,40 @@ void Repeat(const std::vector<std::string>& command, const std::string& why) {
     if (++g_repeated > kMostRepeated) exit(2);
 }
 
-// The whole of a process.
-Run Whole(const std::vector<std::string>& command) {
+uintmax_t SizeOf(const char* file) {
+    std::error_code missing;
+    const uintmax_t size = std::filesystem::file_size(file, missing);
+    return missing ? 0 : size;
+}
+
+unsigned Overruns(const std::string& messages) {
+    unsigned count = 0;
+    for (size_t at = 0; (at = messages.find("overrun", at)) != messages.npos; ++at) ++count;
+    return count;
+}
+
+// The whole of a process, which writes so many bytes to a file.
+Run Whole(const std::vector<std::string>& command, const char* file, uintmax_t bytes) {
     for (;;) {
+        std::filesystem::remove(file);
+        const int messages = open(kMessages, O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0600);
         const double start = Now();
         int status = 0;
         rusage usage{};
-        const pid_t pid = Start(command, 2);
-        if (wait4(pid, &status, 0, &usage) == pid && status == 0)
-            return {Now() - start,
+        const pid_t pid = Start(command, messages);
+        const bool ended = wait4(pid, &status, 0, &usage) == pid;
+        const double wall = Now() - start;
+        close(messages);
+        std::ifstream told(kMessages);
+        const std::string text{std::istreambuf_iterator<char>(told), {}};
+        const uintmax_t written = SizeOf(file);
+        if (ended && status == 0 && written == bytes)
+            return {wall,
                     static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-                        static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6};
-        Repeat(command, "ended with status " + std::to_string(status));
+                        static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6,
+                    Overruns(text)};
+        Repeat(command, "status " + std::to_string(status) + ", " + std::to_string(written) +
+                            " bytes of " + std::to_string(bytes) + ": " + text);
     }
 }
 
@@ -136,63 +164,12 @@ Run Between(const std::vector<std::string>& command) {
     return run;
 }
 
-// ---- the library's side, in the process that was started for it
-
-int CaptureVideo(const char* node, unsigned width, unsigned height, unsigned format, int fps,
-                 unsigned wanted) {
-    VideoCaptureV4L2Context* capture = nullptr;
-    std::atomic<unsigned> frames{0};
-    if (VideoCaptureV4L2Open(node, format, width, height, 1, fps, &capture) != 0) {
-        std::perror("cannot be opened");
-        return 2;
-    }
-    VideoCaptureV4L2SetCallback(
-        capture,
-        [](const unsigned char*, unsigned, void* param) {
-            auto* count = static_cast<std::atomic<unsigned>*>(param);
-            if (write(2, "<", 1) != 1) return;
-            ++*count;
-            count->notify_one();
-        },
-        &frames);
-    if (VideoCaptureV4L2Start(capture) != 0) {
-        std::perror("cannot be started");
-        return 2;
-    }
-    for (unsigned seen; (seen = frames) < wanted;) frames.wait(seen);
-    VideoCaptureV4L2Close(capture);
-    return 0;
-}
-
-struct Recording {
-    std::FILE* file;
-    std::atomic<unsigned> left;  // bytes
-};
-
-int CaptureSound(const char* device) {
-    Recording recording{std::fopen(kSound, "wb"), {kSeconds * kRate * 4}};
-    AudioCaptureALSAContext* capture = nullptr;
-    const auto onChunk = [](const unsigned char* data, int bytes, long long, void* param) {
-        auto* to = static_cast<Recording*>(param);
-        const auto size = std::min(static_cast<unsigned>(bytes), to->left.load());
-        if (size == 0 || std::fwrite(data, 1, size, to->file) != size) return;
-        to->left -= size;
-        to->left.notify_one();
-    };
-    if (recording.file == nullptr || AudioCaptureALSACreate(&capture, onChunk, &recording) != 0 ||
-        AudioCaptureALSAStart(capture, device, kRate, 16, 2, 10) != 0)
-        return 2;
-    for (unsigned left; (left = recording.left) > 0;) recording.left.wait(left);
-    AudioCaptureALSAStop(capture);
-    AudioCaptureALSADestroy(capture);
-    return std::fclose(recording.file) == 0 ? 0 : 2;
-}
-
 // ---- comparing
 
 struct Losses {
-    unsigned lost = 0;    // samples missing between those recorded
-    unsigned silent = 0;  // samples in whose place silence was read
+    unsigned lost = 0;      // samples missing between those recorded
+    unsigned silent = 0;    // samples in whose place silence was read
+    unsigned overruns = 0;  // as told; a loss of whole seconds is seen by nothing else
 };
 
 // The right channel numbers the samples, modulo 48000; where it says 0 out of turn, nothing was
@@ -231,6 +208,7 @@ struct Compared {
         const Losses more = CountLosses();
         losses[side].lost += more.lost;
         losses[side].silent += more.silent;
+        losses[side].overruns += run.overruns;
     }
 };
 
@@ -240,7 +218,7 @@ struct VideoCase {
     int width, height;
     const char* format;
     int fps;
-    bool wrapper;  // v4l2-ctl through libv4l2, too: the format is converted
+    bool converted;  // by libv4l2: beside a bare loop over that, since v4l2-ctl never converts
 };
 
 std::string Number(double value) { return Text("%.0f", value); }
@@ -249,9 +227,12 @@ void Video(const VideoCase& row) {
     unsigned format = 0;
     std::memcpy(&format, row.format, sizeof format);
     const std::string frames = Number(2 * kBefore + kFrames);
-    const std::vector<std::string> library{
-        "/proc/self/exe",       "video",         row.node, Number(row.width), Number(row.height),
-        std::to_string(format), Number(row.fps), frames};
+    const auto own = [&](const char* mode) -> std::vector<std::string> {
+        return {"/proc/self/exe",   mode,
+                row.node,           Number(row.width),
+                Number(row.height), std::to_string(format),
+                Number(row.fps),    frames};
+    };
     std::vector<std::string> peer{"v4l2-ctl",
                                   "-d",
                                   row.node,
@@ -260,10 +241,20 @@ void Video(const VideoCase& row) {
                                   "--set-parm=" + Number(row.fps),
                                   "--stream-mmap=4",
                                   "--stream-count=" + frames};
-    if (row.wrapper) peer.push_back("-w");
+    if (row.converted) {
+        peer = own("read");
+    } else {
+        // Writing takes time: once, and not in a run that counts.
+        std::vector<std::string> writing = peer;
+        writing.push_back(std::string("--stream-to=") + kFramesFile);
+        Whole(writing, kFramesFile,
+              uintmax_t{2 * kBefore + kFrames} * BytesOf(format, static_cast<unsigned>(row.width),
+                                                         static_cast<unsigned>(row.height)));
+        std::filesystem::remove(kFramesFile);
+    }
     Compared both;
     for (int round = 0; round < kRounds; ++round) {
-        both.Add(0, Between(library));
+        both.Add(0, Between(own("video")));
         both.Add(1, Between(peer));
     }
     const double fps[2] = {kFrames / Median(both.wall[0]), kFrames / Median(both.wall[1])};
@@ -276,20 +267,20 @@ void Video(const VideoCase& row) {
 void Sound(const char* what, const std::string& device, const std::vector<std::string>& options) {
     Compared both;
     for (int round = 0; round < kRounds; ++round) {
-        both.AddSound(0, Whole({"/proc/self/exe", "sound", device}));
+        both.AddSound(0, Whole({"/proc/self/exe", "sound", device}, kSound, kSoundBytes));
         std::vector<std::string> peer{
             "arecord", "-q", "-D", device, "-f",  "S16_LE", "-r",
             "48000",   "-c", "2",  "-t",   "raw", "-d",     Number(kSeconds)};
         peer.insert(peer.end(), options.begin(), options.end());
         peer.push_back(kSound);
-        both.AddSound(1, Whole(peer));
+        both.AddSound(1, Whole(peer, kSound, kSoundBytes));
     }
     const Losses* losses = both.losses;
     Row(what,
-        Text("%.2f; %.2f s | %.1f; %.1f ms | %u; %u | %u; %u", Median(both.wall[0]),
+        Text("%.2f; %.2f s | %.1f; %.1f ms | %u; %u | %u; %u | %u", Median(both.wall[0]),
              Median(both.wall[1]), Median(both.cpu[0]) / kSeconds * 1e3,
              Median(both.cpu[1]) / kSeconds * 1e3, losses[0].lost, losses[1].lost, losses[0].silent,
-             losses[1].silent),
+             losses[1].silent, losses[1].overruns),
         "no more lost than by the other", losses[0].lost <= losses[1].lost);
 }
 
@@ -297,12 +288,15 @@ void Sound(const char* what, const std::string& device, const std::vector<std::s
 
 int main(int argc, char** argv) {
     const std::string mode = argc > 1 ? argv[1] : "";
-    if (mode == "video" && argc == 8)
-        return CaptureVideo(argv[2], static_cast<unsigned>(std::atoi(argv[3])),
-                            static_cast<unsigned>(std::atoi(argv[4])),
-                            static_cast<unsigned>(std::strtoul(argv[5], nullptr, 10)),
-                            std::atoi(argv[6]), static_cast<unsigned>(std::atoi(argv[7])));
-    if (mode == "sound" && argc == 3) return CaptureSound(argv[2]);
+    if ((mode == "video" || mode == "read") && argc == 8) {
+        const auto number = [argv](int at) {
+            return static_cast<unsigned>(std::strtoul(argv[at], nullptr, 10));
+        };
+        const qvbench::VideoWish wish{argv[2],   number(3),          number(4),
+                                      number(5), std::atoi(argv[6]), number(7)};
+        return mode == "video" ? qvbench::CaptureVideo(wish) : qvbench::ReadVideo(wish);
+    }
+    if (mode == "sound" && argc == 3) return qvbench::CaptureSound(argv[2]);
     if (argc != 3) {
         std::fprintf(stderr, "usage: lab_peers CAMERA CARD\n");
         return 2;
@@ -316,14 +310,16 @@ int main(int argc, char** argv) {
         {"test driver, 640x360 YUYV, 40 a second", "/dev/video20", 640, 360, "YUYV", 40, false},
         {"test driver, 1280x720 YUYV, 60 a second", "/dev/video21", 1280, 720, "YUYV", 60, false},
         {"USB camera, 640x360 YUYV, 30 a second", argv[1], 640, 360, "YUYV", 30, false},
-        {"USB camera, the same converted to I420 by libv4l2", argv[1], 640, 360, "YU12", 30, true},
+        {"USB camera, the same converted to I420, beside a bare loop over libv4l2", argv[1], 640,
+         360, "YU12", 30, true},
     };
     for (const VideoCase& row : cases) Video(row);
     std::printf(
         "\n## Sound: the library; `arecord`\n\n"
         "| %u s from a USB card, 48 kHz, 16 bits, stereo | time of the process | CPU a second of "
         "sound "
-        "| samples lost in %d runs | read as silence | target |\n|---|---|---|---|---|---|\n",
+        "| samples lost in %d runs | read as silence | overruns that `arecord` tells of | target "
+        "|\n|---|---|---|---|---|---|---|\n",
         kSeconds, kRounds);
     Sound("its own settings each", card + ",1", {});
     Sound("`arecord` in periods of 10 ms, as the library's chunks", card + ",1",
