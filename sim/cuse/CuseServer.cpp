@@ -235,8 +235,8 @@ void CuseServer::ServeOpen(CuseNode& node, const CuseMessage& message) {
     const uint64_t number = nextFile_++;
     model_->JournalOpen(node.Path(), file ? static_cast<int>(number) : -1, error);
     if (!file) {
-        node.Answer(message.header.unique, error);
-        return NoteIfGone(node, error);
+        NoteIfGone(node, error);
+        return node.Answer(message.header.unique, error);
     }
     files_[number] = {file, static_cast<int>(number)};
     fuse_open_out opened{};
@@ -280,8 +280,8 @@ void CuseServer::Try(const Request& request, ParkedWait wait) {
     const Answer answer =
         ServeRequest(*model_, *open->second.file, request.code, request.address, memory, &wait);
     if (!wait.ForEvent() && !wait.ForCard()) {
-        AnswerRequest(*request.node, request.unique, answer);
-        return NoteIfGone(*request.node, answer.error);
+        NoteIfGone(*request.node, answer.error);
+        return AnswerRequest(*request.node, request.unique, answer);
     }
     // The kernel has said so once, and does not say it again.
     if (wait.ForEvent() && request.interrupted) return EndWait(request, wait, EINTR);
@@ -346,7 +346,11 @@ void CuseServer::AskWaiters() {
 }
 
 void CuseServer::NoteIfGone(CuseNode& node, int error) {
-    if (error == ENODEV && !model_->Exists(node.Path())) gone_.insert(&node);
+    if (error != ENODEV || model_->Exists(node.Path())) return;
+    gone_.insert(&node);
+    // Whoever has the answer finds no name any more; the kernel takes it away only later, when the
+    // control device is closed, through which the answer still has to go.
+    unlink((ways_.deviceFolder + "/" + node.Name()).c_str());
 }
 
 // As when a card is pulled out: the kernel removes the node and fails whatever still comes from the

@@ -348,6 +348,7 @@ TEST_F(CuseTest, ANodeThatAFaultTakesAwayIsGivenUpAndTheOthersAreServedOn) {
     uint64_t event = CreateEvent(events);
     uint32_t temperature = 0;
     EXPECT_EQ(ENODEV, Do(kVideo, video, qv::kGetTemperature, &temperature).Error());
+    EXPECT_FALSE(std::filesystem::exists(folder_ + "/video0"));
     char nothing = 0;
     pollfd hungUp{ends_[kVideo], POLLIN, 0};
     EXPECT_EQ(1, poll(&hungUp, 1, kAnswerTime));
