@@ -52,8 +52,8 @@ void SignalBare(State& state) {
 void FlashThroughLibrary(State& state) {
     unsigned int read = 0;
     for (auto _ : state)
-        Need(state, QVReadFirmwareData(g_channel, 0x1000, g_piece, kFlashPiece, &read) ==
-                        QV_RESULT_OK);
+        Need(state,
+             QVReadFirmwareData(g_channel, 0x1000, g_piece, kFlashPiece, &read) == QV_RESULT_OK);
 }
 void FlashBare(State& state) {
     for (auto _ : state) {
@@ -126,10 +126,11 @@ int main(int argc, char** argv) {
             return 2;
         }
         const double ratio = qvbench::Median(library) / qvbench::Median(bare);
-        qvbench::Row((std::string("a call of the library / the bare request: ") + pair.what).c_str(),
-                     qvbench::Text("%.2f (%.0f ns / %.0f ns)", ratio, qvbench::Median(library),
-                                   qvbench::Median(bare)),
-                     "at most 1.10", ratio <= 1.10);
+        qvbench::Row(
+            (std::string("a call of the library / the bare request: ") + pair.what).c_str(),
+            qvbench::Text("%.2f (%.0f ns / %.0f ns)", ratio, qvbench::Median(library),
+                          qvbench::Median(bare)),
+            "at most 1.10", ratio <= 1.10);
     }
     return qvbench::g_missed == 0 ? 0 : 1;
 }
