@@ -156,6 +156,7 @@ void RunCommandLine(const uint8_t* data, size_t size) {
     }
     if (arguments.back().empty()) arguments.pop_back();
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) argv.push_back(argument.data());
     argv.push_back(nullptr);
 

@@ -70,8 +70,8 @@ void ReadDescription(const uint8_t* data, size_t size) {
     Overwrite(file, data, size);
     static const bool kHasData = [] {
         std::ofstream(Folder() + "/a.bin") << "twelve bytes";
-        std::ofstream(Folder() + "/b.bin");
-        return true;
+        std::ofstream empty(Folder() + "/b.bin");
+        return empty.good();
     }();
     Check(kHasData, "no data files");
     try {
