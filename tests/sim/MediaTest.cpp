@@ -244,26 +244,29 @@ TEST_F(MediaTest, MoreFramesThanADriverHoldsAreRefusedUntilOneIsThere) {
     EXPECT_EQ(0, Capture(-2));
 }
 
-// Memory that takes nothing until it is let.
+// Memory that takes nothing until it is let. What is written later than the test lasts still has it.
 class Held {
   public:
     FrameSink Sink() {
-        return [this](uint64_t, const void*, uint32_t) {
-            std::unique_lock lock(mutex_);
-            changed_.wait(lock, [this] { return free_; });
+        return [gate = gate_](uint64_t, const void*, uint32_t) {
+            std::unique_lock lock(gate->mutex);
+            gate->changed.wait(lock, [&] { return gate->free; });
             return true;
         };
     }
     void Free() {
-        const std::lock_guard lock(mutex_);
-        free_ = true;
-        changed_.notify_all();
+        const std::lock_guard lock(gate_->mutex);
+        gate_->free = true;
+        gate_->changed.notify_all();
     }
 
   private:
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    bool free_ = false;
+    struct Gate {
+        std::mutex mutex;
+        std::condition_variable changed;
+        bool free = false;
+    };
+    std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
 };
 
 TEST_F(MediaTest, AFrameThatIsThereAlreadyCountsAmongThoseInWork) {
