@@ -244,7 +244,8 @@ TEST_F(MediaTest, MoreFramesThanADriverHoldsAreRefusedUntilOneIsThere) {
     EXPECT_EQ(0, Capture(-2));
 }
 
-// Memory that takes nothing until it is let. What is written later than the test lasts still has it.
+// Memory that takes nothing until it is let. What is written later than the test lasts still has
+// it.
 class Held {
   public:
     FrameSink Sink() {
