@@ -93,7 +93,7 @@ bool NorFlash::Erase(uint32_t offset, uint32_t size) {
     return true;
 }
 
-bool NorFlash::Program(uint32_t offset, const uint8_t* data, uint32_t size, uint8_t stuck) {
+bool NorFlash::ProgramPiece(uint32_t offset, const uint8_t* data, uint32_t size, uint8_t stuck) {
     if (!InRange(offset, size)) return false;
     uint8_t cells[kSector];
     for (uint32_t done = 0; done < size;) {
@@ -111,7 +111,7 @@ bool NorFlash::Program(uint32_t offset, const uint8_t* data, uint32_t size, uint
         if (exact) Remember(at, at + n);
         done += n;
     }
-    return SaveMap();
+    return true;
 }
 
 bool NorFlash::Read(uint32_t offset, uint8_t* data, uint32_t size) const {
@@ -155,6 +155,7 @@ bool NorFlash::Blank(uint32_t offset, uint32_t size) const {
 }
 
 bool NorFlash::SetBootAddress(uint32_t address) {
+    mapChanged_ = mapChanged_ || bootAddress_ != address;
     bootAddress_ = address;
     return SaveMap();
 }
@@ -168,6 +169,7 @@ void NorFlash::Forget(uint32_t begin, uint32_t end) {
             ++range;
             continue;
         }
+        mapChanged_ = true;
         range = programmed_.erase(range);
         if (first < begin) programmed_[first] = begin;
         if (last > end) programmed_[end] = last;
@@ -175,6 +177,7 @@ void NorFlash::Forget(uint32_t begin, uint32_t end) {
 }
 
 void NorFlash::Remember(uint32_t begin, uint32_t end) {
+    mapChanged_ = true;
     auto next = programmed_.lower_bound(begin);
     if (next != programmed_.begin()) {
         auto previous = std::prev(next);
@@ -191,8 +194,8 @@ void NorFlash::Remember(uint32_t begin, uint32_t end) {
     programmed_[begin] = end;
 }
 
-bool NorFlash::SaveMap() const {
-    if (mapPath_.empty()) return true;
+bool NorFlash::SaveMap() {
+    if (mapPath_.empty() || !mapChanged_) return true;
     char line[64];
     std::snprintf(line, sizeof line, "boot 0x%x\n", bootAddress_);
     std::string text = line;
@@ -200,13 +203,15 @@ bool NorFlash::SaveMap() const {
         std::snprintf(line, sizeof line, "0x%x 0x%x\n", begin, end);
         text += line;
     }
-    return ReplaceFile(mapPath_, text);
+    mapChanged_ = !ReplaceFile(mapPath_, text);
+    return !mapChanged_;
 }
 
 void NorFlash::LoadMap() {
     if (mapPath_.empty()) return;
     programmed_.clear();
     bootAddress_ = 0;
+    mapChanged_ = false;
     std::FILE* file = std::fopen(mapPath_.c_str(), "re");
     if (!file) return;  // a fresh chip
     unsigned begin = 0;

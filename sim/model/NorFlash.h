@@ -41,7 +41,13 @@ class NorFlash {
     // All are false when the range lies outside the chip or the file cannot be read or written.
     bool Erase(uint32_t offset, uint32_t size);
     // Bits of `stuck` stay as they are in every byte.
-    bool Program(uint32_t offset, const uint8_t* data, uint32_t size, uint8_t stuck = 0);
+    bool Program(uint32_t offset, const uint8_t* data, uint32_t size, uint8_t stuck = 0) {
+        return ProgramPiece(offset, data, size, stuck) && SaveMap();
+    }
+    // The same for a request that comes in pieces, with SaveMap() behind the last: the map is a file
+    // that is replaced whole each time.
+    bool ProgramPiece(uint32_t offset, const uint8_t* data, uint32_t size, uint8_t stuck);
+    bool SaveMap();
     bool Read(uint32_t offset, uint8_t* data, uint32_t size) const;
 
     // Leaves the sector at `offset` with arbitrary but always the same bytes, as a power cut in the
@@ -62,7 +68,6 @@ class NorFlash {
     bool WriteCells(const uint8_t* cells, size_t size, uint32_t offset);
     void Forget(uint32_t begin, uint32_t end);
     void Remember(uint32_t begin, uint32_t end);
-    bool SaveMap() const;
     void LoadMap();
 
     int fd_ = -1;
@@ -71,6 +76,7 @@ class NorFlash {
     std::string mapPath_;                      // empty: in memory
     std::map<uint32_t, uint32_t> programmed_;  // begin -> end, disjoint, never touching
     uint32_t bootAddress_ = 0;
+    bool mapChanged_ = false;  // since it was last saved
 };
 
 }  // namespace qvsim

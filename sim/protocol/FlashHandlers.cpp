@@ -89,14 +89,20 @@ Answer WriteFirmwareData(Call& call) {
         static_cast<uint8_t>(EffectOf(call.effects, FaultKind::kStuckBits).value_or(0));
     const uint32_t wanted = SizeBeforeCut(call, size);
     uint32_t crc = 0;
+    int error = 0;
     uint8_t piece[NorFlash::kSector];
-    for (uint32_t done = 0; done < wanted;) {
+    for (uint32_t done = 0; done < wanted && error == 0;) {
         const uint32_t n = std::min<uint32_t>(wanted - done, sizeof piece);
-        if (!call.memory.Read(address + done, piece, n)) return Refused(EFAULT);
-        crc = Crc32(piece, n, crc);
-        if (!flash.Program(offset + done, piece, n, stuck)) return Refused(EIO);
+        if (!call.memory.Read(address + done, piece, n)) {
+            error = EFAULT;
+        } else {
+            crc = Crc32(piece, n, crc);
+            if (!flash.ProgramPiece(offset + done, piece, n, stuck)) error = EIO;
+        }
         done += n;
     }
+    if (!flash.SaveMap()) error = EIO;
+    if (error != 0) return Refused(error);
     if (!GarbleAfterCut(call, offset, wanted)) return Refused(EIO);
     call.NoteHex("crc", crc);
     // A header in one of its two places says which image to load first after power-on.
