@@ -6,6 +6,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <map>
 #include <string>
 #include <vector>
@@ -96,8 +97,8 @@ int main(int argc, char** argv) {
     // In random order, so that a slow moment of the machine meets both sides.
     std::vector<char*> arguments(argv, argv + argc);
     std::string order = "--benchmark_enable_random_interleaving=true";
-    std::string often = "--benchmark_repetitions=15";
-    std::string time = "--benchmark_min_time=0.1";
+    std::string often = "--benchmark_repetitions=40";
+    std::string time = "--benchmark_min_time=0.05";
     for (std::string* word : {&order, &often, &time}) arguments.push_back(word->data());
     int count = static_cast<int>(arguments.size());
     benchmark::Initialize(&count, arguments.data());
@@ -125,11 +126,14 @@ int main(int argc, char** argv) {
             fprintf(stderr, "call_bench: %s: a call was refused\n", pair.what);
             return 2;
         }
-        const double ratio = qvbench::Median(library) / qvbench::Median(bare);
+        // The quickest repetition of each: what is longer is the machine's doing, and with calls so
+        // short it is more than what is compared.
+        const double quickest = *std::min_element(library.begin(), library.end());
+        const double quickestBare = *std::min_element(bare.begin(), bare.end());
+        const double ratio = quickest / quickestBare;
         qvbench::Row(
             (std::string("a call of the library / the bare request: ") + pair.what).c_str(),
-            qvbench::Text("%.2f (%.0f ns / %.0f ns)", ratio, qvbench::Median(library),
-                          qvbench::Median(bare)),
+            qvbench::Text("%.2f (%.0f ns / %.0f ns)", ratio, quickest, quickestBare),
             "at most 1.10", ratio <= 1.10);
     }
     return qvbench::g_missed == 0 ? 0 : 1;
