@@ -44,8 +44,8 @@ class NorFlash {
     bool Program(uint32_t offset, const uint8_t* data, uint32_t size, uint8_t stuck = 0) {
         return ProgramPiece(offset, data, size, stuck) && SaveMap();
     }
-    // The same for a request that comes in pieces, with SaveMap() behind the last: the map is a file
-    // that is replaced whole each time.
+    // The same for a request that comes in pieces, with SaveMap() behind the last: the map is a
+    // file that is replaced whole each time.
     bool ProgramPiece(uint32_t offset, const uint8_t* data, uint32_t size, uint8_t stuck);
     bool SaveMap();
     bool Read(uint32_t offset, uint8_t* data, uint32_t size) const;
