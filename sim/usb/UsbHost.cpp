@@ -113,8 +113,9 @@ int VhciHost::Attach(int controller, int socket, std::string& error) {
                 ": give the device a lower one in the scenario";
         return -1;
     }
-    const auto free =
-        std::find_if(ports.begin(), ports.end(), [](const PortStatus& port) { return port.free; });
+    const auto free = std::find_if(ports.begin(), ports.end(), [this](const PortStatus& port) {
+        return port.free && !IsLeaving(port.port);
+    });
     if (free == ports.end()) {
         error = "all " + std::to_string(ports.size()) + " ports of virtual host controller " +
                 std::to_string(controller) +
@@ -129,10 +130,14 @@ int VhciHost::Attach(int controller, int socket, std::string& error) {
         return -1;
     }
     controllerOf_[free->port] = controller;
+    lastDeviceOf_.erase(free->port);
     return free->port;
 }
 
 void VhciHost::Detach(int port) {
+    // Before: the controller forgets the name of a device at once.
+    if (const auto status = StatusOf(port); status && !status->device.empty())
+        lastDeviceOf_[port] = status->device;
     // A port that is free already refuses, which is as good.
     WriteFile(folders_.controller + "/detach", std::to_string(port));
 }
@@ -148,6 +153,7 @@ std::optional<PortStatus> VhciHost::StatusOf(int port) const {
 std::optional<Place> VhciHost::Find(int port, bool wantsCard, bool wantsCamera) {
     const std::optional<PortStatus> status = StatusOf(port);
     if (!status || status->device.empty()) return std::nullopt;
+    lastDeviceOf_[port] = status->device;
     const fs::path device = fs::path(folders_.devices) / status->device;
     const int bus = std::atoi(FirstLine(device / "busnum").c_str());
     const int number = std::atoi(FirstLine(device / "devnum").c_str());
@@ -164,7 +170,13 @@ std::optional<Place> VhciHost::Find(int port, bool wantsCard, bool wantsCamera) 
 
 bool VhciHost::IsFree(int port) {
     const std::optional<PortStatus> status = StatusOf(port);
-    return !status || status->free;
+    return (!status || status->free) && !IsLeaving(port);
+}
+
+bool VhciHost::IsLeaving(int port) const {
+    const auto last = lastDeviceOf_.find(port);
+    if (last == lastDeviceOf_.end()) return false;
+    return access((folders_.devices + "/" + last->second).c_str(), F_OK) == 0;
 }
 
 }  // namespace qvsim::usb

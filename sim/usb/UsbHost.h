@@ -33,7 +33,7 @@ class UsbHost {
     virtual void Detach(int port) = 0;
     // Nothing yet when the kernel has no name for the device, or not all of what is wanted.
     virtual std::optional<Place> Find(int port, bool wantsCard, bool wantsCamera) = 0;
-    // True when nothing hangs on the port any more.
+    // True when nothing hangs on the port any more, and the kernel has taken leave of what did.
     virtual bool IsFree(int port) = 0;
 };
 
@@ -59,8 +59,12 @@ class VhciHost : public UsbHost {
     std::string StatusText(int controller) const;
     // Of a port that was attached; nothing for any other.
     std::optional<PortStatus> StatusOf(int port) const;
+    // The port is free, but the kernel still has its last device. Another one that came now would
+    // be overlooked: the kernel finds the port in use, as it was.
+    bool IsLeaving(int port) const;
     Folders folders_;
-    std::map<int, int> controllerOf_;  // by port
+    std::map<int, int> controllerOf_;          // by port
+    std::map<int, std::string> lastDeviceOf_;  // by port: "1-1"
 };
 
 }  // namespace qvsim::usb

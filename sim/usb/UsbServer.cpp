@@ -18,7 +18,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr size_t kLongestOrder = 256;
 constexpr std::streamoff kMostPlayed = 16 << 20;  // bytes kept of each stream
-constexpr std::chrono::seconds kDetachPatience{5};
+constexpr std::chrono::seconds kDetachPatience{20};
 constexpr int kSendSeconds = 5;           // a kernel that takes nothing for so long has gone
 constexpr Micros kOrdersPause = 500'000;  // until a terminal is asked again that is others' now
 

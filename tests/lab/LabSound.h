@@ -1,17 +1,13 @@
 // The sound cards of the lab as amixer sees them, and channels of the library over them.
 #pragma once
 
-#include <gtest/gtest.h>
-
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
 
-#include "QVCapture.h"
-#include "lab/Companion.h"
-#include "lab/LabDevices.h"
+#include "lab/LabChannel.h"
 
 namespace lab {
 
@@ -49,8 +45,8 @@ inline void SetMixer(const char* serial, const std::string& element, const std::
            "',0\" -- " + value);
 }
 
-// Channels over /t/sound-cards.toml, served for the time of the suite. Nothing may stay open.
-class SoundChannelTest : public testing::Test {
+// PCIe channels beside them, of /t/sound-cards.toml, served for the time of the suite.
+class SoundChannelTest : public LabChannelTest {
   protected:
     static void SetUpTestSuite() {
         std::filesystem::remove_all("/tmp/sound-cards");
@@ -60,21 +56,6 @@ class SoundChannelTest : public testing::Test {
         ASSERT_EQ("ready", server->Await("ready"));
     }
     static void TearDownTestSuite() { server.reset(); }
-    void SetUp() override {
-        QVCaptureInitInstance();
-        descriptors = DescriptorsOpen();
-    }
-    void TearDown() override {
-        EXPECT_EQ(descriptors, DescriptorsOpen());
-        QVCaptureExitInstance();
-    }
-
-    // A channel that is closed with its holder.
-    struct Closer {
-        void operator()(void* channel) const { QVCloseChannel(channel); }
-    };
-    using Channel = std::unique_ptr<void, Closer>;
-    static Channel Usb(const char* serial) { return Channel(LabDevices::OpenChannel(serial)); }
     static Channel Pcie(const char* path) {
         Channel channel(QVOpenChannelByPath(path));
         EXPECT_NE(nullptr, channel) << path;
@@ -82,7 +63,6 @@ class SoundChannelTest : public testing::Test {
     }
 
     inline static std::unique_ptr<Companion> server;
-    int descriptors = 0;
 };
 
 }  // namespace lab

@@ -2,17 +2,13 @@
 // themselves, and picture controls as v4l2-ctl sees them.
 #pragma once
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 #include <filesystem>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "QVCapture.h"
-#include "lab/Companion.h"
-#include "lab/LabDevices.h"
+#include "lab/LabChannel.h"
 
 namespace lab {
 
@@ -26,28 +22,13 @@ constexpr unsigned Code(const char (&text)[5]) {
     return code;
 }
 
-// Nothing may stay open.
-class LabVideoTest : public testing::Test {
+class LabVideoTest : public LabChannelTest {
   protected:
-    void SetUp() override {
-        QVCaptureInitInstance();
-        descriptors = DescriptorsOpen();
-    }
-    void TearDown() override {
-        EXPECT_EQ(descriptors, DescriptorsOpen());
-        QVCaptureExitInstance();
-    }
-    struct Closer {
-        void operator()(void* channel) const { QVCloseChannel(channel); }
-    };
-    using Channel = std::unique_ptr<void, Closer>;
-    static Channel Usb(const char* serial) { return Channel(LabDevices::OpenChannel(serial)); }
     // Waits for the node of a camera that was pulled out to go.
     static void AwaitGone(const std::string& path) {
         for (int tries = 0; tries < 600 && std::filesystem::exists(path); ++tries) usleep(100000);
         ASSERT_FALSE(std::filesystem::exists(path));
     }
-    int descriptors = 0;
 };
 
 struct Control {

@@ -333,6 +333,44 @@ TEST_F(VhciHostTest, ADeviceGoesToTheFirstFreePort) {
     EXPECT_EQ("1", Text("controller/detach"));
 }
 
+TEST_F(VhciHostTest, APortWaitsUntilTheKernelHasTakenLeaveOfItsLastDevice) {
+    const char* const free =
+        "hs  0000 006 003 00000001 000003 1-1\n"
+        "hs  0001 004 000 00000000 000000 0-0\n"
+        "hs  0002 004 000 00000000 000000 0-0\n";
+    Put("controller/attach", "");
+    Put("controller/detach", "");
+    ASSERT_EQ(1, host.Attach(0, 7, error)) << error;
+    Put("controller/status",
+        "hs  0001 006 003 00000001 000003 1-2\nhs  0002 004 000 00000000 000000 0-0\n");
+    fs::create_directories(root / "devices/1-2");
+    host.Detach(1);
+    Put("controller/status", free);
+    EXPECT_FALSE(host.IsFree(1));
+    EXPECT_EQ(2, host.Attach(0, 8, error)) << error;
+    fs::remove_all(root / "devices/1-2");
+    EXPECT_TRUE(host.IsFree(1));
+    EXPECT_EQ(1, host.Attach(0, 9, error)) << error;
+    // Another one of that name is not its last device.
+    fs::create_directories(root / "devices/1-2");
+    EXPECT_TRUE(host.IsFree(1));
+}
+
+TEST_F(VhciHostTest, ADeviceThatTheKernelGaveUpIsWaitedForByItsOldName) {
+    Put("controller/attach", "");
+    Put("controller/detach", "");
+    ASSERT_EQ(1, host.Attach(0, 7, error)) << error;
+    Put("controller/status", "hs  0001 006 003 00000001 000003 1-2\n");
+    Put("devices/1-2/busnum", "1\n");
+    Put("devices/1-2/devnum", "12\n");
+    ASSERT_TRUE(host.Find(1, false, false).has_value());
+    Put("controller/status", "hs  0001 004 000 00000000 000000 0-0\n");
+    host.Detach(1);
+    EXPECT_FALSE(host.IsFree(1));
+    fs::remove_all(root / "devices/1-2");
+    EXPECT_TRUE(host.IsFree(1));
+}
+
 TEST_F(VhciHostTest, FurtherControllersHaveFilesOfTheirOwn) {
     Put("controller/attach", "");
     Put("controller/status.2", "hs  0060 004 000 00000000 000000 0-0\n");
