@@ -103,36 +103,50 @@ class FlashJob {
 };
 
 struct Stage {
-    const char* progressLine;
+    const char* word;
     int failedResult;
-    // Columns that are cleared beyond the progress line.
-    int afterHeader, betweenChunks, onFailure, atEnd;
+    struct {
+        int afterHeader, betweenChunks, onFailure, atEnd;
+    } clearsBeyond;                // columns, beyond those of the progress line
     bool endsAfterSectionFailure;  // clears at its end also when a section has failed
     bool takesClearSections;
     bool (FlashJob::*header)();
     bool (FlashJob::*chunk)(int section, uint32_t offset, uint32_t length);
 };
 
-// A table stays a table.
-// clang-format off
-constexpr Stage kStages[] = {
-    {"(Erasing ------------- %2d%%)", kEraseFailed, 1, 0, 1, 1, true, true, &FlashJob::EraseHeader,
-     &FlashJob::EraseChunk},
-    {"(Writting ------------- %2d%%)", kWriteFailed, 0, 0, 0, 0, true, false,
-     &FlashJob::WriteHeader, &FlashJob::WriteChunk},
-    {"(Verifying ------------- %2d%%)", kVerifyFailed, 1, 0, 1, 1, false, false,
-     &FlashJob::VerifyHeader, &FlashJob::VerifyChunk},
+constexpr Stage kErase = {
+    .word = "Erasing",
+    .failedResult = kEraseFailed,
+    .clearsBeyond = {.afterHeader = 1, .betweenChunks = 0, .onFailure = 1, .atEnd = 1},
+    .endsAfterSectionFailure = true,
+    .takesClearSections = true,
+    .header = &FlashJob::EraseHeader,
+    .chunk = &FlashJob::EraseChunk,
 };
-// clang-format on
+constexpr Stage kWrite = {
+    .word = "Writting",
+    .failedResult = kWriteFailed,
+    .clearsBeyond = {.afterHeader = 0, .betweenChunks = 0, .onFailure = 0, .atEnd = 0},
+    .endsAfterSectionFailure = true,
+    .takesClearSections = false,
+    .header = &FlashJob::WriteHeader,
+    .chunk = &FlashJob::WriteChunk,
+};
+constexpr Stage kVerify = {
+    .word = "Verifying",
+    .failedResult = kVerifyFailed,
+    .clearsBeyond = {.afterHeader = 1, .betweenChunks = 0, .onFailure = 1, .atEnd = 1},
+    .endsAfterSectionFailure = false,
+    .takesClearSections = false,
+    .header = &FlashJob::VerifyHeader,
+    .chunk = &FlashJob::VerifyChunk,
+};
+constexpr const Stage* kStages[] = {&kErase, &kWrite, &kVerify};
 
 // The progress line of one stage, rewritten in place.
 class ProgressLine {
   public:
-    ProgressLine(const Stage& stage, uint32_t total) : m_stage(stage), m_total(total) {
-        char wide[256];  // two digits: what the clear widths are counted from
-        m_width = snprintf(wide, sizeof wide, stage.progressLine, 10);
-        Print();
-    }
+    ProgressLine(const Stage& stage, uint32_t total) : m_stage(stage), m_total(total) { Print(); }
 
     // Deliberate: unsigned 32-bit arithmetic, which wraps above 42 MB.
     uint32_t Percentage() const { return m_total == 0 ? 0 : m_done * 100 / m_total; }
@@ -142,18 +156,19 @@ class ProgressLine {
         Clear(clearBeyond);
         Print();
     }
-    void Clear(int beyond) { PrintClear(m_width + beyond); }
+    void Clear(int beyond) { PrintClear(Width() + beyond); }
 
   private:
     void Print() {
-        printf(m_stage.progressLine, static_cast<int>(Percentage()));
+        printf("(%s ------------- %2d%%)", m_stage.word, static_cast<int>(Percentage()));
         fflush(stdout);
     }
+    // Of the line with a percentage of two digits, whatever it shows.
+    int Width() const { return snprintf(nullptr, 0, "(%s ------------- 10%%)", m_stage.word); }
 
     const Stage& m_stage;
     uint32_t m_total;
     uint32_t m_done = 0;
-    int m_width = 0;
 };
 
 bool RunSection(FlashJob& job, const Stage& stage, int i, ProgressLine& line) {
@@ -161,7 +176,7 @@ bool RunSection(FlashJob& job, const Stage& stage, int i, ProgressLine& line) {
     if (isClear && !stage.takesClearSections) return true;
     const bool done = ForEachChunk(job.Section(i).size, [&](uint32_t offset, uint32_t length) {
         if (!(job.*stage.chunk)(i, offset, length)) return false;
-        line.Advance(length, stage.betweenChunks);
+        line.Advance(length, stage.clearsBeyond.betweenChunks);
         return true;
     });
     return done && (!isClear || job.IsBlank(i));
@@ -177,14 +192,14 @@ bool RunSections(FlashJob& job, const Stage& stage, ProgressLine& line) {
 bool RunStage(FlashJob& job, const Stage& stage, unsigned int* progress) {
     ProgressLine line(stage, job.TotalBytes());
     const bool headerDone = (job.*stage.header)();
-    if (headerDone) line.Advance(job.HeaderLength(), stage.afterHeader);
+    if (headerDone) line.Advance(job.HeaderLength(), stage.clearsBeyond.afterHeader);
     const bool done = headerDone && RunSections(job, stage, line);
     if (!done) {
         *progress = line.Percentage();
-        line.Clear(stage.onFailure);
+        line.Clear(stage.clearsBeyond.onFailure);
         if (!headerDone || !stage.endsAfterSectionFailure) return false;
     }
-    line.Clear(stage.atEnd);
+    line.Clear(stage.clearsBeyond.atEnd);
     fflush(stdout);
     return done;
 }
@@ -252,8 +267,8 @@ int UpgradeInternel(QV_CHANNEL channel, int index, int count, char mode, unsigne
 int UpgradeFirmware(QV_CHANNEL channel, _QV_FIRMWARE_HEADER* header, unsigned char** data,
                     _QVCAP_FIRMWARE_STORAGE* storage, char mode, unsigned int* progress) {
     FlashJob job(channel, header, data, *storage, mode);
-    for (const Stage& stage : kStages)
-        if (!RunStage(job, stage, progress)) return stage.failedResult;
+    for (const Stage* stage : kStages)
+        if (!RunStage(job, *stage, progress)) return stage->failedResult;
     if (QVSetPostReconfig(channel, kPostReconfigValue) == QV_RESULT_OK) return kUpgraded;
     printf("Set post reconfig failed");
     fflush(stdout);

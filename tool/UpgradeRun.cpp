@@ -19,27 +19,51 @@ struct ResultLine {
     int result;
     bool clearsFirst;
     Says says;
-    const char* ending;  // a format; its only argument is the percentage
+    const char* ending;       // null when a stage has failed
+    const char* failedStage;  // the ending names it, with the percentage reached
     int UpgradeCounters::*counter;
 };
 
+constexpr ResultLine FailedIn(const char* stage, int result) {
+    return {.result = result,
+            .clearsFirst = true,
+            .says = Says::kModeAndVersions,
+            .ending = nullptr,
+            .failedStage = stage,
+            .counter = &UpgradeCounters::fail};
+}
+
 // Deliberate: results without a line here (no package, reconfiguration refused) print nothing and
 // count nowhere.
-// A table stays a table.
-// clang-format off
 constexpr ResultLine kResultLines[] = {
-    {kCannotQuery, true, Says::kModeAndVersions, " error (unknow reason).", &UpgradeCounters::fail},
-    {kNotNewer, false, Says::kNothing, "Needn't upgrade", &UpgradeCounters::skip},
-    {kEraseFailed, true, Says::kModeAndVersions, " error (erasing at %d%%).",
-     &UpgradeCounters::fail},
-    {kWriteFailed, true, Says::kModeAndVersions, " error (writting at %d%%).",
-     &UpgradeCounters::fail},
-    {kVerifyFailed, true, Says::kModeAndVersions, " error (verifying at %d%%).",
-     &UpgradeCounters::fail},
-    {kDeclined, true, Says::kMode, " cancled.", &UpgradeCounters::cancel},
-    {kUpgraded, true, Says::kModeAndVersions, " successfully.", &UpgradeCounters::success},
+    {.result = kCannotQuery,
+     .clearsFirst = true,
+     .says = Says::kModeAndVersions,
+     .ending = " error (unknow reason).",
+     .failedStage = nullptr,
+     .counter = &UpgradeCounters::fail},
+    {.result = kNotNewer,
+     .clearsFirst = false,
+     .says = Says::kNothing,
+     .ending = "Needn't upgrade",
+     .failedStage = nullptr,
+     .counter = &UpgradeCounters::skip},
+    FailedIn("erasing", kEraseFailed),
+    FailedIn("writting", kWriteFailed),
+    FailedIn("verifying", kVerifyFailed),
+    {.result = kDeclined,
+     .clearsFirst = true,
+     .says = Says::kMode,
+     .ending = " cancled.",
+     .failedStage = nullptr,
+     .counter = &UpgradeCounters::cancel},
+    {.result = kUpgraded,
+     .clearsFirst = true,
+     .says = Says::kModeAndVersions,
+     .ending = " successfully.",
+     .failedStage = nullptr,
+     .counter = &UpgradeCounters::success},
 };
-// clang-format on
 
 void Report(int result, int i, unsigned int progress, UpgradeCounters* counters) {
     for (const ResultLine& line : kResultLines) {
@@ -51,22 +75,63 @@ void Report(int result, int i, unsigned int progress, UpgradeCounters* counters)
             printf("%s", record.safeUpgrade ? "Safe upgrade" : "Upgrade");
         if (line.says == Says::kModeAndVersions)
             printf(" from %s to %s", record.currentVersion, record.newVersion);
-        printf(line.ending, static_cast<int>(progress));
+        if (line.failedStage != nullptr)
+            printf(" error (%s at %d%%).", line.failedStage, static_cast<int>(progress));
+        else
+            printf("%s", line.ending);
         fflush(stdout);
         ++(counters->*line.counter);
     }
 }
 
-// Ctrl-C must not interrupt a flash in progress. Nothing is reported when that cannot be arranged.
-void UpgradeAndReport(QV_CHANNEL channel, int i, UpgradeCounters* counters) {
-    if (signal(SIGINT, SIG_IGN) == SIG_ERR) return QVCloseChannel(channel);
+// An opened channel, closed at its end.
+class OpenedChannel {
+  public:
+    explicit OpenedChannel(const char* path) : m_channel(QVOpenChannelByPath(path)) {}
+    ~OpenedChannel() {
+        if (!IsNoChannel(m_channel)) QVCloseChannel(m_channel);
+    }
+    OpenedChannel(const OpenedChannel&) = delete;
+    OpenedChannel& operator=(const OpenedChannel&) = delete;
+
+    QV_CHANNEL Get() const { return m_channel; }
+
+  private:
+    QV_CHANNEL m_channel;
+};
+
+// While it lives, Ctrl-C does not interrupt the flash in progress.
+class IgnoredInterruptKey {
+  public:
+    IgnoredInterruptKey() : m_ignored(signal(SIGINT, SIG_IGN) != SIG_ERR) {}
+    ~IgnoredInterruptKey() { PutBack(); }
+    IgnoredInterruptKey(const IgnoredInterruptKey&) = delete;
+    IgnoredInterruptKey& operator=(const IgnoredInterruptKey&) = delete;
+
+    bool IsIgnored() const { return m_ignored; }
+    bool PutBack() {
+        if (!m_ignored) return true;
+        m_ignored = false;
+        return signal(SIGINT, SIG_DFL) != SIG_ERR;
+    }
+
+  private:
+    bool m_ignored;
+};
+
+// False when the channel or the interrupt key could not be had, or the key not be put back: nothing
+// is reported then. A null channel goes on: it cannot be queried, which is reported.
+bool UpgradeAndReport(int i, UpgradeCounters* counters) {
+    const OpenedChannel channel(g_arrChannsInfo[i].devicePath);
+    if (IsNoChannel(channel.Get())) return false;
+    IgnoredInterruptKey key;
+    if (!key.IsIgnored()) return false;
     unsigned int progress = 0;
     const char mode = g_arrChannsInfo[i].safeUpgrade ? kSafeMode : kNormalMode;
-    const int result = UpgradeInternel(channel, i + 1, g_nDevicesNum, mode, &progress);
-    if (signal(SIGINT, SIG_DFL) == SIG_ERR) return QVCloseChannel(channel);
+    const int result = UpgradeInternel(channel.Get(), i + 1, g_nDevicesNum, mode, &progress);
+    if (!key.PutBack()) return false;
     Report(result, i, progress, counters);
-    QVCloseChannel(channel);
-    printf("\n");
+    return true;
 }
 
 }  // namespace
@@ -85,11 +150,8 @@ void PrintWarning() {
 
 UpgradeCounters UpgradeListedChannels() {
     UpgradeCounters counters;
-    for (int i = 0; i < g_nDevicesNum; ++i) {
-        QV_CHANNEL channel = QVOpenChannelByPath(g_arrChannsInfo[i].devicePath);
-        // A null channel goes on: it cannot be queried, which is reported.
-        if (!IsNoChannel(channel)) UpgradeAndReport(channel, i, &counters);
-    }
+    for (int i = 0; i < g_nDevicesNum; ++i)
+        if (UpgradeAndReport(i, &counters)) printf("\n");
     return counters;
 }
 
