@@ -1,6 +1,7 @@
 #include "FirmwarePackage.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -17,15 +18,26 @@ namespace {
 constexpr char kMagic[4] = {'Q', 'V', 'F', 'H'};
 constexpr std::string_view kUpgradePrefix = "Upgrade.";
 
+// The name comes first: foreign files are not looked at, which costs a call each and can take for
+// ever on a mount that has died.
 bool IsPackageFile(const char* name) {
     struct stat status;
-    return stat(name, &status) == 0 && S_ISREG(status.st_mode) && strstr(name, ".qvf") != nullptr;
+    return strstr(name, ".qvf") != nullptr && stat(name, &status) == 0 && S_ISREG(status.st_mode);
+}
+
+// Never waits: what was a regular file when it was listed may be a FIFO by now.
+FILE* OpenForReading(const char* path) {
+    const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) return nullptr;
+    FILE* file = fdopen(fd, "rb");
+    if (file == nullptr) close(fd);
+    return file;
 }
 
 // A package file being read, which knows how much it still holds.
 class PackageFile {
   public:
-    explicit PackageFile(const char* path) : m_file(fopen(path, "rb")) {
+    explicit PackageFile(const char* path) : m_file(OpenForReading(path)) {
         struct stat status;
         if (m_file != nullptr && fstat(fileno(m_file), &status) == 0 && S_ISREG(status.st_mode))
             m_left = static_cast<uint64_t>(status.st_size);

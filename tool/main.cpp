@@ -10,6 +10,7 @@
 #include "FirmwarePackage.h"
 #include "Inventory.h"
 #include "QVCapture.h"
+#include "StandardStreams.h"
 #include "ToolState.h"
 #include "UpgradeRun.h"
 
@@ -63,8 +64,10 @@ void Upgrade() {
 
 int main(int argc, char** argv) {
     KeepMemorySmall();
+    OccupyOutputStreams();
     QVCaptureInitInstance();
     QVRefreshDevice();
+    OccupyInputStream();
     if (InitialQVFList() != 0) {
         puts("Initial QVF file list failed");
         return Leave(kExitOk);

@@ -2,10 +2,22 @@
 #include "FirmwarePackage.h"
 
 #include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
 
 #include <fstream>
 
 #include "ToolFixture.h"
+
+namespace {
+int g_looks = 0;  // at files, by name
+}
+
+// In the place of the C library's.
+extern "C" int stat(const char* path, struct stat* status) noexcept {
+    ++g_looks;
+    return fstatat(AT_FDCWD, path, status, 0);
+}
 
 namespace qvtest {
 namespace {
@@ -115,6 +127,13 @@ TEST_F(FirmwarePackageTest, APackageCutAtAnyLengthIsRefusedAndReleased) {
         EXPECT_THAT(data, Each(IsNull())) << length;
     }
     EXPECT_TRUE(LoadBytes(file));
+}
+
+// The interrupt key may be ignored while a package is opened: nothing may wait there.
+TEST_F(FirmwarePackageTest, AFifoInThePlaceOfAPackageIsRefusedAtOnce) {
+    ASSERT_EQ(0, mkfifo("x.qvf", 0600));
+    EXPECT_FALSE(Load("x.qvf"));
+    EXPECT_THAT(data, Each(IsNull()));
 }
 
 // What must hold is the magic, the count, the length that follows from it, and sizes that the file
@@ -241,6 +260,15 @@ TEST_F(FirmwarePackageTest, RegularFilesWithQvfAnywhereInTheirNameAreListed) {
     std::filesystem::create_symlink("nowhere", "dangling.qvf");
     ASSERT_EQ(0, mkfifo("pipe.qvf", 0644));
     EXPECT_THAT(List(), UnorderedElementsAre("a.qvf", "b.qvf.bak", ".qvf", "x.qvfx", "tofile.qvf"));
+}
+
+TEST_F(FirmwarePackageTest, FilesWithOtherNamesAreNotLookedAt) {
+    for (int i = 0; i < 20; ++i) Touch("foreign" + std::to_string(i) + ".txt");
+    Touch("a.qvf");
+    Touch("b.qvf");
+    g_looks = 0;
+    EXPECT_THAT(List(), UnorderedElementsAre("a.qvf", "b.qvf"));
+    EXPECT_EQ(2, g_looks);
 }
 
 TEST_F(FirmwarePackageTest, OfThirtyThreePackagesTheFirst32InDirectoryOrderAreListed) {

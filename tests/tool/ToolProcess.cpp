@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <pty.h>
 #include <sys/ioctl.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <termios.h>
@@ -152,13 +153,17 @@ pid_t ToolFolder::Start(qvsim::SimRig& rig, const std::vector<std::string>& argu
     dup2(output, 1);
     dup2(errors, 2);
     for (int fd = 3; fd < 256; ++fd) close(fd);
+    for (const int fd : closed_) close(fd);
+    if (ignoresHangUps_) signal(SIGHUP, SIG_IGN);
     if (chdir(work_.c_str()) == 0) execve(tool.c_str(), argv.data(), envp.data());
     _exit(127);
 }
 
 void ToolFolder::Finish(pid_t pid, ToolRun* run) {
     int status = 0;
-    Require(waitpid(pid, &status, 0) == pid, "waitpid");
+    rusage used = {};
+    Require(wait4(pid, &status, 0, &used) == pid, "wait4");
+    run->pageFaults = used.ru_minflt;
     if (WIFEXITED(status)) run->status = WEXITSTATUS(status);
     if (WIFSIGNALED(status)) run->signal = WTERMSIG(status);
     run->errors = ReadWhole(root_ + "/errors");
@@ -252,6 +257,36 @@ ToolRun ToolFolder::UntilPrinted(qvsim::SimRig& rig, const std::vector<std::stri
     while (run.output.find(text) == std::string::npos && ReadSome(out[0], &run.output)) {
     }
     close(out[0]);
+    Finish(pid, &run);
+    return run;
+}
+
+ToolRun ToolFolder::UntilPrintedOnTerminal(qvsim::SimRig& rig,
+                                           const std::vector<std::string>& arguments,
+                                           const std::string& text) {
+    int master = -1;
+    int slave = -1;
+    Require(openpty(&master, &slave, nullptr, nullptr, nullptr) == 0, "openpty");
+    fcntl(master, F_SETFD, FD_CLOEXEC);
+    const pid_t pid = Start(rig, arguments, slave, slave, true);
+    close(slave);
+    ToolRun run;
+    while (run.output.find(text) == std::string::npos && ReadSome(master, &run.output)) {
+    }
+    close(master);
+    Finish(pid, &run);
+    return run;
+}
+
+ToolRun ToolFolder::IntoFile(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
+                             const std::string& file) {
+    const int in = open("/dev/null", O_RDONLY | O_CLOEXEC);
+    const int out = open(file.c_str(), O_WRONLY | O_CLOEXEC);
+    Require(in >= 0 && out >= 0, "open");
+    const pid_t pid = Start(rig, arguments, in, out, false);
+    close(in);
+    close(out);
+    ToolRun run;
     Finish(pid, &run);
     return run;
 }

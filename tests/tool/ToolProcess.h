@@ -23,6 +23,7 @@ struct ToolRun {
     std::string output;  // standard output, every byte
     std::string errors;  // standard error
     bool terminalRestored = true;
+    long pageFaults = 0;  // those that no file had to be read for
 };
 
 // What the kernel tells of a process: the number in such a line of its status.
@@ -70,11 +71,24 @@ class ToolFolder {
     ToolRun UntilPrinted(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
                          const std::string& text);
 
+    // The reader of the output goes away once `text` was printed; with a terminal, it hangs up.
+    ToolRun UntilPrintedOnTerminal(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
+                                   const std::string& text);
+
+    // Nothing on standard input, the output into a file.
+    ToolRun IntoFile(qvsim::SimRig& rig, const std::vector<std::string>& arguments,
+                     const std::string& file);
+
     // Ends the server of the run that is under way; served nodes only.
     void KillServer();
 
     // Further environment of a run: "NAME=value".
     void Environment(const std::string& setting) { environment_.push_back(setting); }
+
+    // The standard streams that are closed when a run begins.
+    void CloseStreams(const std::vector<int>& streams) { closed_ = streams; }
+    // Runs begin with the signal for a terminal's end ignored, as by nohup.
+    void IgnoreHangUps() { ignoresHangUps_ = true; }
 
   private:
     pid_t Start(qvsim::SimRig& rig, const std::vector<std::string>& arguments, int input,
@@ -85,6 +99,8 @@ class ToolFolder {
     std::string work_;
     std::string bin_;
     std::vector<std::string> environment_;
+    std::vector<int> closed_;
+    bool ignoresHangUps_ = false;
     std::unique_ptr<qvsim::ServingProcess> server_;  // while the tool runs over served nodes
 };
 
