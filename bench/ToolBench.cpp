@@ -25,7 +25,7 @@ using qvsim::SimRig;
 // Eight channels and one package of 16 MiB, on cards that answer at once; the tool and the bare
 // replay of its own journal in turn.
 void ProcessorTimeAndMemory() {
-    constexpr int kRounds = 5;
+    constexpr int kRounds = 9;
     SimRig rig;
     rig.Add(Board(8));
     Folder work;
@@ -55,7 +55,7 @@ void ProcessorTimeAndMemory() {
     }
     Row("upgrade of 8 channels, 16 MiB: CPU of the tool / of a bare replay of its requests",
         Text("%.2f (%.2f s / %.2f s)", Median(ratios), Median(toolSeconds), Median(bareSeconds)),
-        "at most 1.25", Median(ratios) <= 1.25);
+        "at most 1.05", Median(ratios) <= 1.05);
     const double overPackage = static_cast<double>(peak) / 1024 - 16;
     Row("the same: peak resident memory above the package's size", Text("%.1f MiB", overPackage),
         "at most 8 MiB", overPackage <= 8);
@@ -81,23 +81,32 @@ void WaitingTime() {
         usage.status == 0 && ratio <= 1.02);
 }
 
-// 64 channels and 32 packages of 8 MiB, of which the last in the folder's order fits.
+// 64 channels and 32 packages of 8 MiB, of which the last in the folder's order fits; and `cat`,
+// which reads them as often.
 void ListingALargeRack() {
+    constexpr int kChannels = 64;
     SimRig rig;
-    for (int board = 0; board < 8; ++board) rig.Add(Board(8).Board(board));
+    for (int board = 0; board < kChannels / 8; ++board) rig.Add(Board(8).Board(board));
     Folder work;
-    for (int i = 0; i < 32; ++i)
-        PackageOf(8 * kMiB).ProductCode(0x0999).Write(work.Path() + "/p" + std::to_string(i) +
-                                                      ".qvf");
+    std::vector<std::string> cat{"/bin/cat"};
+    for (int i = 0; i < 32; ++i) {
+        cat.push_back(work.Path() + "/p" + std::to_string(i) + ".qvf");
+        PackageOf(8 * kMiB).ProductCode(0x0999).Write(cat.back());
+    }
+    const std::vector<std::string> files(cat.begin() + 1, cat.end());
+    for (int i = 1; i < kChannels; ++i) cat.insert(cat.end(), files.begin(), files.end());
     std::string last;  // the folder's own order decides which one is read last
     for (const auto& entry : std::filesystem::directory_iterator(work.Path())) last = entry.path();
     PackageOf(8 * kMiB).Write(last);
     const Usage usage = Run(rig.Dir(), work.Path(), {QV_TOOL_FILE, "-l"});
+    const Usage reading = Run("", work.Path(), cat);
     const double gib = 64.0 * 32 * 8 / 1024;
-    Row("`-l` with 64 channels and 32 packages of 8 MiB, the last of which fits",
-        Text("%.1f s, %.0f GiB of packages read, %.2f GiB/s", usage.wallSeconds, gib,
-             gib / usage.wallSeconds),
-        "reported", usage.status == 0);
+    const double ratio = usage.cpuSeconds / reading.cpuSeconds;
+    Row("`-l` with 64 channels and 32 packages of 8 MiB, the last of which fits: CPU / that of "
+        "`cat`",
+        Text("%.2f (%.2f s / %.2f s; %.0f GiB of packages read)", ratio, usage.cpuSeconds,
+             reading.cpuSeconds, gib),
+        "at most 1.50", usage.status == 0 && reading.status == 0 && ratio <= 1.5);
 }
 
 }  // namespace

@@ -19,9 +19,13 @@ namespace {
 constexpr int kExitOk = 0;
 constexpr int kExitBadArguments = -1;
 
-// Large blocks go back to the system when they are freed: packages are loaded one after another,
-// and the tool shall never need much more memory than the largest of them.
-void KeepMemorySmall() { mallopt(M_MMAP_THRESHOLD, 128 * 1024); }
+// The memory of a package stays with the process when it is released, and the next package is read
+// into it: fresh pages for every load cost more than reading it. Packages are loaded one at a time
+// and released whole, so the process holds little more than the largest of them.
+void KeepPackageMemory() {
+    mallopt(M_MMAP_MAX, 0);
+    mallopt(M_TRIM_THRESHOLD, -1);
+}
 
 int Leave(int status) {
     QVCaptureExitInstance();
@@ -63,7 +67,7 @@ void Upgrade() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    KeepMemorySmall();
+    KeepPackageMemory();
     OccupyOutputStreams();
     QVCaptureInitInstance();
     QVRefreshDevice();

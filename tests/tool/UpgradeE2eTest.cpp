@@ -418,6 +418,49 @@ TEST_F(UpgradeE2eTest, TheLargestPackageBoundsTheMemory) {
     EXPECT_GE(peakKiB, 13 * 1024u);  // the package was in memory: the measure works
 }
 
+// The same with a question while each of them is in memory, the largest last.
+TEST_F(UpgradeE2eTest, TheLargestPackageBoundsTheMemoryOfAnUpgradeWithQuestions) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer's own memory is many times the tool's";
+#endif
+    constexpr uint32_t kMiB = 1 << 20;
+    for (const uint16_t code : {uint16_t{1}, uint16_t{2}, uint16_t{3}}) {
+        const uint32_t size = code * 5 * kMiB;
+        rig.Add(Pelix().ProductCode(code).FlashSize(32 * kMiB));
+        Package()
+            .ProductCode(code)
+            .Section("A", 0x200000, size / 2)
+            .Section("B", 0x200000 + size / 2, size / 2)
+            .Write(folder / std::to_string(code) + ".qvf");
+    }
+    uint64_t peakKiB = 0;
+    const ToolRun run = folder.OnTerminal(rig, {"-a"}, {"y", "y", "y", "n"}, [&](int, pid_t pid) {
+        peakKiB = StatusOf(pid, "VmHWM", 10);
+    });
+    EXPECT_THAT(run.output, HasSubstr("success 3,"));
+    EXPECT_LE(peakKiB, (15 + 8) * 1024u);
+    EXPECT_GE(peakKiB, 15 * 1024u);
+}
+
+// Every channel reads every package, and none of the reading takes memory anew.
+TEST_F(UpgradeE2eTest, PackagesAreReadIntoTheMemoryOfThoseBefore) {
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "a sanitizer keeps released memory to itself";
+#endif
+    constexpr uint32_t kPages = 256;
+    constexpr int kPackages = 8;
+    constexpr int kChannels = 4;
+    rig.Add(Pelix().ProductCode(0x0998).Channels(kChannels));
+    for (int i = 0; i < kPackages; ++i)
+        Package()
+            .Section("A", 0, kPages / 2 * 4096)
+            .Section("B", 0x400000, kPages / 2 * 4096)
+            .Write(folder / std::to_string(i) + ".qvf");
+    const ToolRun run = folder.ThroughPipe(rig, {"-l"});
+    EXPECT_THAT(run.output, HasSubstr("total 4  need upgrade 0\n"));
+    EXPECT_LT(run.pageFaults, kChannels * kPackages * long{kPages} / 2);
+}
+
 TEST_F(UpgradeE2eTest, ADamagedSizeTakesNoMemory) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "a sanitizer maps terabytes of its own";
