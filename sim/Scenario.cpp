@@ -1,5 +1,6 @@
 #include "Scenario.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
@@ -207,19 +208,28 @@ Fault ReadFault(const toml::node& node) {
     Table table(TableOf(node, "fault"));
     Fault fault;
     table.Text("request", fault.request);
-    if (fault.request != "open" && !FindRow(fault.request))
+    const bool signal =
+        std::find(std::begin(kSignals), std::end(kSignals), fault.request) != std::end(kSignals);
+    if (!signal && fault.request != kOpen && fault.request != kAnyRequest &&
+        !FindRow(fault.request))
         throw Mistake(node, "fault names no request: '" + fault.request + "'");
     table.Integer("nth", fault.nth, 1, std::numeric_limits<int>::max());
     table.Integer("count", fault.count, -1, std::numeric_limits<int>::max());
+    table.Integer("one_in", fault.oneIn, 1, std::numeric_limits<int>::max());
+    table.Integer("seed", fault.seed, 0, std::numeric_limits<uint32_t>::max());
     table.Integer("board", fault.board, 0, 15);
     table.Integer("channel", fault.channel, 0, 15);
     std::string kind;
     table.Text("kind", kind);
     if (!FaultKindFromName(kind, fault.effect.kind))
         throw Mistake(node, "fault has no kind, or one that is unknown: '" + kind + "'");
-    if (fault.effect.kind == FaultKind::kRefuse) {
+    if (signal && fault.effect.kind != FaultKind::kPretend)
+        throw Mistake(node, fault.request + " is a signal: the only kind for it is \"pretend\"");
+    if (fault.effect.kind == FaultKind::kRefuse || fault.effect.kind == FaultKind::kRefuseLate) {
         const toml::node* value = table.Find("value");
         fault.effect.value = value ? ReadErrno(*value) : static_cast<uint32_t>(EIO);
+    } else if (fault.effect.kind == FaultKind::kPretend) {
+        table.Integer("value", fault.effect.value, 0, std::numeric_limits<int>::max());
     } else {
         table.Integer("value", fault.effect.value, 0, std::numeric_limits<uint32_t>::max());
     }
@@ -269,6 +279,18 @@ UsbPlan ReadUsb(const toml::node& node) {
     return device;
 }
 
+DriverWays ReadDriver(const toml::node& node) {
+    Table table(TableOf(node, "driver"));
+    DriverWays ways;
+    table.Flag("reuse_handles", ways.reuseHandles);
+    std::string afterStop = AfterStopName(ways.afterStop);
+    table.Text("frames_after_stop", afterStop);
+    if (!AfterStopFromName(afterStop, ways.afterStop))
+        throw Mistake(node, "frames_after_stop is \"refuse\", \"at_once\" or \"at_start\"");
+    table.NothingElse();
+    return ways;
+}
+
 void ReadAll(const toml::table& root, CardsPlan& plan) {
     Table table(root);
     table.Flag("event_node", plan.eventNode);
@@ -276,6 +298,7 @@ void ReadAll(const toml::table& root, CardsPlan& plan) {
         plan.foreignNodes.push_back(
             static_cast<int>(Table::IntegerOf(element, "foreign_nodes", 0, 9999)));
     });
+    if (const toml::node* node = table.Find("driver")) plan.driver = ReadDriver(*node);
     if (const toml::node* node = table.Find("latency")) {
         constexpr int64_t kMaxDelay = 10'000'000;
         Table latency(TableOf(*node, "latency"));

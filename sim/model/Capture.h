@@ -45,8 +45,9 @@ struct VideoCapture {
     uint32_t lastCaptured = 0;
     std::array<BufferedFrame, kBuffers> buffers{};  // frame n stands at n % kBuffers
     std::deque<FrameRequest> waiting;               // for the next frame
-    std::deque<FrameCompletion> completions;        // oldest first
-    bool completionRead = false;                    // the only one left has been looked at
+    std::deque<FrameRequest> late;            // came while nobody captures; for the next start
+    std::deque<FrameCompletion> completions;  // oldest first
+    bool completionRead = false;              // the only one left has been looked at
 };
 
 struct AudioCapture {

@@ -138,6 +138,7 @@ CardsState MakeState(const CardsPlan& plan) {
     CardsState state;
     state.eventNode = plan.eventNode;
     state.latencies = plan.latencies;
+    state.driver = plan.driver;
     state.foreignNodes = plan.foreignNodes;
     state.faults = plan.faults;
     state.usbDevices.assign(plan.usbDevices.begin(), plan.usbDevices.end());

@@ -51,6 +51,7 @@ struct BoardPlan {
 struct CardsPlan {
     bool eventNode = true;
     Latencies latencies;
+    DriverWays driver;
     std::vector<int> foreignNodes;
     std::vector<BoardPlan> boards;
     std::vector<Fault> faults;

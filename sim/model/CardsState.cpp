@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <map>
 
 #include "Hex.h"
@@ -26,7 +27,10 @@ constexpr KindName kKindNames[] = {
     {FaultKind::kFlipBit, "flip_bit"},     {FaultKind::kStuckBits, "stuck_bits"},
     {FaultKind::kNotBlank, "not_blank"},   {FaultKind::kSlow, "slow"},
     {FaultKind::kPowerLoss, "power_loss"}, {FaultKind::kNodeGone, "node_gone"},
+    {FaultKind::kPretend, "pretend"},      {FaultKind::kRefuseLate, "refuse_late"},
 };
+
+constexpr const char* kAfterStopNames[] = {"refuse", "at_once", "at_start"};
 
 // One line, taken apart.
 struct Line {
@@ -100,6 +104,8 @@ std::string Serialise(const CardsState& state) {
     Append(out, "event_node present=%d\n", state.eventNode ? 1 : 0);
     Append(out, "latency erase=%u program=%u read=%u\n", state.latencies.erasePerSector,
            state.latencies.programPerPage, state.latencies.readPerKiB);
+    Append(out, "driver reuse_handles=%d after_stop=%s\n", state.driver.reuseHandles ? 1 : 0,
+           AfterStopName(state.driver.afterStop));
     for (int node : state.foreignNodes) Append(out, "foreign node=%d\n", node);
     for (const BoardState& board : state.boards) AppendBoard(out, board);
     for (const UsbDevice& usb : state.usbDevices) {
@@ -110,9 +116,9 @@ std::string Serialise(const CardsState& state) {
     }
     for (const Fault& fault : state.faults) {
         out += "fault request=" + fault.request;
-        Append(out, " nth=%d count=%d board=%d channel=%d kind=%s value=%u\n", fault.nth,
-               fault.count, fault.board, fault.channel, FaultKindName(fault.effect.kind),
-               fault.effect.value);
+        Append(out, " nth=%d count=%d one_in=%u seed=%u board=%d channel=%d kind=%s value=%u\n",
+               fault.nth, fault.count, fault.oneIn, fault.seed, fault.board, fault.channel,
+               FaultKindName(fault.effect.kind), fault.effect.value);
     }
     return out;
 }
@@ -136,6 +142,8 @@ bool ParseFault(const Line& line, CardsState& state) {
     fault.request = line.Text("request");
     fault.nth = line.Int("nth");
     fault.count = line.Int("count");
+    fault.oneIn = line.Number("one_in");
+    fault.seed = line.Number("seed");
     fault.board = line.Int("board");
     fault.channel = line.Int("channel");
     fault.effect.value = line.Number("value");
@@ -150,6 +158,9 @@ bool ParseLine(const Line& line, CardsState& state) {
         state.eventNode = line.Int("present") != 0;
     } else if (line.word == "latency") {
         state.latencies = {line.Number("erase"), line.Number("program"), line.Number("read")};
+    } else if (line.word == "driver") {
+        state.driver.reuseHandles = line.Int("reuse_handles") != 0;
+        return AfterStopFromName(line.Text("after_stop"), state.driver.afterStop);
     } else if (line.word == "foreign") {
         state.foreignNodes.push_back(line.Int("node"));
     } else if (line.word == "board") {
@@ -201,6 +212,19 @@ bool FaultKindFromName(const std::string& name, FaultKind& kind) {
     for (const KindName& row : kKindNames) {
         if (name != row.name) continue;
         kind = row.kind;
+        return true;
+    }
+    return false;
+}
+
+const char* AfterStopName(AfterStop afterStop) {
+    return kAfterStopNames[static_cast<size_t>(afterStop)];
+}
+
+bool AfterStopFromName(const std::string& name, AfterStop& afterStop) {
+    for (size_t i = 0; i < std::size(kAfterStopNames); ++i) {
+        if (name != kAfterStopNames[i]) continue;
+        afterStop = static_cast<AfterStop>(i);
         return true;
     }
     return false;

@@ -20,6 +20,23 @@ struct Latencies {
     uint32_t readPerKiB = 0;
 };
 
+// What becomes of a frame that is asked for while the capture is stopped. A stop and the close of
+// the node take back what was asked for before.
+enum class AfterStop {
+    kRefuse,        // EINVAL
+    kWriteAtOnce,   // accepted; the frame is written without anybody being told
+    kWriteAtStart,  // accepted; written, with a completion, when the next capture starts
+};
+
+// How the driver behaves where it has the choice.
+struct DriverWays {
+    bool reuseHandles = false;  // the one freed last comes first
+    AfterStop afterStop = AfterStop::kRefuse;
+};
+
+const char* AfterStopName(AfterStop afterStop);  // "refuse", "at_once", "at_start"
+bool AfterStopFromName(const std::string& name, AfterStop& afterStop);
+
 struct VideoSetup {
     uint32_t width = 1920;
     uint32_t height = 1080;
@@ -66,6 +83,7 @@ struct UsbDevice {
 struct CardsState {
     bool eventNode = true;
     Latencies latencies;
+    DriverWays driver;
     std::vector<int> foreignNodes;  // video nodes of somebody else's driver
     std::vector<BoardState> boards;
     std::vector<Fault> faults;

@@ -6,18 +6,23 @@
 namespace qvsim {
 
 uint64_t EventTable::Create(const void* owner) {
-    const uint64_t event = next_++;
+    const uint64_t event = handles_.Take();
     events_[event] = {owner, false};
     return event;
 }
 
 void EventTable::DropOwner(const void* owner) {
-    std::erase_if(events_, [owner](const auto& item) { return item.second.owner == owner; });
+    std::erase_if(events_, [&](const auto& item) {
+        if (item.second.owner != owner) return false;
+        handles_.Give(item.first);
+        return true;
+    });
     Changed(kAnyEvent);
 }
 
 Answer EventTable::Close(uint64_t event) {
     if (events_.erase(event) == 0) return Refused(EINVAL);
+    handles_.Give(event);
     Changed(event);
     return Ok();
 }

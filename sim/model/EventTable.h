@@ -1,4 +1,4 @@
-// The driver's events: auto-reset, process-wide, named by handles that are never reused.
+// The driver's events: auto-reset, process-wide, named by handles; see HandlePool for their reuse.
 //
 // A successful wait or try-wait consumes the signal; waiting for several consumes nothing, it only
 // says that at least one is set. Closing an event wakes its waiters with EINVAL. Every operation
@@ -14,7 +14,11 @@
 #include <utility>
 #include <vector>
 
+#include "HandlePool.h"
+
 namespace qvsim {
+
+struct Channel;
 
 // What a request answers: a value of 0 or more, or an error.
 struct Answer {
@@ -35,6 +39,11 @@ class EventTable {
     Answer Close(uint64_t event);
     Answer Set(uint64_t event);
     Answer Clear(uint64_t event);
+    // Sets an event from the driver's side; `signal` and `channel` name the occasion, for the veto.
+    // An event that was closed meanwhile has nobody to wake.
+    void Signal(const char* signal, const Channel* channel, uint64_t event) {
+        if (!veto_ || !veto_(signal, channel)) Set(event);
+    }
     Answer IsSet(uint64_t event) const;  // 1 or 0
     Answer TryWait(uint64_t event);      // 1 when it was set, and is not any more
     // 1 when it was set, 0 when `timeout` milliseconds passed, -1 waits for ever.
@@ -51,6 +60,10 @@ class EventTable {
     // or kAnyEvent; must not block.
     static constexpr uint64_t kAnyEvent = 0;
     void Listen(std::function<void(uint64_t)> listener) { listener_ = std::move(listener); }
+    // Asked before each signal, with the lock held: true loses it.
+    using Veto = std::function<bool(const char* signal, const Channel* channel)>;
+    void SetVeto(Veto veto) { veto_ = std::move(veto); }
+    HandlePool& Handles() { return handles_; }
 
   private:
     Answer Poll(const std::vector<uint64_t>& events) const;
@@ -61,9 +74,10 @@ class EventTable {
         bool set;
     };
     std::map<uint64_t, Event> events_;
-    uint64_t next_ = 0x1001;
+    HandlePool handles_{0x1001};
     std::condition_variable changed_;
     std::function<void(uint64_t)> listener_;
+    Veto veto_;
     bool shutDown_ = false;
 };
 

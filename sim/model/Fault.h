@@ -7,15 +7,17 @@
 namespace qvsim {
 
 enum class FaultKind {
-    kRefuse,     // value: errno
-    kShortRead,  // value: bytes that a read delivers at most
-    kFlipBit,    // value: bit number inside the bytes that a read delivers
-    kStuckBits,  // value: mask; programming leaves these bits of every byte set
-    kNotBlank,   // an erase leaves one byte of the range programmed
-    kSlow,       // value: milliseconds before the request is served
-    kPowerLoss,  // the board dies in the middle of the request, until it is power-cycled; value:
-                 // a CutPoint. At the open of the event node, every board does
-    kNodeGone,   // the node vanishes: this and every later open and request fails with ENODEV
+    kRefuse,      // value: errno
+    kShortRead,   // value: bytes that a read delivers at most
+    kFlipBit,     // value: bit number inside the bytes that a read delivers
+    kStuckBits,   // value: mask; programming leaves these bits of every byte set
+    kNotBlank,    // an erase leaves one byte of the range programmed
+    kSlow,        // value: milliseconds before the request is served
+    kPowerLoss,   // the board dies in the middle of the request, until it is power-cycled; value:
+                  // a CutPoint. At the open of the event node, every board does
+    kNodeGone,    // the node vanishes: this and every later open and request fails with ENODEV
+    kPretend,     // nothing is done, and the answer is `value`; a signal is lost
+    kRefuseLate,  // the request is carried out, and then fails; value: errno
 };
 
 // How far an erase or a write has come when the power goes.
@@ -42,14 +44,29 @@ constexpr FaultEffect PowerLoss(CutPoint point = CutPoint::kHalf) {
     return {FaultKind::kPowerLoss, static_cast<uint32_t>(point)};
 }
 constexpr FaultEffect NodeGone() { return {FaultKind::kNodeGone, 0}; }
+constexpr FaultEffect Pretend(uint32_t answer = 0) { return {FaultKind::kPretend, answer}; }
+constexpr FaultEffect RefuseLate(int error) {
+    return {FaultKind::kRefuseLate, static_cast<uint32_t>(error)};
+}
+
+// What a fault can name beside the requests of the table: opens, whatever request comes, and the
+// moments at which the driver itself sets a caller's event.
+inline constexpr char kOpen[] = "open";
+inline constexpr char kAnyRequest[] = "any";
+inline constexpr char kFrameSignal[] = "FrameSignal";
+inline constexpr char kTimerSignal[] = "TimerSignal";
+inline constexpr char kNotifySignal[] = "NotifySignal";
+inline constexpr const char* kSignals[] = {kFrameSignal, kTimerSignal, kNotifySignal};
 
 // Fault{.request = "EraseFirmwareData", .nth = 3, .effect = Refuse(EIO)}
 struct Fault {
-    std::string request;  // name in the request table, or "open"
+    std::string request;  // name in the request table, or one of those above
     int nth = 1;          // the first matching request that is hit, counted from 1
     int count = 1;        // how many in a row are hit; -1: all from there on
-    int board = -1;       // -1: any
-    int channel = -1;     // -1: any
+    uint32_t oneIn = 1;   // of those that would be hit, one in so many is: which, `seed` decides
+    uint32_t seed = 0;
+    int board = -1;    // -1: any
+    int channel = -1;  // -1: any
     FaultEffect effect;
 };
 

@@ -1,6 +1,9 @@
 // The faults in force, and how often each has been met. Not locked: the model's lock covers it.
 #pragma once
 
+#include <algorithm>
+#include <cstdint>
+#include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
@@ -19,17 +22,33 @@ class FaultSet {
         std::vector<FaultEffect> effects;
         for (Armed& armed : armed_) {
             const Fault& fault = armed.fault;
-            if (fault.request != request || (fault.board != -1 && fault.board != board) ||
+            if (!Names(fault, request) || (fault.board != -1 && fault.board != board) ||
                 (fault.channel != -1 && fault.channel != channel))
                 continue;
             const int number = ++armed.seen;
-            if (number >= fault.nth && (fault.count < 0 || number - fault.nth < fault.count))
+            if (number >= fault.nth && (fault.count < 0 || number - fault.nth < fault.count) &&
+                Drawn(fault, number))
                 effects.push_back(fault.effect);
         }
         return effects;
     }
 
   private:
+    static bool Names(const Fault& fault, const std::string& request) {
+        if (fault.request == request) return true;
+        if (fault.request != kAnyRequest || request == kOpen) return false;
+        return std::find(std::begin(kSignals), std::end(kSignals), request) == std::end(kSignals);
+    }
+    // The same for the same seed and number, whatever came between: the lot of the n-th request is
+    // cast before the test begins.
+    static bool Drawn(const Fault& fault, int number) {
+        if (fault.oneIn <= 1) return true;
+        uint64_t lot = (uint64_t{fault.seed} << 32) + static_cast<uint32_t>(number);
+        lot = (lot + 0x9E3779B97F4A7C15u) * 0xBF58476D1CE4E5B9u;
+        lot = (lot ^ lot >> 27) * 0x94D049BB133111EBu;
+        return (lot >> 33) % fault.oneIn == 0;
+    }
+
     struct Armed {
         Fault fault;
         int seen = 0;

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <cmath>
 
+#include "Fault.h"
 #include "QVDriverRecords.h"
 
 namespace qvsim {
@@ -41,6 +42,7 @@ bool MediaSource::Alive(const Channel& channel) {
 
 void MediaSource::StartVideo(Lock& lock, Channel& channel, const OpenFile* owner, uint64_t event,
                              int64_t now) {
+    std::deque<FrameRequest> late = std::move(channel.video.late);
     StopVideo(lock, channel);
     VideoCapture& video = channel.video;
     const double rate = channel.state->video.framesPerSecond;
@@ -49,6 +51,9 @@ void MediaSource::StartVideo(Lock& lock, Channel& channel, const OpenFile* owner
     video.owner = owner;
     video.nextFrameAt = now + (Paced(rate) ? Period(rate) : 0);
     Registered(channel, qv::kNotifyVideoFrame);
+    if (late.empty()) return;
+    video.waiting = std::move(late);
+    Buffer(channel, now);
 }
 
 void MediaSource::StopVideo(Lock& lock, Channel& channel) {
@@ -57,10 +62,24 @@ void MediaSource::StopVideo(Lock& lock, Channel& channel) {
     channel.video = VideoCapture();
 }
 
+// What a driver does that looks at its queue before it looks whether anybody captures.
+Answer MediaSource::QueueAfterStop(Channel& channel, FrameRequest request) {
+    constexpr uint32_t kFirstFrame = 1;
+    VideoCapture& video = channel.video;
+    if (afterStop_ == AfterStop::kRefuse) return Refused(EINVAL);
+    if (video.late.size() + writer_.InWork(channel) >= VideoCapture::kMaxInWork)
+        return Refused(EBUSY);
+    if (afterStop_ == AfterStop::kWriteAtOnce)
+        writer_.Add(channel, std::move(request), kFirstFrame);
+    else
+        video.late.push_back(std::move(request));
+    return Ok();
+}
+
 Answer MediaSource::RequestFrame(Channel& channel, FrameRequest request, int32_t selector,
                                  int64_t now) {
     VideoCapture& video = channel.video;
-    if (!video.running) return Refused(EINVAL);
+    if (!video.running) return QueueAfterStop(channel, std::move(request));
     uint32_t number = video.newest;
     if (selector >= 0) {
         if (selector >= static_cast<int32_t>(VideoCapture::kBuffers)) return Refused(EINVAL);
@@ -97,11 +116,12 @@ void MediaSource::Buffer(Channel& channel, int64_t now) {
 
 void MediaSource::Complete(Channel& channel, const FrameCompletion& completion) {
     VideoCapture& video = channel.video;
+    if (!video.running) return;  // written after the stop: nobody waits for it
     ForgetReadCompletion(video);
     video.completions.push_back(completion);
     if (video.completions.size() > VideoCapture::kMaxInWork) video.completions.pop_front();
     if (completion.complete) video.lastCaptured = completion.number;
-    events_.Set(video.event);  // an event closed meanwhile has nobody to wake
+    events_.Signal(kFrameSignal, &channel, video.event);
     if (!Paced(channel.state->video.framesPerSecond))
         notifications_.Raise(&channel, qv::kNotifyVideoFrame, events_);
 }
@@ -170,7 +190,8 @@ void MediaSource::Registered(Channel& channel, uint64_t enableBits) {
 }
 
 void MediaSource::DropOwner(Lock& lock, Channel& channel, const OpenFile* owner) {
-    if (channel.video.owner == owner) StopVideo(lock, channel);
+    const bool mayBeQueued = !channel.video.running && afterStop_ != AfterStop::kRefuse;
+    if (channel.video.owner == owner || mayBeQueued) StopVideo(lock, channel);
     if (channel.audio.owner == owner) StopAudio(channel);
 }
 

@@ -33,12 +33,17 @@ class MediaSource {
               Complete(channel, completion);
           }) {}
 
+    void SetAfterStop(AfterStop afterStop) { afterStop_ = afterStop; }
+    // Requests that may still write into their callers' memory.
+    size_t InWork(const Channel& channel) const {
+        return channel.video.waiting.size() + channel.video.late.size() + writer_.InWork(channel);
+    }
     // A second start replaces the first.
     void StartVideo(Lock& lock, Channel& channel, const OpenFile* owner, uint64_t event,
                     int64_t now);
     // `selector` as the wire has it: a frame's buffer, the newest one, or the next one.
     Answer RequestFrame(Channel& channel, FrameRequest request, int32_t selector, int64_t now);
-    // Nothing is written to any caller's memory after this.
+    // Nothing is written to any caller's memory after this, until the next request.
     void StopVideo(Lock& lock, Channel& channel);
     // Oldest completion that was not looked at yet; one without `complete` when there is none.
     FrameCompletion TakeCompletion(Channel& channel);
@@ -61,6 +66,7 @@ class MediaSource {
 
   private:
     static bool Alive(const Channel& channel);
+    Answer QueueAfterStop(Channel& channel, FrameRequest request);
     void Buffer(Channel& channel, int64_t now);
     void RunVideo(Channel& channel, int64_t now);
     void RunAudio(Channel& channel, int64_t now);
@@ -69,6 +75,7 @@ class MediaSource {
     EventTable& events_;
     Notifications& notifications_;
     FrameWriter writer_;
+    AfterStop afterStop_ = AfterStop::kRefuse;
 };
 
 }  // namespace qvsim

@@ -65,7 +65,18 @@ std::string Model::Build() {
     for (BoardState& board : state_.boards)
         if (std::string error = BuildBoard(board); !error.empty()) return error;
     for (const Fault& fault : state_.faults) faults_.Add(fault);
+    TakeOnDriverWays();
     return {};
+}
+
+void Model::TakeOnDriverWays() {
+    for (HandlePool* pool :
+         {&events_.Handles(), &notifications_.Handles(), &timers_.Handles(), &imageHandles_})
+        pool->UseAgain(state_.driver.reuseHandles);
+    media_.SetAfterStop(state_.driver.afterStop);
+    events_.SetVeto([this](const char* signal, const Channel* channel) {
+        return EffectOf(MeetFaults(signal, channel), FaultKind::kPretend).has_value();
+    });
 }
 
 std::string Model::BuildBoard(BoardState& state) {
@@ -342,6 +353,7 @@ Alive Model::CountAlive() {
     for (const auto& channel : channels_) {
         alive.images += channel->images.size();
         alive.pinnedBuffers += channel->pinned.size();
+        alive.frames += media_.InWork(*channel);
         alive.captures += (channel->video.running ? 1u : 0u) + (channel->audio.running ? 1u : 0u);
     }
     return alive;

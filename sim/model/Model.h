@@ -34,6 +34,7 @@ struct Alive {
     size_t images = 0;
     size_t pinnedBuffers = 0;
     size_t captures = 0;  // video and audio captures started and not stopped
+    size_t frames = 0;    // asked for, and may still be written into the caller's memory
     bool operator==(const Alive&) const = default;
 };
 
@@ -106,7 +107,7 @@ class Model {
     std::map<std::string, Bytes>& EventRecords() { return eventRecords_; }
     int64_t Now() const { return time_.Now(); }
     bool IsShutDown() const { return shutDown_; }
-    uint64_t MintHandle() { return nextHandle_++; }
+    HandlePool& ImageHandles() { return imageHandles_; }
     // The board is dead from now on; written to the state file at once.
     void LosePower(Board& board);
     MediaSource& Media() { return media_; }
@@ -117,6 +118,7 @@ class Model {
     Model() = default;
     std::string Build();
     std::string BuildBoard(BoardState& state);
+    void TakeOnDriverWays();
     Channel* FindChannel(int board, int channel);
     Channel* ChannelOfNode(const std::string& path);
     // Why such a node cannot be opened, faults aside; 0 when it can.
@@ -144,7 +146,7 @@ class Model {
     FaultSet faults_;
     Journal journal_;
     std::map<std::string, Bytes> eventRecords_;
-    uint64_t nextHandle_ = 0x4001;
+    HandlePool imageHandles_{0x4001};
     int64_t stateStamp_ = 0;  // modification time of the state file as last read or written
     bool shutDown_ = false;
     bool eventNodeGone_ = false;

@@ -1,10 +1,12 @@
 #include "Notifications.h"
 
+#include "Fault.h"
+
 namespace qvsim {
 
 uint64_t Notifications::Register(const Channel* channel, const OpenFile* owner, uint64_t enableBits,
                                  uint64_t event) {
-    const uint64_t notify = next_++;
+    const uint64_t notify = handles_.Take();
     entries_[notify] = {channel, owner, enableBits, event, 0};
     return notify;
 }
@@ -13,6 +15,7 @@ bool Notifications::Unregister(const Channel* channel, uint64_t notify) {
     const auto found = entries_.find(notify);
     if (found == entries_.end() || found->second.channel != channel) return false;
     entries_.erase(found);
+    handles_.Give(notify);
     return true;
 }
 
@@ -28,12 +31,16 @@ void Notifications::Raise(const Channel* channel, uint64_t bits, EventTable& eve
     for (auto& [notify, entry] : entries_) {
         if (entry.channel != channel || (entry.enableBits & bits) == 0) continue;
         entry.status |= entry.enableBits & bits;
-        events.Set(entry.event);  // an event closed meanwhile has nobody to wake
+        events.Signal(kNotifySignal, channel, entry.event);
     }
 }
 
 void Notifications::DropOwner(const OpenFile* owner) {
-    std::erase_if(entries_, [owner](const auto& item) { return item.second.owner == owner; });
+    std::erase_if(entries_, [&](const auto& item) {
+        if (item.second.owner != owner) return false;
+        handles_.Give(item.first);
+        return true;
+    });
 }
 
 }  // namespace qvsim

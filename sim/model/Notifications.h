@@ -6,6 +6,7 @@
 #include <map>
 
 #include "EventTable.h"
+#include "HandlePool.h"
 
 namespace qvsim {
 
@@ -24,6 +25,7 @@ class Notifications {
     void Raise(const Channel* channel, uint64_t bits, EventTable& events);
     void DropOwner(const OpenFile* owner);
     size_t Count() const { return entries_.size(); }
+    HandlePool& Handles() { return handles_; }
 
   private:
     struct Entry {
@@ -34,7 +36,7 @@ class Notifications {
         uint64_t status;
     };
     std::map<uint64_t, Entry> entries_;
-    uint64_t next_ = 0x2001;
+    HandlePool handles_{0x2001};
 };
 
 }  // namespace qvsim

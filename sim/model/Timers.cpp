@@ -4,11 +4,12 @@
 #include <limits>
 
 #include "Card.h"
+#include "Fault.h"
 
 namespace qvsim {
 
 uint64_t Timers::Register(const Channel* channel, const OpenFile* owner, uint64_t event) {
-    const uint64_t timer = next_++;
+    const uint64_t timer = handles_.Take();
     entries_[timer] = {channel, owner, event, std::nullopt};
     return timer;
 }
@@ -17,6 +18,7 @@ bool Timers::Unregister(const Channel* channel, uint64_t timer) {
     const auto found = entries_.find(timer);
     if (found == entries_.end() || found->second.channel != channel) return false;
     entries_.erase(found);
+    handles_.Give(timer);
     return true;
 }
 
@@ -34,7 +36,7 @@ std::optional<int64_t> Timers::Run(int64_t sourceTime, EventTable& events) {
         const int64_t now = entry.channel->board->clock.At(sourceTime);
         if (*entry.expiry <= now) {
             entry.expiry.reset();
-            events.Set(entry.event);  // an event closed meanwhile has nobody to wake
+            events.Signal(kTimerSignal, entry.channel, entry.event);
             continue;
         }
         // The distance of two signed times may not fit; a timer that far away waits long enough.
@@ -47,7 +49,11 @@ std::optional<int64_t> Timers::Run(int64_t sourceTime, EventTable& events) {
 }
 
 void Timers::DropOwner(const OpenFile* owner) {
-    std::erase_if(entries_, [owner](const auto& item) { return item.second.owner == owner; });
+    std::erase_if(entries_, [&](const auto& item) {
+        if (item.second.owner != owner) return false;
+        handles_.Give(item.first);
+        return true;
+    });
 }
 
 }  // namespace qvsim

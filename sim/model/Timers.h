@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "EventTable.h"
+#include "HandlePool.h"
 
 namespace qvsim {
 
@@ -25,6 +26,7 @@ class Timers {
     std::optional<int64_t> Run(int64_t sourceTime, EventTable& events);
     void DropOwner(const OpenFile* owner);
     size_t Count() const { return entries_.size(); }
+    HandlePool& Handles() { return handles_; }
 
   private:
     struct Entry {
@@ -34,7 +36,7 @@ class Timers {
         std::optional<int64_t> expiry;
     };
     std::map<uint64_t, Entry> entries_;
-    uint64_t next_ = 0x3001;
+    HandlePool handles_{0x3001};
 };
 
 }  // namespace qvsim

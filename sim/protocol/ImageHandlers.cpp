@@ -11,7 +11,7 @@ Answer CreateImage(Call& call) {
     call.NoteNumber("width", record.width);
     call.NoteNumber("height", record.height);
     if (record.width == 0 || record.height == 0) return Refused(EINVAL);
-    const uint64_t image = call.model.MintHandle();
+    const uint64_t image = call.model.ImageHandles().Take();
     call.channel->images[image] = 1;
     record.image = image;
     call.NoteHex("image", image);
@@ -35,7 +35,9 @@ Answer CloseImage(Call& call) {
     if (image == call.channel->images.end()) return Refused(EINVAL);
     record.referenceCount = --image->second;
     call.NoteNumber("references", record.referenceCount);
-    if (image->second == 0) call.channel->images.erase(image);
+    if (image->second > 0) return Ok();
+    call.model.ImageHandles().Give(image->first);
+    call.channel->images.erase(image);
     return Ok();
 }
 

@@ -58,11 +58,15 @@ Answer Run(Call& call, uint64_t address) {
     if (call.row.TakesRecord() || call.size == 0)
         records[call.row.name] = Bytes(call.record, call.record + call.size);
     if (const Answer early = Precheck(call); early.error || LeftToTheDoor(call)) return early;
+    if (const auto pretended = EffectOf(call.effects, FaultKind::kPretend))
+        return Ok(static_cast<int>(*pretended));
     const bool powerLoss =
         call.channel && EffectOf(call.effects, FaultKind::kPowerLoss).has_value();
     const Answer answer = powerLoss ? CutPower(call) : call.row.handler(call);
-    if (LeftToTheDoor(call)) return answer;
+    if (LeftToTheDoor(call) || (call.parked && call.parked->ForEvent())) return answer;
     if (powerLoss) call.model.LosePower(*call.channel->board);
+    if (const auto late = EffectOf(call.effects, FaultKind::kRefuseLate))
+        return Refused(static_cast<int>(*late));
     if (answer.error == 0 && call.row.GivesRecord() &&
         !call.memory.Write(address, call.record, call.size))
         return Refused(EFAULT);

@@ -29,6 +29,7 @@ TEST(ScenarioTest, EverythingThatABoardCanSayArrives) {
     ASSERT_EQ("", ParseScenario(R"(
 event_node = false
 foreign_nodes = [4, 9]
+driver = { reuse_handles = true, frames_after_stop = "at_start" }
 [[board]]
 family = "Pelix Capture"
 product = "P"
@@ -50,6 +51,8 @@ signal = [{ at_ms = 100, present = false }, { at_ms = 200 }]
 request = "EraseFirmwareData"
 nth = 2
 count = -1
+one_in = 4
+seed = 5
 board = 3
 channel = 1
 kind = "refuse"
@@ -68,6 +71,8 @@ playbacks = ["Out"]
                                 "x", plan));
     EXPECT_FALSE(plan.eventNode);
     EXPECT_THAT(plan.foreignNodes, ElementsAre(4, 9));
+    EXPECT_TRUE(plan.driver.reuseHandles);
+    EXPECT_EQ(AfterStop::kWriteAtStart, plan.driver.afterStop);
     const BoardPlan& board = plan.boards.at(0);
     EXPECT_EQ(0x1234, board.productCode);
     EXPECT_EQ('C', board.hardware);
@@ -85,6 +90,8 @@ playbacks = ["Out"]
     EXPECT_FALSE(board.signal[0].present);
     const Fault& fault = plan.faults.at(0);
     EXPECT_EQ(-1, fault.count);
+    EXPECT_EQ(4u, fault.oneIn);
+    EXPECT_EQ(5u, fault.seed);
     EXPECT_EQ(FaultKind::kRefuse, fault.effect.kind);
     EXPECT_EQ(static_cast<uint32_t>(ENODEV), fault.effect.value);
     EXPECT_EQ("T", plan.usbDevices.at(0).product);
@@ -141,6 +148,12 @@ INSTANTIATE_TEST_SUITE_P(
               "f.toml:4: value 'EFOO' is no errno known here"},
         Wrong{"[[fault]]\nrequest = \"open\"\nkind = \"refuse\"\nvalue = 512",
               "f.toml:4: value is a whole number from 1 to 511"},
+        Wrong{"[[fault]]\nrequest = \"FrameSignal\"\nkind = \"refuse\"",
+              "f.toml:1: FrameSignal is a signal: the only kind for it is \"pretend\""},
+        Wrong{"[[fault]]\nrequest = \"any\"\nkind = \"pretend\"\none_in = 0",
+              "f.toml:4: one_in is a whole number from 1"},
+        Wrong{"driver = { frames_after_stop = \"drop\" }", "f.toml:1: frames_after_stop is"},
+        Wrong{"[driver]\nmood = 1", "f.toml:2: unknown key 'mood'"},
         Wrong{"[[board]]\nvideo = { fps = 0 }", "f.toml:2: fps is a number of 0 to 10000"},
         Wrong{"[[board]]\nvideo = 5", "f.toml:2: video is a table"},
         Wrong{"[[board]]\nstored = \"some\"", "f.toml:2: stored is \"none\" or a table"},

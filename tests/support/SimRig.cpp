@@ -105,7 +105,13 @@ BoardBuilder Pelix() { return BoardBuilder("Pelix Capture"); }
 BoardBuilder Lumo() { return BoardBuilder("Lumo Capture"); }
 BoardBuilder Tavo() { return BoardBuilder("Tavo Capture"); }
 
-SimRig::SimRig() = default;
+SimRig::SimRig() {
+    const char* const driver = std::getenv("QV_TEST_DRIVER");
+    if (!driver || std::string(driver) == "kind") return;
+    if (std::string(driver) != "hostile")
+        Require(std::string("QV_TEST_DRIVER is \"kind\" or \"hostile\", not ") + driver);
+    plan_.driver = {.reuseHandles = true, .afterStop = AfterStop::kWriteAtOnce};
+}
 
 SimRig::~SimRig() {
     Detach();
@@ -128,6 +134,10 @@ SimRig& SimRig::NoEventNode() {
 }
 SimRig& SimRig::Delays(const Latencies& latencies) {
     plan_.latencies = latencies;
+    return *this;
+}
+SimRig& SimRig::Driver(const DriverWays& ways) {
+    plan_.driver = ways;
     return *this;
 }
 SimRig& SimRig::AddFault(const Fault& fault) {

@@ -66,6 +66,7 @@ class SimRig {
     SimRig& ForeignNode(int node);
     SimRig& NoEventNode();
     SimRig& Delays(const Latencies& latencies);  // default: none
+    SimRig& Driver(const DriverWays& ways);      // default: as well-behaved as can be
     // Before Dir(): written into the state. Attached: in force from now on.
     SimRig& AddFault(const Fault& fault);
 
