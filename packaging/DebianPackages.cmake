@@ -1,4 +1,5 @@
-# Debian packages: `cpack` in a build folder that was configured for /usr, see scripts/package.
+# Debian packages: `cpack` in a build folder that was configured for /usr, completed by finish-debs with the
+# packages of the libraries that are loaded. scripts/package does both.
 set(maintainer "The qvcapture maintainers <maintainers@qvcapture.invalid>")
 
 set(CPACK_GENERATOR DEB)
@@ -16,13 +17,9 @@ else()
   set(CPACK_DEBIAN_PACKAGE_ARCHITECTURE amd64)
 endif()
 
-# Stated and not looked up: on the machine that builds them the 32-bit libraries are in no package of
-# their own. A test compares this with what the programs ask for.
-set(system_libraries "libc6 (>= 2.36), libgcc-s1 (>= 3.0)")
-set(cpp_library "libstdc++6 (>= 12)")
 set(this_version "(= ${PROJECT_VERSION})")
 
-# A package is a component, its name, section, what it needs, and its description.
+# A package is a component, its name, section, what it needs besides libraries, and its description.
 macro(debian_package component name section depends summary text)
   string(TOUPPER ${component} key)
   set(CPACK_DEBIAN_${key}_PACKAGE_NAME ${name})
@@ -43,25 +40,22 @@ macro(debian_package component name section depends summary text)
   endif()
 endmacro()
 
-debian_package(runtime libqvcapture3 libs
-  "${system_libraries}, ${cpp_library}, libasound2 (>= 1.2), libv4l-0 (>= 1.22)"
+debian_package(runtime libqvcapture3 libs ""
   "capture-device library"
   "Finds, opens and drives the channels of Pelix, Lumo and Tavo Capture
 devices: identity, settings, events, video and audio capture, firmware.")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_MULTIARCH same)
 debian_package(dev libqvcapture-dev libdevel
   "libqvcapture3 ${this_version}, libasound2-dev, libv4l-dev"
   "capture-device library - development files"
   "Headers for C and C++, manual pages, data for pkg-config and CMake, and the
 static library of what drives Pelix, Lumo and Tavo Capture devices.")
 debian_package(tool qvcap-upgrade admin
-  "libqvcapture3 ${this_version}, ${system_libraries}, ${cpp_library}"
+  "libqvcapture3 ${this_version}"
   "firmware upgrade of capture cards"
   "Lists the Pelix and Lumo Capture cards of a computer and upgrades their
 firmware from packages in the current directory: erases, writes and verifies
 section by section.")
-debian_package(companions qvcapture-companions utils
-  "${system_libraries}, ${cpp_library}"
+debian_package(companions qvcapture-companions utils ""
   "simulated capture cards and firmware package tool"
   "qvcap-sim lays out simulated capture cards, flash memory and faults included,
 and runs programs on them. qvftool makes, shows, checks and takes apart
