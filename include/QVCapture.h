@@ -9,6 +9,10 @@
  * - QV_RESULT_FAILED: the driver or device refused, or has no such operation
  * - QV_RESULT_BAD_ARGUMENT: null channel or pointer, index out of range, channel closed
  *
+ * After QV_RESULT_FAILED of an operation that is one request to a card's driver, errno holds the
+ * driver's reason. It holds nothing of use after any other failure: what the channel worker does
+ * for a caller, it does on a thread of its own.
+ *
  * Words for threads, used everywhere:
  * - instance: from one thread, while no other function of the library runs
  * - per channel: one thread at a time for each channel; different channels are independent
@@ -36,6 +40,10 @@ extern "C" {
  * @threads any */
 QV_API QV_RESULT QVGetVersion(unsigned char* major, unsigned char* minor, unsigned short* build);
 
+/** What a result means, in words for people; a text for every value. It lives for ever.
+ * @threads any */
+QV_API const char* QVResultText(QV_RESULT result);
+
 /** Opens the driver's event node and builds the list of channels. Call before anything else.
  * @return always true, also when /dev/qv-event cannot be opened: then every event operation fails
  *         while listing, opening and firmware work go on.
@@ -45,6 +53,10 @@ QV_API bool QVCaptureInitInstance(void);
 /** Closes the event node and empties the list. Open channels stay valid but lose their events.
  * @threads instance */
 QV_API void QVCaptureExitInstance(void);
+
+/** Whether the event node is open. Without it there are no events, and no worker can be started.
+ * @threads any, but not during QVCaptureInitInstance() or QVCaptureExitInstance() */
+QV_API bool QVHasEventNode(void);
 
 /** Rebuilds the list of channels; indices change, open channels stay valid.
  * @return QV_RESULT_OK whatever was found
@@ -87,6 +99,13 @@ QV_API QV_CHANNEL QVOpenChannelByPath(const char* path);
  * ignored.
  * @threads per channel; no other call on the channel may be under way */
 QV_API void QVCloseChannel(QV_CHANNEL channel);
+
+/** The same, and tells when the channel is closed: @p release is called last, with @p param. Before
+ * this function returns, or, for a close from one of the channel's own callbacks, on the worker's
+ * thread when nothing of the channel is left. Null @p release is not called; a null channel is
+ * closed at once.
+ * @threads per channel; no other call on the channel may be under way */
+QV_API void QVCloseChannelWithRelease(QV_CHANNEL channel, void* param, QV_RELEASE_CALLBACK release);
 
 /* ---- Identity ---------------------------------------------------------------------------- */
 

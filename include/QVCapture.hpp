@@ -2,26 +2,27 @@
  * The capture-device library for C++17: objects that release what they hold, callbacks as
  * callables.
  *
- * A thin face over QVCapture.h, whose functions take every object's Handle(). Header only; needs no
- * exceptions, and throws none of its own but std::bad_alloc and std::system_error from
- * constructors. An exception that leaves a callable ends the program.
+ * A thin face over QVCapture.h, whose functions take a Channel's Handle(). Header only. Compiles
+ * with and without exceptions; with them, constructors throw std::bad_alloc and a Doorbell's throws
+ * std::system_error. An exception that leaves a callable ends the program.
  *
  * Order of life: an Instance outlives its Channels; a Channel outlives its Worker and all that was
- * started on it; a Worker outlives what needs it. Members in this order do it by themselves. An
- * object may be destroyed inside its own callable. */
+ * started on it; a Worker outlives what needs it. Members in this order do it by themselves.
+ *
+ * When the destructor of an object with a callable has returned, the callable does not run and will
+ * not be called, whatever the driver answered: the destructor waits for a call that is under way.
+ * So never destroy such an object while you hold a lock that its callable takes. An object may be
+ * destroyed inside its own callable. */
 #ifndef QV_CAPTURE_HPP
 #define QV_CAPTURE_HPP
 
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <cstring>
 #include <functional>
-#include <map>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -41,20 +42,7 @@ class Result {
     explicit operator bool() const { return Ok(); }
     QV_RESULT Code() const { return code_; }
     /** Says what the code means; lives for ever. */
-    const char* Text() const {
-        switch (code_) {
-            case QV_RESULT_OK:
-                return "done";
-            case QV_RESULT_FAILED:
-                return "refused by the driver or device, or not available";
-            case QV_RESULT_NO_DATA:
-                return "no audio frame is ready yet";
-            case QV_RESULT_BAD_ARGUMENT:
-                return "bad argument, or the channel is closed";
-            default:
-                return "unknown result";
-        }
-    }
+    const char* Text() const { return QVResultText(code_); }
 
   private:
     QV_RESULT code_;
@@ -86,6 +74,8 @@ class Instance {
     Instance(const Instance&) = delete;
     Instance& operator=(const Instance&) = delete;
 
+    /** Whether the driver's event node is there; no Worker starts without it. */
+    bool HasEvents() const { return QVHasEventNode(); }
     /** Looks for channels anew. */
     Result Refresh() { return QVRefreshDevice(); }
     std::vector<Listed> Channels() const {
@@ -110,8 +100,10 @@ class Channel {
     Channel(int board, int channel) : handle_(QVOpenChannel(board, channel)) {}
     ~Channel() { QVCloseChannel(handle_); }
     Channel(Channel&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
+    /** Closes the channel that it was. */
     Channel& operator=(Channel&& other) noexcept {
-        std::swap(handle_, other.handle_);
+        Channel taken(std::move(other));
+        std::swap(handle_, taken.handle_);
         return *this;
     }
 
@@ -144,8 +136,8 @@ class Worker {
 
 namespace detail {
 
-/** A callable behind a callback's parameter. Whoever calls keeps it alive meanwhile, so that its
- *  owner may be destroyed inside it. */
+/** A callable behind a callback's parameter, which is the address of this. Whoever calls keeps it
+ *  alive meanwhile, so that its owner may be destroyed inside it. */
 template <class... Arguments>
 class Callee : public std::enable_shared_from_this<Callee<Arguments...>> {
   public:
@@ -153,26 +145,44 @@ class Callee : public std::enable_shared_from_this<Callee<Arguments...>> {
     explicit Callee(Function function) : function_(std::move(function)) {}
     static void Call(void* param, Arguments... arguments) noexcept {
         const auto kept = static_cast<Callee*>(param)->shared_from_this();
-        if (kept->function_) kept->function_(arguments...);
+        const std::lock_guard<std::recursive_mutex> guard(kept->lock_);
+        if (kept->armed_ && kept->function_) kept->function_(arguments...);
+    }
+    /** A parameter that the library holds until it calls Release() with it. */
+    void* Lend() {
+        lent_ = this->shared_from_this();
+        return this;
+    }
+    static void Release(void* param) {
+        const auto last = std::move(static_cast<Callee*>(param)->lent_);
+    }
+    /** Waits for a call that is under way on another thread; there will be no other. */
+    void Disarm() {
+        const std::lock_guard<std::recursive_mutex> guard(lock_);
+        armed_ = false;
     }
 
   private:
+    std::recursive_mutex lock_;
+    bool armed_ = true;
     Function function_;
+    std::shared_ptr<Callee> lent_;  // while the library holds this
 };
 
 }  // namespace detail
 
-/** Has a callable called on the worker whenever one of some bits (defined by the driver) is raised.
- */
+/** Calls a callable on the worker whenever one of some bits (defined by the driver) is raised. */
 class Notification {
   public:
     using Function = std::function<void(uint32_t bits)>;
     Notification(const Channel& channel, uint32_t bits, Function function)
         : channel_(channel.Handle()),
           callee_(std::make_shared<Callee>(std::move(function))),
-          handle_(QVRegisterNotifyWithCallback(channel_, bits, OnNotify, callee_.get())) {}
+          handle_(QVRegisterNotifyWithRelease(channel_, bits, OnNotify, callee_->Lend(),
+                                              Callee::Release)) {}
     ~Notification() {
         if (handle_ != 0) QVUnregisterNotify(channel_, handle_);
+        callee_->Disarm();
     }
     Notification(const Notification&) = delete;
     Notification& operator=(const Notification&) = delete;
@@ -192,32 +202,21 @@ class Notification {
 /** Time of a device's clock: 100 ns on the cards known. */
 using Ticks = std::chrono::duration<long long, std::ratio<1, 10000000>>;
 
-/** Has a callable called on the worker by the device's clock, once or periodically. */
+/** Calls a callable on the worker by the device's clock, once or periodically. */
 class Timer {
   public:
     using Function = std::function<void()>;
     /** @param period  of 0: once */
     Timer(const Channel& channel, Ticks delay, Ticks period, Function function)
         : channel_(channel.Handle()),
-          entry_(std::make_shared<Entry>(std::move(function), period.count() <= 0)),
-          handle_(QVCreateTimer(channel_, OnTimer, delay.count(), period.count())) {
-        if (handle_ == 0) return;
-        const std::lock_guard<std::mutex> guard(All().lock);
-        All().entries[handle_] = entry_;
-        All().entered.notify_all();
-    }
+          callee_(std::make_shared<Callee>(std::move(function))),
+          handle_(QVCreateTimerWithRelease(channel_, OnTimer, delay.count(), period.count(),
+                                           callee_->Lend(), Callee::Release)) {}
     ~Timer() {
-        if (handle_ == 0) return;
-        {
-            // One that has fired for the last time is gone, and its handle may be another's.
-            const std::lock_guard<std::mutex> guard(All().lock);
-            if (entry_->over) return;
-            entry_->over = true;
-        }
-        QVDestoryTimer(channel_, handle_);  // a failure for a channel's last timer, on purpose
-        const std::lock_guard<std::mutex> guard(All().lock);
-        const auto found = All().entries.find(handle_);
-        if (found != All().entries.end() && found->second == entry_) All().entries.erase(found);
+        // A failure, on purpose, for a channel's last timer and for one that fired for the last
+        // time.
+        if (handle_ != 0) QVDestoryTimer(channel_, handle_);
+        callee_->Disarm();
     }
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
@@ -225,39 +224,10 @@ class Timer {
     explicit operator bool() const { return handle_ != 0; }
 
   private:
-    struct Entry {
-        Entry(Function called, bool single) : function(std::move(called)), once(single) {}
-        Function function;
-        bool once;
-        bool over = false;
-    };
-    // The library's timer callbacks have no parameter: the handle leads to the callable.
-    struct Registry {
-        std::mutex lock;
-        std::condition_variable entered;
-        std::map<unsigned long long, std::shared_ptr<Entry>> entries;
-    };
-    static Registry& All() {
-        static Registry registry;
-        return registry;
-    }
-    static void OnTimer(unsigned long long handle, void*) noexcept {
-        std::shared_ptr<Entry> entry;
-        {
-            std::unique_lock<std::mutex> guard(All().lock);
-            // It may fire while its creator, on another thread, is on the way to enter it.
-            All().entered.wait(guard, [&] { return All().entries.count(handle) != 0; });
-            entry = All().entries[handle];
-            if (entry->over) return;
-            if (entry->once) {
-                entry->over = true;
-                All().entries.erase(handle);
-            }
-        }
-        if (entry->function) entry->function();
-    }
+    using Callee = detail::Callee<>;
+    static void OnTimer(unsigned long long, void* param) noexcept { Callee::Call(param); }
     QV_CHANNEL channel_;
-    std::shared_ptr<Entry> entry_;
+    std::shared_ptr<Callee> callee_;
     unsigned long long handle_;
 };
 
@@ -284,16 +254,19 @@ class VideoCapture {
     VideoCapture(const Channel& channel, const VideoFormat& format, Function function)
         : channel_(channel.Handle()),
           callee_(std::make_shared<Callee>(std::move(function))),
-          status_(QVStartVideoCaptureWithCallback(channel_, format.fourcc, format.width,
-                                                  format.height, format.mode, OnFrame,
-                                                  callee_.get())) {}
+          status_(QVStartVideoCaptureWithRelease(channel_, format.fourcc, format.width,
+                                                 format.height, format.mode, OnFrame,
+                                                 callee_->Lend(), Callee::Release)) {}
     ~VideoCapture() {
         if (status_) QVStopVideoCaptureWithCallback(channel_);
+        callee_->Disarm();
     }
     VideoCapture(const VideoCapture&) = delete;
     VideoCapture& operator=(const VideoCapture&) = delete;
     /** Whether it was started; it needs a Worker. */
     Result Status() const { return status_; }
+    /** Whether the driver refused a request for a frame: none comes until a new capture is made. */
+    bool Stalled() const { return status_ && QVIsVideoCaptureStalled(channel_); }
 
   private:
     using Callee = detail::Callee<const VideoFrame&>;
@@ -315,9 +288,11 @@ class AudioCapture {
     AudioCapture(const Channel& channel, Function function)
         : channel_(channel.Handle()),
           callee_(std::make_shared<Callee>(std::move(function))),
-          status_(QVStartAudioCaptureWithCallback(channel_, OnFrame, callee_.get())) {}
+          status_(QVStartAudioCaptureWithRelease(channel_, OnFrame, callee_->Lend(),
+                                                 Callee::Release)) {}
     ~AudioCapture() {
         if (status_) QVStopAudioCaptureWithCallback(channel_);
+        callee_->Disarm();
     }
     AudioCapture(const AudioCapture&) = delete;
     AudioCapture& operator=(const AudioCapture&) = delete;
@@ -358,8 +333,18 @@ class NodeVideoCapture {
     NodeVideoCapture& operator=(const NodeVideoCapture&) = delete;
     /** Whether the node was opened and configured. */
     explicit operator bool() const { return capture_ != nullptr; }
-    /** For the picture controls of QVCapture.h. */
-    QV_VIDEO_CAPTURE Handle() const { return capture_; }
+    /** The picture controls. There is no handle for the functions of QVCapture.h: one that is meant
+     *  for a channel would take it, too. */
+    Result SetControl(_QVCAP_VIDEO_PROC_PARAM_TYPE type, int value) {
+        return QVSetVideoProcParam(capture_, type, value);
+    }
+    Result GetControl(_QVCAP_VIDEO_PROC_PARAM_TYPE type, int& value) const {
+        return QVGetVideoProcParam(capture_, type, &value);
+    }
+    Result GetControlRange(_QVCAP_VIDEO_PROC_PARAM_TYPE type, int& minimum, int& maximum,
+                           int& defaultValue) const {
+        return QVGetVideoProcParamRange(capture_, type, &minimum, &maximum, &defaultValue);
+    }
 
   private:
     using Callee = detail::Callee<const Chunk&>;
@@ -407,25 +392,23 @@ class SoundCapture {
 /** A file descriptor that becomes readable when somebody has rung: for poll() and its like. */
 class Doorbell {
   public:
-    /** Throws std::system_error when the system has no descriptor left. */
-    Doorbell() : fd_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
-        if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    /** Throws std::system_error when the system has no descriptor left; without exceptions Fd() is
+     *  -1 then, and nothing rings. */
+    Doorbell() : fd_(QVOpenDoorbell()) {
+#if defined(__cpp_exceptions)
+        if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "doorbell");
+#endif
     }
-    ~Doorbell() { close(fd_); }
+    ~Doorbell() {
+        if (fd_ >= 0) close(fd_);
+    }
     Doorbell(const Doorbell&) = delete;
     Doorbell& operator=(const Doorbell&) = delete;
     int Fd() const { return fd_; }
     /** Any thread; never blocks. */
-    void Ring() noexcept {
-        const uint64_t one = 1;
-        // Full means that it is readable already.
-        [[maybe_unused]] const ssize_t written = write(fd_, &one, sizeof one);
-    }
+    void Ring() noexcept { QVRingDoorbell(fd_); }
     /** How often it was rung since the last call; it is not readable then. */
-    uint64_t Answer() noexcept {
-        uint64_t rings = 0;
-        return read(fd_, &rings, sizeof rings) == static_cast<ssize_t>(sizeof rings) ? rings : 0;
-    }
+    uint64_t Answer() noexcept { return QVAnswerDoorbell(fd_); }
 
   private:
     int fd_;

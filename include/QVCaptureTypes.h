@@ -25,12 +25,25 @@ enum {
     QV_RESULT_BAD_ARGUMENT = 3, /**< null handle or pointer, index out of range, channel closed */
 };
 
+/** Version of the library that these headers belong to, for the compiler; see QVGetVersion() for
+ *  the one that runs. */
+#define QV_VERSION_MAJOR 3
+#define QV_VERSION_MINOR 3
+#define QV_VERSION_BUILD 0
+/** True when the headers are of this version or a later one. */
+#define QV_VERSION_AT_LEAST(major, minor) \
+    (QV_VERSION_MAJOR > (major) || (QV_VERSION_MAJOR == (major) && QV_VERSION_MINOR >= (minor)))
+
 /** One open channel; null means that there is no channel. Made by the open functions, released by
  *  QVCloseChannel() alone. */
 typedef void* QV_CHANNEL;
 
 /** Largest number of channels that one registry keeps. */
 enum { QV_MAX_CHANNELS = 64 };
+
+/** Told that the library will not use a caller's parameter again: no callback with it is running,
+ * and none will be called. Called exactly once for each parameter that it was given with. */
+typedef void (*QV_RELEASE_CALLBACK)(void* param);
 
 /* Values that the driver defines and the library passes through, 32 bits each. */
 typedef uint32_t _QVCAP_VIDEO_COLOR_FORMAT;

@@ -10,6 +10,8 @@
 #include <cstdlib>
 #include <new>
 
+#include "QuietThread.h"
+
 const char* capturedevice = "default";
 const char* playbackdevice = "default";
 
@@ -132,7 +134,7 @@ int StartThread(AudioCaptureALSAContext* ctx) {
     ctx->running = 1;
     ctx->hasThread = true;
     // From here on the context belongs to the thread too: its callback may destroy it at once.
-    const int result = pthread_create(&ctx->thread, nullptr, AudioCaptureALSAThreadProc, ctx);
+    const int result = qv::CreateQuietThread(&ctx->thread, AudioCaptureALSAThreadProc, ctx);
     if (result == 0) return 0;
     ctx->running = 0;
     ctx->hasThread = false;

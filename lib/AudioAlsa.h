@@ -40,6 +40,8 @@ struct AudioPlaybackALSAContext {
     int32_t extra;
 };
 
+// Exported under a version of their own, for programs of the maker's.
+#pragma GCC visibility push(default)
 extern "C" {
 
 // Used when a start is given no device name.
@@ -72,3 +74,4 @@ int AudioCaptureALSARead(snd_pcm_t* pcm, unsigned char* buffer, int frames);
 int AudioPlaybackFillBlank(snd_pcm_t* pcm);
 
 }  // extern "C"
+#pragma GCC visibility pop

@@ -46,6 +46,8 @@ extern const QVCAP_USB_AUDIO_NODE_FILTER QVCAP_USB_AUDIO_NODE_FILTERS[4];
 // Rebuilds the table. Cards that cannot be opened are left out.
 void RefreshSoundCards();
 
+// Exported under a version of their own, for programs of the maker's.
+#pragma GCC visibility push(default)
 extern "C" {
 
 // 1 when the card's mixer has an active simple element of exactly that name, else 0.
@@ -71,3 +73,4 @@ int SetPelixCaptureAudioVolume(const char* devicePath, _QVCAP_AUDIO_VOLUME* volu
 int GetPelixCaptureAudioVolume(const char* devicePath, _QVCAP_AUDIO_VOLUME* volume);
 
 }  // extern "C"
+#pragma GCC visibility pop

@@ -1,16 +1,17 @@
 // The worker's thread, its queue of commands and its wait loop.
 #include "ChannelEntity.h"
 
+#include <sched.h>
+
 #include <cerrno>
-#include <cstdlib>
 #include <new>
 
 #include "QVCaptureBase.h"
 #include "QVPelixCapture.h"
+#include "QuietThread.h"
 
 namespace {
 
-constexpr int kForEver = -1;
 // How long a poster sleeps in the driver before it looks whether its command was discarded: what
 // closing an event does to its waiters is the driver's affair, so no poster may depend on it.
 constexpr int kCompletionSliceMs = 100;
@@ -18,7 +19,12 @@ constexpr int kCompletionSliceMs = 100;
 // processor.
 constexpr useconds_t kPosterPauseUs = 1000;
 constexpr useconds_t kWorkerPauseUs = 5000;
+// How often a poster whose event was set looks for the mark that follows at once.
+constexpr int kLooksForTheMark = 1000;
+// A driver that will not set the wake event is asked again: a command that cannot be posted leaves
+// a callback behind that its owner wanted to end.
 constexpr int kWakeTries = 3;
+constexpr int kInterruptedTries = 1000;
 
 class QueueGuard {
   public:
@@ -38,28 +44,29 @@ ChannelEntity::~ChannelEntity() {
     pthread_mutex_destroy(&m_queueLock);
 }
 
+// By what the thread says of itself: the identity of a joined thread goes to another.
 bool ChannelEntity::OnWorkerThread() const {
-    const pthread_t thread = m_thread.load(std::memory_order_acquire);
-    return thread != 0 && pthread_equal(thread, pthread_self()) != 0;
+    const pthread_t self = m_self.load(std::memory_order_acquire);
+    return self != 0 && pthread_equal(self, pthread_self()) != 0;
 }
 
 // ---- Start and stop --------------------------------------------------------------------------
 
 int ChannelEntity::StartChannelThread() {
     m_eventNode = CQVCaptureControlBase::EventNodeReference();
-    if (m_eventNode == nullptr) return -1;
-    m_events = qv::EventNode(m_eventNode->Descriptor());
-    const unsigned long long wake = m_events.Create();
+    if (!m_eventNode) return -1;
+    m_scope.events = qv::EventNode(m_eventNode->Descriptor());
+    const unsigned long long wake = m_scope.events.Create();
     if (wake == 0) return -1;  // a thread that can never be woken would hang
     m_wakeEvent.store(wake, std::memory_order_release);
     m_accepting = true;
     // Set before the thread exists and only cleared afterwards: a stop is never lost.
     m_running.store(1, std::memory_order_release);
     pthread_t thread = 0;
-    if (pthread_create(&thread, nullptr, &ChannelEntity::ChannelThreadproc, this) != 0) {
+    if (qv::CreateQuietThread(&thread, &ChannelEntity::ChannelThreadproc, this) != 0) {
         m_running.store(0, std::memory_order_release);
         m_accepting = false;
-        m_events.Close(m_wakeEvent.exchange(0));
+        CloseWakeEvent();
         return -1;
     }
     m_thread.store(thread, std::memory_order_release);
@@ -69,29 +76,36 @@ int ChannelEntity::StartChannelThread() {
 int ChannelEntity::StopChannelThread() {
     const pthread_t thread = m_thread.load(std::memory_order_acquire);
     if (thread == 0 || OnWorkerThread()) return -1;
-    const unsigned int starts = m_captureStarts.load();
     StopDriverCaptures();
     m_running.store(0, std::memory_order_release);
     WakeForTheLastTime();
     pthread_join(thread, nullptr);
-    // The worker went on until here: a capture that it opened meanwhile still runs.
-    if (m_captureStarts.load() != starts) StopDriverCaptures();
+    m_video.StopDriverAgain();
+    m_audio.StopDriverAgain();
     m_thread.store(0, std::memory_order_release);
     ReleaseCaptures();
-    m_events.Close(m_wakeEvent.exchange(0));
+    CloseWakeEvent();
     return 0;
 }
 
 // A driver that will not set the event loses it: closing it ends the worker's wait, or makes the
 // next one fail.
 void ChannelEntity::WakeForTheLastTime() {
-    for (int i = 0; i < kWakeTries; ++i)
-        if (m_events.Set(m_wakeEvent.load(std::memory_order_acquire)) == QV_RESULT_OK) return;
-    m_events.Close(m_wakeEvent.exchange(0));
+    {
+        const QueueGuard guard(&m_queueLock);
+        if (Wake()) return;
+    }
+    CloseWakeEvent();
 }
 
-void ChannelEntity::CloseOwnerAfterCallback() {
-    m_closeOwner = true;
+void ChannelEntity::CloseWakeEvent() {
+    const QueueGuard guard(&m_queueLock);
+    m_scope.events.Close(m_wakeEvent.exchange(0));
+}
+
+void ChannelEntity::CloseOwnerAfterCallback(qv::CallerParam param) {
+    m_closeParam = std::move(param);
+    m_scope.ending = true;
     m_running.store(0, std::memory_order_release);
 }
 
@@ -99,20 +113,22 @@ void ChannelEntity::CloseOwnerAfterCallback() {
 void ChannelEntity::EndWithOwner() {
     StopDriverCaptures();
     ReleaseCaptures();
-    m_events.Close(m_wakeEvent.exchange(0));
+    CloseWakeEvent();
     m_thread.store(0, std::memory_order_release);
+    m_self.store(0, std::memory_order_release);
     pthread_detach(pthread_self());
-    m_owner->FinishDeferredClose();  // deletes this object too
+    const qv::CallerParam droppedLast = std::move(m_closeParam);
+    m_scope.channel->FinishDeferredClose();  // deletes this object too
 }
 
 void ChannelEntity::StopDriverCaptures() {
-    m_videoStopped = m_owner->StopVideoCapture() == QV_RESULT_OK;
-    m_owner->StopAudioCapture();
+    m_video.StopDriver();
+    m_audio.StopDriver();
 }
 
 void ChannelEntity::ReleaseCaptures() {
-    ReleaseVideo(m_videoStopped);
-    ReleaseAudio();
+    m_video.Release(m_video.DriverStopped());
+    m_audio.Release();
 }
 
 // ---- The queue -------------------------------------------------------------------------------
@@ -129,115 +145,112 @@ bool ChannelEntity::PostItem(Runnable* item, bool wait) {
         return true;
     }
     std::atomic<Progress> progress{Progress::kQueued};
-    const unsigned long long completion = wait ? m_events.Create() : 0;
-    const uint64_t ticket = Enqueue({item, completion, wait ? &progress : nullptr});
-    if (ticket == 0) {
-        m_events.Close(completion);
-        delete item;
-        return false;
-    }
-    if (m_events.Set(m_wakeEvent.load(std::memory_order_acquire)) != QV_RESULT_OK &&
-        TakeBack(ticket)) {
-        m_events.Close(completion);
+    const unsigned long long completion = wait ? m_scope.events.Create() : 0;
+    if (!Enqueue(item, completion, wait ? &progress : nullptr)) {
+        m_scope.events.Close(completion);
         delete item;
         return false;
     }
     if (!wait) return true;
     AwaitCompletion(completion, progress);
-    // The worker has closed a discarded command's event; its handle may name another by now.
+    // The worker closes a discarded command's event.
     if (progress.load(std::memory_order_acquire) == Progress::kDiscarded) return false;
-    m_events.Close(completion);
+    m_scope.events.Close(completion);
     return true;
 }
 
-// The command's ticket, 0 when it was refused.
-uint64_t ChannelEntity::Enqueue(RunnableItem entry) {
+// Queued and the worker woken, or neither: in one hold of the lock, so that nobody sets a wake
+// event that was closed, whose handle may be another's by then.
+bool ChannelEntity::Enqueue(Runnable* item, unsigned long long completion,
+                            std::atomic<Progress>* progress) {
     const QueueGuard guard(&m_queueLock);
-    if (!m_accepting) return 0;
-    entry.ticket = ++m_lastTicket;
-    m_queue.push_back(entry);
-    return entry.ticket;
+    if (!m_accepting) return false;
+    item->m_place = {item, completion, progress, nullptr};
+    RunnableItem** const link = m_lastLink;
+    *link = &item->m_place;
+    m_lastLink = &item->m_place.next;
+    if (Wake()) return true;
+    *link = nullptr;
+    m_lastLink = link;
+    return false;
 }
 
-// The worker could not be woken for this command: it is still the poster's, unless it was taken.
-bool ChannelEntity::TakeBack(uint64_t ticket) {
-    const QueueGuard guard(&m_queueLock);
-    for (auto entry = m_queue.begin(); entry != m_queue.end(); ++entry) {
-        if (entry->ticket != ticket) continue;
-        m_queue.erase(entry);
-        return true;
+// The caller holds the queue's lock.
+bool ChannelEntity::Wake() {
+    const unsigned long long wake = m_wakeEvent.load(std::memory_order_acquire);
+    for (int refused = 0, interrupted = 0; refused < kWakeTries;) {
+        errno = 0;
+        if (m_scope.events.Set(wake) == QV_RESULT_OK) return true;
+        if (errno != EINTR || ++interrupted > kInterruptedTries) ++refused;
     }
     return false;
 }
 
-// Interrupted waits, time-outs and failing drivers all lead back to the command's own progress.
+// Interrupted waits, time-outs, signals that nobody sent and failing drivers all lead back to the
+// command's own progress.
 void ChannelEntity::AwaitCompletion(unsigned long long completion,
                                     const std::atomic<Progress>& progress) {
-    while (m_events.Wait(completion, kCompletionSliceMs) != 1) {
-        if (progress.load(std::memory_order_acquire) != Progress::kQueued) return;
+    const auto waiting = [&progress] {
+        return progress.load(std::memory_order_acquire) == Progress::kQueued;
+    };
+    for (;;) {
+        const bool signalled = m_scope.events.Wait(completion, kCompletionSliceMs) == 1;
+        for (int i = 0; signalled && waiting() && i < kLooksForTheMark; ++i) sched_yield();
+        if (!waiting()) {
+            // A discarded command's event is closed, never set: this signal was for whoever has the
+            // handle now.
+            if (signalled && progress.load(std::memory_order_acquire) == Progress::kDiscarded)
+                m_scope.events.Set(completion);
+            return;
+        }
         usleep(kPosterPauseUs);
     }
-    // The event was set after the command had run; a set by anybody else does not count.
-    while (progress.load(std::memory_order_acquire) == Progress::kQueued) usleep(kPosterPauseUs);
 }
 
+// The mark is the last that is done for a command: the poster, and its event, may be gone after it.
 void ChannelEntity::RunOneCommand() {
     RunnableItem entry;
     {
         const QueueGuard guard(&m_queueLock);
-        if (m_queue.empty()) return;
-        entry = m_queue.front();
-        m_queue.pop_front();
+        if (m_firstItem == nullptr) return;
+        entry = *m_firstItem;
+        m_firstItem = entry.next;
+        if (m_firstItem == nullptr) m_lastLink = &m_firstItem;
         // One command a wake-up: the other events get their turn in between.
-        if (!m_queue.empty())
-            m_commandDue =
-                m_events.Set(m_wakeEvent.load(std::memory_order_acquire)) != QV_RESULT_OK;
+        if (m_firstItem != nullptr) m_commandDue = !Wake();
     }
     entry.item->Run();
     delete entry.item;
     if (entry.progress == nullptr) return;
+    m_scope.events.Set(entry.completion);
     entry.progress->store(Progress::kDone, std::memory_order_release);
-    m_events.Set(entry.completion);  // last: the poster's memory may be gone after it
 }
 
+// Marked first: no poster may go back to waiting on an event that is closed already.
 void ChannelEntity::ClearRunnableItem() {
     const QueueGuard guard(&m_queueLock);
     m_accepting = false;
-    for (const RunnableItem& entry : m_queue) {
+    while (m_firstItem != nullptr) {
+        const RunnableItem entry = *m_firstItem;
+        m_firstItem = entry.next;
         delete entry.item;
-        m_events.Close(entry.completion);  // closed, not set: the command never ran
         if (entry.progress != nullptr)
             entry.progress->store(Progress::kDiscarded, std::memory_order_release);
+        m_scope.events.Close(entry.completion);  // closed, not set: the command never ran
     }
-    m_queue.clear();
+    m_lastLink = &m_firstItem;
 }
 
 // ---- The wait loop ---------------------------------------------------------------------------
 
-void ChannelEntity::WaitSet::Add(Source source, unsigned long long event, unsigned long long key) {
-    if (event == 0 || count == kWaitSetSize) return;
-    sources[count] = source;
-    events[count] = event;
-    keys[count] = key;
-    ++count;
-}
-
-// Afresh on each pass, notifications first: what a command changed counts from the next pass on.
-void ChannelEntity::BuildWaitSet() {
-    m_waitSet.count = 0;
-    for (const _QVCAP_NOTIFY* notify : m_notifies)
-        m_waitSet.Add(Source::kNotification, notify->event, notify->key);
-    m_waitSet.Add(Source::kWake, m_wakeEvent.load(std::memory_order_acquire));
-    m_waitSet.Add(Source::kVideoDone, m_video.doneEvent);
-    m_waitSet.Add(Source::kVideoNotify, m_video.notifyEvent);
-    m_waitSet.Add(Source::kAudioNotify, m_audioEvent);
-    m_waitSet.Add(Source::kTimer, m_timerEvent);
-}
-
 void* ChannelEntity::ChannelThreadproc(void* entity) {
     auto* self = static_cast<ChannelEntity*>(entity);
+    self->m_self.store(pthread_self(), std::memory_order_release);
     self->ChannelThreadproc();
-    if (self->m_closeOwner) self->EndWithOwner();
+    if (self->m_scope.ending)
+        self->EndWithOwner();
+    else
+        self->m_self.store(0, std::memory_order_release);
     return nullptr;
 }
 
@@ -250,7 +263,8 @@ void ChannelEntity::ChannelThreadproc() {
             continue;
         }
         errno = 0;
-        const unsigned int mask = m_events.MultiWait(m_waitSet.events, m_waitSet.count, kForEver);
+        const unsigned int mask =
+            m_scope.events.MultiWait(m_waitSet.events, m_waitSet.count, m_waitSet.timeout);
         if (mask == 0 && errno != EINTR) usleep(kWorkerPauseUs);
         Dispatch(mask);
     }
@@ -259,33 +273,149 @@ void ChannelEntity::ChannelThreadproc() {
     ClearRunnableItem();
 }
 
+// Afresh on each pass, notifications first: what a command changed counts from the next pass on.
+void ChannelEntity::BuildWaitSet() {
+    m_waitSet.count = 0;
+    m_waitSet.timeout = qv::WaitSet::kForEver;
+    m_registrations.AddEvents(&m_waitSet);
+    m_waitSet.Add(nullptr, m_wakeEvent.load(std::memory_order_acquire), 0);
+    m_video.AddEvents(&m_waitSet);
+    m_audio.AddEvents(&m_waitSet);
+    m_timers.AddEvents(&m_waitSet);
+}
+
 void ChannelEntity::Dispatch(unsigned int mask) {
-    for (int i = 0; i < m_waitSet.count && !m_closeOwner; ++i)
+    for (int i = 0; i < m_waitSet.count && !m_scope.ending; ++i)
         if ((mask & 1u << i) != 0) ProcessHanlde(i);
 }
 
-// A source whose event is no longer the one that was waited on was closed, and maybe opened again,
-// by a callback of this very pass: its signal is stale.
 void ChannelEntity::ProcessHanlde(int index) {
-    const unsigned long long event = m_waitSet.events[index];
-    switch (m_waitSet.sources[index]) {
-        case Source::kNone:
-            return;
-        case Source::kNotification:
-            return OnNotification(m_waitSet.keys[index]);
-        case Source::kVideoDone:
-            if (event == m_video.doneEvent) OnVideoDone();
-            return;
-        case Source::kVideoNotify:
-            if (event == m_video.notifyEvent) OnVideoNotify();
-            return;
-        case Source::kAudioNotify:
-            if (event == m_audioEvent) OnAudioNotify();
-            return;
-        case Source::kTimer:
-            if (event == m_timerEvent) OnTimer();
-            return;
-        case Source::kWake:
-            return RunOneCommand();
-    }
+    const qv::WaitSet::Entry& entry = m_waitSet.entries[index];
+    if (entry.source == nullptr)
+        RunOneCommand();
+    else
+        entry.source->OnSignal(entry.serial);
 }
+
+// ---- Operations ------------------------------------------------------------------------------
+
+// True when the command has run; its results are then where its arguments point.
+template <class Argument>
+bool ChannelEntity::Post(void (ChannelEntity::*operation)(Argument), Argument argument) {
+    using Command = Functor1<ChannelEntity, decltype(operation), Argument>;
+    return PostItem(new (std::nothrow) Command(this, operation, argument), true);
+}
+
+template <class First, class Second>
+bool ChannelEntity::Post(void (ChannelEntity::*operation)(First, Second), First first,
+                         Second second) {
+    using Command = Functor2<ChannelEntity, decltype(operation), First, Second>;
+    return PostItem(new (std::nothrow) Command(this, operation, first, second), true);
+}
+
+// The command's result, -1 when it never ran.
+template <class... Parameters, class... Arguments>
+int ChannelEntity::Ask(void (ChannelEntity::*operation)(Parameters...), Arguments... arguments) {
+    int result = -1;
+    Post(operation, arguments..., &result);
+    return result;
+}
+
+int ChannelEntity::RegisterNotify(unsigned long long enableBits, QV_NOTIFY_CALLBACK callback,
+                                  qv::CallerParam param, unsigned long long& handle) {
+    if (m_thread.load(std::memory_order_acquire) == 0) return -1;
+    if (!m_registrations.ReservePlace()) return -1;
+    int result = -1;
+    auto* record = new (std::nothrow) _QVCAP_NOTIFY(std::move(param));
+    if (record != nullptr) {
+        const unsigned long long key = qv::NextKey();
+        record->key = key;
+        record->enableBits = enableBits;
+        record->callback = callback;
+        record->event = m_scope.events.Create();
+        record->driverHandle =
+            m_scope.channel->RegisterNotify(record->event, static_cast<unsigned int>(enableBits));
+        if (record->driverHandle == 0) {
+            result = 0;  // Deliberate: a success without a registration; the handle stays 0
+        } else if (Post(&ChannelEntity::DoRegisterNotify, record)) {
+            handle = key;
+            return 0;
+        } else {
+            m_scope.channel->UnregisterNotifyAtDriver(record->driverHandle);
+        }
+        m_scope.events.Close(record->event);
+        delete record;
+    }
+    m_registrations.GiveBackPlace();
+    return result;
+}
+
+int ChannelEntity::UnregisterNotifyWithCallback(unsigned long long handle) {
+    return Ask(&ChannelEntity::DoUnregisterNotify, handle);
+}
+
+int ChannelEntity::CreateTimer(QV_TIMER_CALLBACK callback, long long delay, long long period,
+                               unsigned long long& handle, qv::CallerParam param) {
+    long long now = 0;
+    if (m_scope.channel->GetDeviceTime(&now) != QV_RESULT_OK) return -1;
+    const bool owned = param.IsOwned();
+    auto* timer = new (std::nothrow) _QVCAP_TIMER(std::move(param));
+    if (timer == nullptr) return -1;
+    // Who owns a parameter may ask for the end of a timer that is gone already.
+    const unsigned long long made = owned ? qv::NextKey() : qv::HandleOf(timer);
+    timer->handle = made;
+    timer->callback = callback;
+    timer->delay = delay;
+    timer->period = period;
+    timer->expiry = qv::LaterTime(now, delay);
+    const int result = Ask(&ChannelEntity::DoCreateTimer, timer);
+    if (result == 0)
+        handle = made;
+    else
+        delete timer;
+    return result;
+}
+
+int ChannelEntity::DestroyTimer(unsigned long long handle) {
+    return Ask(&ChannelEntity::DoDestroyTimer, handle);
+}
+
+int ChannelEntity::OpenCapture(unsigned int fourcc, int width, int height,
+                               _QV_VIDEO_CAPTURE_MODE mode, QV_VIDEO_CALLBACK callback,
+                               qv::CallerParam param) {
+    auto* request = new (std::nothrow) _QVCAP_VIDEO_CAPTURE(std::move(param));
+    if (request == nullptr) return -1;
+    request->fourcc = fourcc;
+    request->width = width;
+    request->height = height;
+    request->mode = mode;
+    request->callback = callback;
+    const int result = Ask(&ChannelEntity::DoOpenCapture, request);
+    if (result != 0) delete request;
+    return result;
+}
+
+int ChannelEntity::CloseCapture() { return Ask(&ChannelEntity::DoCloseCapture); }
+
+int ChannelEntity::OpenAudioCapture(QV_AUDIO_CALLBACK callback, qv::CallerParam param) {
+    if (m_thread.load(std::memory_order_acquire) == 0) return -1;
+    auto* request = new (std::nothrow) _QVCAP_AUDIO_CAPTURE(std::move(param));
+    if (request == nullptr) return -1;
+    request->callback = callback;
+    const int result = Ask(&ChannelEntity::DoOpenAudioCapture, request);
+    if (result != 0) delete request;
+    return result;
+}
+
+int ChannelEntity::CloseAudioCapture() { return Ask(&ChannelEntity::DoCloseAudioCapture); }
+
+// A table stays a table.
+// clang-format off
+void ChannelEntity::DoUnregisterNotify(unsigned long long key, int* result) { *result = m_registrations.Remove(key); }
+void ChannelEntity::DoCreateTimer(_QVCAP_TIMER* timer, int* result) { *result = m_timers.Insert(timer); }
+void ChannelEntity::DoDestroyTimer(unsigned long long handle, int* result) { *result = m_timers.Destroy(handle); }
+void ChannelEntity::DoOpenCapture(_QVCAP_VIDEO_CAPTURE* request, int* result) { *result = m_video.Open(request); }
+void ChannelEntity::DoCloseCapture(int* result) { *result = m_video.Close(); }
+void ChannelEntity::DoOpenAudioCapture(_QVCAP_AUDIO_CAPTURE* request, int* result) { *result = m_audio.Open(request); }
+void ChannelEntity::DoCloseAudioCapture(int* result) { *result = m_audio.Close(); }
+// clang-format on

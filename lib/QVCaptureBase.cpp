@@ -17,12 +17,6 @@ constexpr _QVCAP_HDMI_INFOFRAME_ID kInfoFrameIds = 12;
 
 }  // namespace
 
-CQVCaptureBase::~CQVCaptureBase() {
-    StopChannelThread();         // before the members that its worker uses are gone
-    m_hChannelFD = qv::kClosed;  // Deliberate: closing is CloseChannel's work alone
-    ReleaseKeptFrames();
-}
-
 bool CQVCaptureBase::OpenNode(const char* path) {
     m_hChannelFD = open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);
     return m_hChannelFD != qv::kClosed;

@@ -5,14 +5,14 @@
 // static, go to the shared event node and may be called from any thread.
 #pragma once
 
-#include <map>
-#include <memory>
 #include <mutex>
-#include <vector>
 
+#include "CallerParam.h"
+#include "FrameMemory.h"
 #include "IQVCaptureDevice.h"
 #include "QVCapture.h"
 #include "QVDriverCall.h"
+#include "Ref.h"
 
 class ChannelEntity;
 
@@ -57,7 +57,7 @@ struct FrameSettings {
 
 class CQVCaptureBase final : public IQVCaptureDevice {
   public:
-    CQVCaptureBase() = default;
+    CQVCaptureBase();
     ~CQVCaptureBase() override;
     CQVCaptureBase(const CQVCaptureBase&) = delete;
     CQVCaptureBase& operator=(const CQVCaptureBase&) = delete;
@@ -227,28 +227,31 @@ class CQVCaptureBase final : public IQVCaptureDevice {
     QV_RESULT StartChannelThread();
     QV_RESULT StopChannelThread();
     unsigned long long RegisterNotifyWithCallback(unsigned int enableBits,
-                                                  QV_NOTIFY_CALLBACK callback, void* param);
+                                                  QV_NOTIFY_CALLBACK callback,
+                                                  qv::CallerParam param);
     QV_RESULT QVUnregisterNotifyOfCallback(unsigned long long handle);
-    unsigned long long CreateTimer(QV_TIMER_CALLBACK callback, long long delay, long long period);
+    unsigned long long CreateTimer(QV_TIMER_CALLBACK callback, long long delay, long long period,
+                                   qv::CallerParam param = nullptr);
     QV_RESULT DestoryTimer(unsigned long long timer);
     QV_RESULT StartVideoCaptureWithCallback(unsigned int fourcc, int width, int height,
                                             _QV_VIDEO_CAPTURE_MODE mode, QV_VIDEO_CALLBACK callback,
-                                            void* param);
+                                            qv::CallerParam param);
     QV_RESULT StopVideoCaptureWithCallback();
-    QV_RESULT StartAudioCaptureWithCallback(QV_AUDIO_CALLBACK callback, void* param);
+    bool VideoCaptureStalled();
+    QV_RESULT StartAudioCaptureWithCallback(QV_AUDIO_CALLBACK callback, qv::CallerParam param);
     QV_RESULT StopAudioCaptureWithCallback();
 
     // True when called from a callback of this channel's worker, which then closes and deletes the
-    // object after that callback.
-    bool DeferCloseToWorker();
+    // object after that callback, and drops the parameter last.
+    bool DeferCloseToWorker(qv::CallerParam* param);
 
     // For the worker alone.
     QV_RESULT UnregisterNotifyAtDriver(unsigned long long notify);
-    void KeepUntilClosed(void* memory);  // from malloc; the driver may still write to it
-    void FinishDeferredClose();          // closes and deletes this object
+    void KeepUntilClosed(qv::FrameMemory* frames);  // owned; the driver may still write to it
+    void FinishDeferredClose();                     // closes and deletes this object
 
   private:
-    std::shared_ptr<ChannelEntity> Entity();
+    qv::Ref<ChannelEntity> Entity();
     void ReleaseKeptFrames();
     bool OpenNode(const char* path);
     QV_RESULT CaptureFrame(const FrameRequest& request, const OsdOverlay& osd,
@@ -257,9 +260,8 @@ class CQVCaptureBase final : public IQVCaptureDevice {
 
     int m_hChannelFD = qv::kClosed;
     char m_szDevicePath[512] = {};
-    // At most one entry: the worker of this very object, while one is started.
-    std::map<CQVCaptureBase*, std::shared_ptr<ChannelEntity>> m_mapChannelEntity;
-    std::mutex m_workerLock;  // guards the map, the flag and the list below; held for look-ups only
+    std::mutex m_workerLock;          // guards what follows; held for look-ups and a start only
+    qv::Ref<ChannelEntity> m_entity;  // the worker, while one is started
     bool m_stopping = false;
-    std::vector<void*> m_framesUntilClosed;
+    qv::FrameMemory* m_framesUntilClosed = nullptr;
 };

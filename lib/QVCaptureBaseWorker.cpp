@@ -1,5 +1,5 @@
 // The channel object's side of its worker: start, stop, look-up, and forwarding to it.
-#include <cstdlib>
+#include <new>
 #include <utility>
 
 #include "ChannelEntity.h"
@@ -11,128 +11,145 @@ QV_RESULT FromWorker(int result) { return result == 0 ? QV_RESULT_OK : QV_RESULT
 
 }  // namespace
 
+CQVCaptureBase::CQVCaptureBase() = default;
+
+CQVCaptureBase::~CQVCaptureBase() {
+    StopChannelThread();         // before the members that its worker uses are gone
+    m_hChannelFD = qv::kClosed;  // Deliberate: closing is CloseChannel's work alone
+    ReleaseKeptFrames();
+}
+
 // A reference, so that the worker's object outlives every thread that is inside it.
-std::shared_ptr<ChannelEntity> CQVCaptureBase::Entity() {
+qv::Ref<ChannelEntity> CQVCaptureBase::Entity() {
     const std::lock_guard guard(m_workerLock);
-    const auto found = m_mapChannelEntity.find(this);
-    return found == m_mapChannelEntity.end() ? nullptr : found->second;
+    return m_entity;
 }
 
 QV_RESULT CQVCaptureBase::StartChannelThread() {
     const std::lock_guard guard(m_workerLock);
-    if (m_mapChannelEntity.count(this) != 0) return QV_RESULT_FAILED;
-    auto entity = std::make_shared<ChannelEntity>(this);
-    if (entity->StartChannelThread() != 0) return QV_RESULT_FAILED;
-    m_mapChannelEntity.emplace(this, std::move(entity));
+    if (m_entity) return QV_RESULT_FAILED;
+    const qv::Ref entity(new (std::nothrow) ChannelEntity(this));
+    if (!entity || entity->StartChannelThread() != 0) return QV_RESULT_FAILED;
+    m_entity = entity;
     return QV_RESULT_OK;
 }
 
 QV_RESULT CQVCaptureBase::StopChannelThread() {
-    std::shared_ptr<ChannelEntity> entity;
+    qv::Ref<ChannelEntity> entity;
     {
-        // Look-up and claim in one: what is taken off the map below is what was looked up here.
+        // Look-up and claim in one: what is taken off below is what was looked up here.
         const std::lock_guard guard(m_workerLock);
-        const auto found = m_mapChannelEntity.find(this);
-        if (found == m_mapChannelEntity.end() || found->second->OnWorkerThread() || m_stopping)
-            return QV_RESULT_FAILED;
-        entity = found->second;
+        if (!m_entity || m_entity->OnWorkerThread() || m_stopping) return QV_RESULT_FAILED;
+        entity = m_entity;
         m_stopping = true;
     }
     // Without the lock: callbacks that are under way may still ask for the worker.
     entity->StopChannelThread();
     const std::lock_guard guard(m_workerLock);
-    m_mapChannelEntity.erase(this);
+    m_entity = {};
     m_stopping = false;
     return QV_RESULT_OK;
 }
 
-bool CQVCaptureBase::DeferCloseToWorker() {
-    const std::shared_ptr<ChannelEntity> entity = Entity();
-    if (entity == nullptr || !entity->OnWorkerThread()) return false;
-    entity->CloseOwnerAfterCallback();
+bool CQVCaptureBase::DeferCloseToWorker(qv::CallerParam* param) {
+    const auto entity = Entity();
+    if (!entity || !entity->OnWorkerThread()) return false;
+    entity->CloseOwnerAfterCallback(std::move(*param));
     return true;
 }
 
 void CQVCaptureBase::FinishDeferredClose() {
-    std::shared_ptr<ChannelEntity> entity;  // ends after this object
+    qv::Ref<ChannelEntity> entity;  // ends after this object
     {
         const std::lock_guard guard(m_workerLock);
-        entity = std::move(m_mapChannelEntity[this]);
-        m_mapChannelEntity.clear();
+        std::swap(entity, m_entity);
     }
     CloseChannel();
     delete this;
 }
 
-void CQVCaptureBase::KeepUntilClosed(void* memory) {
+void CQVCaptureBase::KeepUntilClosed(qv::FrameMemory* frames) {
     const std::lock_guard guard(m_workerLock);
-    m_framesUntilClosed.push_back(memory);
+    frames->next = m_framesUntilClosed;
+    m_framesUntilClosed = frames;
 }
 
 void CQVCaptureBase::ReleaseKeptFrames() {
     const std::lock_guard guard(m_workerLock);
-    for (void* memory : m_framesUntilClosed) free(memory);
-    m_framesUntilClosed.clear();
+    while (qv::FrameMemory* const frames = m_framesUntilClosed) {
+        m_framesUntilClosed = frames->next;
+        delete frames;
+    }
 }
 
 // ---- Forwarding ------------------------------------------------------------------------------
 
 unsigned long long CQVCaptureBase::RegisterNotifyWithCallback(unsigned int enableBits,
                                                               QV_NOTIFY_CALLBACK callback,
-                                                              void* param) {
+                                                              qv::CallerParam param) {
     const auto entity = Entity();
     unsigned long long handle = 0;
-    if (entity == nullptr || entity->RegisterNotify(enableBits, callback, param, handle) != 0)
+    if (!entity || entity->RegisterNotify(enableBits, callback, std::move(param), handle) != 0)
         return 0;
     return handle;
 }
 
 QV_RESULT CQVCaptureBase::QVUnregisterNotifyOfCallback(unsigned long long handle) {
     const auto entity = Entity();
-    if (entity == nullptr) return QV_RESULT_FAILED;
+    if (!entity) return QV_RESULT_FAILED;
     return FromWorker(entity->UnregisterNotifyWithCallback(handle));
 }
 
-// A caller's handle may be a registration's key or one of the driver's.
+// A caller's handle may be a registration's key or one of the driver's. The worker, which may be
+// in a long callback, is asked only about what can be a key.
 QV_RESULT CQVCaptureBase::UnregisterNotify(unsigned long long notify) {
     if (m_hChannelFD == qv::kClosed || notify == 0) return QV_RESULT_BAD_ARGUMENT;
-    if (QVUnregisterNotifyOfCallback(notify) == QV_RESULT_OK) return QV_RESULT_OK;
+    if ((notify & qv::kKeyBit) != 0 && QVUnregisterNotifyOfCallback(notify) == QV_RESULT_OK)
+        return QV_RESULT_OK;
     return UnregisterNotifyAtDriver(notify);
 }
 
 unsigned long long CQVCaptureBase::CreateTimer(QV_TIMER_CALLBACK callback, long long delay,
-                                               long long period) {
+                                               long long period, qv::CallerParam param) {
     const auto entity = Entity();
     unsigned long long handle = 0;
-    if (entity == nullptr || entity->CreateTimer(callback, delay, period, handle) != 0) return 0;
+    if (!entity || entity->CreateTimer(callback, delay, period, handle, std::move(param)) != 0)
+        return 0;
     return handle;
 }
 
 QV_RESULT CQVCaptureBase::DestoryTimer(unsigned long long timer) {
     const auto entity = Entity();
-    return entity == nullptr ? QV_RESULT_FAILED : FromWorker(entity->DestroyTimer(timer));
+    return !entity ? QV_RESULT_FAILED : FromWorker(entity->DestroyTimer(timer));
 }
 
 QV_RESULT CQVCaptureBase::StartVideoCaptureWithCallback(unsigned int fourcc, int width, int height,
                                                         _QV_VIDEO_CAPTURE_MODE mode,
-                                                        QV_VIDEO_CALLBACK callback, void* param) {
+                                                        QV_VIDEO_CALLBACK callback,
+                                                        qv::CallerParam param) {
     const auto entity = Entity();
-    if (entity == nullptr) return QV_RESULT_FAILED;
-    return FromWorker(entity->OpenCapture(fourcc, width, height, mode, callback, param));
+    if (!entity) return QV_RESULT_FAILED;
+    return FromWorker(entity->OpenCapture(fourcc, width, height, mode, callback, std::move(param)));
 }
 
 QV_RESULT CQVCaptureBase::StopVideoCaptureWithCallback() {
     const auto entity = Entity();
-    return entity == nullptr ? QV_RESULT_FAILED : FromWorker(entity->CloseCapture());
+    return !entity ? QV_RESULT_FAILED : FromWorker(entity->CloseCapture());
 }
 
-QV_RESULT CQVCaptureBase::StartAudioCaptureWithCallback(QV_AUDIO_CALLBACK callback, void* param) {
+bool CQVCaptureBase::VideoCaptureStalled() {
     const auto entity = Entity();
-    if (entity == nullptr) return QV_RESULT_FAILED;
-    return FromWorker(entity->OpenAudioCapture(callback, param));
+    return entity && entity->VideoCaptureStalled();
+}
+
+QV_RESULT CQVCaptureBase::StartAudioCaptureWithCallback(QV_AUDIO_CALLBACK callback,
+                                                        qv::CallerParam param) {
+    const auto entity = Entity();
+    if (!entity) return QV_RESULT_FAILED;
+    return FromWorker(entity->OpenAudioCapture(callback, std::move(param)));
 }
 
 QV_RESULT CQVCaptureBase::StopAudioCaptureWithCallback() {
     const auto entity = Entity();
-    return entity == nullptr ? QV_RESULT_FAILED : FromWorker(entity->CloseAudioCapture());
+    return !entity ? QV_RESULT_FAILED : FromWorker(entity->CloseAudioCapture());
 }

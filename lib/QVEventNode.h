@@ -7,21 +7,18 @@
 
 #include <unistd.h>
 
-#include <memory>
-
 #include "QVDriverCall.h"
+#include "Ref.h"
 
 namespace qv {
 
 // Deliberate: a handle of value 3, not a result code. The driver refuses it wherever it is used.
 inline constexpr unsigned long long kClosedNodeHandle = 3;
 
-class EventNodeFile {
+class EventNodeFile : public RefCounted<EventNodeFile> {
   public:
     explicit EventNodeFile(int fd) : m_fd(fd) {}
     ~EventNodeFile() { close(m_fd); }
-    EventNodeFile(const EventNodeFile&) = delete;
-    EventNodeFile& operator=(const EventNodeFile&) = delete;
     int Descriptor() const { return m_fd; }
 
   private:

@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <new>
+#include <utility>
 
 #include "QVDriverCall.h"
 #include "QVEventNode.h"
@@ -15,7 +17,7 @@
 CQVCaptureControlBase::ChannelRecord CQVCaptureControlBase::m_arrChannelInfo[QV_MAX_CHANNELS];
 int CQVCaptureControlBase::m_nChannelCount = 0;
 int CQVCaptureControlBase::m_hEventFD = qv::kClosed;
-std::shared_ptr<qv::EventNodeFile> CQVCaptureControlBase::m_eventNode;
+qv::EventNodeFile* CQVCaptureControlBase::m_eventNode = nullptr;
 
 namespace {
 
@@ -47,22 +49,27 @@ bool CQVCaptureControlBase::Init() {
     Empty(QV_MAX_CHANNELS);
     if (m_hEventFD != qv::kClosed) return true;
     const int fd = open(kEventNode, O_RDWR | O_CLOEXEC);
-    if (fd > 0) {
-        m_hEventFD = fd;
-        m_eventNode = std::make_shared<qv::EventNodeFile>(fd);
-        return true;
-    }
     // Deliberate: descriptor 0 counts as a failure. See docs/decisions.md, "Event node".
-    if (fd == 0) close(fd);
-    m_hEventFD = qv::kClosed;
-    return false;
+    if (fd > 0) m_eventNode = new (std::nothrow) qv::EventNodeFile(fd);
+    if (m_eventNode == nullptr) {
+        if (fd >= 0) close(fd);
+        return false;
+    }
+    m_eventNode->AddRef();
+    m_hEventFD = fd;
+    return true;
 }
 
 void CQVCaptureControlBase::Exit() {
     Empty(m_nChannelCount);
     if (m_hEventFD == qv::kClosed) return;
     m_hEventFD = qv::kClosed;
-    m_eventNode.reset();  // closes, unless a channel worker still runs
+    // Closes, unless a channel worker still runs.
+    std::exchange(m_eventNode, nullptr)->Release();
+}
+
+qv::Ref<qv::EventNodeFile> CQVCaptureControlBase::EventNodeReference() {
+    return qv::Ref(m_eventNode);
 }
 
 // Opens one node, asks for both identity records and closes it again.

@@ -4,9 +4,8 @@
 // channel up. Prints nothing; a node that is not a capture channel is skipped silently.
 #pragma once
 
-#include <memory>
-
 #include "QVCaptureTypes.h"
+#include "Ref.h"
 
 namespace qv {
 class EventNodeFile;
@@ -31,7 +30,7 @@ class CQVCaptureControlBase {
     // Descriptor of the event node, -1 when it is not open.
     static int EventDescriptor() { return m_hEventFD; }
     // The same as a reference that keeps the file open; null when it is not open.
-    static std::shared_ptr<qv::EventNodeFile> EventNodeReference() { return m_eventNode; }
+    static qv::Ref<qv::EventNodeFile> EventNodeReference();
 
     static constexpr int kPathSize = 16;
 
@@ -52,5 +51,7 @@ class CQVCaptureControlBase {
     static ChannelRecord m_arrChannelInfo[QV_MAX_CHANNELS];  // valid: 0 ... count-1
     static int m_nChannelCount;
     static int m_hEventFD;
-    static std::shared_ptr<qv::EventNodeFile> m_eventNode;  // owns m_hEventFD
+    // Owns m_hEventFD. A plain pointer with a reference of its own: nothing here may end before a
+    // program's static objects, whose destructors may still call Exit().
+    static qv::EventNodeFile* m_eventNode;
 };

@@ -16,6 +16,8 @@
 #include <cstring>
 #include <new>
 
+#include "QuietThread.h"
+
 namespace {
 
 constexpr int kFailed = -1;
@@ -168,7 +170,7 @@ bool StartThread(VideoCaptureV4L2Context* ctx) {
     ctx->running = 1;
     ctx->hasThread = true;
     // From here on the context belongs to the thread too: its callback may close it at once.
-    if (pthread_create(&ctx->thread, nullptr, VideoCaptureV4L2ThreadProc, ctx) == 0) return true;
+    if (qv::CreateQuietThread(&ctx->thread, VideoCaptureV4L2ThreadProc, ctx) == 0) return true;
     ctx->running = 0;
     ctx->hasThread = false;
     return false;

@@ -48,6 +48,8 @@ struct VideoFrameFraction {
     uint32_t numerator;
 };
 
+// Exported under a version of their own, for programs of the maker's.
+#pragma GCC visibility push(default)
 extern "C" {
 
 // Opens and configures a node; nothing streams yet. The driver's adjustments are not told.
@@ -106,3 +108,4 @@ unsigned int V4L2Fmt2QVFourcc(unsigned int pixelFormat);
 unsigned int GetVideoCtrlId(_QVCAP_VIDEO_PROC_PARAM_TYPE type);
 
 }  // extern "C"
+#pragma GCC visibility pop

@@ -1,0 +1,45 @@
+// How the public functions reach the channel objects: argument checks and forwarding, and nothing
+// else.
+//
+// A null channel is refused everywhere, and an operation that only PCIe channels have fails on a
+// channel of another kind: the object is asked for its kind, never cast on trust.
+#pragma once
+
+#include <utility>
+
+#include "QVCaptureBase.h"
+
+namespace qv {
+
+inline IQVCaptureDevice* AsDevice(QV_CHANNEL channel) {
+    return static_cast<IQVCaptureDevice*>(channel);
+}
+
+// Calls an operation that both kinds of channel have.
+template <class... Parameters, class... Arguments>
+QV_RESULT Device(QV_CHANNEL channel, QV_RESULT (IQVCaptureDevice::*operation)(Parameters...),
+                 Arguments&&... arguments) {
+    if (channel == nullptr) return QV_RESULT_BAD_ARGUMENT;
+    return (AsDevice(channel)->*operation)(std::forward<Arguments>(arguments)...);
+}
+
+// Calls an operation that only PCIe channels have.
+template <class... Parameters, class... Arguments>
+QV_RESULT Pcie(QV_CHANNEL channel, QV_RESULT (CQVCaptureBase::*operation)(Parameters...),
+               Arguments&&... arguments) {
+    if (channel == nullptr) return QV_RESULT_BAD_ARGUMENT;
+    CQVCaptureBase* pcie = AsDevice(channel)->AsPcieChannel();
+    return pcie == nullptr ? QV_RESULT_FAILED
+                           : (pcie->*operation)(std::forward<Arguments>(arguments)...);
+}
+
+// The same for operations that make a handle; 0 is none.
+template <class... Parameters, class... Arguments>
+unsigned long long Pcie(QV_CHANNEL channel,
+                        unsigned long long (CQVCaptureBase::*operation)(Parameters...),
+                        Arguments&&... arguments) {
+    CQVCaptureBase* pcie = channel == nullptr ? nullptr : AsDevice(channel)->AsPcieChannel();
+    return pcie == nullptr ? 0 : (pcie->*operation)(std::forward<Arguments>(arguments)...);
+}
+
+}  // namespace qv

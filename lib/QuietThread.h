@@ -1,0 +1,15 @@
+// Threads of the library's own: the application's signals are none of theirs.
+//
+// A signal that one of them took would interrupt its requests to the driver, and the application's
+// handler would run on a thread that the application does not know. Signals that a fault raises in
+// the thread itself are not blocked: crash handlers go on working. Any thread.
+#pragma once
+
+#include <pthread.h>
+
+namespace qv {
+
+// As pthread_create with default attributes.
+int CreateQuietThread(pthread_t* thread, void* (*entry)(void*), void* argument);
+
+}  // namespace qv
