@@ -110,10 +110,19 @@ TEST_F(MediaTest, TheCppFaceCapturesVideoAndSoundUntilItsObjectsAreDestroyed) {
     nodes.device.controls[brightness.id] = brightness;
     alsa.available = {480, 480, 480};
     {
-        const qvcapture::NodeVideoCapture video(channel, {kYuy2, 64, 48}, qvcapture::Ticks(333333),
-                                                frames.Sink());
+        qvcapture::NodeVideoCapture video(channel, {kYuy2, 64, 48}, qvcapture::Ticks(333333),
+                                          frames.Sink());
         ASSERT_TRUE(video);
-        EXPECT_EQ(QV_RESULT_OK, QVSetVideoProcParam(video.Handle(), QV_VIDEO_PROC_BRIGHTNESS, 5));
+        EXPECT_TRUE(video.SetControl(QV_VIDEO_PROC_BRIGHTNESS, 50));
+        int value = 0;
+        EXPECT_TRUE(video.GetControl(QV_VIDEO_PROC_BRIGHTNESS, value));
+        int minimum = -1;
+        int maximum = -1;
+        int defaultValue = -1;
+        EXPECT_TRUE(
+            video.GetControlRange(QV_VIDEO_PROC_BRIGHTNESS, minimum, maximum, defaultValue));
+        EXPECT_EQ(0, minimum);
+        EXPECT_EQ(10, maximum);
         for (unsigned int i = 0; i < 3; ++i) nodes.Deliver(i, 100 + i);
         const qvcapture::SoundCapture sound(channel, 0, {}, chunks.Sink());
         ASSERT_TRUE(sound);
