@@ -4,9 +4,10 @@
 #include <cctype>
 #include <filesystem>
 #include <optional>
-#include <set>
+#include <vector>
 
 #include "Toml.h"
+#include "Words.h"
 
 namespace qvf {
 namespace {
@@ -14,20 +15,24 @@ namespace {
 constexpr char kDescriptionName[] = "description.toml";
 constexpr char kTrailingName[] = "trailing.bin";
 
-// One table of a description: hands out its values and reports what nobody asked for.
+// One table of a description, which has no keys but the known ones: hands out its values.
 class Table {
   public:
-    Table(const std::string& path, const toml::table& table) : path_(path), table_(table) {}
+    Table(const std::string& path, const toml::table& table, const std::vector<std::string>& known)
+        : path_(path), table_(table) {
+        for (const auto& [key, node] : table_) {
+            const std::string word(key.str());
+            if (std::find(known.begin(), known.end(), word) == known.end())
+                Fail(node, "'" + word + "' is not known here" + KnownWords(word, known));
+        }
+    }
 
     [[noreturn]] void Fail(const toml::node& at, const std::string& what) const {
         throw Mistake(path_ + ":" + std::to_string(at.source().begin.line) + ": " + what);
     }
 
-    const toml::node* Find(const std::string& key) {
-        asked_.insert(key);
-        return table_.get(key);
-    }
-    const toml::node& Need(const std::string& key) {
+    const toml::node* Find(const std::string& key) const { return table_.get(key); }
+    const toml::node& Need(const std::string& key) const {
         const toml::node* node = Find(key);
         if (node == nullptr) Fail(table_, "'" + key + "' is missing");
         return *node;
@@ -74,16 +79,9 @@ class Table {
         }
     }
 
-    void RefuseOtherKeys() const {
-        for (const auto& [key, node] : table_)
-            if (!asked_.contains(std::string(key.str())))
-                Fail(node, "'" + std::string(key.str()) + "' is not known here");
-    }
-
   private:
     const std::string& path_;
     const toml::table& table_;
-    std::set<std::string> asked_;
 };
 
 // "1.2", both from 0 to 65535.
@@ -130,7 +128,7 @@ void ReadName(Table& table, Section& section) {
 }
 
 Section ReadSection(const std::string& path, const toml::table& toml) {
-    Table table(path, toml);
+    Table table(path, toml, {"name", "name_hex", "address", "file", "reserved24"});
     Section section;
     ReadName(table, section);
     section.address = table.NeedNumber("address", 0xFFFFFFFF);
@@ -139,7 +137,6 @@ Section ReadSection(const std::string& path, const toml::table& toml) {
     if (section.data.size() > 0xFFFFFFFFu) table.Fail(file, "the file has 4 GiB or more");
     section.size = static_cast<uint32_t>(section.data.size());
     table.Hex("reserved24", section.reserved24);
-    table.RefuseOtherKeys();
     return section;
 }
 
@@ -157,7 +154,9 @@ void ReadSections(const std::string& path, Table& table, Package& package) {
 }
 
 Package FromTable(const std::string& path, const toml::table& toml) {
-    Table table(path, toml);
+    Table table(path, toml,
+                {"product_code", "hardware", "firmware", "compatibility", "reserved4", "reserved15",
+                 "reserved20", "trailing", "section"});
     Package package;
     package.productCode = static_cast<uint16_t>(table.NeedNumber("product_code", 0xFFFF));
     package.hardwareVersion = HardwareVersion(table);
@@ -170,7 +169,6 @@ Package FromTable(const std::string& path, const toml::table& toml) {
         package.trailing = table.Content(*trailing, "trailing");
     package.trailingSize = package.trailing.size();
     ReadSections(path, table, package);
-    table.RefuseOtherKeys();
     return package;
 }
 

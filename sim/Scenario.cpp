@@ -7,12 +7,13 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
-#include <set>
 #include <sstream>
 #include <stdexcept>
+#include <vector>
 
 #include "Protocol.h"
 #include "Toml.h"
+#include "Words.h"
 
 namespace qvsim {
 namespace {
@@ -26,15 +27,18 @@ struct Mistake : std::runtime_error {
     toml::source_index line;
 };
 
-// A table whose keys are all asked for; what nobody asked for is a mistake.
+// A table that has no keys but the known ones.
 class Table {
   public:
-    explicit Table(const toml::table& table) : table_(table) {}
-
-    const toml::node* Find(const char* key) {
-        asked_.insert(key);
-        return table_.get(key);
+    Table(const toml::table& table, const std::vector<std::string>& known) : table_(table) {
+        for (const auto& [key, node] : table_) {
+            const std::string word(key.str());
+            if (std::find(known.begin(), known.end(), word) == known.end())
+                throw Mistake(node, "unknown key '" + word + "'" + KnownWords(word, known));
+        }
     }
+
+    const toml::node* Find(const char* key) const { return table_.get(key); }
     void Text(const char* key, std::string& out) {
         if (const toml::node* node = Find(key)) out = TextOf(*node, key);
     }
@@ -66,12 +70,6 @@ class Table {
     void FirmwareVersion(const char* key, uint32_t& out) {
         if (const toml::node* node = Find(key)) out = VersionOf(*node, key);
     }
-    void NothingElse() const {
-        for (const auto& [key, node] : table_)
-            if (asked_.count(std::string(key.str())) == 0)
-                throw Mistake(node, "unknown key '" + std::string(key.str()) + "'");
-    }
-    const toml::table& Node() const { return table_; }
 
     static std::string TextOf(const toml::node& node, const std::string& key) {
         const auto value = node.value_exact<std::string>();
@@ -99,7 +97,6 @@ class Table {
 
   private:
     const toml::table& table_;
-    std::set<std::string> asked_;
 };
 
 const toml::table& TableOf(const toml::node& node, const std::string& key) {
@@ -124,11 +121,10 @@ void ReadStored(const toml::node& node, BoardPlan& board) {
         board.noStoredHeader = true;
         return;
     }
-    Table table(TableOf(node, "stored"));
+    Table table(TableOf(node, "stored"), {"version", "compatibility_code"});
     StoredPlan stored{board.firmware, 1};
     table.FirmwareVersion("version", stored.version);
     table.Integer("compatibility_code", stored.compatibilityCode, 0, 0xFFFF);
-    table.NothingElse();
     board.stored = stored;
 }
 
@@ -149,29 +145,29 @@ void ReadStorage(Table& table, BoardPlan& board) {
 
 void ReadMedia(Table& table, BoardPlan& board) {
     if (const toml::node* node = table.Find("video")) {
-        Table video(TableOf(*node, "video"));
+        Table video(TableOf(*node, "video"), {"width", "height", "fps"});
         video.Integer("width", board.video.width, 2, 16384);
         video.Integer("height", board.video.height, 2, 16384);
         video.Rate("fps", board.video.framesPerSecond);
-        video.NothingElse();
     }
     if (const toml::node* node = table.Find("audio")) {
-        Table audio(TableOf(*node, "audio"));
+        Table audio(TableOf(*node, "audio"), {"fps"});
         audio.Rate("fps", board.audio.framesPerSecond);
-        audio.NothingElse();
     }
     ForEach(table, "signal", [&](const toml::node& element) {
-        Table entry(TableOf(element, "signal"));
+        Table entry(TableOf(element, "signal"), {"at_ms", "present"});
         SignalStep step;
         entry.Integer("at_ms", step.atMilliseconds, 0, 86'400'000);
         entry.Flag("present", step.present);
-        entry.NothingElse();
         board.signal.push_back(step);
     });
 }
 
 BoardPlan ReadBoard(const toml::node& node) {
-    Table table(TableOf(node, "board"));
+    Table table(
+        TableOf(node, "board"),
+        {"family", "product", "product_code", "hardware", "serial", "index", "channels", "firmware",
+         "golden", "flash_size", "first_node", "storage", "stored", "video", "audio", "signal"});
     BoardPlan board;
     table.Text("family", board.family);
     table.Text("product", board.product);
@@ -190,7 +186,6 @@ BoardPlan ReadBoard(const toml::node& node) {
     ReadStorage(table, board);
     if (const toml::node* stored = table.Find("stored")) ReadStored(*stored, board);
     ReadMedia(table, board);
-    table.NothingElse();
     return board;
 }
 
@@ -204,15 +199,26 @@ uint32_t ReadErrno(const toml::node& node) {
     throw Mistake(node, "value '" + name + "' is no errno known here; give its number");
 }
 
+std::vector<std::string> RequestNames() {
+    size_t count = 0;
+    const Row* const rows = AllRows(count);
+    std::vector<std::string> names = {kOpen, kAnyRequest};
+    for (size_t i = 0; i < count; ++i) names.emplace_back(rows[i].name);
+    names.insert(names.end(), std::begin(kSignals), std::end(kSignals));
+    return names;
+}
+
 Fault ReadFault(const toml::node& node) {
-    Table table(TableOf(node, "fault"));
+    Table table(TableOf(node, "fault"),
+                {"request", "nth", "count", "one_in", "seed", "board", "channel", "kind", "value"});
     Fault fault;
     table.Text("request", fault.request);
     const bool signal =
         std::find(std::begin(kSignals), std::end(kSignals), fault.request) != std::end(kSignals);
     if (!signal && fault.request != kOpen && fault.request != kAnyRequest &&
         !FindRow(fault.request))
-        throw Mistake(node, "fault names no request: '" + fault.request + "'");
+        throw Mistake(node, "fault names no request: '" + fault.request + "'" +
+                                KnownWords(fault.request, RequestNames()));
     table.Integer("nth", fault.nth, 1, std::numeric_limits<int>::max());
     table.Integer("count", fault.count, -1, std::numeric_limits<int>::max());
     table.Integer("one_in", fault.oneIn, 1, std::numeric_limits<int>::max());
@@ -222,7 +228,8 @@ Fault ReadFault(const toml::node& node) {
     std::string kind;
     table.Text("kind", kind);
     if (!FaultKindFromName(kind, fault.effect.kind))
-        throw Mistake(node, "fault has no kind, or one that is unknown: '" + kind + "'");
+        throw Mistake(node, "fault has no kind, or one that is unknown: '" + kind + "'" +
+                                KnownWords(kind, FaultKindNames()));
     if (signal && fault.effect.kind != FaultKind::kPretend)
         throw Mistake(node, fault.request + " is a signal: the only kind for it is \"pretend\"");
     if (fault.effect.kind == FaultKind::kRefuse || fault.effect.kind == FaultKind::kRefuseLate) {
@@ -233,7 +240,6 @@ Fault ReadFault(const toml::node& node) {
     } else {
         table.Integer("value", fault.effect.value, 0, std::numeric_limits<uint32_t>::max());
     }
-    table.NothingElse();
     return fault;
 }
 
@@ -246,7 +252,7 @@ std::vector<std::string> ReadNames(const toml::node& node, const char* key) {
 }
 
 CameraSize ReadSize(const toml::node& node) {
-    Table table(TableOf(node, "camera"));
+    Table table(TableOf(node, "camera"), {"width", "height", "fps"});
     CameraSize size;
     table.Integer("width", size.width, 2, 4096);
     table.Integer("height", size.height, 2, 4096);
@@ -257,12 +263,12 @@ CameraSize ReadSize(const toml::node& node) {
         for (const toml::node& rate : *array)
             size.fps.push_back(static_cast<int>(Table::IntegerOf(rate, "fps", 1, 240)));
     }
-    table.NothingElse();
     return size;
 }
 
 UsbPlan ReadUsb(const toml::node& node) {
-    Table table(TableOf(node, "usb"));
+    Table table(TableOf(node, "usb"), {"product", "serial", "hardware", "product_code",
+                                       "controller", "captures", "playbacks", "camera"});
     UsbPlan device;
     table.Text("product", device.product);
     table.Text("serial", device.serial);
@@ -275,24 +281,23 @@ UsbPlan ReadUsb(const toml::node& node) {
         device.playbacks = ReadNames(*names, "playbacks");
     if (table.Find("camera")) device.camera.emplace();
     ForEach(table, "camera", [&](const toml::node& e) { device.camera->push_back(ReadSize(e)); });
-    table.NothingElse();
     return device;
 }
 
 DriverWays ReadDriver(const toml::node& node) {
-    Table table(TableOf(node, "driver"));
+    Table table(TableOf(node, "driver"), {"reuse_handles", "frames_after_stop"});
     DriverWays ways;
     table.Flag("reuse_handles", ways.reuseHandles);
     std::string afterStop = AfterStopName(ways.afterStop);
     table.Text("frames_after_stop", afterStop);
     if (!AfterStopFromName(afterStop, ways.afterStop))
         throw Mistake(node, "frames_after_stop is \"refuse\", \"at_once\" or \"at_start\"");
-    table.NothingElse();
     return ways;
 }
 
 void ReadAll(const toml::table& root, CardsPlan& plan) {
-    Table table(root);
+    Table table(root,
+                {"event_node", "foreign_nodes", "driver", "latency", "board", "usb", "fault"});
     table.Flag("event_node", plan.eventNode);
     ForEach(table, "foreign_nodes", [&](const toml::node& element) {
         plan.foreignNodes.push_back(
@@ -301,11 +306,10 @@ void ReadAll(const toml::table& root, CardsPlan& plan) {
     if (const toml::node* node = table.Find("driver")) plan.driver = ReadDriver(*node);
     if (const toml::node* node = table.Find("latency")) {
         constexpr int64_t kMaxDelay = 10'000'000;
-        Table latency(TableOf(*node, "latency"));
+        Table latency(TableOf(*node, "latency"), {"erase_sector", "program_page", "read_kib"});
         latency.Integer("erase_sector", plan.latencies.erasePerSector, 0, kMaxDelay);
         latency.Integer("program_page", plan.latencies.programPerPage, 0, kMaxDelay);
         latency.Integer("read_kib", plan.latencies.readPerKiB, 0, kMaxDelay);
-        latency.NothingElse();
     }
     ForEach(table, "board", [&](const toml::node& e) { plan.boards.push_back(ReadBoard(e)); });
     ForEach(table, "usb", [&](const toml::node& e) {
@@ -314,7 +318,6 @@ void ReadAll(const toml::table& root, CardsPlan& plan) {
             throw Mistake(e, error);
     });
     ForEach(table, "fault", [&](const toml::node& e) { plan.faults.push_back(ReadFault(e)); });
-    table.NothingElse();
     // Each board is checked alone first, so that the message can name its line.
     CardsPlan soFar;
     soFar.foreignNodes = plan.foreignNodes;

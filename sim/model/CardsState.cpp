@@ -230,6 +230,12 @@ bool AfterStopFromName(const std::string& name, AfterStop& afterStop) {
     return false;
 }
 
+std::vector<std::string> FaultKindNames() {
+    std::vector<std::string> names;
+    for (const KindName& row : kKindNames) names.emplace_back(row.name);
+    return names;
+}
+
 std::string StatePath(const std::string& dir) { return dir + "/cards.state"; }
 std::string MetFaultsPath(const std::string& dir) { return dir + "/faults.met"; }
 

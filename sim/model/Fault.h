@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace qvsim {
 
@@ -73,5 +74,6 @@ struct Fault {
 // "refuse", "short_read", ...; as scenarios and state files write them.
 const char* FaultKindName(FaultKind kind);
 bool FaultKindFromName(const std::string& name, FaultKind& kind);
+std::vector<std::string> FaultKindNames();
 
 }  // namespace qvsim

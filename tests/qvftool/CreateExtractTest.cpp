@@ -110,7 +110,13 @@ TEST_F(CreateTest, EveryMistakeNamesFileAndLine) {
         {"product_code = 1\nhardware = 256\n", "d.toml:2: 'hardware' is a number from 0 to 255"},
         {"product_code = 1\nhardware = \"\"\n", "d.toml:2: 'hardware'"},
         {"product_code = 1\nhardware = true\n", "d.toml:2: 'hardware'"},
-        {std::string(kPlain) + "color = 3\n", "d.toml:5: 'color' is not known here"},
+        {std::string(kPlain) + "color = 3\n",
+         "d.toml:5: 'color' is not known here; known are: product_code, hardware, "
+         "firmware, compatibility, reserved4, reserved15, reserved20, "
+         "trailing, section"},
+        // Not that the right one is missing.
+        {"product_cod = 1\n",
+         "d.toml:1: 'product_cod' is not known here; misspelt for 'product_code'?"},
         {std::string(kPlain) + "reserved4 = \"00\"\n", "d.toml:5: 'reserved4' is 8 hexadecimal"},
         {std::string(kPlain) + "reserved15 = \"0g\"\n", "d.toml:5: 'reserved15' is 2 hexadecimal"},
         {std::string(kPlain) + "reserved20 = 5\n", "d.toml:5: 'reserved20' is a text"},
@@ -129,7 +135,8 @@ TEST_F(CreateTest, EveryMistakeNamesFileAndLine) {
         {kPlain + section + "name_hex = \"00\"\n", "d.toml:6: 'name_hex' is 32 hexadecimal"},
         {kPlain + section + "name = \"n\"\nname_hex = \"00\"\n", "d.toml:6: either 'name' or"},
         {kPlain + section + "name = \"n\"\naddress = 0\nfile = \"f.bin\"\nsize = 1\n",
-         "d.toml:9: 'size' is not known here"},
+         "d.toml:9: 'size' is not known here; known are: name, name_hex, address, file, "
+         "reserved24"},
     };
     for (const auto& row : kRows)
         EXPECT_THAT(Refused(row.text), StartsWith(std::string("qvftool: ") + row.message))

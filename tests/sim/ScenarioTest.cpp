@@ -125,7 +125,15 @@ INSTANTIATE_TEST_SUITE_P(
     Rows, WrongScenarioTest,
     testing::Values(
         Wrong{"\n[[board", "f.toml:2: "},
-        Wrong{"[[board]]\n\ncolour = 1", "f.toml:3: unknown key 'colour'"},
+        Wrong{"[[board]]\n\ncolour = 1",
+              "f.toml:3: unknown key 'colour'; known are: family, product"},
+        Wrong{"[[board]]\nprodct = \"P\"",
+              "f.toml:2: unknown key 'prodct'; misspelt for 'product'?"},
+        Wrong{"[latency]\nerase_sectors = 1",
+              "f.toml:2: unknown key 'erase_sectors'; misspelt for 'erase_sector'?"},
+        // Not that the fault lacks what the misspelt key was to say.
+        Wrong{"[[fault]]\nreqest = \"open\"\nkind = \"refuse\"",
+              "f.toml:2: unknown key 'reqest'; misspelt for 'request'?"},
         Wrong{"[[board]]\nchannels = 17", "f.toml:2: channels is a whole number from 1 to 16"},
         Wrong{"[[board]]\nchannels = \"2\"", "f.toml:2: channels is a whole number"},
         Wrong{"[[board]]\nfirmware = \"1\"", "f.toml:2: firmware is \"major.minor\""},
@@ -141,9 +149,13 @@ INSTANTIATE_TEST_SUITE_P(
               "f.toml:3: board 2: /dev/video3 is given twice"},
         Wrong{"foreign_nodes = [1, 1]", "f.toml:1: a foreign node is given twice"},
         Wrong{"[[fault]]\nrequest = \"Erase\"\nkind = \"refuse\"",
-              "f.toml:1: fault names no request: 'Erase'"},
+              "f.toml:1: fault names no request: 'Erase'; known are: open, any, GetStreamCount, "},
+        Wrong{
+            "[[fault]]\nrequest = \"EraseFirmware\"\nkind = \"refuse\"",
+            "f.toml:1: fault names no request: 'EraseFirmware'; misspelt for 'EraseFirmwareData'?"},
         Wrong{"[[fault]]\nrequest = \"open\"\nkind = \"melt\"",
-              "f.toml:1: fault has no kind, or one that is unknown: 'melt'"},
+              "f.toml:1: fault has no kind, or one that is unknown: 'melt'; known are: refuse, "
+              "short_read, flip_bit, "},
         Wrong{"[[fault]]\nrequest = \"open\"\nkind = \"refuse\"\nvalue = \"EFOO\"",
               "f.toml:4: value 'EFOO' is no errno known here"},
         Wrong{"[[fault]]\nrequest = \"open\"\nkind = \"refuse\"\nvalue = 512",
