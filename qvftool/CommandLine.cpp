@@ -54,6 +54,10 @@ int CheckAll(const Arguments& arguments, std::ostream& out) {
 int RunQvftool(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& errors) {
     CLI::App app{"Makes, shows, checks and takes apart firmware packages (.qvf)", "qvftool"};
     app.require_subcommand(1);
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return std::string("qvftool: ") + error.what() +
+               "\nqvftool: run it with --help for more information\n";
+    });
     Arguments given;
     int status = kDone;
 

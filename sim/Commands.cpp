@@ -57,12 +57,12 @@ std::string PrintBoard(const std::string& dir, const BoardState& board) {
 
 }  // namespace
 
-int InitCommand(const std::string& dir, const std::string& scenario) {
+int InitCommand(const std::string& dir, const std::string& scenario, bool packages) {
     CardsPlan plan;
     std::string error = scenario.empty()
                             ? ParseScenario(kDefaultScenario, "default-scenario.toml", plan)
                             : ReadScenario(scenario, plan);
-    if (error.empty()) error = LayOut(plan, dir);
+    if (error.empty()) error = LayOut(plan, dir, packages);
     return error.empty() ? 0 : Fail(error);
 }
 

@@ -8,7 +8,8 @@ namespace qvsim {
 
 inline constexpr int kBadInput = 2;  // wrong arguments, an unusable scenario or state directory
 
-int InitCommand(const std::string& dir, const std::string& scenario);  // no scenario: ""
+// No scenario: "". Packages for the cards go to `dir`/packages.
+int InitCommand(const std::string& dir, const std::string& scenario, bool packages);
 int StatusCommand(const std::string& dir);
 int PowerCycleCommand(const std::string& dir);
 int JournalCommand(const std::string& dir);

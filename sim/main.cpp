@@ -13,6 +13,11 @@
 int main(int argc, char** argv) {
     CLI::App app{"Simulated capture cards"};
     app.require_subcommand(1);
+    app.set_version_flag("--version", "qvcap-sim " QV_VERSION, "print the version");
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return std::string("qvcap-sim: ") + error.what() +
+               "\nqvcap-sim: run it with --help for more information\n";
+    });
     std::string dir;
     std::string scenario;
     int status = 0;
@@ -25,7 +30,9 @@ int main(int argc, char** argv) {
     auto* init = app.add_subcommand("init", "lay out the cards of a scenario in a new folder");
     init->add_option("DIR", dir, "folder to make")->required();
     init->add_option("--scenario", scenario, "TOML file; without it three cards of every sort");
-    init->callback([&] { status = qvsim::InitCommand(dir, scenario); });
+    bool packages = false;
+    init->add_flag("--packages", packages, "firmware packages for the cards, in DIR/packages");
+    init->callback([&] { status = qvsim::InitCommand(dir, scenario, packages); });
 
     auto* run = app.add_subcommand("run",
                                    "run a program with the cards in its /dev:\n"

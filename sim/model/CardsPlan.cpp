@@ -5,11 +5,13 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <set>
 
 #include "FirmwareImage.h"
 #include "NorFlash.h"
+#include "SamplePackages.h"
 #include "Settings.h"
 
 namespace qvsim {
@@ -124,10 +126,49 @@ bool LayHeader(const BoardPlan& plan, NorFlash& flash) {
            flash.SetBootAddress(plan.firmwareOffset);
 }
 
-std::string LayFlash(const BoardPlan& plan, const BoardState& board, const std::string& dir) {
+// The files and folders that were made; they go again unless they are kept.
+class Made {
+  public:
+    ~Made() {
+        for (auto path = paths_.rbegin(); path != paths_.rend(); ++path) std::remove(path->c_str());
+    }
+    // To be told before it is made: what is there already is somebody else's.
+    void Add(const std::string& path) {
+        if (access(path.c_str(), F_OK) != 0) paths_.push_back(path);
+    }
+    void Keep() { paths_.clear(); }
+
+  private:
+    std::vector<std::string> paths_;
+};
+
+std::string MakeFolder(const std::string& dir, Made& made) {
+    made.Add(dir);
+    if (mkdir(dir.c_str(), 0777) == 0 || errno == EEXIST) return {};
+    return dir + ": " + std::strerror(errno);
+}
+
+std::string LayPackages(const CardsPlan& plan, const std::string& dir, Made& made) {
+    std::string error;
+    const std::vector<SamplePackage> packages = MakePackages(plan, error);
+    if (error.empty()) error = MakeFolder(dir, made);
+    for (const SamplePackage& package : packages) {
+        if (!error.empty()) break;
+        const std::string path = dir + "/" + package.name;
+        made.Add(path);
+        if (!ReplaceFile(path, std::string(package.bytes.begin(), package.bytes.end())))
+            error = path + ": cannot be written: " + std::strerror(errno);
+    }
+    return error;
+}
+
+std::string LayFlash(const BoardPlan& plan, const BoardState& board, const std::string& dir,
+                     Made& made) {
     for (int c = 0; c < FlashCount(board); ++c) {
         NorFlash flash;
         const std::string path = dir + "/" + FlashFileName(board, c);
+        made.Add(path);
+        made.Add(path + ".map");
         if (std::string error = flash.Open(path, plan.flashSize); !error.empty()) return error;
         if (!LayHeader(plan, flash)) return path + ": cannot be written: " + std::strerror(errno);
     }
@@ -159,15 +200,21 @@ std::string CompletePlan(CardsPlan& plan) {
     return {};
 }
 
-std::string LayOut(const CardsPlan& plan, const std::string& dir) {
-    if (mkdir(dir.c_str(), 0777) != 0 && errno != EEXIST) return dir + ": " + std::strerror(errno);
+std::string LayOut(const CardsPlan& plan, const std::string& dir, bool packages) {
+    Made made;
+    if (std::string error = MakeFolder(dir, made); !error.empty()) return error;
     if (access(StatePath(dir).c_str(), F_OK) == 0)
         return StatePath(dir) + ": there are cards already; remove the directory first";
     const CardsState state = MakeState(plan);
     for (size_t i = 0; i < plan.boards.size(); ++i)
-        if (std::string error = LayFlash(plan.boards[i], state.boards[i], dir); !error.empty())
+        if (std::string error = LayFlash(plan.boards[i], state.boards[i], dir, made);
+            !error.empty())
             return error;
-    return SaveState(dir, state);  // last: a directory without it holds no cards
+    std::string error;
+    if (packages) error = LayPackages(plan, dir + "/packages", made);
+    if (error.empty()) error = SaveState(dir, state);  // last: without it there are no cards
+    if (error.empty()) made.Keep();
+    return error;
 }
 
 std::shared_ptr<Model> MakeInMemory(const CardsPlan& plan, std::string& error) {

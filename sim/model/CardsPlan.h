@@ -62,9 +62,10 @@ struct CardsPlan {
 // fit, a firmware area inside the flash. An empty text or what is wrong.
 std::string CompletePlan(CardsPlan& plan);
 
-// Writes a complete plan into `dir`, which is made when it is not there. Nothing is written when
-// the directory already holds cards. An empty text or what went wrong.
-std::string LayOut(const CardsPlan& plan, const std::string& dir);
+// Writes a complete plan into `dir`, which is made when it is not there; on request with firmware
+// packages for the cards in `dir`/packages. Nothing is written when the directory already holds
+// cards, and nothing is left when it fails. An empty text or what went wrong.
+std::string LayOut(const CardsPlan& plan, const std::string& dir, bool packages = false);
 
 // The cards of a complete plan in this process alone; null and what went wrong.
 std::shared_ptr<Model> MakeInMemory(const CardsPlan& plan, std::string& error);

@@ -15,7 +15,7 @@ std::shared_ptr<Model>* LoadByEnvironment() {
     std::string error;
     auto* model = new std::shared_ptr<Model>(Model::Load(dir, error));
     if (!*model) {
-        std::fprintf(stderr, "qvsim: no simulated cards: %s\n", error.c_str());
+        std::fprintf(stderr, "qvcap-sim: no simulated cards: %s\n", error.c_str());
         std::_Exit(2);
     }
     return model;

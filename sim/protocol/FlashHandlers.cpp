@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 
 #include "FirmwareImage.h"
@@ -40,6 +42,16 @@ uint32_t SizeBeforeCut(const Call& call, uint32_t size) {
     return *cut == CutPoint::kEnd && size > 0 ? size - 1 : size / 2;
 }
 
+// A file of the simulation failed, not a card, and nobody shall take it for a broken one: no answer
+// is right. Ranges have been checked before.
+[[noreturn]] void EndForHost() {
+    std::fprintf(stderr,
+                 "\nqvcap-sim: the files of the cards cannot be read and written: %s; the program "
+                 "on them ends here\n",
+                 std::strerror(errno));
+    std::_Exit(2);
+}
+
 bool GarbleAfterCut(Call& call, uint32_t offset, uint32_t done) {
     const std::optional<CutPoint> cut = CutOf(call);
     const bool clean = !cut || *cut == CutPoint::kStart || *cut == CutPoint::kEnd;
@@ -72,10 +84,10 @@ Answer EraseFirmwareData(Call& call) {
     if (!Busy(call, Units(size, NorFlash::kSector) * call.model.Delays().erasePerSector))
         return Ok();
     const uint32_t done = SizeBeforeCut(call, size);
-    if (!flash.Erase(offset, done) || !GarbleAfterCut(call, offset, done)) return Refused(EIO);
+    if (!flash.Erase(offset, done) || !GarbleAfterCut(call, offset, done)) EndForHost();
     constexpr uint8_t kProgrammed = 0x5A;
     if (Has(call, FaultKind::kNotBlank) && size > 0 && !flash.Program(offset, &kProgrammed, 1))
-        return Refused(EIO);
+        EndForHost();
     return Ok();
 }
 
@@ -97,18 +109,18 @@ Answer WriteFirmwareData(Call& call) {
             error = EFAULT;
         } else {
             crc = Crc32(piece, n, crc);
-            if (!flash.ProgramPiece(offset + done, piece, n, stuck)) error = EIO;
+            if (!flash.ProgramPiece(offset + done, piece, n, stuck)) EndForHost();
         }
         done += n;
     }
-    if (!flash.SaveMap()) error = EIO;
+    if (!flash.SaveMap()) EndForHost();
     if (error != 0) return Refused(error);
-    if (!GarbleAfterCut(call, offset, wanted)) return Refused(EIO);
+    if (!GarbleAfterCut(call, offset, wanted)) EndForHost();
     call.NoteHex("crc", crc);
     // A header in one of its two places says which image to load first after power-on.
     const uint32_t main = call.channel->state->storage.firmwareOffset;
     const bool isHeader = offset == main || offset == main + kSafeHeaderDistance;
-    if (isHeader && wanted > 0 && !flash.SetBootAddress(offset)) return Refused(EIO);
+    if (isHeader && wanted > 0 && !flash.SetBootAddress(offset)) EndForHost();
     return Ok();
 }
 
@@ -124,7 +136,7 @@ Answer ReadFirmwareData(Call& call) {
     uint8_t piece[NorFlash::kSector];
     for (uint32_t done = 0; done < wanted;) {
         const uint32_t n = std::min<uint32_t>(wanted - done, sizeof piece);
-        if (!flash.Read(record.offset + done, piece, n)) return Refused(EIO);
+        if (!flash.Read(record.offset + done, piece, n)) EndForHost();
         if (flip && *flip / 8 >= done && *flip / 8 < done + n)
             piece[*flip / 8 - done] =
                 static_cast<uint8_t>(piece[*flip / 8 - done] ^ 1 << *flip % 8);

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 
 #include "gmock/gmock.h"
 #include "support/SimRig.h"
@@ -132,9 +133,81 @@ TEST_F(CommandsTest, PoweringOffMeansPowerCyclingTheCards) {
     const Outcome outcome = Shell("qvcap-sim run " + cards_ +
                                   " -- sh -c 'sync; if [ `id -u` -ne 0 ]; then  sudo poweroff; "
                                   "echo; else poweroff; echo; fi; sudo poweroff'");
-    EXPECT_EQ("\n", outcome.output);
+    const std::string said =
+        "poweroff: stand-in of the simulated cards: they were switched off and on; this computer "
+        "stays on\n";
+    EXPECT_EQ(said + "\n" + said, outcome.output);
     EXPECT_EQ(0, outcome.status);
     EXPECT_THAT(Shell("qvcap-sim status " + cards_).output, testing::Not(HasSubstr("power lost")));
+}
+
+TEST_F(CommandsTest, ABrokenMainImageShowsByTheFactorysFirmware) {
+    Shell("qvcap-sim init " + cards_);
+    std::filesystem::resize_file(cards_ + "/flash-b0-c0.bin", 0);
+    Shell("qvcap-sim power-cycle " + cards_);
+    const Outcome status = Shell("qvcap-sim status " + cards_);
+    EXPECT_THAT(status.output, HasSubstr("/dev/video0 channel 0: running 0.9, stored none"));
+    EXPECT_THAT(status.output, HasSubstr("/dev/video1 channel 1: running 1.0"));
+}
+
+TEST_F(CommandsTest, InitMakesPackagesForTheCards) {
+    const Outcome made = Shell("qvcap-sim init " + cards_ + " --packages");
+    EXPECT_EQ("", made.output);
+    EXPECT_EQ("lumo-quad-sdi-1.3.qvf\npelix-duo-hdmi-1.1.qvf\npelix-safe-hdmi-2.1.qvf\n",
+              Shell("ls " + cards_ + "/packages").output);
+    // Header, one or two entries of the table, and their sections.
+    EXPECT_EQ(157u + 28 + (256 << 10),
+              std::filesystem::file_size(cards_ + "/packages/pelix-duo-hdmi-1.1.qvf"));
+    EXPECT_EQ(157u + 2 * 28 + 2 * (256 << 10),
+              std::filesystem::file_size(cards_ + "/packages/pelix-safe-hdmi-2.1.qvf"));
+}
+
+TEST_F(CommandsTest, CardsOfTheSameNameGetPackagesOfTheirOwn) {
+    std::ofstream(home_ + "/s.toml") << "[[board]]\n[[board]]\n[[board]]\nhardware = \"B\"\n";
+    Shell("qvcap-sim init " + cards_ + " --packages --scenario " + home_ + "/s.toml");
+    EXPECT_EQ("pelix-sim-1.1-x.qvf\npelix-sim-1.1.qvf\n",
+              Shell("LC_ALL=C ls " + cards_ + "/packages").output);
+}
+
+TEST_F(CommandsTest, AFailedInitLeavesNothing) {
+    // The flash of the second board leaves no room for a package: everything else stands by then.
+    std::ofstream(home_ + "/s.toml")
+        << "[[board]]\n[[board]]\nproduct_code = 2\nflash_size = 0x102000\n";
+    const std::string init = "qvcap-sim init " + cards_ + " --scenario " + home_ + "/s.toml";
+    const Outcome failed = Shell(init + " --packages");
+    EXPECT_EQ(2, failed.status);
+    EXPECT_THAT(failed.output, HasSubstr("its flash has no room for the sections of a package"));
+    EXPECT_FALSE(std::filesystem::exists(cards_));
+    // What was there before stays.
+    std::filesystem::create_directory(cards_);
+    std::ofstream(cards_ + "/mine") << "text";
+    EXPECT_EQ(2, Shell(init + " --packages").status);
+    EXPECT_EQ("mine\n", Shell("ls -A " + cards_).output);
+    EXPECT_EQ(0, Shell(init).status);
+}
+
+TEST_F(CommandsTest, AFullDiskOfTheHostIsNoBrokenCard) {
+    Shell("qvcap-sim init " + cards_);
+    // Beyond so many blocks no file can be written, as on a disk that is full.
+    const Outcome outcome = Shell("trap '' XFSZ; ulimit -f 100; qvcap-sim run " + cards_ +
+                                  " -- " SIM_PROBE " /dev/video0 0x200000; echo status $?");
+    EXPECT_EQ(
+        "\nqvcap-sim: the files of the cards cannot be read and written: File too large; the "
+        "program on them ends here\nstatus 2\n",
+        outcome.output);
+}
+
+TEST_F(CommandsTest, MessagesBeginWithTheProgramsName) {
+    for (const char* const line : {"qvcap-sim", "qvcap-sim polish", "qvcap-sim init",
+                                   "qvcap-sim status /no/such/folder", "qvcap-sim run x -- true"}) {
+        SCOPED_TRACE(line);
+        std::istringstream output(Shell(line).output);
+        int count = 0;
+        for (std::string text; std::getline(output, text); ++count)
+            EXPECT_THAT(text, StartsWith("qvcap-sim: "));
+        EXPECT_GE(count, 1);
+    }
+    EXPECT_EQ("qvcap-sim " QV_VERSION "\n", Shell("qvcap-sim --version").output);
 }
 
 TEST_F(CommandsTest, ServingWhereTheKernelCannotSaysWhatIsMissing) {

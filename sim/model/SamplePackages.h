@@ -1,0 +1,22 @@
+// Firmware packages for the cards of a plan, one minor version above what they run: for a first
+// upgrade. The content means nothing. By one thread.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "CardsPlan.h"
+
+namespace qvsim {
+
+struct SamplePackage {
+    std::string name;  // of the file, unique among them
+    std::vector<uint8_t> bytes;
+};
+
+// One for each product code and hardware version of a complete plan. A card that stores a
+// compatibility code other than 1 gets a package that is a safe upgrade. `error` stays as it is, or
+// says which board has no room for sections.
+std::vector<SamplePackage> MakePackages(const CardsPlan& plan, std::string& error);
+
+}  // namespace qvsim
