@@ -60,8 +60,8 @@ QV_API QV_RESULT QVStartChannelThread(QV_CHANNEL channel);
  * @threads any */
 QV_API QV_RESULT QVStopChannelThread(QV_CHANNEL channel);
 
-/** Calls @p callback whenever one of @p enableBits (driver-defined) is raised. At most 27
- * registrations of a channel fit its worker's wait set.
+/** Calls @p callback whenever one of @p enableBits (QV_NOTIFY_VIDEO_FRAME and others) is raised. At
+ * most 27 registrations of a channel fit its worker's wait set.
  * @return handle for QVUnregisterNotify(), 0 on failure
  * @threads any */
 QV_API unsigned long long QVRegisterNotifyWithCallback(QV_CHANNEL channel, unsigned int enableBits,

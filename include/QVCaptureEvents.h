@@ -53,7 +53,14 @@ QV_API int QVMultiWaitEvent(unsigned long long* events, int count, int timeout);
 /* ---- Notifications that set an event ----------------------------------------------------- */
 /* From here on: PCIe channels only; a channel of another kind fails. */
 
-/** Has the driver set @p event whenever one of @p enableBits (driver-defined) is raised.
+/** The notification bits whose meaning is known; the driver has others. */
+enum {
+    QV_NOTIFY_VIDEO_FRAME = 0x400,  /**< a frame stands in the driver's buffers */
+    QV_NOTIFY_AUDIO_FRAME = 0x1000, /**< an audio frame is ready */
+};
+
+/** Has the driver set @p event whenever one of @p enableBits (QV_NOTIFY_VIDEO_FRAME and others) is
+ * raised.
  * @return notification handle, 0 on failure or for event 0 @threads per channel */
 QV_API unsigned long long QVRegisterNotify(QV_CHANNEL channel, unsigned long long event,
                                            unsigned int enableBits);

@@ -5,8 +5,10 @@
  *
  * Every record is packed and little-endian and travels unchanged between the caller and the kernel
  * driver; its size is part of the driver's request codes. Fields whose meaning only the driver
- * knows are kept as named byte arrays: the library hands them on untouched. Texts that come from a
- * device are NUL-terminated by a well-behaved driver, but never trust that: bound every read. */
+ * knows are kept as named byte arrays: the library hands them on untouched. What the simulated
+ * driver of qvcap-sim puts there is said at each; a card's driver puts something else. Texts that
+ * come from a device are NUL-terminated by a well-behaved driver, but never trust that: bound every
+ * read. */
 #ifndef QV_CAPTURE_TYPES_H
 #define QV_CAPTURE_TYPES_H
 
@@ -65,6 +67,7 @@ enum { QV_VIDEO_CAPTURE_ON_NOTIFY = 0, QV_VIDEO_CAPTURE_BACK_TO_BACK = 1 };
 
 #pragma pack(push, 1)
 
+/** An address of the bus, as the driver has it. 8 bytes. */
 typedef struct _LARGE_INTEGER {
     int64_t QuadPart;
 } _LARGE_INTEGER;
@@ -93,12 +96,14 @@ typedef struct _QVCAP_CHANNEL_INFO {
     uint8_t channelIndex;       /**< 0 to 15, the channel's number on its board */
 } _QVCAP_CHANNEL_INFO;
 
-/** Family information of a PCIe channel; never interpreted by the library. 17 bytes. */
+/** Family information of a PCIe channel; never interpreted by the library. 17 bytes. All of it is
+ *  defined by the driver. The simulated driver: bytes without a meaning, the same at every read. */
 typedef struct _QVCAP_PELIX_CAPTURE_INFO {
     uint8_t bytes[17];
 } _QVCAP_PELIX_CAPTURE_INFO;
 
-/** Flash layout of a card. 16 bytes. */
+/** Flash layout of a card. 16 bytes. The three descriptions are defined by the driver. The
+ *  simulated driver: 0, or what a scenario gives. */
 typedef struct _QVCAP_FIRMWARE_STORAGE {
     uint32_t description0;
     uint32_t description4;
@@ -106,74 +111,104 @@ typedef struct _QVCAP_FIRMWARE_STORAGE {
     uint32_t firmwareOffset; /**< flash address, bytes, of the firmware header area */
 } _QVCAP_FIRMWARE_STORAGE;
 
+/** Video capabilities. 12 bytes. All of it is defined by the driver. The simulated driver: bytes
+ *  without a meaning, the same at every read. */
 typedef struct _QVCAP_VIDEO_CAPS {
     uint8_t bytes[12];
 } _QVCAP_VIDEO_CAPS;
 
+/** Audio capabilities. 4 bytes. All of it is defined by the driver. The simulated driver: bytes
+ *  without a meaning, the same at every read. */
 typedef struct _QVCAP_AUDIO_CAPS {
     uint8_t bytes[4];
 } _QVCAP_AUDIO_CAPS;
 
-/** Which frame the driver's buffers hold. 13 bytes. */
+/** Which frame the driver's buffers hold. 13 bytes; one is known. The simulated driver: at 0 the
+ *  number of the newest frame (32 bits), at 4 the count of buffers, 4 (32 bits). */
 typedef struct _QVCAP_VIDEO_BUFFER_INFO {
     uint8_t bytes0[8];
     uint8_t completedFrameIndex; /**< frame finished last; the index for QVGetVideoFrameInfo() */
     uint8_t bytes9[4];
 } _QVCAP_VIDEO_BUFFER_INFO;
 
-/** Description of one captured frame, defined by the driver. 64 bytes. */
+/** Description of one captured frame. 64 bytes. All of it is defined by the driver. The simulated
+ *  driver: at 0 the frame's running number from 1 on (32 bits; a gap is a frame that was not
+ *  captured), at 4 the width and at 6 the height (16 bits each), at 8 the device time of the
+ *  frame (64 bits), then 0. */
 typedef struct _QVCAP_VIDEO_FRAME_INFO {
     uint8_t bytes[64];
 } _QVCAP_VIDEO_FRAME_INFO;
 
-/** State of the capture request in work. 26 bytes. */
+/** State of the capture request in work. 26 bytes; one is known. The simulated driver: at 0 the
+ *  context of the request (64 bits), at 8 the number of the frame (32 bits). */
 typedef struct _QVCAP_VIDEO_CAPTURE_STATUS {
     uint8_t bytes0[21];
     uint8_t frameCompleted; /**< non-zero when the whole frame stands in the buffer */
     uint8_t bytes22[4];
 } _QVCAP_VIDEO_CAPTURE_STATUS;
 
-/** One buffered audio frame. 6168 bytes. */
+/** One buffered audio frame. 6168 bytes; the marker is known, the format of the samples and the
+ *  meaning of the rest are the driver's. The simulated driver: at 0 the frame's running number
+ *  from 1 on (64 bits); behind the marker 3078 samples of 16 bits, signed and little-endian, of
+ *  one sine that goes on from frame to frame, 48 samples a turn: 1 kHz for one channel at 48 kHz.
+ */
 typedef struct _QVCAP_AUDIO_CAPTURE_FRAME {
     uint8_t bytes0[8];
     uint32_t marker; /**< QV_AUDIO_FRAME_MARKER in a valid frame */
     uint8_t bytes12[6156];
 } _QVCAP_AUDIO_CAPTURE_FRAME;
 
+/** State that only inputs of the present kind have. 61 bytes. All of it is defined by the driver.
+ *  The simulated driver: bytes without a meaning, the same at every read. */
 typedef struct _QVCAP_INPUT_SPECIFIC_STATUS {
     uint8_t bytes[61];
 } _QVCAP_INPUT_SPECIFIC_STATUS;
 
+/** State of the video signal. 58 bytes. All of it is defined by the driver. The simulated driver:
+ *  byte 0 is 1 with a signal and 0 without, the others mean nothing. */
 typedef struct _QVCAP_VIDEO_SIGNAL_STATUS {
     uint8_t bytes[58];
 } _QVCAP_VIDEO_SIGNAL_STATUS;
 
+/** State of the audio signal. 33 bytes. All of it is defined by the driver. The simulated driver:
+ *  byte 0 is 1 with a signal and 0 without, the others mean nothing. */
 typedef struct _QVCAP_AUDIO_SIGNAL_STATUS {
     uint8_t bytes[33];
 } _QVCAP_AUDIO_SIGNAL_STATUS;
 
+/** One info-frame of an HDMI source. 31 bytes. All of it is defined by the driver. The simulated
+ *  driver: bytes without a meaning, the same at every read of one id. */
 typedef struct _HDMI_INFOFRAME_PACKET {
     uint8_t bytes[31];
 } _HDMI_INFOFRAME_PACKET;
 
+/** Timing of a video signal. 28 bytes. All of it is defined by the driver. The simulated driver: two
+ *  preferred timings without a meaning. */
 typedef struct _QVCAP_VIDEO_TIMING {
     uint8_t bytes[28];
 } _QVCAP_VIDEO_TIMING;
 
+/** A timing of the user's own. 27 bytes. All of it is defined by the driver. The simulated
+ *  driver: none until some are set, then those. */
 typedef struct _QVCAP_VIDEO_CUSTOM_TIMING {
     uint8_t bytes[27];
 } _QVCAP_VIDEO_CUSTOM_TIMING;
 
-/** One custom resolution. 4 bytes. */
+/** One custom resolution. 4 bytes. All of it is defined by the driver. The simulated driver: none
+ *  until some are set, then those. */
 typedef struct _QVCAP_VIDEO_CUSTOM_RESOLUTION {
     uint8_t bytes[4];
 } _QVCAP_VIDEO_CUSTOM_RESOLUTION;
 
+/** Format on the connection. 37 bytes. All of it is defined by the driver. The simulated driver:
+ *  bytes without a meaning, the same at every read; what was set is given back. */
 typedef struct _QVCAP_VIDEO_CONNECTION_FORMAT {
     uint8_t bytes[37];
 } _QVCAP_VIDEO_CONNECTION_FORMAT;
 
-/** How the driver processes the input picture. 49 bytes. */
+/** How the driver processes the input picture. 49 bytes; the mask and the five settings are
+ *  defined by the driver. The simulated driver: bytes without a meaning, the same at every read;
+ *  what was set is given back. */
 typedef struct _QVCAP_VIDEO_PROCESS_SETTINGS {
     uint32_t processMask;
     _RECT sourceRect; /**< pixels of the input picture */
@@ -183,39 +218,57 @@ typedef struct _QVCAP_VIDEO_PROCESS_SETTINGS {
     uint32_t settings[5]; /**< defined by the driver */
 } _QVCAP_VIDEO_PROCESS_SETTINGS;
 
+/** What is laid over the picture. 513 bytes. All of it is defined by the driver. The simulated
+ *  driver: bytes without a meaning, the same at every read; what was set is given back. */
 typedef struct _QVCAP_VIDEO_OSD_SETTINGS {
     uint8_t bytes[513];
 } _QVCAP_VIDEO_OSD_SETTINGS;
 
+/** Where an image is laid over the picture. 76 bytes. All of it is defined by the driver. The
+ *  simulated driver: bytes without a meaning, the same at every read; what was set is given back.
+ */
 typedef struct _QVCAP_VIDEO_OSD_IMAGE {
     uint8_t bytes[76];
 } _QVCAP_VIDEO_OSD_IMAGE;
 
-/** Upload of picture data into an OSD image. 52 bytes, laid out as the driver defines. */
+/** Upload of picture data into an OSD image. 52 bytes. All of it is defined by the driver. The
+ *  simulated driver takes it and does nothing with it. */
 typedef struct _QVCAP_VIDEO_IMAGE_UPLOAD {
     uint8_t bytes[52];
 } _QVCAP_VIDEO_IMAGE_UPLOAD;
 
+/** Kind of the ancillary packets wanted from an SDI signal. 5 bytes. All of it is defined by the
+ *  driver. The simulated driver keeps it. */
 typedef struct _QVCAP_SDI_ANC_TYPE {
     uint8_t bytes[5];
 } _QVCAP_SDI_ANC_TYPE;
 
+/** One ancillary packet of an SDI signal. 260 bytes. All of it is defined by the driver. The
+ *  simulated driver: bytes without a meaning, the same at every read. */
 typedef struct _QVCAP_SDI_ANC_PACKET {
     uint8_t bytes[260];
 } _QVCAP_SDI_ANC_PACKET;
 
+/** How the capture engine of a Lumo board is started. 24 bytes. All of it is defined by the
+ *  driver. The simulated driver keeps it, and captures nothing. */
 typedef struct _QVCAP_VIDEO_LUMO_CAPTURE_OPEN {
     uint8_t bytes[24];
 } _QVCAP_VIDEO_LUMO_CAPTURE_OPEN;
 
+/** Settings of a running Lumo capture. 20 bytes. All of it is defined by the driver. The
+ *  simulated driver keeps it, and captures nothing. */
 typedef struct _QVCAP_VIDEO_LUMO_CAPTURE_SETTINGS {
     uint8_t bytes[20];
 } _QVCAP_VIDEO_LUMO_CAPTURE_SETTINGS;
 
+/** One frame request of a Lumo capture. 29 bytes. All of it is defined by the driver. The
+ *  simulated driver keeps it, and captures nothing. */
 typedef struct _QVCAP_VIDEO_LUMO_CAPTURE_FRAME {
     uint8_t bytes[29];
 } _QVCAP_VIDEO_LUMO_CAPTURE_FRAME;
 
+/** State of a Lumo capture. 24 bytes. All of it is defined by the driver. The simulated driver:
+ *  bytes without a meaning, the same at every read. */
 typedef struct _QVCAP_VIDEO_LUMO_CAPTURE_STATUS {
     uint8_t bytes[24];
 } _QVCAP_VIDEO_LUMO_CAPTURE_STATUS;

@@ -40,6 +40,15 @@ QV_API QV_RESULT QVGetVideoCaptureStatus(QV_CHANNEL channel, _QVCAP_VIDEO_CAPTUR
  *   fourcc    pixel format, first character in the low byte
  *   cx, cy    width and height, pixels and lines, 16 bits each in the driver's record */
 
+/** Computes the memory that a frame of a pixel format takes: what a capture request wants as
+ * stride and size.
+ * @param[in]  fourcc  pixel format, first character in the low byte
+ * @param[out] stride  bytes from line to line       @param[out] size  bytes in all
+ * @retval QV_RESULT_FAILED  the format is unknown, or cannot be captured at these dimensions
+ * @threads any */
+QV_API QV_RESULT QVGetFrameLayout(unsigned int fourcc, int cx, int cy, unsigned int* stride,
+                                  unsigned int* size);
+
 /** Asks for one frame in memory of the bus. */
 QV_API QV_RESULT QVCaptureVideoFrameToPhysicalAddress(QV_CHANNEL channel, int frame,
                                                       _LARGE_INTEGER address, unsigned int size,

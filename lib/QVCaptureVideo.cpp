@@ -2,9 +2,20 @@
 #include "QVCaptureVideo.h"
 
 #include "Forward.h"
+#include "FrameLayout.h"
 
 using qv::Device;
 using qv::Pcie;
+
+QV_RESULT QVGetFrameLayout(unsigned int fourcc, int cx, int cy, unsigned int* stride,
+                           unsigned int* size) {
+    if (!stride || !size) return QV_RESULT_BAD_ARGUMENT;
+    const qv::FrameLayout layout = qv::LayoutOf(fourcc, cx, cy);
+    if (layout.size == 0) return QV_RESULT_FAILED;
+    *stride = layout.stride;
+    *size = layout.size;
+    return QV_RESULT_OK;
+}
 
 QV_RESULT QVStartVideoCapture(QV_CHANNEL channel, unsigned long long event) {
     return Pcie(channel, &CQVCaptureBase::StartVideoCapture, event);

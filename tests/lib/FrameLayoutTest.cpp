@@ -1,6 +1,8 @@
 // Line length and frame size of every pixel format, against a table of its own.
 #include "FrameLayout.h"
 
+#include "QVCapture.h"
+
 #include "gtest/gtest.h"
 
 namespace qv {
@@ -70,6 +72,22 @@ TEST(FrameLayoutTest, EveryFormatHasItsStrideAndSize) {
     for (const Expected& row : kExpected)
         EXPECT_EQ(row.layout, LayoutOf(Fourcc(row.fourcc), row.width, row.height))
             << row.fourcc << " " << row.width << "x" << row.height;
+}
+
+TEST(FrameLayoutTest, ThePublicFunctionTellsTheSame) {
+    for (const Expected& row : kExpected) {
+        SCOPED_TRACE(row.fourcc);
+        unsigned int stride = 0xCCCCCCCC;
+        unsigned int size = 0xCCCCCCCC;
+        const QV_RESULT result =
+            QVGetFrameLayout(Fourcc(row.fourcc), row.width, row.height, &stride, &size);
+        EXPECT_EQ(row.layout.size == 0 ? QV_RESULT_FAILED : QV_RESULT_OK, result);
+        EXPECT_EQ(row.layout.size == 0 ? 0xCCCCCCCC : row.layout.stride, stride);
+        EXPECT_EQ(row.layout.size == 0 ? 0xCCCCCCCC : row.layout.size, size);
+    }
+    unsigned int any = 0;
+    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, QVGetFrameLayout(Fourcc("YUY2"), 2, 2, nullptr, &any));
+    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, QVGetFrameLayout(Fourcc("YUY2"), 2, 2, &any, nullptr));
 }
 
 TEST(FrameLayoutTest, DimensionsThatDoNotFitTheRequestGiveNoFrame) {
