@@ -61,10 +61,9 @@ int RunCommand(const std::string& dir, const std::vector<std::string>& command) 
     // word size find an empty object there and not one that they would complain about.
     Prepend("LD_PRELOAD", folder + "/door/$LIB/" + kPreloadName, ':');
     Prepend("PATH", folder + "/standins", ':');
-#ifdef QVSIM_SANITIZED
-    // The door comes before the sanitizer's run-time library, which is no harm.
+    // In programs with the address sanitizer the door comes before its run-time library, which is
+    // no harm; other programs do not look at this.
     Prepend("ASAN_OPTIONS", "verify_asan_link_order=0", ':');
-#endif
     std::vector<char*> arguments;
     arguments.reserve(command.size() + 1);
     for (const std::string& word : command) arguments.push_back(const_cast<char*>(word.c_str()));

@@ -122,6 +122,14 @@ TEST_F(CommandsTest, CommandsKeepTheirOptionsTheirStatusAndTheirShell) {
     EXPECT_THAT(none.output, HasSubstr("no command"));
 }
 
+TEST_F(CommandsTest, ProgramsWithTheAddressSanitizerRun) {
+    Shell("qvcap-sim init " + cards_);
+    const Outcome probe =
+        Shell("qvcap-sim run " + cards_ + " -- " SIM_PROBE_SANITIZED " /dev/video0");
+    EXPECT_EQ("3 Pelix Duo HDMI 65536\n", probe.output);
+    EXPECT_EQ(0, probe.status);
+}
+
 TEST_F(CommandsTest, PoweringOffMeansPowerCyclingTheCards) {
     Shell("qvcap-sim init " + cards_);
     CardsState state;
