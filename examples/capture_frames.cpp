@@ -1,10 +1,11 @@
-// Captures frames of a channel into a raw file and reports those that were lost.
+// Captures frames of a channel into a raw file and reports those that it was too slow for.
 //
 //   capture_frames /dev/video0 100 frames.raw [WIDTH HEIGHT]     NV12 frames, one behind the other
+//   capture_frames /dev/video0 100 - | player                    the same to standard output
 //
 // Frames are written on this thread, not on the worker's, which must not be held up; what this one
-// is too slow for is dropped and counted. The first four bytes of the driver's frame description
-// are taken for the frame's running number: gaps in it are frames that the capture itself lost.
+// is too slow for is dropped and counted. Whether the driver skipped frames stands in its frame
+// description, whose meaning it alone knows. The report goes to standard error.
 #include <poll.h>
 
 #include <cstdio>
@@ -15,28 +16,17 @@
 
 namespace {
 
-struct Counts {
-    unsigned long written = 0;
-    unsigned long lost = 0;
-};
-
 // Until the file has as many frames as wanted; false when it cannot be written.
-bool record(qvcapture::Mailbox<qvcapture::FrameCopy>& frames, unsigned long wanted, std::FILE* file,
-            Counts& counts) {
+bool record(qvcapture::Mailbox<qvcapture::FrameCopy>& frames, unsigned long wanted,
+            std::FILE* file) {
     qvcapture::FrameCopy frame;
-    uint32_t last = 0;
-    while (counts.written < wanted) {
+    unsigned long written = 0;
+    while (written < wanted) {
         pollfd waiting{frames.Fd(), POLLIN, 0};
         poll(&waiting, 1, -1);
-        while (counts.written < wanted && frames.Take(frame)) {
-            uint32_t number = 0;
-            std::memcpy(&number, frame.info.bytes, sizeof number);
-            if (last != 0) counts.lost += number - last - 1;
-            last = number;
+        for (; written < wanted && frames.Take(frame); ++written)
             if (std::fwrite(frame.bytes.data(), 1, frame.bytes.size(), file) != frame.bytes.size())
                 return false;
-            ++counts.written;
-        }
     }
     return true;
 }
@@ -50,12 +40,13 @@ int main(int argc, char** argv) {
     }
     const int width = argc == 6 ? std::atoi(argv[4]) : 1920;
     const int height = argc == 6 ? std::atoi(argv[5]) : 1080;
-    std::FILE* file = std::fopen(argv[3], "wb");
+    const unsigned long wanted = std::strtoul(argv[2], nullptr, 10);
+    std::FILE* file = std::strcmp(argv[3], "-") == 0 ? stdout : std::fopen(argv[3], "wb");
     if (file == nullptr) {
         std::perror(argv[3]);
         return 1;
     }
-    Counts counts;
+    unsigned long long dropped = 0;
     bool good = false;
     {
         const qvcapture::Instance instance;
@@ -65,14 +56,15 @@ int main(int argc, char** argv) {
         const qvcapture::VideoCapture capture(channel, {qvcapture::FourCc("NV12"), width, height},
                                               frames.Sink());
         if (capture.Status())
-            good = record(frames, std::strtoul(argv[2], nullptr, 10), file, counts);
+            good = record(frames, wanted, file);
         else
             std::fprintf(stderr, "%s: capture cannot be started: %s\n", argv[1],
                          capture.Status().Text());
+        dropped = frames.Dropped();
     }
-    if (good)
-        std::printf("%lu frames of %dx%d written, %lu lost\n", counts.written, width, height,
-                    counts.lost);
     if (std::fclose(file) != 0) good = false;
+    if (good)
+        std::fprintf(stderr, "%lu frames of %dx%d written, %llu dropped\n", wanted, width, height,
+                     dropped);
     return good ? 0 : 1;
 }
