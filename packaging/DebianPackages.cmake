@@ -9,6 +9,9 @@ set(CPACK_PACKAGE_CONTACT ${maintainer})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_COMPONENTS_ALL runtime dev tool companions)
+if(QV_API_REFERENCE)
+  list(APPEND CPACK_COMPONENTS_ALL doc)
+endif()
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
@@ -61,6 +64,14 @@ debian_package(companions qvcapture-companions utils ""
 and runs programs on them. qvftool makes, shows, checks and takes apart
 firmware packages.")
 set(CPACK_DEBIAN_COMPANIONS_PACKAGE_SUGGESTS qvcap-upgrade)
+if(QV_API_REFERENCE)
+  debian_package(doc libqvcapture-doc doc ""
+    "capture-device library - API reference"
+    "Every function and record of the library, with pages about tasks and threads, as
+HTML: /usr/share/doc/libqvcapture-doc/html/index.html.")
+  set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
+  set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS libqvcapture-doc)
+endif()
 
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/control/triggers "activate-noawait ldconfig\n")
 file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/control/shlibs
