@@ -3,10 +3,12 @@
 // Of some texts, "[[" without a name behind it for one, it assumes what it has not looked at: an
 // abort with assertions, undefined without. Here each such assumption that does not hold throws
 // std::logic_error in every build; its text is what stands behind "FILE:". Characters beyond ASCII
-// are refused: it takes some of them for impossible. Pure functions, any thread.
+// are refused, but for those of comments, which are taken out: it takes some of them for
+// impossible. Pure functions, any thread.
 #pragma once
 
 #include <algorithm>
+#include <cstddef>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -21,11 +23,52 @@ constexpr void TomlMustHold(bool holds) {
 #include <toml++/toml.h>
 #pragma pop_macro("NDEBUG")
 
-inline toml::table ParseToml(std::string_view text, const std::string& name) {
+// The place behind the text in quotation marks that begins at `at`; the end when it has none.
+inline size_t TomlTextEnd(std::string_view text, size_t at) {
+    const char mark = text[at];
+    const std::string_view three = mark == '"' ? "\"\"\"" : "'''";
+    const bool isLong = text.substr(at, 3) == three;
+    const std::string_view end = isLong ? three : text.substr(at, 1);
+    for (at += end.size(); at < text.size(); ++at) {
+        if (text[at] == '\n' && !isLong) return at;  // not closed: the parser will say so
+        if (text[at] == '\\' && mark == '"') {
+            ++at;
+            continue;
+        }
+        if (text.substr(at, end.size()) != end) continue;
+        at += end.size();
+        // A long text may end in one or two marks of its own.
+        for (int i = 0; isLong && i < 2 && at < text.size() && text[at] == mark; ++i) ++at;
+        return at;
+    }
+    return text.size();
+}
+
+// The same text with a question mark for each byte beyond ASCII that stands in a comment.
+inline std::string WithPlainComments(std::string_view text) {
+    std::string plain(text);
+    for (size_t at = 0; at < text.size();) {
+        if (text[at] == '"' || text[at] == '\'') {
+            at = TomlTextEnd(text, at);
+            continue;
+        }
+        const size_t end = text[at] == '#' ? std::min(text.find('\n', at), text.size()) : at + 1;
+        if (text[at] == '#')
+            std::replace_if(
+                plain.begin() + static_cast<std::ptrdiff_t>(at),
+                plain.begin() + static_cast<std::ptrdiff_t>(end),
+                [](char c) { return static_cast<unsigned char>(c) >= 0x80; }, '?');
+        at = end;
+    }
+    return plain;
+}
+
+inline toml::table ParseToml(std::string_view original, const std::string& name) {
+    const std::string text = WithPlainComments(original);
     const auto isPlain = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
     const auto found = std::find_if_not(text.begin(), text.end(), isPlain);
     if (found != text.end())
         throw std::logic_error(std::to_string(1 + std::count(text.begin(), found, '\n')) +
-                               ": only ASCII characters are understood");
+                               ": only ASCII characters are understood, but in comments");
     return toml::parse(text, name);
 }
