@@ -61,9 +61,10 @@ section by section.")
 debian_package(companions qvcapture-companions utils ""
   "simulated capture cards and firmware package tool"
   "qvcap-sim lays out simulated capture cards, flash memory and faults included,
-and runs programs on them. qvftool makes, shows, checks and takes apart
-firmware packages.")
+and runs programs on them. qvftool makes, shows, checks, signs and takes
+apart firmware packages.")
 set(CPACK_DEBIAN_COMPANIONS_PACKAGE_SUGGESTS qvcap-upgrade)
+set(CPACK_DEBIAN_COMPANIONS_PACKAGE_RECOMMENDS openssh-client)  # ssh-keygen signs packages
 if(QV_API_REFERENCE)
   debian_package(doc libqvcapture-doc doc ""
     "capture-device library - API reference"

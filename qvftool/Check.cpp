@@ -3,20 +3,21 @@
 #include <algorithm>
 #include <filesystem>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <utility>
+
+#include "Escape.h"
+#include "Files.h"
+#include "Signature.h"
 
 namespace qvf {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kMaxPackages = 32;
+constexpr size_t kMaxPackages = 32;  // what qvcap-upgrade lists
 
-std::string Numbered(size_t i, const Section& section) {
-    return "section " + std::to_string(i + 1) +
-           (section.NameIsPlain() ? " (" + section.NameText() + ")" : "");
-}
-
+// In the order of the directory, which is the order of qvcap-upgrade.
 std::vector<std::string> PackageNames(const std::string& folder) {
     std::error_code error;
     std::vector<std::string> names;
@@ -28,85 +29,146 @@ std::vector<std::string> PackageNames(const std::string& folder) {
             names.push_back(name);
     }
     if (error) throw Mistake(folder + ": cannot be read: " + error.message());
-    std::sort(names.begin(), names.end());
     return names;
 }
 
-// Which file was the first for a product code and hardware version.
-using FirstOf = std::map<std::pair<uint16_t, uint8_t>, std::string>;
+// One package among those that are judged together.
+struct Candidate {
+    std::string name;  // in findings
+    std::string path;
+};
 
-// Findings about one file of a folder, also beside those before it. Without its name.
-std::vector<std::string> CheckFile(const std::string& folder, const std::string& name,
-                                   FirstOf& firstOf) {
-    const std::string path = (fs::path(folder) / name).string();
-    try {
-        const Package package = ReadPackage(path, Read::kHeader);
-        std::vector<std::string> findings = CheckPackage(package);
-        const auto [first, isNew] =
-            firstOf.try_emplace({package.productCode, package.hardwareVersion}, name);
-        if (!isNew)
-            findings.push_back("for product " + HexNumber(package.productCode, 4) + ", hardware " +
-                               HardwareText(package.hardwareVersion) + " as " + first->second +
-                               " is; which one is taken depends on the directory's order");
-        return findings;
-    } catch (const Mistake& mistake) {
-        // The message begins with "PATH: ".
-        return {std::string(mistake.what()).substr(path.size() + 2)};
+// Packages judged together.
+class Group {
+  public:
+    Group(const CheckOptions& options, bool hasOrder, CheckReport& report)
+        : options_(options), hasOrder_(hasOrder), report_(report) {}
+
+    void Judge(const std::vector<Candidate>& candidates) {
+        for (const Candidate& candidate : candidates) JudgeOne(candidate);
+        for (const auto& [cards, names] : fitting_)
+            if (names.size() > 1) AddSameCards(cards.first, cards.second, names);
+        report_.packages += candidates.size();
     }
+
+  private:
+    void Add(const std::string& name, Finding finding) {
+        finding.file = name;
+        report_.findings.push_back(std::move(finding));
+    }
+
+    void JudgeOne(const Candidate& candidate) {
+        try {
+            const Package package = ReadPackage(candidate.path, Read::kHeader);
+            for (Finding& finding : CheckPackage(package, options_.flash))
+                Add(candidate.name, std::move(finding));
+            fitting_[{package.productCode, package.hardwareVersion}].push_back(candidate.name);
+        } catch (const Mistake& mistake) {
+            // The message begins with "PATH: ".
+            const std::string message = mistake.what();
+            Add(candidate.name, {"", kUnreadable, message.substr(candidate.path.size() + 2)});
+        }
+        if (!options_.keys.empty()) JudgeSignature(candidate);
+    }
+
+    void JudgeSignature(const Candidate& candidate) {
+        const std::string place = SignaturePath(candidate.path);
+        std::error_code missing;
+        if (!fs::exists(place, missing))
+            Add(candidate.name,
+                {"", kUnsigned, "there is no signature " + fs::path(place).filename().string()});
+        else if (!IsSignedBy(ReadFile(candidate.path), ReadFile(place), options_.keys))
+            Add(candidate.name,
+                {"", kBadSignature,
+                 fs::path(place).filename().string() +
+                     " was not made over these bytes by a key of " + options_.keys});
+    }
+
+    void AddSameCards(uint16_t product, uint8_t hardware, const std::vector<std::string>& names) {
+        const std::string which =
+            hasOrder_ ? "in today's order of the directory " + names[0] + " is taken"
+                      : "the order of their directory decides which one is taken";
+        for (size_t i = 1; i < names.size(); ++i)
+            Add(names[i], {"", kSameCards,
+                           "for product " + HexNumber(product, 4) + ", hardware " +
+                               HardwareText(hardware) + " as " + names[0] + " is; " + which});
+    }
+
+    const CheckOptions& options_;
+    bool hasOrder_;
+    CheckReport& report_;
+    std::map<std::pair<uint16_t, uint8_t>, std::vector<std::string>> fitting_;
+};
+
+void CheckFolder(const std::string& folder, const CheckOptions& options, CheckReport& report) {
+    const std::vector<std::string> names = PackageNames(folder);
+    std::vector<Candidate> candidates;
+    for (const std::string& name : names)
+        candidates.push_back({name, (fs::path(folder) / name).string()});
+    const size_t before = report.findings.size();
+    Group(options, true, report).Judge(candidates);
+    // Judged in the directory's order, told by name.
+    std::stable_sort(report.findings.begin() + static_cast<ptrdiff_t>(before),
+                     report.findings.end(),
+                     [](const Finding& a, const Finding& b) { return a.file < b.file; });
+    if (names.empty())
+        report.findings.push_back({"", kNoPackages, folder + ": there is no package in it"});
+    if (names.size() <= kMaxPackages) return;
+    std::string left;
+    for (size_t i = kMaxPackages; i < names.size(); ++i) left += " " + names[i];
+    report.findings.push_back(
+        {"", kTooManyPackages,
+         std::to_string(names.size()) +
+             " packages: only the first 32 in the directory's order are looked at, not" + left});
 }
 
 }  // namespace
 
-std::vector<std::string> Overlaps(const Package& package) {
-    std::vector<std::string> findings;
-    const std::vector<Section>& all = package.sections;
-    for (size_t i = 0; i < all.size(); ++i) {
-        for (size_t j = i + 1; j < all.size(); ++j) {
-            const uint64_t begin = std::max(all[i].address, all[j].address);
-            const uint64_t end = std::min(all[i].End(), all[j].End());
-            if (begin < end)
-                findings.push_back(Numbered(i, all[i]) + " and " + Numbered(j, all[j]) +
-                                   " overlap from " + HexNumber(begin, 8) + " to " +
-                                   HexNumber(end - 1, 8));
-        }
+CheckReport CheckPaths(const std::vector<std::string>& paths, const CheckOptions& options) {
+    CheckReport report;
+    std::vector<Candidate> files;
+    for (const std::string& path : paths) {
+        std::error_code error;
+        const fs::file_status status = fs::status(path, error);
+        if (fs::is_directory(status))
+            CheckFolder(path, options, report);
+        else if (fs::is_regular_file(status))
+            files.push_back({path, path});
+        else
+            throw Mistake(path + ": cannot be read: " +
+                          (error ? error.message() : "it is neither a file nor a folder"));
     }
-    return findings;
+    Group(options, false, report).Judge(files);
+    return report;
 }
 
-std::vector<std::string> CheckPackage(const Package& package) {
-    std::vector<std::string> findings = Overlaps(package);
-    if (package.compatibilityCode == 0)
-        findings.push_back(
-            "compatibility code 0: cards whose stored header is not of the running firmware would "
-            "be upgraded in safe mode");
-    for (size_t i = 0; i < package.sections.size(); ++i) {
-        const Section& section = package.sections[i];
-        if (section.address % kEraseSector != 0)
-            findings.push_back(Numbered(i, section) + " begins at " +
-                               HexNumber(section.address, 8) +
-                               ", inside a 4 KiB erase sector that is erased as a whole");
-        if (section.End() > uint64_t{1} << 32)
-            findings.push_back(Numbered(i, section) + " ends behind flash address 0xffffffff");
+std::string ReportText(const CheckReport& report) {
+    std::string text;
+    for (const Finding& finding : report.findings) {
+        if (!finding.file.empty()) text += Escaped(finding.file) + ": ";
+        text += LevelText(finding.rule.level) + std::string(": ") + Escaped(finding.message) +
+                " [" + finding.rule.name + "]\n";
     }
-    return findings;
+    return text;
 }
 
-std::vector<std::string> CheckFolder(const std::string& folder) {
-    std::vector<std::string> findings;
-    FirstOf firstOf;
-    const std::vector<std::string> names = PackageNames(folder);
-    for (const std::string& name : names) {
-        for (const std::string& finding : CheckFile(folder, name, firstOf)) {
-            std::string line = name;
-            line += ": ";
-            line += finding;
-            findings.push_back(std::move(line));
-        }
+std::string ReportJson(const CheckReport& report) {
+    nlohmann::ordered_json json;
+    json["schema"] = "qvftool-check";
+    json["version"] = 1;
+    json["packages"] = report.packages;
+    json["findings"] = nlohmann::ordered_json::array();
+    for (const Finding& finding : report.findings) {
+        nlohmann::ordered_json entry;
+        entry["file"] = nullptr;
+        if (!finding.file.empty()) entry["file"] = finding.file;
+        entry["rule"] = finding.rule.name;
+        entry["level"] = LevelText(finding.rule.level);
+        entry["message"] = finding.message;
+        json["findings"].push_back(entry);
     }
-    if (names.size() > kMaxPackages)
-        findings.push_back(std::to_string(names.size()) +
-                           " packages: only the first 32 in the directory's order are looked at");
-    return findings;
+    // A file name need not be UTF-8.
+    return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
 }
 
 }  // namespace qvf

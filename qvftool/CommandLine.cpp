@@ -1,15 +1,16 @@
 #include "CommandLine.h"
 
 #include <CLI/CLI.hpp>
-#include <algorithm>
-#include <filesystem>
 #include <new>
 
 #include "Check.h"
 #include "Description.h"
-#include "Files.h"
+#include "Diff.h"
+#include "Escape.h"
 #include "Info.h"
+#include "Output.h"
 #include "Package.h"
+#include "Signature.h"
 
 namespace qvf {
 namespace {
@@ -17,15 +18,26 @@ namespace {
 constexpr int kDone = 0;
 constexpr int kFindings = 1;
 constexpr int kUnusable = 2;
+constexpr char kStandardOutput[] = "-";
 
 struct Arguments {
     std::string input;
+    std::string other;
+    std::vector<std::string> inputs;
     std::string output;
+    std::string key;
+    CheckOptions check;
     bool json = false;
+    bool all = false;
 };
 
-int Create(const Arguments& arguments) {
-    WriteFile(arguments.output, Serialize(ReadDescription(arguments.input)));
+int Create(const Arguments& arguments, std::ostream& out) {
+    const Bytes bytes = Serialize(ReadDescription(arguments.input));
+    if (arguments.output == kStandardOutput)
+        out.write(reinterpret_cast<const char*>(bytes.data()),
+                  static_cast<std::streamsize>(bytes.size()));
+    else
+        WriteFile(arguments.output, bytes);
     return kDone;
 }
 
@@ -37,22 +49,118 @@ int Extract(const Arguments& arguments) {
     return kDone;
 }
 
+// One object for one file, a list of them for several.
 int Info(const Arguments& arguments, std::ostream& out) {
-    const Package package = ReadPackage(arguments.input, Read::kHeader);
-    out << (arguments.json ? InfoJson : InfoText)(arguments.input, package);
+    std::string separator;
+    std::string text;
+    for (const std::string& path : arguments.inputs) {
+        const Package package = ReadPackage(path, Read::kEverything);
+        const Digests digests = DigestsOf(package);
+        text += separator + (arguments.json ? InfoJson(path, package, digests)
+                                            : InfoText(path, package, digests, arguments.all));
+        separator = arguments.json ? ",\n" : "\n";
+    }
+    if (!arguments.json)
+        out << text;
+    else if (arguments.inputs.size() == 1)
+        out << text << "\n";
+    else
+        out << "[\n" << text << "\n]\n";
     return kDone;
 }
 
-int CheckAll(const Arguments& arguments, std::ostream& out) {
-    const std::vector<std::string> findings = CheckFolder(arguments.input);
-    for (const std::string& finding : findings) out << finding << "\n";
-    return findings.empty() ? kDone : kFindings;
+int Diff(const Arguments& arguments, std::ostream& out) {
+    const std::string text = DiffText(ReadPackage(arguments.input, Read::kEverything),
+                                      ReadPackage(arguments.other, Read::kEverything));
+    out << text;
+    return text.empty() ? kDone : kFindings;
 }
+
+int CheckAll(const Arguments& arguments, std::ostream& out) {
+    const CheckReport report = CheckPaths(arguments.inputs, arguments.check);
+    out << (arguments.json ? ReportJson : ReportText)(report);
+    return report.findings.empty() ? kDone : kFindings;
+}
+
+// What is not a package that can be read is not signed.
+int SignPackages(const Arguments& arguments) {
+    for (const std::string& path : arguments.inputs) {
+        const Package package = ReadPackage(path, Read::kEverything);
+        WriteFile(SignaturePath(path), Sign(Serialize(package), arguments.key));
+    }
+    return kDone;
+}
+
+// The commands, each of which leaves its exit status in `status`.
+class Commands {
+  public:
+    Commands(CLI::App& app, Arguments& given, std::ostream& out, int& status)
+        : app_(app), given_(given), out_(out), status_(status) {}
+
+    void AddAll() {
+        AddCreate();
+        AddInfo();
+        AddCheck();
+        AddDiff();
+        AddSign();
+        AddExtract();
+    }
+
+  private:
+    void AddCreate() {
+        CLI::App* create = app_.add_subcommand("create", "make a package from a description");
+        create->add_option("DESCRIPTION", given_.input, "TOML file")->required();
+        create->add_option("-o,--output", given_.output, "package to write, - for standard output")
+            ->required();
+        create->callback([this] { status_ = Create(given_, out_); });
+    }
+    void AddInfo() {
+        CLI::App* info = app_.add_subcommand("info", "show header, section table and digests");
+        info->add_option("FILE", given_.inputs, "packages")->required();
+        info->add_flag("--json", given_.json, "as JSON");
+        info->add_flag("--all", given_.all, "reserved fields too that are zero");
+        info->callback([this] { status_ = Info(given_, out_); });
+    }
+    void AddCheck() {
+        CLI::App* check = app_.add_subcommand("check", "look for what wrecks or fools a card");
+        check->add_option("PATH", given_.inputs, "packages, or folders of packages")->required();
+        check->add_flag("--json", given_.json, "as JSON");
+        check->add_option("--key", given_.check.keys, "public keys that packages are signed by");
+        check->add_option("--flash-size", given_.check.flash.size, "bytes of the cards' flash");
+        check->add_option("--firmware-area", given_.check.flash.firmwareArea,
+                          "flash address of the header");
+        check->callback([this] { status_ = CheckAll(given_, out_); });
+    }
+    void AddDiff() {
+        CLI::App* diff = app_.add_subcommand("diff", "show how two packages differ");
+        diff->add_option("FILE", given_.input, "package")->required();
+        diff->add_option("OTHER", given_.other, "package")->required();
+        diff->callback([this] { status_ = Diff(given_, out_); });
+    }
+    void AddSign() {
+        CLI::App* sign = app_.add_subcommand("sign", "make a detached signature for each package");
+        sign->add_option("FILE", given_.inputs, "packages")->required();
+        sign->add_option("--key", given_.key, "private key, made by ssh-keygen")->required();
+        sign->callback([this] { status_ = SignPackages(given_); });
+    }
+    void AddExtract() {
+        CLI::App* extract = app_.add_subcommand("extract", "take a package apart");
+        extract->add_option("FILE", given_.input, "package")->required();
+        extract->add_option("-d,--directory", given_.output, "folder to make")->required();
+        extract->callback([this] { status_ = Extract(given_); });
+    }
+
+    CLI::App& app_;
+    Arguments& given_;
+    std::ostream& out_;
+    int& status_;
+};
 
 }  // namespace
 
 int RunQvftool(const std::vector<std::string>& arguments, std::ostream& out, std::ostream& errors) {
-    CLI::App app{"Makes, shows, checks and takes apart firmware packages (.qvf)", "qvftool"};
+    CLI::App app{"Makes, shows, checks, signs and takes apart firmware packages (.qvf)", "qvftool"};
+    app.set_version_flag("--version", "qvftool " QV_VERSION);
     app.require_subcommand(1);
     app.failure_message([](const CLI::App*, const CLI::Error& error) {
         return std::string("qvftool: ") + error.what() +
@@ -60,36 +168,17 @@ int RunQvftool(const std::vector<std::string>& arguments, std::ostream& out, std
     });
     Arguments given;
     int status = kDone;
-
-    CLI::App* create = app.add_subcommand("create", "make a package from a description");
-    create->add_option("DESCRIPTION", given.input, "TOML file")->required();
-    create->add_option("-o,--output", given.output, "package to write")->required();
-    create->callback([&] { status = Create(given); });
-
-    CLI::App* info = app.add_subcommand("info", "show header and section table");
-    info->add_option("FILE", given.input, "package")->required();
-    info->add_flag("--json", given.json, "as JSON");
-    info->callback([&] { status = Info(given, out); });
-
-    CLI::App* check = app.add_subcommand("check", "look for trouble among a folder's packages");
-    check->add_option("DIR", given.input, "folder")->required();
-    check->callback([&] { status = CheckAll(given, out); });
-
-    CLI::App* extract = app.add_subcommand("extract", "take a package apart");
-    extract->add_option("FILE", given.input, "package")->required();
-    extract->add_option("-d,--directory", given.output, "folder to make")->required();
-    extract->callback([&] { status = Extract(given); });
-
+    Commands(app, given, out, status).AddAll();
     std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
     try {
         app.parse(reversed);
     } catch (const CLI::ParseError& error) {
         return app.exit(error, out, errors) == 0 ? kDone : kUnusable;
     } catch (const Mistake& mistake) {
-        errors << "qvftool: " << mistake.what() << "\n";
+        errors << "qvftool: " << Escaped(mistake.what()) << "\n";
         return kUnusable;
     } catch (const std::bad_alloc&) {
-        errors << "qvftool: " << given.input << ": there is not enough memory for it\n";
+        errors << "qvftool: there is not enough memory for this package\n";
         return kUnusable;
     }
     return status;

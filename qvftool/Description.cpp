@@ -3,9 +3,11 @@
 #include <algorithm>
 #include <cctype>
 #include <filesystem>
+#include <limits>
 #include <optional>
 #include <vector>
 
+#include "Files.h"
 #include "Toml.h"
 #include "Words.h"
 
@@ -127,14 +129,36 @@ void ReadName(Table& table, Section& section) {
     std::copy(name.begin(), name.end(), section.name.begin());
 }
 
+// A file's bytes; or, for a section that is cleared and whose data no card gets, as many as wanted
+// of one value.
+Bytes SectionData(Table& table, const Section& section) {
+    const toml::node* size = table.Find("size");
+    const toml::node* fill = table.Find("fill");
+    if (size == nullptr) {
+        if (fill != nullptr) table.Fail(*fill, "'fill' goes with 'size'");
+        const toml::node& file = table.Need("file");
+        Bytes data = table.Content(file, "file");
+        if (data.size() > 0xFFFFFFFFu) table.Fail(file, "the file has 4 GiB or more");
+        return data;
+    }
+    if (const toml::node* file = table.Find("file"))
+        table.Fail(*file, "either 'file' or 'size', not both");
+    if (!section.IsClear())
+        table.Fail(*size,
+                   "'size' is for clear sections alone; what is written comes from a 'file'");
+    const uint32_t count = table.Number(*size, "size", 0xFFFFFFFF);
+    const uint32_t value = fill == nullptr ? 0xFF : table.Number(*fill, "fill", 0xFF);
+    if (count > std::numeric_limits<size_t>::max() / 4)
+        table.Fail(*size, "'size' is too large for this computer's memory");
+    return Bytes(count, static_cast<uint8_t>(value));
+}
+
 Section ReadSection(const std::string& path, const toml::table& toml) {
-    Table table(path, toml, {"name", "name_hex", "address", "file", "reserved24"});
+    Table table(path, toml, {"name", "name_hex", "address", "file", "size", "fill", "reserved24"});
     Section section;
     ReadName(table, section);
     section.address = table.NeedNumber("address", 0xFFFFFFFF);
-    const toml::node& file = table.Need("file");
-    section.data = table.Content(file, "file");
-    if (section.data.size() > 0xFFFFFFFFu) table.Fail(file, "the file has 4 GiB or more");
+    section.data = SectionData(table, section);
     section.size = static_cast<uint32_t>(section.data.size());
     table.Hex("reserved24", section.reserved24);
     return section;
@@ -179,6 +203,12 @@ std::string HexLine(const char* key, const std::array<uint8_t, kSize>& bytes) {
     return line + "\"\n";
 }
 
+// Zeros are what a description without the key makes.
+template <size_t kSize>
+std::string ReservedLine(const char* key, const std::array<uint8_t, kSize>& bytes) {
+    return bytes == std::array<uint8_t, kSize>{} ? "" : HexLine(key, bytes);
+}
+
 std::string Quoted(const std::string& plain) {
     std::string out = "\"";
     for (const char c : plain) {
@@ -206,7 +236,7 @@ std::string SectionText(const Section& section, const std::string& file) {
            (section.NameIsPlain() ? "name = " + Quoted(section.NameText()) + "\n"
                                   : HexLine("name_hex", section.name)) +
            "address = " + HexNumber(section.address, 8) + "\n" + "file = " + Quoted(file) + "\n" +
-           HexLine("reserved24", section.reserved24);
+           ReservedLine("reserved24", section.reserved24);
 }
 
 }  // namespace
@@ -231,9 +261,9 @@ void WriteDescription(const Package& package, const NewFolder& folder) {
     text += "hardware = " + HardwareValue(package.hardwareVersion) + "\n";
     text += "firmware = " + Quoted(VersionText(package.firmwareVersion)) + "\n";
     text += "compatibility = " + std::to_string(package.compatibilityCode) + "\n";
-    text += HexLine("reserved4", package.reserved4);
-    text += HexLine("reserved15", package.reserved15);
-    text += HexLine("reserved20", package.reserved20);
+    text += ReservedLine("reserved4", package.reserved4);
+    text += ReservedLine("reserved15", package.reserved15);
+    text += ReservedLine("reserved20", package.reserved20);
     if (!package.trailing.empty()) {
         text += "trailing = " + Quoted(kTrailingName) + "\n";
         WriteFile(folder / kTrailingName, package.trailing);

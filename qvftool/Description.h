@@ -4,7 +4,7 @@
 
 #include <string>
 
-#include "Files.h"
+#include "Output.h"
 #include "Package.h"
 
 namespace qvf {

@@ -1,9 +1,12 @@
 #include "Info.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
-#include "Check.h"
+#include "Digest.h"
+#include "Escape.h"
+#include "Rules.h"
 
 namespace qvf {
 namespace {
@@ -35,18 +38,56 @@ std::string Line(const char* label, const std::string& value) {
     return text + value + "\n";
 }
 
-std::string SectionLine(size_t number, const Section& section) {
+template <class Array>
+bool IsZero(const Array& bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
+}
+
+// Of an array that is zero only when zeros are wanted.
+template <class Array>
+std::string ReservedLine(const char* label, const Array& bytes, bool zeros) {
+    return zeros || !IsZero(bytes) ? Line(label, HexDigits(bytes)) : "";
+}
+
+std::string SectionLine(size_t number, const Section& section, bool reserved) {
     char text[160];
-    std::snprintf(text, sizeof text, "  %2zu  %-16s  0x%08x  %10u  %-7s  %s%s\n", number,
-                  ShownName(section).c_str(), section.address, section.size, ImageOf(section),
-                  HexDigits(section.reserved24).c_str(), section.IsClear() ? "  clear" : "");
-    return text;
+    std::snprintf(text, sizeof text, "  %2zu  %-16s  0x%08x  %10u  %-7s", number,
+                  ShownName(section).c_str(), section.address, section.size, ImageOf(section));
+    std::string line = text;
+    if (reserved) line += "  " + HexDigits(section.reserved24);
+    if (section.IsClear()) line += "  clear";
+    return line.substr(0, line.find_last_not_of(' ') + 1) + "\n";
+}
+
+std::string SectionTable(const Package& package, const Digests& digests, bool zeros) {
+    const std::vector<Section>& all = package.sections;
+    if (all.empty()) return "  no sections\n";
+    const bool reserved = zeros || std::any_of(all.begin(), all.end(), [](const Section& section) {
+                              return !IsZero(section.reserved24);
+                          });
+    char heading[160];
+    std::snprintf(heading, sizeof heading, "  %2s  %-16s  %-10s  %10s  %s\n", "#", "name",
+                  "address", "bytes", reserved ? "image    reserved24" : "image");
+    std::string out = heading;
+    for (size_t i = 0; i < all.size(); ++i) {
+        out += SectionLine(i + 1, all[i], reserved);
+        out += "      sha256 " + digests.sections[i] + "\n";
+    }
+    return out;
 }
 
 }  // namespace
 
-std::string InfoText(const std::string& name, const Package& package) {
-    std::string out = name + "\n";
+Digests DigestsOf(const Package& package) {
+    Digests digests{Sha256(Serialize(package)), {}};
+    for (const Section& section : package.sections)
+        digests.sections.push_back(Sha256(section.data));
+    return digests;
+}
+
+std::string InfoText(const std::string& name, const Package& package, const Digests& digests,
+                     bool zeros) {
+    std::string out = Escaped(name) + "\n";
     out += Line("firmware", VersionText(package.firmwareVersion));
     out += Line("product code", HexNumber(package.productCode, 4));
     out += Line("hardware", HardwareText(package.hardwareVersion));
@@ -55,23 +96,21 @@ std::string InfoText(const std::string& name, const Package& package) {
     out += Line("data", std::to_string(package.DataSize()) + " bytes");
     if (package.trailingSize > 0)
         out += Line("behind the data", std::to_string(package.trailingSize) + " bytes");
-    out += Line("reserved4", HexDigits(package.reserved4));
-    out += Line("reserved15", HexDigits(package.reserved15));
-    out += Line("reserved20", HexDigits(package.reserved20));
-    if (package.sections.empty()) return out + "  no sections\n";
-    char heading[160];
-    std::snprintf(heading, sizeof heading, "  %2s  %-16s  %-10s  %10s  %-7s  %s\n", "#", "name",
-                  "address", "bytes", "image", "reserved24");
-    out += heading;
-    for (size_t i = 0; i < package.sections.size(); ++i)
-        out += SectionLine(i + 1, package.sections[i]);
+    out += Line("sha256", digests.file);
+    out += ReservedLine("reserved4", package.reserved4, zeros);
+    out += ReservedLine("reserved15", package.reserved15, zeros);
+    out += ReservedLine("reserved20", package.reserved20, zeros);
+    out += SectionTable(package, digests, zeros);
     for (const std::string& finding : Overlaps(package)) out += "  overlap: " + finding + "\n";
     return out;
 }
 
-std::string InfoJson(const std::string& name, const Package& package) {
+std::string InfoJson(const std::string& name, const Package& package, const Digests& digests) {
     nlohmann::ordered_json json;
+    json["schema"] = "qvftool-info";
+    json["version"] = 1;
     json["file"] = name;
+    json["sha256"] = digests.file;
     json["firmware"] = VersionText(package.firmwareVersion);
     json["firmware_version"] = package.firmwareVersion;
     json["product_code"] = package.productCode;
@@ -85,7 +124,8 @@ std::string InfoJson(const std::string& name, const Package& package) {
     json["reserved15"] = HexDigits(package.reserved15);
     json["reserved20"] = HexDigits(package.reserved20);
     json["sections"] = nlohmann::ordered_json::array();
-    for (const Section& section : package.sections) {
+    for (size_t i = 0; i < package.sections.size(); ++i) {
+        const Section& section = package.sections[i];
         nlohmann::ordered_json entry;
         entry["name"] = ShownName(section);
         entry["name_hex"] = HexDigits(section.name);
@@ -94,11 +134,12 @@ std::string InfoJson(const std::string& name, const Package& package) {
         entry["image"] = ImageOf(section);
         entry["clear"] = section.IsClear();
         entry["reserved24"] = HexDigits(section.reserved24);
+        entry["sha256"] = digests.sections[i];
         json["sections"].push_back(entry);
     }
     json["overlaps"] = Overlaps(package);
     // A file name need not be UTF-8.
-    return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
+    return json.dump(2, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
 }  // namespace qvf

@@ -2,12 +2,25 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "Package.h"
 
 namespace qvf {
 
-std::string InfoText(const std::string& name, const Package& package);
-std::string InfoJson(const std::string& name, const Package& package);
+// SHA-256 of the whole file and of each section's data, in hexadecimal digits.
+struct Digests {
+    std::string file;
+    std::vector<std::string> sections;
+};
+
+// Of a package that was read with everything in it.
+Digests DigestsOf(const Package& package);
+
+// Reserved fields that are zero are shown on demand only.
+std::string InfoText(const std::string& name, const Package& package, const Digests& digests,
+                     bool zeros);
+// docs/formats/qvftool-json.md; without a line's end.
+std::string InfoJson(const std::string& name, const Package& package, const Digests& digests);
 
 }  // namespace qvf

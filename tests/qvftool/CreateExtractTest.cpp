@@ -4,6 +4,7 @@
 namespace qvtest {
 namespace {
 
+using testing::AllOf;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
@@ -17,6 +18,11 @@ class CreateTest : public QvftoolFixture {
     QvftoolRun Create(const std::string& description) {
         Put("d.toml", description);
         return Run({"create", "d.toml", "-o", "out.qvf"});
+    }
+    // Of the one section in what was made.
+    static Bytes SectionData() {
+        const Bytes file = Content("out.qvf");
+        return Bytes(file.begin() + 157 + 28, file.end());
     }
     // The message of a creation that must fail and leave nothing.
     std::string Refused(const std::string& description) {
@@ -89,7 +95,7 @@ TEST_F(CreateTest, TextsThatTheParserIsNotMadeForAreRefused) {
     EXPECT_EQ("qvftool: p.toml: this is not TOML\n",
               Run({"create", "p.toml", "--output", "p.qvf"}).errors);
     Put("p.toml", "# a\n\xE2\x80\xB0");
-    EXPECT_EQ("qvftool: p.toml:2: only ASCII characters are understood\n",
+    EXPECT_EQ("qvftool: p.toml:2: only ASCII characters are understood, but in comments\n",
               Run({"create", "p.toml", "--output", "p.qvf"}).errors);
     EXPECT_THAT(Here(), testing::ElementsAre("p.toml"));
 }
@@ -97,6 +103,7 @@ TEST_F(CreateTest, TextsThatTheParserIsNotMadeForAreRefused) {
 TEST_F(CreateTest, EveryMistakeNamesFileAndLine) {
     Put("f.bin", "x");
     const std::string section = "[[section]]\n";  // line 5
+    const std::string clear = section + "name = \"Factory.CLR.L\"\naddress = 0\n";
     const struct {
         std::string text;
         const char* message;
@@ -134,9 +141,17 @@ TEST_F(CreateTest, EveryMistakeNamesFileAndLine) {
         {kPlain + section + "name = \"1234567890123456\"\n", "d.toml:6: 'name' has at most 15"},
         {kPlain + section + "name_hex = \"00\"\n", "d.toml:6: 'name_hex' is 32 hexadecimal"},
         {kPlain + section + "name = \"n\"\nname_hex = \"00\"\n", "d.toml:6: either 'name' or"},
-        {kPlain + section + "name = \"n\"\naddress = 0\nfile = \"f.bin\"\nsize = 1\n",
-         "d.toml:9: 'size' is not known here; known are: name, name_hex, address, file, "
+        {kPlain + section + "name = \"n\"\naddress = 0\nfile = \"f.bin\"\ncolor = 1\n",
+         "d.toml:9: 'color' is not known here; known are: name, name_hex, address, file, size, "
+         "fill, "
          "reserved24"},
+        {kPlain + section + "name = \"n\"\naddress = 0\nsize = 1\n",
+         "d.toml:8: 'size' is for clear sections alone"},
+        {kPlain + clear + "file = \"f.bin\"\nsize = 1\n", "d.toml:8: either 'file' or 'size'"},
+        {kPlain + clear + "fill = 1\n", "d.toml:8: 'fill' goes with 'size'"},
+        {kPlain + clear + "size = 1\nfill = 256\n", "d.toml:9: 'fill' is a number from 0 to 255"},
+        {kPlain + clear + "size = -1\n", "d.toml:8: 'size' is a number from 0 to 4294967295"},
+        {kPlain + clear, "d.toml:5: 'file' is missing"},
     };
     for (const auto& row : kRows)
         EXPECT_THAT(Refused(row.text), StartsWith(std::string("qvftool: ") + row.message))
@@ -164,6 +179,34 @@ TEST_F(CreateTest, SixteenSectionsAreTheMost) {
     std::filesystem::remove("out.qvf");
     text += "[[section]]\nname = \"s\"\naddress = 0\nfile = \"f.bin\"\n";
     EXPECT_THAT(Refused(text), HasSubstr("d.toml:69: a package has at most 16 sections"));
+}
+
+TEST_F(CreateTest, AClearSectionCanBeGivenBySizeAndFill) {
+    const std::string clear =
+        kPlain +
+        std::string("[[section]]\nname = \"Factory.CLR.L\"\naddress = 0x1000\nsize = 5000\n");
+    ASSERT_EQ(0, Create(clear).status);
+    EXPECT_EQ(Bytes(5000, 0xFF), SectionData());
+    ASSERT_EQ(0, Create(clear + "fill = 0x5A\n").status);
+    EXPECT_EQ(Bytes(5000, 0x5A), SectionData());
+}
+
+TEST_F(CreateTest, CommentsMayBeInAnyLanguage) {
+    Put("f.bin", "x");
+    const QvftoolRun run = Create(
+        "# F\xC3\xBCr Karten\nproduct_code = 1 # \xE2\x82\xAC\nhardware = \"#\"# \xC3\xA4\n"
+        "firmware = '1.2' # \xC3\xA4 \"\ncompatibility = 7\n[[section]]\n"
+        "name = \"a\\\"#b\" # \xC3\xA4\naddress = 0\nfile = \"\"\"f.bin\"\"\" # \xC3\xA4\n");
+    ASSERT_EQ(0, run.status) << run.errors;
+    EXPECT_THAT(Run({"info", "out.qvf"}).output,
+                AllOf(HasSubstr("hardware        #"), HasSubstr(" a\"#b ")));
+}
+
+TEST_F(CreateTest, OutsideOfCommentsAllIsAscii) {
+    for (const char* text : {"# \"\nhardware = \"\xC3\xA4\"\n", "a = '#'\xC3\xA4\n",
+                             "a = \"\"\"#\n# \xC3\xA4 \"\"\"\n", "a = '''\n# \xC3\xA4 '''\n",
+                             "a = \"\\\"# \xC3\xA4\"\n"})
+        EXPECT_THAT(Refused(text), HasSubstr("only ASCII characters are understood")) << text;
 }
 
 TEST_F(CreateTest, APlaceThatCannotBeWrittenIsNamed) {

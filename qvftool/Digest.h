@@ -1,0 +1,13 @@
+// SHA-256, computed by the system's own program. Failures are Mistakes. One thread.
+#pragma once
+
+#include <string>
+
+#include "Package.h"
+
+namespace qvf {
+
+// 64 hexadecimal digits.
+std::string Sha256(const Bytes& bytes);
+
+}  // namespace qvf

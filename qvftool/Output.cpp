@@ -1,0 +1,187 @@
+#include "Output.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <optional>
+
+namespace qvf {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
+constexpr size_t kPiece = 1 << 20;  // bytes written between two looks for a signal
+constexpr int kMostLinks = 40;
+
+[[noreturn]] void Fail(const std::string& path, const char* what) {
+    throw Mistake(path + ": " + what + ": " + std::strerror(errno));
+}
+
+bool IsIgnored(int signal) {
+    struct sigaction action = {};
+    return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
+}
+
+// What a process of this user would get for a new file.
+mode_t NewFileMode() {
+    const mode_t mask = umask(0);
+    umask(mask);
+    return 0666 & ~mask;
+}
+
+std::optional<struct stat> StatusOf(const std::string& path) {
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) return {};
+    return status;
+}
+
+// Where the links lead to, whether something is there or not.
+std::string Followed(const std::string& path) {
+    fs::path place = path;
+    std::error_code missing;  // what is not there is no link
+    for (int i = 0; fs::is_symlink(place, missing); ++i) {
+        std::error_code error;
+        const fs::path target = fs::read_symlink(place, error);
+        if (error || i == kMostLinks) throw Mistake(path + ": its links lead nowhere");
+        place = place.parent_path() / target;
+    }
+    return place.string();
+}
+
+std::string FolderOf(const std::string& path) {
+    const fs::path folder = fs::path(path).parent_path();
+    return folder.empty() ? "." : folder.string();
+}
+
+bool WriteAll(int fd, const Bytes& bytes) {
+    for (size_t done = 0; done < bytes.size();) {
+        HeldSignals::StopIfOneWaits();
+        const ssize_t n = write(fd, bytes.data() + done, std::min(kPiece, bytes.size() - done));
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return false;
+        done += static_cast<size_t>(n);
+    }
+    return true;
+}
+
+// A name that was given must be there after a loss of power, too. Some file systems cannot tell.
+void SyncFolder(const std::string& folder) {
+    const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (fd < 0) return;
+    fsync(fd);
+    close(fd);
+}
+
+// A file beside its place, removed unless it was moved there.
+class BesideFile {
+  public:
+    explicit BesideFile(const std::string& place)
+        : place_(place), temporary_(FolderOf(place) + "/.new-package-XXXXXX") {
+        fd_ = mkostemp(temporary_.data(), O_CLOEXEC);
+        if (fd_ < 0) Fail(place, "cannot be written");
+    }
+    ~BesideFile() {
+        if (fd_ >= 0) close(fd_);
+        if (!moved_) unlink(temporary_.c_str());
+    }
+    BesideFile(const BesideFile&) = delete;
+    BesideFile& operator=(const BesideFile&) = delete;
+
+    void Fill(const Bytes& bytes, mode_t mode) {
+        if (!WriteAll(fd_, bytes) || fchmod(fd_, mode) != 0 || fsync(fd_) != 0)
+            Fail(place_, "cannot be written");
+        const int fd = fd_;
+        fd_ = -1;
+        if (close(fd) != 0) Fail(place_, "cannot be written");
+    }
+    void Move() {
+        if (rename(temporary_.c_str(), place_.c_str()) != 0) Fail(place_, "cannot be written");
+        moved_ = true;
+        SyncFolder(FolderOf(place_));
+    }
+
+  private:
+    std::string place_;
+    std::string temporary_;
+    int fd_ = -1;
+    bool moved_ = false;
+};
+
+// Signals end the program here as ever: a FIFO may wait for its reader, and nothing is left behind.
+void WriteInto(const std::string& path, const Bytes& bytes) {
+    const int fd = open(path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
+    if (fd < 0) Fail(path, "cannot be written");
+    const bool good = WriteAll(fd, bytes);
+    const int error = errno;
+    if (close(fd) == 0 && good) return;
+    if (!good) errno = error;
+    Fail(path, "cannot be written");
+}
+
+}  // namespace
+
+HeldSignals::HeldSignals() {
+    sigset_t held;
+    sigemptyset(&held);
+    // An ignored signal that waits could not be told from one that must end the program.
+    for (const int signal : kEndingSignals)
+        if (!IsIgnored(signal)) sigaddset(&held, signal);
+    sigprocmask(SIG_BLOCK, &held, &before_);
+}
+
+HeldSignals::~HeldSignals() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+
+void HeldSignals::StopIfOneWaits() {
+    sigset_t waiting;
+    sigset_t held;
+    if (sigpending(&waiting) != 0 || sigprocmask(SIG_BLOCK, nullptr, &held) != 0) return;
+    for (const int signal : kEndingSignals)
+        if (sigismember(&waiting, signal) == 1 && sigismember(&held, signal) == 1 &&
+            !IsIgnored(signal))
+            throw Mistake("interrupted: nothing was written");
+}
+
+void WriteFile(const std::string& path, const Bytes& bytes) {
+    const std::string place = Followed(path);
+    const std::optional<struct stat> there = StatusOf(place);
+    if (there && !S_ISREG(there->st_mode)) return WriteInto(path, bytes);
+    const HeldSignals held;
+    BesideFile file(place);
+    file.Fill(bytes, there ? there->st_mode & 07777 : NewFileMode());
+    file.Move();
+}
+
+NewFolder::NewFolder(const std::string& place) {
+    std::string plain = place;
+    while (plain.size() > 1 && plain.back() == '/') plain.pop_back();
+    place_ = Followed(plain);
+    std::error_code error;
+    const std::optional<struct stat> there = StatusOf(place_);
+    if (there && !(S_ISDIR(there->st_mode) && fs::is_empty(place_, error)))
+        throw Mistake(place_ + ": is there already and not an empty folder; name a new one");
+    mode_ = there ? there->st_mode & 07777 : NewFileMode() | 0111;
+    temporary_ = FolderOf(place_) + "/.new-folder-XXXXXX";
+    if (mkdtemp(temporary_.data()) == nullptr) Fail(place_, "cannot be made");
+}
+
+NewFolder::~NewFolder() {
+    std::error_code ignored;  // what cannot be removed has a name that tells what it is
+    if (!committed_) fs::remove_all(temporary_, ignored);
+}
+
+void NewFolder::Commit() {
+    HeldSignals::StopIfOneWaits();
+    SyncFolder(temporary_);
+    if (chmod(temporary_.c_str(), mode_) != 0 || rename(temporary_.c_str(), place_.c_str()) != 0)
+        Fail(place_, "cannot be made");
+    committed_ = true;
+    SyncFolder(FolderOf(place_));
+}
+
+}  // namespace qvf

@@ -1,0 +1,38 @@
+// Other programs of the system, run to their end with bytes in and bytes out. Failures to start one
+// are Mistakes. One thread.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Package.h"
+
+namespace qvf {
+
+// A file without a name, in memory, for a program that wants one.
+class MemoryFile {
+  public:
+    explicit MemoryFile(const Bytes& bytes);
+    ~MemoryFile();
+    MemoryFile(const MemoryFile&) = delete;
+    MemoryFile& operator=(const MemoryFile&) = delete;
+
+    int Descriptor() const { return fd_; }
+    std::string Path() const;  // for a program that this one starts
+
+  private:
+    int fd_;
+};
+
+struct ProgramRun {
+    int status = -1;  // exit status; -1 when a signal ended it
+    Bytes output;
+    std::string errors;
+};
+
+// `arguments` begins with the program, looked for on PATH; `package` is the Debian package that
+// brings it, for the message when it is not there.
+ProgramRun RunProgram(const std::vector<std::string>& arguments, const MemoryFile& input,
+                      const std::string& package);
+
+}  // namespace qvf
