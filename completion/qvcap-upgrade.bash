@@ -1,10 +1,17 @@
 # bash completion for qvcap-upgrade: options, board numbers, device paths, board:channel pairs.
-# Numbers are those of a listing, which only reads; without a listing there are none.
+# Numbers are those of a listing, which only reads. It is made once in a shell, and given up after half
+# a second: then there are no numbers.
 
-# Prints "board:channel" of each channel listed by the command $1, without leading zeros.
-_qvcap_upgrade_channels() {
-    "$1" -l 2>/dev/null </dev/null |
-        sed -n 's/^0\{0,1\}\([0-9]\{1,\}\):0\{0,1\}\([0-9]\{1,\}\) .*/\1:\2/p'
+# Sets _qvcap_upgrade_channels to "board:channel" of each channel that the command $1 lists, without
+# leading zeros. Listed in a folder without packages, which need not be read for it.
+_qvcap_upgrade_list() {
+    [[ ${_qvcap_upgrade_listed_by-} != "$1" ]] || return 0
+    _qvcap_upgrade_listed_by=$1
+    local listing
+    listing=$(cd / && timeout 0.5 "$1" -l 2>/dev/null </dev/null) || listing=
+    _qvcap_upgrade_channels=$(
+        sed -n 's/^0\{0,1\}\([0-9]\{1,\}\):0\{0,1\}\([0-9]\{1,\}\) .*/\1:\2/p' <<<"$listing"
+    )
 }
 
 _qvcap_upgrade() {
@@ -15,12 +22,16 @@ _qvcap_upgrade() {
     read -r -a before <<<"$before"
     local command=${before[0]} previous=${before[-1]} words=
     # Numbers only from a command that is there: nothing else may be run.
-    command -v "$command" >/dev/null 2>&1 || command=false
+    command=$(type -P "$command") || command=false
+    [[ $command != */* || $command == /* ]] || command=$PWD/$command
 
     case $previous in
-        -b | --board) words=$(_qvcap_upgrade_channels "$command" | cut -d: -f1 | sort -nu) ;;
+        -b | --board)
+            _qvcap_upgrade_list "$command"
+            words=$(cut -d: -f1 <<<"$_qvcap_upgrade_channels" | sort -nu) ;;
         -d | --device)
-            words=$(_qvcap_upgrade_channels "$command"; compgen -G '/dev/video[0-9]*') ;;
+            _qvcap_upgrade_list "$command"
+            words=$_qvcap_upgrade_channels$'\n'$(compgen -G '/dev/video[0-9]*') ;;
         *) words='-h -l -a -b -d -f -y --help --list --all --board --device --fource --yes' ;;
     esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
