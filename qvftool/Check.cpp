@@ -103,6 +103,7 @@ class Group {
 void CheckFolder(const std::string& folder, const CheckOptions& options, CheckReport& report) {
     const std::vector<std::string> names = PackageNames(folder);
     std::vector<Candidate> candidates;
+    candidates.reserve(names.size());
     for (const std::string& name : names)
         candidates.push_back({name, (fs::path(folder) / name).string()});
     const size_t before = report.findings.size();

@@ -148,7 +148,7 @@ Bytes SectionData(Table& table, const Section& section) {
                    "'size' is for clear sections alone; what is written comes from a 'file'");
     const uint32_t count = table.Number(*size, "size", 0xFFFFFFFF);
     const uint32_t value = fill == nullptr ? 0xFF : table.Number(*fill, "fill", 0xFF);
-    if (count > std::numeric_limits<size_t>::max() / 4)
+    if (uint64_t{count} > std::numeric_limits<size_t>::max() / 4)
         table.Fail(*size, "'size' is too large for this computer's memory");
     return Bytes(count, static_cast<uint8_t>(value));
 }

@@ -9,8 +9,6 @@
 #include <cerrno>
 #include <cstring>
 
-extern char** environ;
-
 namespace qvf {
 namespace {
 
@@ -67,6 +65,7 @@ ProgramRun RunProgram(const std::vector<std::string>& arguments, const MemoryFil
     const MemoryFile output({});
     const MemoryFile errors({});
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (const std::string& text : arguments) argv.push_back(const_cast<char*>(text.c_str()));
     argv.push_back(nullptr);
     posix_spawn_file_actions_t streams;
