@@ -168,7 +168,8 @@ int RunQvftool(const std::vector<std::string>& arguments, std::ostream& out, std
     });
     Arguments given;
     int status = kDone;
-    Commands(app, given, out, status).AddAll();
+    Commands commands(app, given, out, status);  // called while parsing
+    commands.AddAll();
     std::vector<std::string> reversed(arguments.rbegin(), arguments.rend());
     try {
         app.parse(reversed);
