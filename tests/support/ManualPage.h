@@ -1,0 +1,84 @@
+// The source of a manual page, for tests that compare what it says with what a program does: its
+// chapters, tables and blocks. Pure functions over the text.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+namespace qvtest {
+
+class ManualPage {
+  public:
+    explicit ManualPage(const std::string& path) {
+        std::ifstream file(path);
+        text_.assign(std::istreambuf_iterator<char>(file), {});
+        EXPECT_NE("", text_) << path;
+    }
+
+    // What stands under a heading.
+    std::string Chapter(const std::string& heading) const {
+        const std::string mark = "\n# " + heading + "\n";
+        const size_t at = text_.find(mark);
+        EXPECT_NE(text_.npos, at) << "no chapter " << heading;
+        if (at == text_.npos) return "";
+        const size_t begin = at + mark.size();
+        return text_.substr(begin, text_.find("\n# ", begin) - begin);
+    }
+
+    // The rows of its n-th table, from 0: the cells of each, without marks of bold and slanted.
+    using Table = std::vector<std::vector<std::string>>;
+    Table TableOf(const std::string& heading, size_t n = 0) const {
+        std::vector<Table> tables;
+        std::string line;
+        bool inside = false;
+        std::istringstream lines(Chapter(heading));
+        while (std::getline(lines, line)) {
+            const bool row = line.size() > 2 && (line[0] == '|' || line.starts_with("[["));
+            const bool cell = inside && line.size() > 2 && line[0] == ':';
+            if (row && !inside) tables.emplace_back();
+            if (row) tables.back().emplace_back();
+            if (row || cell) tables.back().back().push_back(Plain(line.substr(3)));
+            inside = row || cell;
+        }
+        EXPECT_LT(n, tables.size()) << "too few tables under " << heading;
+        return n < tables.size() ? tables[n] : Table();
+    }
+
+    // The indented texts behind a bold word that has a line of its own: "*0*".
+    std::vector<std::string> BoldTerms(const std::string& heading) const {
+        std::vector<std::string> terms;
+        std::istringstream lines(Chapter(heading));
+        for (std::string line; std::getline(lines, line);)
+            if (line.size() > 2 && line[0] == '*' && line.back() == '*')
+                terms.push_back(line.substr(1, line.size() - 2));
+        return terms;
+    }
+
+    // What stands between fences.
+    std::vector<std::string> Blocks(const std::string& heading) const {
+        const std::string chapter = Chapter(heading);
+        std::vector<std::string> blocks;
+        for (size_t at = 0; (at = chapter.find("```\n", at)) != chapter.npos;) {
+            const size_t end = chapter.find("\n```", at + 4);
+            blocks.push_back(chapter.substr(at + 4, end + 1 - (at + 4)));
+            at = end + 4;
+        }
+        return blocks;
+    }
+
+  private:
+    static std::string Plain(const std::string& marked) {
+        std::string plain;
+        for (const char c : marked)
+            if (c != '*' && c != '_' && c != '\\') plain += c;
+        return plain;
+    }
+
+    std::string text_;
+};
+
+}  // namespace qvtest
