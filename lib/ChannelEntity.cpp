@@ -4,6 +4,7 @@
 #include <sched.h>
 
 #include <cerrno>
+#include <ctime>
 #include <new>
 
 #include "QVCaptureBase.h"
@@ -25,24 +26,11 @@ constexpr int kLooksForTheMark = 1000;
 // a callback behind that its owner wanted to end.
 constexpr int kWakeTries = 3;
 constexpr int kInterruptedTries = 1000;
-
-class QueueGuard {
-  public:
-    explicit QueueGuard(pthread_mutex_t* lock) : m_lock(lock) { pthread_mutex_lock(m_lock); }
-    ~QueueGuard() { pthread_mutex_unlock(m_lock); }
-    QueueGuard(const QueueGuard&) = delete;
-    QueueGuard& operator=(const QueueGuard&) = delete;
-
-  private:
-    pthread_mutex_t* m_lock;
-};
+constexpr time_t kSecondsUntilTheWakeEventIsClosed = 2;
 
 }  // namespace
 
-ChannelEntity::~ChannelEntity() {
-    StopChannelThread();
-    pthread_mutex_destroy(&m_queueLock);
-}
+ChannelEntity::~ChannelEntity() { StopChannelThread(); }
 
 // By what the thread says of itself: the identity of a joined thread goes to another.
 bool ChannelEntity::OnWorkerThread() const {
@@ -79,7 +67,7 @@ int ChannelEntity::StopChannelThread() {
     StopDriverCaptures();
     m_running.store(0, std::memory_order_release);
     WakeForTheLastTime();
-    pthread_join(thread, nullptr);
+    Join(thread);
     m_video.StopDriverAgain();
     m_audio.StopDriverAgain();
     m_thread.store(0, std::memory_order_release);
@@ -88,18 +76,29 @@ int ChannelEntity::StopChannelThread() {
     return 0;
 }
 
+// A driver may have said that it set the event, and not done so. Closing it ends a wait; a worker
+// that only is in a long callback does not need it any more.
+void ChannelEntity::Join(pthread_t thread) {
+    timespec until{};
+    clock_gettime(CLOCK_MONOTONIC, &until);
+    until.tv_sec += kSecondsUntilTheWakeEventIsClosed;
+    if (pthread_clockjoin_np(thread, nullptr, CLOCK_MONOTONIC, &until) == 0) return;
+    CloseWakeEvent();
+    pthread_join(thread, nullptr);
+}
+
 // A driver that will not set the event loses it: closing it ends the worker's wait, or makes the
 // next one fail.
 void ChannelEntity::WakeForTheLastTime() {
     {
-        const QueueGuard guard(&m_queueLock);
+        const qv::Guard guard(&m_queueLock);
         if (Wake()) return;
     }
     CloseWakeEvent();
 }
 
 void ChannelEntity::CloseWakeEvent() {
-    const QueueGuard guard(&m_queueLock);
+    const qv::Guard guard(&m_queueLock);
     m_scope.events.Close(m_wakeEvent.exchange(0));
 }
 
@@ -163,7 +162,7 @@ bool ChannelEntity::PostItem(Runnable* item, bool wait) {
 // event that was closed, whose handle may be another's by then.
 bool ChannelEntity::Enqueue(Runnable* item, unsigned long long completion,
                             std::atomic<Progress>* progress) {
-    const QueueGuard guard(&m_queueLock);
+    const qv::Guard guard(&m_queueLock);
     if (!m_accepting) return false;
     item->m_place = {item, completion, progress, nullptr};
     RunnableItem** const link = m_lastLink;
@@ -211,7 +210,7 @@ void ChannelEntity::AwaitCompletion(unsigned long long completion,
 void ChannelEntity::RunOneCommand() {
     RunnableItem entry;
     {
-        const QueueGuard guard(&m_queueLock);
+        const qv::Guard guard(&m_queueLock);
         if (m_firstItem == nullptr) return;
         entry = *m_firstItem;
         m_firstItem = entry.next;
@@ -228,7 +227,7 @@ void ChannelEntity::RunOneCommand() {
 
 // Marked first: no poster may go back to waiting on an event that is closed already.
 void ChannelEntity::ClearRunnableItem() {
-    const QueueGuard guard(&m_queueLock);
+    const qv::Guard guard(&m_queueLock);
     m_accepting = false;
     while (m_firstItem != nullptr) {
         const RunnableItem entry = *m_firstItem;

@@ -14,6 +14,7 @@
 
 #include "AudioCapture.h"
 #include "EventSource.h"
+#include "Mutex.h"
 #include "Ref.h"
 #include "Registrations.h"
 #include "TimerList.h"
@@ -128,6 +129,7 @@ class ChannelEntity : public qv::RefCounted<ChannelEntity> {
     void ClearRunnableItem();
     bool Wake();
     void WakeForTheLastTime();
+    void Join(pthread_t thread);
     void CloseWakeEvent();
 
     template <class Argument>
@@ -160,7 +162,7 @@ class ChannelEntity : public qv::RefCounted<ChannelEntity> {
     std::atomic<unsigned char> m_running{0};
     qv::CallerParam m_closeParam{nullptr};  // worker thread only
 
-    pthread_mutex_t m_queueLock = PTHREAD_MUTEX_INITIALIZER;
+    qv::Mutex m_queueLock;
     RunnableItem* m_firstItem = nullptr;             // under m_queueLock
     RunnableItem** m_lastLink = &m_firstItem;        // under m_queueLock; where the next one goes
     bool m_accepting = false;                        // under m_queueLock

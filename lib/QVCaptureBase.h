@@ -5,11 +5,10 @@
 // static, go to the shared event node and may be called from any thread.
 #pragma once
 
-#include <mutex>
-
 #include "CallerParam.h"
 #include "FrameMemory.h"
 #include "IQVCaptureDevice.h"
+#include "Mutex.h"
 #include "QVCapture.h"
 #include "QVDriverCall.h"
 #include "Ref.h"
@@ -260,7 +259,7 @@ class CQVCaptureBase final : public IQVCaptureDevice {
 
     int m_hChannelFD = qv::kClosed;
     char m_szDevicePath[512] = {};
-    std::mutex m_workerLock;          // guards what follows; held for look-ups and a start only
+    qv::Mutex m_workerLock;           // guards what follows; held for look-ups and a start only
     qv::Ref<ChannelEntity> m_entity;  // the worker, while one is started
     bool m_stopping = false;
     qv::FrameMemory* m_framesUntilClosed = nullptr;

@@ -21,12 +21,12 @@ CQVCaptureBase::~CQVCaptureBase() {
 
 // A reference, so that the worker's object outlives every thread that is inside it.
 qv::Ref<ChannelEntity> CQVCaptureBase::Entity() {
-    const std::lock_guard guard(m_workerLock);
+    const qv::Guard guard(&m_workerLock);
     return m_entity;
 }
 
 QV_RESULT CQVCaptureBase::StartChannelThread() {
-    const std::lock_guard guard(m_workerLock);
+    const qv::Guard guard(&m_workerLock);
     if (m_entity) return QV_RESULT_FAILED;
     const qv::Ref entity(new (std::nothrow) ChannelEntity(this));
     if (!entity || entity->StartChannelThread() != 0) return QV_RESULT_FAILED;
@@ -38,14 +38,14 @@ QV_RESULT CQVCaptureBase::StopChannelThread() {
     qv::Ref<ChannelEntity> entity;
     {
         // Look-up and claim in one: what is taken off below is what was looked up here.
-        const std::lock_guard guard(m_workerLock);
+        const qv::Guard guard(&m_workerLock);
         if (!m_entity || m_entity->OnWorkerThread() || m_stopping) return QV_RESULT_FAILED;
         entity = m_entity;
         m_stopping = true;
     }
     // Without the lock: callbacks that are under way may still ask for the worker.
     entity->StopChannelThread();
-    const std::lock_guard guard(m_workerLock);
+    const qv::Guard guard(&m_workerLock);
     m_entity = {};
     m_stopping = false;
     return QV_RESULT_OK;
@@ -61,7 +61,7 @@ bool CQVCaptureBase::DeferCloseToWorker(qv::CallerParam* param) {
 void CQVCaptureBase::FinishDeferredClose() {
     qv::Ref<ChannelEntity> entity;  // ends after this object
     {
-        const std::lock_guard guard(m_workerLock);
+        const qv::Guard guard(&m_workerLock);
         std::swap(entity, m_entity);
     }
     CloseChannel();
@@ -69,13 +69,13 @@ void CQVCaptureBase::FinishDeferredClose() {
 }
 
 void CQVCaptureBase::KeepUntilClosed(qv::FrameMemory* frames) {
-    const std::lock_guard guard(m_workerLock);
+    const qv::Guard guard(&m_workerLock);
     frames->next = m_framesUntilClosed;
     m_framesUntilClosed = frames;
 }
 
 void CQVCaptureBase::ReleaseKeptFrames() {
-    const std::lock_guard guard(m_workerLock);
+    const qv::Guard guard(&m_workerLock);
     while (qv::FrameMemory* const frames = m_framesUntilClosed) {
         m_framesUntilClosed = frames->next;
         delete frames;
