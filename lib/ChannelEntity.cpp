@@ -77,12 +77,12 @@ int ChannelEntity::StopChannelThread() {
 }
 
 // A driver may have said that it set the event, and not done so. Closing it ends a wait; a worker
-// that only is in a long callback does not need it any more.
+// that only is in a long callback does not need it any more, so a clock that jumps does no harm.
 void ChannelEntity::Join(pthread_t thread) {
     timespec until{};
-    clock_gettime(CLOCK_MONOTONIC, &until);
+    clock_gettime(CLOCK_REALTIME, &until);
     until.tv_sec += kSecondsUntilTheWakeEventIsClosed;
-    if (pthread_clockjoin_np(thread, nullptr, CLOCK_MONOTONIC, &until) == 0) return;
+    if (pthread_timedjoin_np(thread, nullptr, &until) == 0) return;
     CloseWakeEvent();
     pthread_join(thread, nullptr);
 }
