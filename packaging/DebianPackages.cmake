@@ -68,8 +68,8 @@ set(CPACK_DEBIAN_COMPANIONS_PACKAGE_RECOMMENDS openssh-client)  # ssh-keygen sig
 if(QV_API_REFERENCE)
   debian_package(doc libqvcapture-doc doc ""
     "capture-device library - API reference"
-    "Every function and record of the library, with pages about tasks and threads, as
-HTML: /usr/share/doc/libqvcapture-doc/html/index.html.")
+    "Every function and record of the library, with pages about tasks and threads,
+as HTML: /usr/share/doc/libqvcapture-doc/html/index.html.")
   set(CPACK_DEBIAN_DOC_PACKAGE_ARCHITECTURE all)
   set(CPACK_DEBIAN_DEV_PACKAGE_SUGGESTS libqvcapture-doc)
 endif()
