@@ -32,6 +32,18 @@ TEST_F(ArraysTest, MoreInputSourcesThanFitIsAFailureThatKeepsTheCallersCount) {
     EXPECT_EQ(1u, count);
 }
 
+TEST_F(ArraysTest, AnArrayThatFitsExactlyIsWhole) {
+    unsigned int sources[4] = {0, 0, 0, 0xCCCCCCCC};
+    unsigned int count = 3;
+    EXPECT_EQ(QV_RESULT_OK, QVGetVideoInputSourceArray(channel, sources, &count));
+    EXPECT_EQ(3u, count);
+    EXPECT_EQ(0x301u, sources[2]);
+    EXPECT_EQ(0xCCCCCCCCu, sources[3]);
+    count = 2;
+    EXPECT_EQ(QV_RESULT_OK, QVGetAudioInputSourceArray(channel, sources, &count));
+    EXPECT_EQ(2u, count);
+}
+
 TEST_F(ArraysTest, OtherArraysHandTheDriversCountBackAlsoWhenItIsLarger) {
     _QVCAP_VIDEO_TIMING timings[2];
     memset(timings, kUntouched, sizeof timings);

@@ -74,6 +74,14 @@ TEST_F(EventsTest, MultiWaitConsumesEverySetEventAndTellsThemByBit) {
     for (unsigned long long one : events) QVCloseEvent(one);
 }
 
+TEST_F(EventsTest, AMultiWaitThatTimesOutTriesNoEvent) {
+    unsigned long long events[] = {QVCreateEvent(), QVCreateEvent()};
+    rig.ClearJournal();
+    EXPECT_EQ(0, QVMultiWaitEvent(events, 2, 0));
+    EXPECT_THAT(Requests(), ElementsAre("MultiWaitEvent"));
+    for (const auto made : events) QVCloseEvent(made);
+}
+
 TEST_F(EventsTest, MultiWaitOfFortyEventsSharesBitsModulo32) {
     unsigned long long events[40];
     for (auto& one : events) one = QVCreateEvent();

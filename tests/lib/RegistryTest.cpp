@@ -220,6 +220,30 @@ TEST_F(RegistryTest, OpeningByPathNeedsTheExactPathOfTheList) {
     EXPECT_EQ(nullptr, QVOpenChannelByPath("/dev/video0"));
 }
 
+TEST_F(RegistryTest, AChannelIsClosedOnce) {
+    rig.Add(Pelix().Channels(1));
+    rig.Attach();
+    ASSERT_TRUE(QVCaptureInitInstance());
+    CQVCaptureBase channel;
+    ASSERT_TRUE(channel.OpenChannelByPath("/dev/video0"));
+    EXPECT_EQ("/dev/video0", std::string(channel.DevicePath()));
+    channel.CloseChannel();
+    channel.CloseChannel();  // closed once: the descriptor may be another's by then
+    size_t closes = 0;
+    for (const auto& line : rig.JournalLines()) closes += line.action == "close" ? 1 : 0;
+    EXPECT_EQ(2u, closes) << "of the probe and of the channel";
+}
+
+TEST_F(RegistryTest, AFailedOpenLeavesNoPath) {
+    rig.Add(Pelix().Channels(1));
+    rig.Attach();
+    ASSERT_TRUE(QVCaptureInitInstance());
+    rig.AddFault(Fault{.request = "open", .effect = Refuse(EBUSY)});
+    CQVCaptureBase channel;
+    EXPECT_FALSE(channel.OpenChannelByPath("/dev/video0"));
+    EXPECT_STREQ("", channel.DevicePath());
+}
+
 TEST_F(RegistryTest, HandlesSurviveARefreshAndNullIsIgnoredByClose) {
     rig.Add(Pelix().Channels(1));
     rig.Attach();

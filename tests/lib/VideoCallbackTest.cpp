@@ -186,6 +186,27 @@ TEST_F(VideoCallbackTest, ANullCallbackStillKeepsTheDriverBusy) {
     EXPECT_EQ(QV_RESULT_OK, QVStopVideoCaptureWithCallback(channel));
 }
 
+// In 32 bits large frames are mapped above 2 GiB: their address is widened with its sign, and is
+// still the frame's when it is narrowed again.
+TEST_F(VideoCallbackTest, AnAddressAbove2GibIsWidenedWithItsSign) {
+    Recorder<unsigned long long> addresses;
+    const auto onFrame = [](unsigned long long address, unsigned int size, unsigned int,
+                            _QVCAP_VIDEO_FRAME_INFO*, void* param) {
+        const auto* bytes = reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(address));
+        EXPECT_EQ(NumberAt(bytes), NumberAt(bytes + size - 4)) << "of the same frame";
+        static_cast<Recorder<unsigned long long>*>(param)->Add(address);
+    };
+    ASSERT_EQ(QV_RESULT_OK,
+              QVStartVideoCaptureWithCallback(channel, kYuy2, 1920, 1080,
+                                              QV_VIDEO_CAPTURE_BACK_TO_BACK, onFrame, &addresses));
+    const auto pointer =
+        reinterpret_cast<void*>(static_cast<uintptr_t>(addresses.AwaitCount(1)[0]));
+    EXPECT_EQ(static_cast<unsigned long long>(
+                  static_cast<long long>(reinterpret_cast<intptr_t>(pointer))),
+              addresses.Items()[0]);
+    EXPECT_EQ(QV_RESULT_OK, QVStopVideoCaptureWithCallback(channel));
+}
+
 TEST_F(VideoCallbackTest, AnUnknownFormatYieldsFramesOfNoBytes) {
     ASSERT_EQ(QV_RESULT_OK,
               QVStartVideoCaptureWithCallback(channel, qv::Fourcc("H264"), kWidth, kHeight,
