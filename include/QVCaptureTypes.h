@@ -182,8 +182,8 @@ typedef struct _HDMI_INFOFRAME_PACKET {
     uint8_t bytes[31];
 } _HDMI_INFOFRAME_PACKET;
 
-/** Timing of a video signal. 28 bytes. All of it is defined by the driver. The simulated driver: two
- *  preferred timings without a meaning. */
+/** Timing of a video signal. 28 bytes. All of it is defined by the driver. The simulated driver:
+ * two preferred timings without a meaning. */
 typedef struct _QVCAP_VIDEO_TIMING {
     uint8_t bytes[28];
 } _QVCAP_VIDEO_TIMING;

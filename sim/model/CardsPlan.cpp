@@ -130,7 +130,8 @@ bool LayHeader(const BoardPlan& plan, NorFlash& flash) {
 class Made {
   public:
     ~Made() {
-        for (auto path = paths_.rbegin(); path != paths_.rend(); ++path) std::remove(path->c_str());
+        // The last one first: folders are empty by then.
+        for (; !paths_.empty(); paths_.pop_back()) std::remove(paths_.back().c_str());
     }
     // To be told before it is made: what is there already is somebody else's.
     void Add(const std::string& path) {

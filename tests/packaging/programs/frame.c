@@ -1,4 +1,5 @@
-/* A first program in C: waits for a frame of a channel and captures it, with nothing but the -dev package.
+/* A first program in C: waits for a frame of a channel and captures it, with nothing but the -dev
+ * package.
  *
  *   frame /dev/video0 */
 #include <QVCapture.h>

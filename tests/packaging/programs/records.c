@@ -1,5 +1,5 @@
-/* What a program with 64-bit times and one without must agree on with the library: the sizes of all that
- * passes between them. The first line is the size of time_t itself. */
+/* What a program with 64-bit times and one without must agree on with the library: the sizes of all
+ * that passes between them. The first line is the size of time_t itself. */
 #include <QVCapture.h>
 #include <stdio.h>
 #include <time.h>
