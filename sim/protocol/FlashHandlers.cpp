@@ -55,7 +55,8 @@ uint32_t SizeBeforeCut(const Call& call, uint32_t size) {
 bool GarbleAfterCut(Call& call, uint32_t offset, uint32_t done) {
     const std::optional<CutPoint> cut = CutOf(call);
     const bool clean = !cut || *cut == CutPoint::kStart || *cut == CutPoint::kEnd;
-    return clean || call.channel->flash->Garble(offset + done);
+    NorFlash& flash = *call.channel->flash;
+    return clean || !flash.InRange(offset + done, 1) || flash.Garble(offset + done);
 }
 
 }  // namespace

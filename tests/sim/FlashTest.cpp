@@ -282,6 +282,13 @@ TEST_F(FlashTest, AWritingCutAtAnyRequestNeverRunsHalfAnImage) {
     }
 }
 
+TEST_F(FlashTest, APowerCutBehindTheLastByteGarblesNothing) {
+    rig_.AddFault({.request = "EraseFirmwareData", .effect = PowerLoss()});
+    Start(Pelix());
+    EXPECT_EQ(-1, card_->Erase(16u << 20, 0));  // of no length, at the end
+    EXPECT_EQ(EIO, errno);
+}
+
 TEST_F(FlashTest, LostPowerIsRememberedByTheDirectory) {
     rig_.AddFault({.request = "GetTemperature", .effect = PowerLoss()});
     Start(Pelix());
