@@ -3,6 +3,7 @@
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
+#include <limits>
 
 #include "Cards.h"
 #include "Process.h"
@@ -14,7 +15,6 @@ using qvbench::Board;
 using qvbench::Folder;
 using qvbench::g_missed;
 using qvbench::kMiB;
-using qvbench::Median;
 using qvbench::PackageOf;
 using qvbench::Row;
 using qvbench::Run;
@@ -23,18 +23,18 @@ using qvbench::Usage;
 using qvsim::SimRig;
 
 // Eight channels and one package of 16 MiB, on cards that answer at once; the tool and the bare
-// replay of its own journal in turn.
+// replay of its own journal in turn. What else the machine does can only add to either, so the
+// least of each is compared.
 void ProcessorTimeAndMemory() {
-    constexpr int kRounds = 9;
+    constexpr int kRounds = 12;
     SimRig rig;
     rig.Add(Board(8));
     Folder work;
     PackageOf(16 * kMiB).Write(work.Path() + "/a.qvf");
     const std::vector<std::string> tool{QV_TOOL_FILE, "-a", "-y"};
     const std::string journal = work.Path() + "/replay.journal";
-    std::vector<double> ratios;
-    std::vector<double> toolSeconds;
-    std::vector<double> bareSeconds;
+    double toolSeconds = std::numeric_limits<double>::max();
+    double bareSeconds = toolSeconds;
     long peak = 0;
     for (int round = 0; round <= kRounds; ++round) {
         const std::string running = rig.Dir() + "/journal";
@@ -48,14 +48,14 @@ void ProcessorTimeAndMemory() {
             exit(2);
         }
         if (round == 0) continue;  // caches are warm from here on
-        ratios.push_back(upgrade.cpuSeconds / bare.cpuSeconds);
-        toolSeconds.push_back(upgrade.cpuSeconds);
-        bareSeconds.push_back(bare.cpuSeconds);
+        toolSeconds = std::min(toolSeconds, upgrade.cpuSeconds);
+        bareSeconds = std::min(bareSeconds, bare.cpuSeconds);
         peak = std::max(peak, upgrade.peakKiB);
     }
+    const double ratio = toolSeconds / bareSeconds;
     Row("upgrade of 8 channels, 16 MiB: CPU of the tool / of a bare replay of its requests",
-        Text("%.2f (%.2f s / %.2f s)", Median(ratios), Median(toolSeconds), Median(bareSeconds)),
-        "at most 1.05", Median(ratios) <= 1.05);
+        Text("%.3f (%.2f s / %.2f s)", ratio, toolSeconds, bareSeconds), "at most 1.05",
+        ratio <= 1.05);
     const double overPackage = static_cast<double>(peak) / 1024 - 16;
     Row("the same: peak resident memory above the package's size", Text("%.1f MiB", overPackage),
         "at most 8 MiB", overPackage <= 8);

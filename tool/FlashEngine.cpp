@@ -146,7 +146,12 @@ constexpr const Stage* kStages[] = {&kErase, &kWrite, &kVerify};
 // The progress line of one stage, rewritten in place.
 class ProgressLine {
   public:
-    ProgressLine(const Stage& stage, uint32_t total) : m_stage(stage), m_total(total) { Print(); }
+    ProgressLine(const Stage& stage, uint32_t total)
+        : m_stage(stage),
+          m_total(total),
+          m_width(snprintf(nullptr, 0, "(%s ------------- 10%%)", stage.word)) {
+        Print();
+    }
 
     // Deliberate: unsigned 32-bit arithmetic, which wraps above 42 MB.
     uint32_t Percentage() const { return m_total == 0 ? 0 : m_done * 100 / m_total; }
@@ -156,18 +161,17 @@ class ProgressLine {
         Clear(clearBeyond);
         Print();
     }
-    void Clear(int beyond) { PrintClear(Width() + beyond); }
+    void Clear(int beyond) { PrintClear(m_width + beyond); }
 
   private:
     void Print() {
         printf("(%s ------------- %2d%%)", m_stage.word, static_cast<int>(Percentage()));
         fflush(stdout);
     }
-    // Of the line with a percentage of two digits, whatever it shows.
-    int Width() const { return snprintf(nullptr, 0, "(%s ------------- 10%%)", m_stage.word); }
 
     const Stage& m_stage;
     uint32_t m_total;
+    int m_width;  // of the line with a percentage of two digits, whatever it shows
     uint32_t m_done = 0;
 };
 
