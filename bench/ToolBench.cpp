@@ -98,15 +98,23 @@ void ListingALargeRack() {
     std::string last;  // the folder's own order decides which one is read last
     for (const auto& entry : std::filesystem::directory_iterator(work.Path())) last = entry.path();
     PackageOf(8 * kMiB).Write(last);
-    const Usage usage = Run(rig.Dir(), work.Path(), {QV_TOOL_FILE, "-l"});
-    const Usage reading = Run("", work.Path(), cat);
+    double listSeconds = std::numeric_limits<double>::max();
+    double catSeconds = listSeconds;
+    bool good = true;
+    for (int round = 0; round < 3; ++round) {
+        const Usage listing = Run(rig.Dir(), work.Path(), {QV_TOOL_FILE, "-l"});
+        const Usage reading = Run("", work.Path(), cat);
+        listSeconds = std::min(listSeconds, listing.cpuSeconds);
+        catSeconds = std::min(catSeconds, reading.cpuSeconds);
+        good = good && listing.status == 0 && reading.status == 0;
+    }
     const double gib = 64.0 * 32 * 8 / 1024;
-    const double ratio = usage.cpuSeconds / reading.cpuSeconds;
+    const double ratio = listSeconds / catSeconds;
     Row("`-l` with 64 channels and 32 packages of 8 MiB, the last of which fits: CPU / that of "
         "`cat`",
-        Text("%.2f (%.2f s / %.2f s; %.0f GiB of packages read)", ratio, usage.cpuSeconds,
-             reading.cpuSeconds, gib),
-        "at most 1.50", usage.status == 0 && reading.status == 0 && ratio <= 1.5);
+        Text("%.2f (%.2f s / %.2f s; %.0f GiB of packages read)", ratio, listSeconds, catSeconds,
+             gib),
+        "at most 1.50", good && ratio <= 1.5);
 }
 
 }  // namespace

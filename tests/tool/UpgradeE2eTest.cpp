@@ -429,8 +429,9 @@ TEST_F(UpgradeE2eTest, TheLargestPackageBoundsTheMemoryOfAnUpgradeWithQuestions)
         rig.Add(Pelix().ProductCode(code).FlashSize(32 * kMiB));
         Package()
             .ProductCode(code)
-            .Section("A", 0x200000, size / 2)
-            .Section("B", 0x200000 + size / 2, size / 2)
+            .Section("Factory.Main", 0x200000, 100)
+            .Section("Upgrade.A", 0x300000, size / 2)  // loaded, but not written
+            .Section("Upgrade.B", 0x300000 + size / 2, size / 2)
             .Write(folder / std::to_string(code) + ".qvf");
     }
     uint64_t peakKiB = 0;
