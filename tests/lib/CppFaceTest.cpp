@@ -1,4 +1,5 @@
 // QVCapture.hpp over simulated cards: what is released, who is called, what is counted.
+#include <fcntl.h>
 #include <poll.h>
 
 #include "QVCapture.hpp"
@@ -236,6 +237,97 @@ TEST_F(CppFaceTest, FramesReachAReaderThroughAMailboxAndTheSurplusIsCounted) {
     }
     EXPECT_FALSE(mailbox.Take(frame));
     EXPECT_FALSE(IsReadable(mailbox.Fd()));
+}
+
+TEST_F(CppFaceTest, ADescriptorIsReadableAsLongAsItemsWaitAndNoLonger) {
+    qvcapture::Mailbox<qvcapture::ChunkCopy> mailbox(3);
+    const uint8_t bytes[] = {1, 2, 3};
+    for (uint32_t size = 1; size <= 3; ++size) mailbox.Put(qvcapture::Chunk{bytes, size});
+    qvcapture::ChunkCopy chunk;
+    for (size_t size = 1; size <= 3; ++size) {
+        EXPECT_TRUE(IsReadable(mailbox.Fd())) << size;
+        ASSERT_TRUE(mailbox.Take(chunk));
+        EXPECT_EQ(size, chunk.bytes.size());
+    }
+    EXPECT_FALSE(IsReadable(mailbox.Fd()));
+    EXPECT_NE(0, fcntl(mailbox.Fd(), F_GETFL) & O_NONBLOCK) << "an answer to nobody would hang";
+    EXPECT_NE(0, fcntl(mailbox.Fd(), F_GETFD) & FD_CLOEXEC);
+}
+
+TEST_F(CppFaceTest, AMailboxOfLength0HoldsOneItem) {
+    qvcapture::Mailbox<qvcapture::ChunkCopy> mailbox(0);
+    const uint8_t byte = 7;
+    mailbox.Put(qvcapture::Chunk{&byte, 1});
+    mailbox.Put(qvcapture::Chunk{&byte, 1});
+    EXPECT_EQ(2u, mailbox.Delivered());
+    EXPECT_EQ(1u, mailbox.Dropped());
+    qvcapture::ChunkCopy chunk;
+    EXPECT_TRUE(mailbox.Take(chunk));
+    EXPECT_FALSE(mailbox.Take(chunk));
+}
+
+TEST_F(CppFaceTest, ADoorbellClosesItsDescriptor) {
+    int fd = -1;
+    {
+        const qvcapture::Doorbell bell;
+        fd = bell.Fd();
+        EXPECT_NE(-1, fcntl(fd, F_GETFD));
+    }
+    EXPECT_EQ(-1, fcntl(fd, F_GETFD));
+}
+
+TEST_F(CppFaceTest, ArgumentsReachTheDriverInTheirPlaces) {
+    const qvcapture::Worker worker(channel);
+    const qvcapture::Timer timer(channel, Ticks(300), Ticks(7), nullptr);
+    ASSERT_TRUE(timer);
+    long long now = 0;
+    ASSERT_EQ(QV_RESULT_OK, QVGetDeviceTime(channel.Handle(), &now));
+    const Bytes schedule = rig.Cards().LastRecord(0, 0, "ScheduleTimer");
+    EXPECT_EQ(Bytes(Wire().U64(static_cast<uint64_t>(now) + 300)), Slice(schedule, 8, 16));
+    const qvcapture::Notification watch(channel, 0x21, nullptr);
+    EXPECT_EQ(Bytes(Wire().U32(0x21)),
+              Slice(rig.Cards().LastRecord(0, 0, "RegisterNotify"), 8, 12));
+    const qvcapture::VideoCapture capture(channel, {kYuy2, 62, 6}, nullptr);
+    ASSERT_TRUE(capture.Status());
+    EXPECT_EQ(Bytes(Wire().U32(kYuy2).U16(62).U16(6)),
+              Slice(rig.Cards().LastRecord(0, 0, "CaptureVideoFrame"), 0, 8));
+}
+
+// Nothing to call is no reason to stop: the worker goes on.
+TEST_F(CppFaceTest, EmptyCallablesAreNotCalled) {
+    const qvcapture::Worker worker(channel);
+    const qvcapture::Notification watch(channel, 0x1, nullptr);
+    const qvcapture::Timer timer(channel, Ticks(10), Ticks(0), nullptr);
+    const qvcapture::AudioCapture audio(channel, nullptr);
+    ASSERT_TRUE(watch && timer && audio.Status());
+    Raise(0x1);
+    rig.Cards().AdvanceClock(10000);
+    while (Requests("CaptureAudioFrame") < 1) std::this_thread::yield();
+    Recorder<uint32_t> seen;
+    const qvcapture::Notification last(channel, 0x2, [&](uint32_t bits) { seen.Add(bits); });
+    Raise(0x2);
+    EXPECT_THAT(seen.AwaitCount(1), ElementsAre(0x2u));
+}
+
+// Due at once: it may be called before its constructor has returned.
+TEST_F(CppFaceTest, ATimerMayFireBeforeItsConstructorReturns) {
+    const qvcapture::Worker worker(channel);
+    for (int i = 0; i < 50; ++i) {
+        Recorder<int> fired;
+        const qvcapture::Timer timer(channel, Ticks(0), Ticks(0), [&] { fired.Add(1); });
+        ASSERT_TRUE(timer);
+        EXPECT_EQ(1u, fired.AwaitCount(1).size());
+    }
+}
+
+TEST_F(CppFaceTest, AChannelThatTakesAnothersPlaceIsClosed) {
+    qvcapture::Channel second("/dev/video0");
+    ASSERT_EQ(3u, rig.Cards().CountAlive().files);
+    qvcapture::Channel kept;
+    kept = std::move(second);
+    EXPECT_FALSE(second);
+    kept = qvcapture::Channel();
+    EXPECT_EQ(2u, rig.Cards().CountAlive().files) << "closed by the assignment";
 }
 
 TEST_F(CppFaceTest, ASecondAudioCaptureIsRefusedAndTheFirstGoesOn) {

@@ -112,6 +112,26 @@ void* Watch(void* param) {
     return nullptr;
 }
 
+// It ends some time after it was told to.
+std::atomic<bool> g_watcherEnded{false};
+void* WatchAndLinger(void* param) {
+    Watch(param);
+    usleep(50000);
+    g_watcherEnded = true;
+    return nullptr;
+}
+
+TEST_F(UsbTest, UnregisteringReturnsWhenTheWatcherHasEnded) {
+    _QVUSB_HOTPLUG_ENTITY& entity = CQVUSBCaptureControlBase::m_hotplugEntity;
+    g_watcherEnded = false;
+    pthread_mutex_lock(&entity.mutex);
+    entity.running = 1;
+    ASSERT_EQ(0, pthread_create(&entity.thread, nullptr, WatchAndLinger, &entity));
+    pthread_mutex_unlock(&entity.mutex);
+    EXPECT_EQ(QV_RESULT_OK, CQVUSBCaptureControlBase::UnRegisterHotPlug());
+    EXPECT_TRUE(g_watcherEnded);
+}
+
 TEST_F(UsbTest, UnregisteringStopsAWatcherThatTakesTheMutexItself) {
     _QVUSB_HOTPLUG_ENTITY& entity = CQVUSBCaptureControlBase::m_hotplugEntity;
     pthread_mutex_lock(&entity.mutex);
