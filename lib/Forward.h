@@ -7,7 +7,7 @@
 
 #include <utility>
 
-#include "QVCaptureBase.h"
+#include "pcie/QVCaptureBase.h"
 
 namespace qv {
 

@@ -5,8 +5,8 @@
 #include <new>
 
 #include "Forward.h"
-#include "QVPelixCapture.h"
-#include "QVUSBCaptureBase.h"
+#include "pcie/QVPelixCapture.h"
+#include "usb/QVUSBCaptureBase.h"
 
 using qv::AsDevice;
 using qv::Device;

@@ -8,11 +8,11 @@
 #include <iterator>
 #include <string_view>
 
-#include "AudioAlsa.h"
-#include "AudioVolume.h"
-#include "QVCaptureBase.h"
-#include "QVUSBCaptureBase.h"
-#include "VideoCaptureV4l2.h"
+#include "media/AudioAlsa.h"
+#include "media/AudioVolume.h"
+#include "media/VideoCaptureV4l2.h"
+#include "pcie/QVCaptureBase.h"
+#include "usb/QVUSBCaptureBase.h"
 
 namespace {
 

@@ -2,7 +2,7 @@
 #include "QVCaptureVideo.h"
 
 #include "Forward.h"
-#include "FrameLayout.h"
+#include "pcie/FrameLayout.h"
 
 using qv::Device;
 using qv::Pcie;

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "QuietThread.h"
+#include "base/QuietThread.h"
 
 const char* capturedevice = "default";
 const char* playbackdevice = "default";

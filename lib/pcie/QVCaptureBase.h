@@ -7,11 +7,11 @@
 
 #include "CallerParam.h"
 #include "FrameMemory.h"
-#include "IQVCaptureDevice.h"
-#include "Mutex.h"
 #include "QVCapture.h"
 #include "QVDriverCall.h"
-#include "Ref.h"
+#include "base/IQVCaptureDevice.h"
+#include "base/Mutex.h"
+#include "base/Ref.h"
 
 class ChannelEntity;
 

@@ -8,7 +8,7 @@
 #include <unistd.h>
 
 #include "QVDriverCall.h"
-#include "Ref.h"
+#include "base/Ref.h"
 
 namespace qv {
 

@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "FirstLine.h"
-#include "QVPelixCapture.h"
+#include "pcie/QVPelixCapture.h"
 
 SOUND_CARD_INFO g_sndCards[kMaxSoundCards];
 int32_t g_sndCount;

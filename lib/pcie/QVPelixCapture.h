@@ -5,7 +5,7 @@
 #pragma once
 
 #include "QVCaptureTypes.h"
-#include "Ref.h"
+#include "base/Ref.h"
 
 namespace qv {
 class EventNodeFile;

@@ -8,9 +8,9 @@
 // watcher has a mutex.
 #pragma once
 
-#include "IQVCaptureDevice.h"
 #include "QVUSBCommands.h"
 #include "QVUSBTransport.h"
+#include "base/IQVCaptureDevice.h"
 
 class CQVUSBCaptureControlBase {
   public:

@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "AudioVolume.h"
+#include "media/AudioVolume.h"
 
 _QVUSBCAP_CHANNEL_ENTRY CQVUSBCaptureControlBase::m_arrUSBChannel[QV_MAX_CHANNELS];
 int32_t CQVUSBCaptureControlBase::m_nUSBChannelCount;

@@ -9,7 +9,7 @@
 
 #include "QVCaptureBase.h"
 #include "QVPelixCapture.h"
-#include "QuietThread.h"
+#include "base/QuietThread.h"
 
 namespace {
 

@@ -14,11 +14,11 @@
 
 #include "AudioCapture.h"
 #include "EventSource.h"
-#include "Mutex.h"
-#include "Ref.h"
 #include "Registrations.h"
 #include "TimerList.h"
 #include "VideoCapture.h"
+#include "base/Mutex.h"
+#include "base/Ref.h"
 
 class ChannelEntity : public qv::RefCounted<ChannelEntity> {
   public:

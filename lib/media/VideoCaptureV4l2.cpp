@@ -16,7 +16,7 @@
 #include <cstring>
 #include <new>
 
-#include "QuietThread.h"
+#include "base/QuietThread.h"
 
 namespace {
 
