@@ -4,7 +4,6 @@
 #include "Forward.h"
 #include "pcie/FrameLayout.h"
 
-using qv::Device;
 using qv::Pcie;
 
 QV_RESULT QVGetFrameLayout(unsigned int fourcc, int cx, int cy, unsigned int* stride,

@@ -17,14 +17,17 @@ const SOUND_CARD_DIRECTION AUIDO_DATA_Flows[kUsbAudioNodes] = {
     SOUND_CARD_CAPTURE, SOUND_CARD_PLAYBACK, SOUND_CARD_CAPTURE, SOUND_CARD_PLAYBACK,
 };
 
-// A table stays a table.
+// Nodes 0 to 7 of each model: two lines of four.
 // clang-format off
 const QVCAP_USB_AUDIO_NODE_FILTER QVCAP_USB_AUDIO_NODE_FILTERS[4] = {
-    // model               node 0      1                 2                3         4               5             6                7
-    {"Tavo Capture HDMI", {{"Mic", 1}, {"Headphone", 0}, {"", -1},        {"", -1}, {"HDMI", 0},    {"HDMI", -1}, {"Computer", 2}, {"Computer", -1}}},
-    {"Tavo Capture SDI",  {{"", -1},   {"", -1},         {"Line In", 1},  {"", -1}, {"SDI", 0},     {"", -1},     {"", -1},        {"", -1}}},
-    {"Tavo Capture DVI",  {{"", -1},   {"", -1},         {"Line In", 1},  {"", -1}, {"HDMI", 0},    {"", -1},     {"", -1},        {"", -1}}},
-    {"Tavo Capture AIO",  {{"", -1},   {"", -1},         {"Analog", 1},   {"", -1}, {"Digital", 0}, {"", -1},     {"", -1},        {"", -1}}},
+    {"Tavo Capture HDMI", {{"Mic", 1},         {"Headphone", 0}, {"", -1},         {"", -1},
+                           {"HDMI", 0},        {"HDMI", -1},     {"Computer", 2},  {"Computer", -1}}},
+    {"Tavo Capture SDI",  {{"", -1},           {"", -1},         {"Line In", 1},   {"", -1},
+                           {"SDI", 0},         {"", -1},         {"", -1},         {"", -1}}},
+    {"Tavo Capture DVI",  {{"", -1},           {"", -1},         {"Line In", 1},   {"", -1},
+                           {"HDMI", 0},        {"", -1},         {"", -1},         {"", -1}}},
+    {"Tavo Capture AIO",  {{"", -1},           {"", -1},         {"Analog", 1},    {"", -1},
+                           {"Digital", 0},     {"", -1},         {"", -1},         {"", -1}}},
 };
 // clang-format on
 

@@ -9,17 +9,25 @@ qv::EventNode Node() { return qv::EventNode(CQVCaptureControlBase::EventDescript
 
 }  // namespace
 
-// A table stays a table.
-// clang-format off
 unsigned long long CQVCaptureBase::CreateEvent() { return Node().Create(); }
+
 QV_RESULT CQVCaptureBase::CloseEvent(unsigned long long event) { return Node().Close(event); }
+
 QV_RESULT CQVCaptureBase::SetEvent(unsigned long long event) { return Node().Set(event); }
+
 QV_RESULT CQVCaptureBase::ClearEvent(unsigned long long event) { return Node().Clear(event); }
+
 bool CQVCaptureBase::IsSetEvent(unsigned long long event) { return Node().IsSet(event); }
+
 int CQVCaptureBase::TryWaitEvent(unsigned long long event) { return Node().TryWait(event); }
-int CQVCaptureBase::WaitEvent(unsigned long long event, int timeout) { return Node().Wait(event, timeout); }
-int CQVCaptureBase::MultiWaitEvent(unsigned long long* events, int count, int timeout) { return static_cast<int>(Node().MultiWait(events, count, timeout)); }
-// clang-format on
+
+int CQVCaptureBase::WaitEvent(unsigned long long event, int timeout) {
+    return Node().Wait(event, timeout);
+}
+
+int CQVCaptureBase::MultiWaitEvent(unsigned long long* events, int count, int timeout) {
+    return static_cast<int>(Node().MultiWait(events, count, timeout));
+}
 
 unsigned long long CQVCaptureBase::RegisterNotify(unsigned long long event,
                                                   unsigned int enableBits) {

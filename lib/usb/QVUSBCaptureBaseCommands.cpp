@@ -65,73 +65,247 @@ QV_RESULT CQVUSBCaptureBase::InputSourceArray(Get<InputSources> command, unsigne
     return result;
 }
 
-// A table stays a table.
-// clang-format off
 // ---- operations of every channel
 
-QV_RESULT CQVUSBCaptureBase::GetChannelInfo(_QVCAP_CHANNEL_INFO* info) { return Fetch(kGetChannelInfo, info); }
-QV_RESULT CQVUSBCaptureBase::GetFamilyInfo(void* info, unsigned int) { return Fetch(kGetFamilyInfo, static_cast<_QVUSBCAP_CAPTURE_INFO*>(info)); }
-QV_RESULT CQVUSBCaptureBase::GetVideoCaps(_QVCAP_VIDEO_CAPS* caps) { return Fetch(kGetVideoCaps, caps); }
-QV_RESULT CQVUSBCaptureBase::GetAudioCaps(_QVCAP_AUDIO_CAPS* caps) { return Fetch(kGetAudioCaps, caps); }
-QV_RESULT CQVUSBCaptureBase::GetVideoInputSourceArray(unsigned int* sources, unsigned int* count) { return InputSourceArray(kGetVideoInputSourceArray, sources, count); }
-QV_RESULT CQVUSBCaptureBase::GetAudioInputSourceArray(unsigned int* sources, unsigned int* count) { return InputSourceArray(kGetAudioInputSourceArray, sources, count); }
-QV_RESULT CQVUSBCaptureBase::GetInputSourceScan(char* scan) { return Fetch(kGetInputSourceScan, scan); }
-QV_RESULT CQVUSBCaptureBase::SetInputSourceScan(char scan) { return Send(kSetInputSourceScan, static_cast<uint8_t>(scan)); }
-QV_RESULT CQVUSBCaptureBase::GetInputSourceScanState(char* state) { return Fetch(kGetInputSourceScanState, state); }
-QV_RESULT CQVUSBCaptureBase::GetAVInputSourceLink(char* link) { return Fetch(kGetAVInputSourceLink, link); }
-QV_RESULT CQVUSBCaptureBase::SetAVInputSourceLink(char link) { return Send(kSetAVInputSourceLink, static_cast<uint8_t>(link)); }
-QV_RESULT CQVUSBCaptureBase::GetVideoInputSource(unsigned int* source) { return Fetch(kGetVideoInputSource, source); }
-QV_RESULT CQVUSBCaptureBase::SetVideoInputSource(unsigned int source) { return Send(kSetVideoInputSource, uint32_t{source}); }
-QV_RESULT CQVUSBCaptureBase::GetAudioInputSource(unsigned int* source) { return Fetch(kGetAudioInputSource, source); }
-QV_RESULT CQVUSBCaptureBase::SetAudioInputSource(unsigned int source) { return Send(kSetAudioInputSource, uint32_t{source}); }
-QV_RESULT CQVUSBCaptureBase::GetInputSpecificStatus(_QVCAP_INPUT_SPECIFIC_STATUS* status) { return Fetch(kGetInputSpecificStatus, status); }
-QV_RESULT CQVUSBCaptureBase::GetVideoSignalStatus(_QVCAP_VIDEO_SIGNAL_STATUS* status) { return Fetch(kGetVideoSignalStatus, status); }
-QV_RESULT CQVUSBCaptureBase::GetAudioSignalStatus(_QVCAP_AUDIO_SIGNAL_STATUS* status) { return Fetch(kGetAudioSignalStatus, status); }
-QV_RESULT CQVUSBCaptureBase::GetHDMIInfoFrameValidFlags(unsigned int* flags) { return Fetch(kGetHDMIInfoFrameValidFlags, flags); }
-QV_RESULT CQVUSBCaptureBase::GetHDMIInfoFramePacket(_QVCAP_HDMI_INFOFRAME_ID id, _HDMI_INFOFRAME_PACKET* packet) { return Fetch(kGetHDMIInfoFramePacket.At(static_cast<uint32_t>(id)), packet); }
-QV_RESULT CQVUSBCaptureBase::SetVideoInputAspectRatio(int x, int y) { return Send(kSetVideoInputAspectRatio, AspectRatio{x, y}); }
-QV_RESULT CQVUSBCaptureBase::SetVideoInputColorFormat(_QVCAP_VIDEO_COLOR_FORMAT format) { return Send(kSetVideoInputColorFormat, format); }
-QV_RESULT CQVUSBCaptureBase::GetVideoInputColorFormat(_QVCAP_VIDEO_COLOR_FORMAT* format) { return Fetch(kGetVideoInputColorFormat, format); }
-QV_RESULT CQVUSBCaptureBase::SetVideoInputQuantizationRange(_QVCAP_VIDEO_QUANTIZATION_RANGE range) { return Send(kSetVideoInputQuantizationRange, range); }
-QV_RESULT CQVUSBCaptureBase::GetVideoInputQuantizationRange(_QVCAP_VIDEO_QUANTIZATION_RANGE* range) { return Fetch(kGetVideoInputQuantizationRange, range); }
-QV_RESULT CQVUSBCaptureBase::SetLEDMode(unsigned int mode) { return Send(kSetLEDMode, uint32_t{mode}); }
-QV_RESULT CQVUSBCaptureBase::GetFirmwareStorageInfo(_QVCAP_FIRMWARE_STORAGE* storage) { return Fetch(kGetFirmwareStorageInfo, storage); }
+QV_RESULT CQVUSBCaptureBase::GetChannelInfo(_QVCAP_CHANNEL_INFO* info) {
+    return Fetch(kGetChannelInfo, info);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetFamilyInfo(void* info, unsigned int) {
+    return Fetch(kGetFamilyInfo, static_cast<_QVUSBCAP_CAPTURE_INFO*>(info));
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoCaps(_QVCAP_VIDEO_CAPS* caps) {
+    return Fetch(kGetVideoCaps, caps);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetAudioCaps(_QVCAP_AUDIO_CAPS* caps) {
+    return Fetch(kGetAudioCaps, caps);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoInputSourceArray(unsigned int* sources, unsigned int* count) {
+    return InputSourceArray(kGetVideoInputSourceArray, sources, count);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetAudioInputSourceArray(unsigned int* sources, unsigned int* count) {
+    return InputSourceArray(kGetAudioInputSourceArray, sources, count);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetInputSourceScan(char* scan) {
+    return Fetch(kGetInputSourceScan, scan);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetInputSourceScan(char scan) {
+    return Send(kSetInputSourceScan, static_cast<uint8_t>(scan));
+}
+
+QV_RESULT CQVUSBCaptureBase::GetInputSourceScanState(char* state) {
+    return Fetch(kGetInputSourceScanState, state);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetAVInputSourceLink(char* link) {
+    return Fetch(kGetAVInputSourceLink, link);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetAVInputSourceLink(char link) {
+    return Send(kSetAVInputSourceLink, static_cast<uint8_t>(link));
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoInputSource(unsigned int* source) {
+    return Fetch(kGetVideoInputSource, source);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetVideoInputSource(unsigned int source) {
+    return Send(kSetVideoInputSource, uint32_t{source});
+}
+
+QV_RESULT CQVUSBCaptureBase::GetAudioInputSource(unsigned int* source) {
+    return Fetch(kGetAudioInputSource, source);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetAudioInputSource(unsigned int source) {
+    return Send(kSetAudioInputSource, uint32_t{source});
+}
+
+QV_RESULT CQVUSBCaptureBase::GetInputSpecificStatus(_QVCAP_INPUT_SPECIFIC_STATUS* status) {
+    return Fetch(kGetInputSpecificStatus, status);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoSignalStatus(_QVCAP_VIDEO_SIGNAL_STATUS* status) {
+    return Fetch(kGetVideoSignalStatus, status);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetAudioSignalStatus(_QVCAP_AUDIO_SIGNAL_STATUS* status) {
+    return Fetch(kGetAudioSignalStatus, status);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetHDMIInfoFrameValidFlags(unsigned int* flags) {
+    return Fetch(kGetHDMIInfoFrameValidFlags, flags);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetHDMIInfoFramePacket(_QVCAP_HDMI_INFOFRAME_ID id,
+                                                    _HDMI_INFOFRAME_PACKET* packet) {
+    return Fetch(kGetHDMIInfoFramePacket.At(static_cast<uint32_t>(id)), packet);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetVideoInputAspectRatio(int x, int y) {
+    return Send(kSetVideoInputAspectRatio, AspectRatio{x, y});
+}
+
+QV_RESULT CQVUSBCaptureBase::SetVideoInputColorFormat(_QVCAP_VIDEO_COLOR_FORMAT format) {
+    return Send(kSetVideoInputColorFormat, format);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoInputColorFormat(_QVCAP_VIDEO_COLOR_FORMAT* format) {
+    return Fetch(kGetVideoInputColorFormat, format);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetVideoInputQuantizationRange(_QVCAP_VIDEO_QUANTIZATION_RANGE range) {
+    return Send(kSetVideoInputQuantizationRange, range);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoInputQuantizationRange(
+    _QVCAP_VIDEO_QUANTIZATION_RANGE* range) {
+    return Fetch(kGetVideoInputQuantizationRange, range);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetLEDMode(unsigned int mode) {
+    return Send(kSetLEDMode, uint32_t{mode});
+}
+
+QV_RESULT CQVUSBCaptureBase::GetFirmwareStorageInfo(_QVCAP_FIRMWARE_STORAGE* storage) {
+    return Fetch(kGetFirmwareStorageInfo, storage);
+}
 
 // ---- operations of USB channels alone
 
-QV_RESULT CQVUSBCaptureBase::SetNotifyEnable(_QVCAP_NOTIFY_ENABLE* enable) { return SendGiven(kSetNotifyEnable, enable); }
-QV_RESULT CQVUSBCaptureBase::GetNotifyStatus(unsigned long long* status) { return Fetch(kGetNotifyStatus, status); }
-QV_RESULT CQVUSBCaptureBase::GetFirmwareReadAddress(unsigned int* address) { return Fetch(kGetFirmwareReadAddress, address); }
-QV_RESULT CQVUSBCaptureBase::GetEDIDMode(_QVCAP_EDID_MODE* mode) { return Fetch(kGetEDIDMode, mode); }
-QV_RESULT CQVUSBCaptureBase::SetEDIDMode(_QVCAP_EDID_MODE mode) { return Send(kSetEDIDMode, static_cast<uint8_t>(mode)); }
-QV_RESULT CQVUSBCaptureBase::GetLoopThroughValid(signed char* valid) { return Fetch(kGetLoopThroughValid, valid); }
-QV_RESULT CQVUSBCaptureBase::GetAudioVolume(_QVCAP_USB_AUDIO_NODE node, _QVCAP_AUDIO_VOLUME* volume) { return Fetch(kGetAudioVolume.At(node), volume); }
-QV_RESULT CQVUSBCaptureBase::GetVideoCaptureConnectionFormat(_QVCAP_VIDEO_CONNECTION_FORMAT* format) { return Fetch(kGetVideoCaptureConnectionFormat, format); }
-QV_RESULT CQVUSBCaptureBase::GetVideoOutputFOURCC(_QVCAP_VIDEO_OUTPUT_FOURCC* fourcc) { return Fetch(kGetVideoOutputFOURCC, fourcc); }
-QV_RESULT CQVUSBCaptureBase::SetVideoOutputFOURCC(_QVCAP_VIDEO_OUTPUT_FOURCC* fourcc) { return SendGiven(kSetVideoOutputFOURCC, fourcc); }
-QV_RESULT CQVUSBCaptureBase::GetVideoOutputFrameSize(_QVCAP_VIDEO_OUTPUT_FRAME_SIZE* size) { return Fetch(kGetVideoOutputFrameSize, size); }
-QV_RESULT CQVUSBCaptureBase::SetVideoOutputFrameSize(_QVCAP_VIDEO_OUTPUT_FRAME_SIZE* size) { return SendGiven(kSetVideoOutputFrameSize, size); }
-QV_RESULT CQVUSBCaptureBase::GetVideoOutputFrameInterval(_QVCAP_VIDEO_OUTPUT_FRAME_INTERVAL* interval) { return Fetch(kGetVideoOutputFrameInterval, interval); }
-QV_RESULT CQVUSBCaptureBase::SetVideoOutputFrameInterval(_QVCAP_VIDEO_OUTPUT_FRAME_INTERVAL* interval) { return SendGiven(kSetVideoOutputFrameInterval, interval); }
-QV_RESULT CQVUSBCaptureBase::GetStatusImageMode(_QVCAP_STATUS_IMAGE_MODE* mode) { return Fetch(kGetStatusImageMode, mode); }
-QV_RESULT CQVUSBCaptureBase::GetDeviceNameMode(_QVCAP_DEVICE_NAME_MODE* mode) { return Fetch(kGetDeviceNameMode, mode); }
+QV_RESULT CQVUSBCaptureBase::SetNotifyEnable(_QVCAP_NOTIFY_ENABLE* enable) {
+    return SendGiven(kSetNotifyEnable, enable);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetNotifyStatus(unsigned long long* status) {
+    return Fetch(kGetNotifyStatus, status);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetFirmwareReadAddress(unsigned int* address) {
+    return Fetch(kGetFirmwareReadAddress, address);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetEDIDMode(_QVCAP_EDID_MODE* mode) {
+    return Fetch(kGetEDIDMode, mode);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetEDIDMode(_QVCAP_EDID_MODE mode) {
+    return Send(kSetEDIDMode, static_cast<uint8_t>(mode));
+}
+
+QV_RESULT CQVUSBCaptureBase::GetLoopThroughValid(signed char* valid) {
+    return Fetch(kGetLoopThroughValid, valid);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetAudioVolume(_QVCAP_USB_AUDIO_NODE node,
+                                            _QVCAP_AUDIO_VOLUME* volume) {
+    return Fetch(kGetAudioVolume.At(node), volume);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoCaptureConnectionFormat(
+    _QVCAP_VIDEO_CONNECTION_FORMAT* format) {
+    return Fetch(kGetVideoCaptureConnectionFormat, format);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoOutputFOURCC(_QVCAP_VIDEO_OUTPUT_FOURCC* fourcc) {
+    return Fetch(kGetVideoOutputFOURCC, fourcc);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetVideoOutputFOURCC(_QVCAP_VIDEO_OUTPUT_FOURCC* fourcc) {
+    return SendGiven(kSetVideoOutputFOURCC, fourcc);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoOutputFrameSize(_QVCAP_VIDEO_OUTPUT_FRAME_SIZE* size) {
+    return Fetch(kGetVideoOutputFrameSize, size);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetVideoOutputFrameSize(_QVCAP_VIDEO_OUTPUT_FRAME_SIZE* size) {
+    return SendGiven(kSetVideoOutputFrameSize, size);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoOutputFrameInterval(
+    _QVCAP_VIDEO_OUTPUT_FRAME_INTERVAL* interval) {
+    return Fetch(kGetVideoOutputFrameInterval, interval);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetVideoOutputFrameInterval(
+    _QVCAP_VIDEO_OUTPUT_FRAME_INTERVAL* interval) {
+    return SendGiven(kSetVideoOutputFrameInterval, interval);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetStatusImageMode(_QVCAP_STATUS_IMAGE_MODE* mode) {
+    return Fetch(kGetStatusImageMode, mode);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetDeviceNameMode(_QVCAP_DEVICE_NAME_MODE* mode) {
+    return Fetch(kGetDeviceNameMode, mode);
+}
+
 QV_RESULT CQVUSBCaptureBase::SaveOptions() { return Send(kOptions, kSaveOptions); }
+
 QV_RESULT CQVUSBCaptureBase::LoadOptions() { return Send(kOptions, kLoadOptions); }
+
 QV_RESULT CQVUSBCaptureBase::ResetOptions() { return Send(kOptions, kResetOptions); }
-QV_RESULT CQVUSBCaptureBase::GetVideoAutoHAlign(signed char* align) { return Fetch(kGetVideoAutoHAlign, align); }
-QV_RESULT CQVUSBCaptureBase::SetVideoAutoHAlign(signed char align) { return Send(kSetVideoAutoHAlign, int8_t{align}); }
-QV_RESULT CQVUSBCaptureBase::GetVideoSamplingPhase(unsigned char* phase) { return Fetch(kGetVideoSamplingPhase, phase); }
-QV_RESULT CQVUSBCaptureBase::GetVideoSamplingPhaseAutoAdjust(signed char* adjust) { return Fetch(kGetVideoSamplingPhaseAutoAdjust, adjust); }
-QV_RESULT CQVUSBCaptureBase::SetVideoSamplingPhaseAutoAdjust(signed char* adjust) { return SendGiven(kSetVideoSamplingPhaseAutoAdjust, adjust); }
-QV_RESULT CQVUSBCaptureBase::SetVideoTiming(_QVCAP_VIDEO_TIMING* timing) { return SendGiven(kSetVideoTiming, timing); }
-QV_RESULT CQVUSBCaptureBase::GetPreferredVideoTimings(_QVCAP_VIDEO_TIMING_ARRAY* timings) { return Fetch(kGetPreferredVideoTimings, timings); }
-QV_RESULT CQVUSBCaptureBase::SetCustomVideoTiming(_QVCAP_VIDEO_CUSTOM_TIMING* timing) { return SendGiven(kSetCustomVideoTiming, timing); }
-QV_RESULT CQVUSBCaptureBase::GetCustomVideoTimings(_QVCAP_VIDEO_CUSTOM_TIMING_ARRAY* timings) { return Fetch(kGetCustomVideoTimings, timings); }
-QV_RESULT CQVUSBCaptureBase::SetCustomVideoTimings(_QVCAP_VIDEO_CUSTOM_TIMING_ARRAY* timings) { return SendGiven(kSetCustomVideoTimings, timings); }
-QV_RESULT CQVUSBCaptureBase::GetCustomVideoResolutions(_QVCAP_VIDEO_CUSTOM_RESOLUTION_ARRAY* resolutions) { return Fetch(kGetCustomVideoResolutions, resolutions); }
-QV_RESULT CQVUSBCaptureBase::SetCustomVideoResolutions(_QVCAP_VIDEO_CUSTOM_RESOLUTION_ARRAY* resolutions) { return SendGiven(kSetCustomVideoResolutions, resolutions); }
-QV_RESULT CQVUSBCaptureBase::GetExtensionSupported(unsigned int* extensions) { return Fetch(kGetExtensionSupported, extensions); }
-// clang-format on
+
+QV_RESULT CQVUSBCaptureBase::GetVideoAutoHAlign(signed char* align) {
+    return Fetch(kGetVideoAutoHAlign, align);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetVideoAutoHAlign(signed char align) {
+    return Send(kSetVideoAutoHAlign, int8_t{align});
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoSamplingPhase(unsigned char* phase) {
+    return Fetch(kGetVideoSamplingPhase, phase);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetVideoSamplingPhaseAutoAdjust(signed char* adjust) {
+    return Fetch(kGetVideoSamplingPhaseAutoAdjust, adjust);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetVideoSamplingPhaseAutoAdjust(signed char* adjust) {
+    return SendGiven(kSetVideoSamplingPhaseAutoAdjust, adjust);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetVideoTiming(_QVCAP_VIDEO_TIMING* timing) {
+    return SendGiven(kSetVideoTiming, timing);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetPreferredVideoTimings(_QVCAP_VIDEO_TIMING_ARRAY* timings) {
+    return Fetch(kGetPreferredVideoTimings, timings);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetCustomVideoTiming(_QVCAP_VIDEO_CUSTOM_TIMING* timing) {
+    return SendGiven(kSetCustomVideoTiming, timing);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetCustomVideoTimings(_QVCAP_VIDEO_CUSTOM_TIMING_ARRAY* timings) {
+    return Fetch(kGetCustomVideoTimings, timings);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetCustomVideoTimings(_QVCAP_VIDEO_CUSTOM_TIMING_ARRAY* timings) {
+    return SendGiven(kSetCustomVideoTimings, timings);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetCustomVideoResolutions(
+    _QVCAP_VIDEO_CUSTOM_RESOLUTION_ARRAY* resolutions) {
+    return Fetch(kGetCustomVideoResolutions, resolutions);
+}
+
+QV_RESULT CQVUSBCaptureBase::SetCustomVideoResolutions(
+    _QVCAP_VIDEO_CUSTOM_RESOLUTION_ARRAY* resolutions) {
+    return SendGiven(kSetCustomVideoResolutions, resolutions);
+}
+
+QV_RESULT CQVUSBCaptureBase::GetExtensionSupported(unsigned int* extensions) {
+    return Fetch(kGetExtensionSupported, extensions);
+}
 
 // ---- operations with a step of their own
 
