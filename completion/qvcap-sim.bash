@@ -38,7 +38,7 @@ _qvcap_sim() {
     done
     compopt -o filenames 2>/dev/null
     if ((COMP_CWORD == 1)); then
-        mapfile -t COMPREPLY < <(compgen -W '-h --help --version init run serve usb status power-cycle journal' -- "$current")
+        mapfile -t COMPREPLY < <(compgen -W '-h --help --version init run serve usb status power-cycle fault flash journal reset' -- "$current")
     elif [[ $previous == --scenario ]]; then
         mapfile -t COMPREPLY < <(compgen -f -X '!*.toml' -- "$current"; compgen -d -- "$current")
     elif [[ $current == -* ]]; then
@@ -46,7 +46,15 @@ _qvcap_sim() {
         [[ $subcommand == init ]] && options+=' --scenario --packages'
         [[ $subcommand == usb ]] && options+=' --scenario --played'
         [[ $subcommand == run ]] && options+=' --state --'
+        [[ $subcommand == status || $subcommand == fault ]] && options+=' --json'
+        [[ $subcommand == journal ]] && options+=' --json --follow --clear'
         mapfile -t COMPREPLY < <(compgen -W "$options" -- "$current")
+    elif ((COMP_CWORD == 2)) && [[ $subcommand == fault ]]; then
+        mapfile -t COMPREPLY < <(compgen -W 'add list clear' -- "$current")
+    elif ((COMP_CWORD == 2)) && [[ $subcommand == flash ]]; then
+        mapfile -t COMPREPLY < <(compgen -W 'read write' -- "$current")
+    elif ((COMP_CWORD > 4)) && [[ $subcommand == flash ]]; then
+        mapfile -t COMPREPLY < <(compgen -f -- "$current")
     else
         mapfile -t COMPREPLY < <(compgen -d -- "$current")
     fi

@@ -1,11 +1,14 @@
+// Laying cards out, switching them off and on, and putting them back as they were.
 #include "Commands.h"
 
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <iostream>
+#include <filesystem>
 
-#include "FirmwareImage.h"
+#include "Folder.h"
 #include "Journal.h"
 #include "Model.h"
 #include "Scenario.h"
@@ -13,49 +16,73 @@
 namespace qvsim {
 namespace {
 
+namespace fs = std::filesystem;
+
+// What `init` made, for `reset`.
+fs::path Factory(const std::string& dir) { return fs::path(dir) / "factory"; }
+
+bool IsOfCards(const fs::path& file) {
+    const std::string name = file.filename();
+    return name == "cards.state" || name.rfind("flash-", 0) == 0;
+}
+
+std::string CopyCards(const fs::path& from, const fs::path& to) {
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(from, error)) {
+        if (!IsOfCards(entry.path())) continue;
+        const fs::path place = to / entry.path().filename();
+        fs::copy_file(entry.path(), place, fs::copy_options::overwrite_existing, error);
+        if (error) return place.string() + ": " + error.message();
+    }
+    return error ? from.string() + ": " + error.message() : std::string();
+}
+
+std::string KeepFactory(const std::string& dir) {
+    std::error_code error;
+    fs::create_directory(Factory(dir), error);
+    std::string wrong =
+        error ? Factory(dir).string() + ": " + error.message() : CopyCards(dir, Factory(dir));
+    if (wrong.empty()) return wrong;
+    // A failed `init` leaves no cards.
+    fs::remove_all(Factory(dir), error);
+    for (const auto& entry : fs::directory_iterator(dir, error))
+        if (IsOfCards(entry.path())) fs::remove(entry.path(), error);
+    return wrong;
+}
+
+// The folder's lock is held.
+std::string Reset(Folder& folder) {
+    const std::string& dir = folder.Dir();
+    CardsState state;
+    if (std::string error = LoadState(Factory(dir), state); !error.empty()) return error;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(dir, error)) {
+        const std::string name = entry.path().filename();
+        if (name.rfind("flash-", 0) != 0 && name.rfind("settings-", 0) != 0) continue;
+        // Programs have the flash open: it is emptied, and filled again in its place.
+        if (name.rfind("flash-", 0) == 0)
+            fs::resize_file(entry.path(), 0, error);
+        else
+            fs::remove(entry.path(), error);
+    }
+    if (error) return dir + ": " + error.message();
+    if (std::string wrong = CopyCards(Factory(dir), dir); !wrong.empty()) return wrong;
+    LivePage& page = folder.Page();
+    for (auto& board : page.settings)
+        for (uint32_t& generation : board) CountShared<uint32_t>(generation);
+    for (uint32_t& seen : page.faultSeen) StoreShared<uint32_t>(seen, 0);
+    StoreShared<uint64_t>(page.boot, 0);
+    unlink(MetFaultsPath(dir).c_str());
+    if (std::string wrong = SaveState(folder, state); !wrong.empty()) return wrong;
+    return ClearJournal(folder);
+}
+
+}  // namespace
+
 int Fail(const std::string& error) {
     std::fprintf(stderr, "qvcap-sim: %s\n", error.c_str());
     return kBadInput;
 }
-
-std::string VersionText(uint32_t version) {
-    return std::to_string(version >> 16) + "." + std::to_string(version & 0xFFFF);
-}
-
-// A text of a record, which need not be terminated.
-template <size_t size>
-std::string TextOf(const char (&field)[size]) {
-    return std::string(field, strnlen(field, size));
-}
-
-std::string StoredText(const NorFlash& flash, uint32_t address) {
-    const StoredHeader header = ReadHeader(flash, address);
-    if (!header.valid) return "none";
-    return VersionText(header.version) + " code " + std::to_string(header.compatibilityCode);
-}
-
-std::string PrintBoard(const std::string& dir, const BoardState& board) {
-    const _QVCAP_CHANNEL_INFO& info = board.channels[0].info;
-    std::printf("board %d: %s, %s, serial %s, hardware %c, %s\n", board.index,
-                TextOf(info.familyName).c_str(), TextOf(info.productName).c_str(),
-                TextOf(info.boardSerialNumber).c_str(), info.hardwareVersion,
-                board.powerLost ? "power lost" : "powered");
-    for (size_t i = 0; i < board.channels.size(); ++i) {
-        const ChannelState& channel = board.channels[i];
-        NorFlash flash;
-        const std::string name = FlashFileName(board, static_cast<int>(i));
-        if (std::string error = flash.Open(dir + "/" + name, board.flashSize); !error.empty())
-            return error;
-        const uint32_t main = channel.storage.firmwareOffset;
-        std::printf("  /dev/video%d channel %zu: running %s, stored %s, safe %s, %s\n",
-                    channel.node, i, VersionText(channel.info.firmwareVersion).c_str(),
-                    StoredText(flash, main).c_str(),
-                    StoredText(flash, main + kSafeHeaderDistance).c_str(), name.c_str());
-    }
-    return {};
-}
-
-}  // namespace
 
 int InitCommand(const std::string& dir, const std::string& scenario, bool packages) {
     CardsPlan plan;
@@ -63,17 +90,8 @@ int InitCommand(const std::string& dir, const std::string& scenario, bool packag
                             ? ParseScenario(kDefaultScenario, "default-scenario.toml", plan)
                             : ReadScenario(scenario, plan);
     if (error.empty()) error = LayOut(plan, dir, packages);
+    if (error.empty()) error = KeepFactory(dir);
     return error.empty() ? 0 : Fail(error);
-}
-
-int StatusCommand(const std::string& dir) {
-    CardsState state;
-    if (std::string error = LoadState(dir, state); !error.empty()) return Fail(error);
-    for (const BoardState& board : state.boards)
-        if (std::string error = PrintBoard(dir, board); !error.empty()) return Fail(error);
-    for (const int node : state.foreignNodes) std::printf("/dev/video%d: another driver's\n", node);
-    if (!state.eventNode) std::printf("/dev/qv-event: missing\n");
-    return 0;
 }
 
 int PowerCycleCommand(const std::string& dir) {
@@ -84,13 +102,13 @@ int PowerCycleCommand(const std::string& dir) {
     return 0;
 }
 
-int JournalCommand(const std::string& dir) {
-    CardsState state;
-    if (std::string error = LoadState(dir, state); !error.empty()) return Fail(error);
-    std::ifstream journal(JournalPath(dir));
-    // No journal: nobody has used the cards yet.
-    for (std::string line; std::getline(journal, line);) std::cout << line << '\n';
-    return 0;
+int ResetCommand(const std::string& dir) {
+    std::string error;
+    const std::unique_ptr<Folder> folder = Folder::Open(dir, error);
+    if (!folder) return Fail(error);
+    const Folder::Lock lock(folder.get());
+    error = Reset(*folder);
+    return error.empty() ? 0 : Fail("reset: " + error);
 }
 
 }  // namespace qvsim

@@ -8,11 +8,25 @@ namespace qvsim {
 
 inline constexpr int kBadInput = 2;  // wrong arguments, an unusable scenario or state directory
 
+// An unusable scenario or folder: says why on standard error.
+int Fail(const std::string& error);
+
 // No scenario: "". Packages for the cards go to `dir`/packages.
 int InitCommand(const std::string& dir, const std::string& scenario, bool packages);
-int StatusCommand(const std::string& dir);
+int StatusCommand(const std::string& dir, bool json);
 int PowerCycleCommand(const std::string& dir);
-int JournalCommand(const std::string& dir);
+// Everything as `init` left it.
+int ResetCommand(const std::string& dir);
+// Prints the journal, or empties it; `follow` goes on until the process ends.
+int JournalCommand(const std::string& dir, bool json, bool follow, bool clear);
+// `pairs` are the keys of a fault in a scenario: "request=open".
+int FaultAddCommand(const std::string& dir, const std::vector<std::string>& pairs);
+int FaultListCommand(const std::string& dir, bool json);
+// Those with the numbers that the list shows; all of them when there are none.
+int FaultClearCommand(const std::string& dir, const std::vector<int>& numbers);
+// `place` is BOARD or BOARD:CHANNEL.
+int FlashReadCommand(const std::string& dir, const std::string& place, const std::string& file);
+int FlashWriteCommand(const std::string& dir, const std::string& place, const std::string& file);
 // Makes the cards' nodes in /dev and serves them until SIGTERM or SIGINT; 1 when that cannot be.
 int ServeCommand(const std::string& dir);
 // Plugs the USB devices of a scenario into the running kernel and serves them until SIGTERM or

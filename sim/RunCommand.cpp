@@ -15,11 +15,6 @@ namespace {
 
 constexpr char kPreloadName[] = "libqvsim-preload.so";
 
-int Fail(const std::string& error) {
-    std::fprintf(stderr, "qvcap-sim: %s\n", error.c_str());
-    return kBadInput;
-}
-
 std::string OwnPath() {
     char path[PATH_MAX];
     const ssize_t size = readlink("/proc/self/exe", path, sizeof path);

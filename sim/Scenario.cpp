@@ -7,10 +7,12 @@
 #include <fstream>
 #include <iterator>
 #include <limits>
+#include <map>
 #include <sstream>
 #include <stdexcept>
 #include <vector>
 
+#include "Hex.h"
 #include "Protocol.h"
 #include "Toml.h"
 #include "Words.h"
@@ -163,11 +165,60 @@ void ReadMedia(Table& table, BoardPlan& board) {
     });
 }
 
+// A record of a get request: a number in as many bytes as it has, or hexadecimal text.
+std::vector<uint8_t> ReadRecord(const toml::node& node, const std::string& name, const Row& row) {
+    // Arrays travel by address: their size is their own, in whole elements.
+    const bool array = row.element > 0;
+    std::vector<uint8_t> bytes(array ? row.element : row.Size());
+    if (!node.is_string()) {
+        const int64_t value = Table::IntegerOf(node, name, std::numeric_limits<int32_t>::min(),
+                                               std::numeric_limits<uint32_t>::max());
+        for (size_t i = 0; i < bytes.size(); ++i)
+            bytes[i] = static_cast<uint8_t>(value >> std::min<size_t>(8 * i, 63));
+        return bytes;
+    }
+    const std::string hex = Table::TextOf(node, name);
+    const size_t size = hex.size() / 2;
+    if (array) bytes.resize(size);
+    if (size != bytes.size() || size % std::max(1u, row.element) != 0 || size > (64u << 10) ||
+        !FromHex(hex, bytes.data(), bytes.size()))
+        throw Mistake(node, name + " is a number or hexadecimal text of " +
+                                (array ? "whole elements of " + std::to_string(row.element)
+                                       : std::to_string(row.Size())) +
+                                " bytes");
+    return bytes;
+}
+
+// The get requests by the names of what they give: "Temperature", "EDID".
+std::map<std::string, const Row*> Records() {
+    std::map<std::string, const Row*> records;
+    size_t count = 0;
+    const Row* const rows = AllRows(count);
+    for (size_t i = 0; i < count; ++i)
+        if (*rows[i].key && std::string(rows[i].name) != "GetHDMIInfoFramePacket" &&
+            rows[i].GivesRecord() &&
+            (rows[i].element == 0 || std::string(rows[i].name).ends_with("Count") == false))
+            records.emplace(rows[i].key, &rows[i]);
+    return records;
+}
+
+void ReadRecords(const toml::node& node, BoardPlan& board) {
+    const std::map<std::string, const Row*> records = Records();
+    std::vector<std::string> names;
+    for (const auto& [name, row] : records) names.push_back(name);
+    const toml::table& values = TableOf(node, "records");
+    const Table known(values, names);
+    for (const auto& [key, value] : values) {
+        const std::string name(key.str());
+        board.records[name] = ReadRecord(value, name, *records.at(name));
+    }
+}
+
 BoardPlan ReadBoard(const toml::node& node) {
-    Table table(
-        TableOf(node, "board"),
-        {"family", "product", "product_code", "hardware", "serial", "index", "channels", "firmware",
-         "golden", "flash_size", "first_node", "storage", "stored", "video", "audio", "signal"});
+    Table table(TableOf(node, "board"),
+                {"family", "product", "product_code", "hardware", "serial", "index", "channels",
+                 "firmware", "golden", "flash_size", "first_node", "storage", "stored", "video",
+                 "audio", "signal", "records"});
     BoardPlan board;
     table.Text("family", board.family);
     table.Text("product", board.product);
@@ -186,6 +237,7 @@ BoardPlan ReadBoard(const toml::node& node) {
     ReadStorage(table, board);
     if (const toml::node* stored = table.Find("stored")) ReadStored(*stored, board);
     ReadMedia(table, board);
+    if (const toml::node* records = table.Find("records")) ReadRecords(*records, board);
     return board;
 }
 
@@ -209,8 +261,8 @@ std::vector<std::string> RequestNames() {
 }
 
 Fault ReadFault(const toml::node& node) {
-    Table table(TableOf(node, "fault"),
-                {"request", "nth", "count", "one_in", "seed", "board", "channel", "kind", "value"});
+    Table table(TableOf(node, "fault"), {"request", "nth", "count", "one_in", "seed", "board",
+                                         "channel", "per", "kind", "value"});
     Fault fault;
     table.Text("request", fault.request);
     const bool signal =
@@ -225,6 +277,11 @@ Fault ReadFault(const toml::node& node) {
     table.Integer("seed", fault.seed, 0, std::numeric_limits<uint32_t>::max());
     table.Integer("board", fault.board, 0, 15);
     table.Integer("channel", fault.channel, 0, 15);
+    std::string per = "folder";
+    table.Text("per", per);
+    fault.perProcess = per == "process";
+    if (!fault.perProcess && per != "folder")
+        throw Mistake(node, "per is \"folder\" or \"process\"");
     std::string kind;
     table.Text("kind", kind);
     if (!FaultKindFromName(kind, fault.effect.kind))
@@ -285,9 +342,13 @@ UsbPlan ReadUsb(const toml::node& node) {
 }
 
 DriverWays ReadDriver(const toml::node& node) {
-    Table table(TableOf(node, "driver"), {"reuse_handles", "frames_after_stop"});
+    Table table(TableOf(node, "driver"), {"reuse_handles", "frames_after_stop", "strict_erase",
+                                          "strict_values", "busy_capture"});
     DriverWays ways;
     table.Flag("reuse_handles", ways.reuseHandles);
+    table.Flag("strict_erase", ways.strictErase);
+    table.Flag("strict_values", ways.strictValues);
+    table.Flag("busy_capture", ways.busyCapture);
     std::string afterStop = AfterStopName(ways.afterStop);
     table.Text("frames_after_stop", afterStop);
     if (!AfterStopFromName(afterStop, ways.afterStop))
@@ -296,13 +357,18 @@ DriverWays ReadDriver(const toml::node& node) {
 }
 
 void ReadAll(const toml::table& root, CardsPlan& plan) {
-    Table table(root,
-                {"event_node", "foreign_nodes", "driver", "latency", "board", "usb", "fault"});
+    Table table(root, {"event_node", "foreign_nodes", "journal_limit", "driver", "latency", "board",
+                       "usb", "fault"});
     table.Flag("event_node", plan.eventNode);
     ForEach(table, "foreign_nodes", [&](const toml::node& element) {
         plan.foreignNodes.push_back(
             static_cast<int>(Table::IntegerOf(element, "foreign_nodes", 0, 9999)));
     });
+    if (const toml::node* node = table.Find("journal_limit")) {
+        constexpr int64_t kShortest = 64 << 10;
+        plan.journalLimit = static_cast<uint32_t>(
+            Table::IntegerOf(*node, "journal_limit", kShortest, int64_t{1} << 31));
+    }
     if (const toml::node* node = table.Find("driver")) plan.driver = ReadDriver(*node);
     if (const toml::node* node = table.Find("latency")) {
         constexpr int64_t kMaxDelay = 10'000'000;
@@ -347,6 +413,28 @@ std::string ParseScenario(const std::string& text, const std::string& name, Card
         return place(mistake.line) + mistake.what();
     } catch (const std::logic_error& error) {
         return name + ":" + error.what();
+    }
+}
+
+std::string ParseFault(const std::vector<std::string>& pairs, Fault& fault) {
+    std::string text;
+    for (const std::string& pair : pairs) {
+        const size_t equals = pair.find('=');
+        const bool plain = pair.find_first_of("\"\\\n\r") == std::string::npos;
+        if (equals == std::string::npos || equals == 0 || !plain)
+            return "'" + pair + "' is not key=value";
+        const std::string value = pair.substr(equals + 1);
+        const bool number = value.find_first_not_of("-0123456789abcdefx") == std::string::npos &&
+                            value.find_first_of("0123456789") <= 1;
+        text += pair.substr(0, equals + 1) + (number ? value : "\"" + value + "\"") + "\n";
+    }
+    try {
+        fault = ReadFault(ParseToml(text, "fault"));
+        return {};
+    } catch (const toml::parse_error& error) {
+        return std::string(error.description());
+    } catch (const std::exception& error) {
+        return error.what();
     }
 }
 

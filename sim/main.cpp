@@ -57,10 +57,59 @@ int main(int argc, char** argv) {
     usb->add_option("--scenario", scenario, "TOML file; without it one device");
     usb->add_option("--played", dir, "folder for what is played to the devices");
     usb->callback([&] { status = qvsim::UsbCommand(scenario, dir); });
-    onFolder("status", "show boards, channels, versions and power", qvsim::StatusCommand);
+    bool json = false;
+    auto* show = app.add_subcommand("status", "show boards, channels, versions and power");
+    show->add_option("DIR", dir, "folder with the cards")->required();
+    show->add_flag("--json", json, "as one JSON object");
+    show->callback([&] { status = qvsim::StatusCommand(dir, json); });
     onFolder("power-cycle", "switch the cards off and on: firmware is loaded from flash",
              qvsim::PowerCycleCommand);
-    onFolder("journal", "print the journal of opens, closes and requests", qvsim::JournalCommand);
+    onFolder("reset", "make the cards again what `init` made them", qvsim::ResetCommand);
+
+    bool follow = false;
+    bool clear = false;
+    auto* journal =
+        app.add_subcommand("journal", "print the journal of opens, closes and requests");
+    journal->add_option("DIR", dir, "folder with the cards")->required();
+    journal->add_flag("--json", json, "one JSON object for each line");
+    auto* following = journal->add_flag("--follow", follow, "go on with what comes");
+    journal->add_flag("--clear", clear, "forget all lines instead")->excludes(following);
+    journal->callback([&] { status = qvsim::JournalCommand(dir, json, follow, clear); });
+
+    std::vector<std::string> pairs;
+    std::vector<int> numbers;
+    auto* fault = app.add_subcommand("fault", "what goes wrong with the cards, also while in use");
+    fault->require_subcommand(1);
+    auto* add = fault->add_subcommand(
+        "add",
+        "add a fault in the words of a scenario and print its number:\n"
+        "  qvcap-sim fault add DIR request=EraseFirmwareData nth=3 kind=power_loss");
+    add->add_option("DIR", dir, "folder with the cards")->required();
+    add->add_option("KEY=VALUE", pairs, "request=, kind=, nth= and so on")->required();
+    add->callback([&] { status = qvsim::FaultAddCommand(dir, pairs); });
+    auto* clearing = fault->add_subcommand("clear", "take faults back: those named, or all");
+    clearing->add_option("DIR", dir, "folder with the cards")->required();
+    clearing->add_option("NUMBER", numbers, "as `fault list` shows them");
+    clearing->callback([&] { status = qvsim::FaultClearCommand(dir, numbers); });
+    auto* list = fault->add_subcommand("list", "show the faults, and how often each was looked at");
+    list->add_option("DIR", dir, "folder with the cards")->required();
+    list->add_flag("--json", json, "as one JSON list");
+    list->callback([&] { status = qvsim::FaultListCommand(dir, json); });
+
+    std::string place;
+    std::string file;
+    auto* flash = app.add_subcommand("flash", "the bytes of a card's flash, out of it and into it");
+    flash->require_subcommand(1);
+    const auto onFlash = [&](const char* name, const char* help, auto work) {
+        auto* sub = flash->add_subcommand(name, help);
+        sub->add_option("DIR", dir, "folder with the cards")->required();
+        sub->add_option("BOARD[:CHANNEL]", place, "as `status` shows them")->required();
+        sub->add_option("FILE", file, "the chip's bytes")->required();
+        sub->callback([&, work] { status = work(dir, place, file); });
+    };
+    onFlash("read", "write the chip's bytes to a file", qvsim::FlashReadCommand);
+    onFlash("write", "fill the chip from a file, such as a real card's dump",
+            qvsim::FlashWriteCommand);
 
     try {
         app.parse(static_cast<int>(dashes - argv), argv);

@@ -2,6 +2,8 @@
 // Plain data, covered by the model's lock.
 #pragma once
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -23,21 +25,31 @@ struct Board {
 };
 
 struct Channel {
+    Channel() = default;
+    Channel(const Channel&) = delete;
+    Channel& operator=(const Channel&) = delete;
+    ~Channel();
     Board* board = nullptr;
     ChannelState* state = nullptr;
     int index = 0;  // position on its board, whatever the channel record says
     NorFlash* flash = nullptr;
-    bool gone = false;
     bool signal = true;
     size_t signalStep = 0;  // next line of the signal's script
     VideoCapture video;
     AudioCapture audio;
 
     Settings settings;
+    uint32_t settingsSeen = 0;                // generation of their file that is in `settings`
+    int settingsFile = -1;                    // their file, open for lines at its end
+    size_t settingsBytes = 0;                 // how long it is
     std::map<std::string, Bytes> lastRecord;  // by request: the record as it came from the caller
     std::map<uint64_t, int32_t> images;       // handle -> references
     std::map<uint64_t, uint64_t> pinned;      // address -> size
 };
+
+inline Channel::~Channel() {
+    if (settingsFile >= 0) close(settingsFile);
+}
 
 enum class NodeKind { kChannel, kEvents, kForeign };
 

@@ -10,6 +10,7 @@
 #include <set>
 
 #include "FirmwareImage.h"
+#include "Folder.h"
 #include "NorFlash.h"
 #include "SamplePackages.h"
 #include "Settings.h"
@@ -17,7 +18,6 @@
 namespace qvsim {
 namespace {
 
-constexpr int kMaxChannelsOnBoard = 16;
 constexpr int kMaxNode = 9999;
 
 // A text into a field of a record, zero-filled; the caller has checked that it fits.
@@ -33,7 +33,7 @@ std::string CheckBoard(const BoardPlan& board) {
     if (board.product.size() > 63) return "product name is longer than 63 characters";
     if (board.serial.size() > 15) return "serial is longer than 15 characters";
     if (board.index > 15) return "board index is not 0 to 15";
-    if (board.channels < 1 || board.channels > kMaxChannelsOnBoard)
+    if (board.channels < 1 || board.channels > static_cast<int>(kMaxChannelsOnBoard))
         return "a board has 1 to 16 channels";
     if (board.flashSize == 0 || board.flashSize % NorFlash::kSector != 0 ||
         board.flashSize > (1u << 30))
@@ -96,6 +96,7 @@ ChannelState MakeChannel(const BoardPlan& board, int index) {
     channel.video = board.video;
     channel.audio = board.audio;
     channel.signal = board.signal;
+    channel.records = board.records;
     if (board.editChannel) board.editChannel(channel);
     return channel;
 }
@@ -169,7 +170,7 @@ std::string LayFlash(const BoardPlan& plan, const BoardState& board, const std::
         NorFlash flash;
         const std::string path = dir + "/" + FlashFileName(board, c);
         made.Add(path);
-        made.Add(path + ".map");
+        made.Add(path + ".marks");
         if (std::string error = flash.Open(path, plan.flashSize); !error.empty()) return error;
         if (!LayHeader(plan, flash)) return path + ": cannot be written: " + std::strerror(errno);
     }
@@ -181,6 +182,7 @@ CardsState MakeState(const CardsPlan& plan) {
     state.eventNode = plan.eventNode;
     state.latencies = plan.latencies;
     state.driver = plan.driver;
+    state.journalLimit = plan.journalLimit;
     state.foreignNodes = plan.foreignNodes;
     state.faults = plan.faults;
     state.usbDevices.assign(plan.usbDevices.begin(), plan.usbDevices.end());
@@ -206,6 +208,8 @@ std::string LayOut(const CardsPlan& plan, const std::string& dir, bool packages)
     if (std::string error = MakeFolder(dir, made); !error.empty()) return error;
     if (access(StatePath(dir).c_str(), F_OK) == 0)
         return StatePath(dir) + ": there are cards already; remove the directory first";
+    made.Add(dir + "/cards.live");
+    if (std::string error = Folder::Make(dir); !error.empty()) return error;
     const CardsState state = MakeState(plan);
     for (size_t i = 0; i < plan.boards.size(); ++i)
         if (std::string error = LayFlash(plan.boards[i], state.boards[i], dir, made);

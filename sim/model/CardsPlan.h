@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -45,13 +46,15 @@ struct BoardPlan {
     VideoSetup video;
     AudioSetup audio;
     std::vector<SignalStep> signal;
-    std::function<void(ChannelState&)> editChannel;  // a last look at each channel's records
+    std::map<std::string, std::vector<uint8_t>> records;  // see ChannelState
+    std::function<void(ChannelState&)> editChannel;       // a last look at each channel's records
 };
 
 struct CardsPlan {
     bool eventNode = true;
     Latencies latencies;
     DriverWays driver;
+    uint32_t journalLimit = 0;  // bytes; 0: none
     std::vector<int> foreignNodes;
     std::vector<BoardPlan> boards;
     std::vector<Fault> faults;

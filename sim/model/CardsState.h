@@ -5,13 +5,17 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
 #include "Fault.h"
+#include "Files.h"
 #include "QVCaptureTypes.h"
 
 namespace qvsim {
+
+class Folder;
 
 // Microseconds; 0 everywhere makes a card that answers at once.
 struct Latencies {
@@ -32,6 +36,9 @@ enum class AfterStop {
 struct DriverWays {
     bool reuseHandles = false;  // the one freed last comes first
     AfterStop afterStop = AfterStop::kRefuse;
+    bool strictErase = false;   // an erase that is not of whole sectors is refused
+    bool strictValues = false;  // a source that the card does not list is refused
+    bool busyCapture = false;   // a capture on a channel that captures already is refused
 };
 
 const char* AfterStopName(AfterStop afterStop);  // "refuse", "at_once", "at_start"
@@ -61,6 +68,9 @@ struct ChannelState {
     VideoSetup video;
     AudioSetup audio;
     std::vector<SignalStep> signal;
+    bool gone = false;  // the node has vanished, until the next power cycle
+    // What a get request answers as long as nothing else was set, by the name of the setting.
+    std::map<std::string, std::vector<uint8_t>> records;
 };
 
 struct BoardState {
@@ -82,6 +92,8 @@ struct UsbDevice {
 
 struct CardsState {
     bool eventNode = true;
+    bool eventNodeGone = false;  // has vanished, until the next power cycle
+    uint32_t journalLimit = 0;   // bytes; 0: none
     Latencies latencies;
     DriverWays driver;
     std::vector<int> foreignNodes;  // video nodes of somebody else's driver
@@ -94,26 +106,15 @@ std::string StatePath(const std::string& dir);
 // One line for each time that a fault was met.
 std::string MetFaultsPath(const std::string& dir);
 
-// Both return an empty text, or what went wrong and where. Saving replaces the file as a whole.
+// All return an empty text, or what went wrong and where. What was loaded is a whole: boards have
+// channels, and no index or node is there twice. Saving replaces the file as a whole.
 std::string LoadState(const std::string& dir, CardsState& state);
+// Every process on the folder learns of it. Faults without a slot get one, and are counted from 0.
 std::string SaveState(const std::string& dir, const CardsState& state);
+// The same for who holds the lock of the folder.
+std::string SaveState(Folder& folder, CardsState& state);
 
 // Name of the file of one flash inside the directory; `channel` is not looked at when shared.
 std::string FlashFileName(const BoardState& board, int channel);
-
-// open(2) with a number far above those that a program gets: the simulation's own files must not
-// take a number that the program under it would have been given, such as a closed 0.
-int OpenOutOfTheWay(const std::string& path, int flags);
-// The same for a descriptor that is open already; takes `fd`, which may be -1.
-int OutOfTheWay(int fd);
-
-// The whole file; empty when there is none.
-std::string ReadText(const std::string& path);
-
-// Adds to the end of a file, which is made when there is none.
-bool AppendText(const std::string& path, const std::string& text);
-
-// Writes the whole text to a temporary file beside `path` and renames it into place.
-bool ReplaceFile(const std::string& path, const std::string& text);
 
 }  // namespace qvsim

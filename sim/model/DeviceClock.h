@@ -2,6 +2,7 @@
 // move by hand. Not locked: the model's lock covers it.
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 
@@ -12,39 +13,58 @@ inline constexpr int64_t kClockUnitsPerSecond = 10'000'000;
 // Time since the model was made, in device-clock units; the same for all boards.
 class TimeSource {
   public:
-    int64_t Now() const { return frozen_ ? frozenAt_ : Running(); }
+    int64_t Now() const { return frozen_ ? frozenAt_ : Units(Clock::now() - start_); }
     bool Frozen() const { return frozen_; }
     void Freeze() {
         frozenAt_ = Now();
         frozen_ = true;
     }
     void Advance(int64_t units) { frozenAt_ += units; }
+    // When the model was made, in time that all processes of the machine have.
+    int64_t Start() const { return Units(start_.time_since_epoch()); }
 
   private:
     using Clock = std::chrono::steady_clock;
-    int64_t Running() const {
-        using Units = std::chrono::duration<int64_t, std::ratio<1, kClockUnitsPerSecond>>;
-        return std::chrono::duration_cast<Units>(Clock::now() - start_).count();
+    static int64_t Units(Clock::duration time) {
+        using Ticks = std::chrono::duration<int64_t, std::ratio<1, kClockUnitsPerSecond>>;
+        return std::chrono::duration_cast<Ticks>(time).count();
     }
     Clock::time_point start_ = Clock::now();
     bool frozen_ = false;
     int64_t frozenAt_ = 0;
 };
 
-// What setting the clock of one board leaves behind. Sums wrap: the device's register does too.
+// A clock is known by its difference to a time that runs: that of the source or, where processes
+// share it, that of the machine. Sums wrap: the device's register does too.
 class DeviceClock {
   public:
-    int64_t At(int64_t sourceTime) const { return Wrap(sourceTime, offset_); }
+    DeviceClock() = default;
+    DeviceClock(const DeviceClock&) = delete;
+    DeviceClock& operator=(const DeviceClock&) = delete;
+
+    // From now on the difference to the machine's time is in `difference`.
+    void Share(int64_t* difference, int64_t sourceStart) {
+        difference_ = difference;
+        sourceStart_ = sourceStart;
+    }
+    int64_t At(int64_t sourceTime) const {
+        const int64_t difference = std::atomic_ref<int64_t>(*difference_).load();
+        return Wrap(Wrap(sourceTime, sourceStart_), difference);
+    }
     void Set(int64_t sourceTime, int64_t deviceTime) {
-        offset_ = static_cast<int64_t>(static_cast<uint64_t>(deviceTime) -
-                                       static_cast<uint64_t>(sourceTime));
+        const int64_t machineTime = Wrap(sourceTime, sourceStart_);
+        std::atomic_ref<int64_t>(*difference_)
+            .store(static_cast<int64_t>(static_cast<uint64_t>(deviceTime) -
+                                        static_cast<uint64_t>(machineTime)));
     }
 
   private:
     static int64_t Wrap(int64_t a, int64_t b) {
         return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
     }
-    int64_t offset_ = 0;
+    alignas(8) int64_t own_ = 0;
+    int64_t* difference_ = &own_;
+    int64_t sourceStart_ = 0;
 };
 
 }  // namespace qvsim

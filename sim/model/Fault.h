@@ -8,17 +8,20 @@
 namespace qvsim {
 
 enum class FaultKind {
-    kRefuse,      // value: errno
-    kShortRead,   // value: bytes that a read delivers at most
-    kFlipBit,     // value: bit number inside the bytes that a read delivers
-    kStuckBits,   // value: mask; programming leaves these bits of every byte set
-    kNotBlank,    // an erase leaves one byte of the range programmed
-    kSlow,        // value: milliseconds before the request is served
-    kPowerLoss,   // the board dies in the middle of the request, until it is power-cycled; value:
-                  // a CutPoint. At the open of the event node, every board does
-    kNodeGone,    // the node vanishes: this and every later open and request fails with ENODEV
-    kPretend,     // nothing is done, and the answer is `value`; a signal is lost
-    kRefuseLate,  // the request is carried out, and then fails; value: errno
+    kRefuse,       // value: errno
+    kShortRead,    // value: bytes that a read delivers at most
+    kFlipBit,      // value: bit number inside the bytes that a read delivers
+    kStuckBits,    // value: mask; programming leaves these bits of every byte set
+    kNotBlank,     // an erase leaves one byte of the range programmed
+    kSlow,         // value: milliseconds before the request is served
+    kPowerLoss,    // the board dies in the middle of the request, until it is power-cycled; value:
+                   // a CutPoint. At the open of the event node, every board does
+    kNodeGone,     // the node vanishes: this and every later open and request fails with ENODEV
+    kPretend,      // nothing is done, and the answer is `value`; a signal is lost
+    kHalf,         // an erase, a write, or a frame is done by half and said to be whole
+    kWrongMarker,  // an audio frame has another marker than a valid one
+    kNoEnd,        // the texts of a channel record are not terminated
+    kRefuseLate,   // the request is carried out, and then fails; value: errno
 };
 
 // How far an erase or a write has come when the power goes.
@@ -46,6 +49,9 @@ constexpr FaultEffect PowerLoss(CutPoint point = CutPoint::kHalf) {
 }
 constexpr FaultEffect NodeGone() { return {FaultKind::kNodeGone, 0}; }
 constexpr FaultEffect Pretend(uint32_t answer = 0) { return {FaultKind::kPretend, answer}; }
+constexpr FaultEffect Half() { return {FaultKind::kHalf, 0}; }
+constexpr FaultEffect WrongMarker() { return {FaultKind::kWrongMarker, 0}; }
+constexpr FaultEffect NoEnd() { return {FaultKind::kNoEnd, 0}; }
 constexpr FaultEffect RefuseLate(int error) {
     return {FaultKind::kRefuseLate, static_cast<uint32_t>(error)};
 }
@@ -69,6 +75,8 @@ struct Fault {
     int board = -1;    // -1: any
     int channel = -1;  // -1: any
     FaultEffect effect;
+    bool perProcess = false;  // counted in each process, and not in all of the folder together
+    int slot = -1;            // of its count in the folder; -1: none yet
 };
 
 // "refuse", "short_read", ...; as scenarios and state files write them.

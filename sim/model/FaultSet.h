@@ -1,4 +1,5 @@
-// The faults in force, and how often each has been met. Not locked: the model's lock covers it.
+// The faults in force, and how often each one's request has come: counted here, or where all
+// processes of a folder count it. Not locked: the model's lock covers it.
 #pragma once
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <vector>
 
 #include "Fault.h"
+#include "Folder.h"
 
 namespace qvsim {
 
@@ -16,6 +18,18 @@ class FaultSet {
   public:
     void Add(const Fault& fault) { armed_.push_back({fault, 0}); }
     void Clear() { armed_.clear(); }
+    // Those of a folder, with its counts. One that was there before keeps its own.
+    void Take(const std::vector<Fault>& faults, uint32_t (&counts)[kMaxFaults]) {
+        std::vector<Armed> before = std::move(armed_);
+        armed_.clear();
+        for (const Fault& fault : faults) {
+            Armed armed{fault, 0, fault.perProcess ? nullptr : &counts[fault.slot]};
+            for (const Armed& old : before)
+                if (old.fault.slot == fault.slot && old.fault.request == fault.request)
+                    armed.seen = old.seen;
+            armed_.push_back(armed);
+        }
+    }
 
     // Counts this request on every fault it matches; the effects that hit it, in order of adding.
     std::vector<FaultEffect> Hits(const std::string& request, int board, int channel) {
@@ -25,7 +39,8 @@ class FaultSet {
             if (!Names(fault, request) || (fault.board != -1 && fault.board != board) ||
                 (fault.channel != -1 && fault.channel != channel))
                 continue;
-            const int number = ++armed.seen;
+            const auto number =
+                static_cast<int>(armed.shared ? CountShared(*armed.shared) : ++armed.seen);
             if (number >= fault.nth && (fault.count < 0 || number - fault.nth < fault.count) &&
                 Drawn(fault, number))
                 effects.push_back(fault.effect);
@@ -51,7 +66,8 @@ class FaultSet {
 
     struct Armed {
         Fault fault;
-        int seen = 0;
+        uint32_t seen = 0;
+        uint32_t* shared = nullptr;
     };
     std::vector<Armed> armed_;
 };

@@ -1,7 +1,8 @@
 #include "FirmwareImage.h"
 
+#include <algorithm>
 #include <cstring>
-#include <string>
+#include <optional>
 
 namespace qvsim {
 namespace {
@@ -12,33 +13,72 @@ constexpr uint32_t kMaxSections = 16;
 uint16_t U16(const uint8_t* at) { return static_cast<uint16_t>(at[0] | at[1] << 8); }
 uint32_t U32(const uint8_t* at) { return U16(at) | static_cast<uint32_t>(U16(at + 2)) << 16; }
 
-// True when the section holds what its image needs: programmed data, or nothing at all.
-bool SectionComplete(const NorFlash& flash, const uint8_t* section, bool safe) {
-    char name[17] = {};
-    std::memcpy(name, section, 16);
-    const bool belongsToSafe = std::strncmp(name, "Upgrade.", 8) == 0;
-    if (belongsToSafe != safe) return true;
-    const uint32_t address = U32(section + 16);
-    const uint32_t size = U32(section + 20);
-    if (std::strstr(name, "Factory.CLR.") || std::strstr(name, "Upgrade.CLR"))
-        return flash.Blank(address, size);
-    return flash.Programmed(address, size);
+struct Section {
+    bool safe = false;   // belongs to the safe image
+    bool clear = false;  // has to be blank
+    uint32_t address = 0;
+    uint32_t size = 0;
+};
+
+uint32_t HeaderLength(uint32_t sections) {
+    return kHeaderFixedLength + sections * kHeaderSectionLength;
 }
 
-bool ImageComplete(const NorFlash& flash, uint32_t address, bool safe) {
-    if (!ReadHeader(flash, address).valid) return false;
+// Of a header; nothing when there is none.
+std::optional<std::vector<Section>> SectionsOf(const NorFlash& flash, uint32_t address) {
+    if (!ReadHeader(flash, address).valid) return std::nullopt;
     uint8_t header[kHeaderFixedLength + kMaxSections * kHeaderSectionLength];
-    if (!flash.Read(address, header, kHeaderFixedLength)) return false;
-    const uint32_t sections = header[156];
-    const uint32_t length = kHeaderFixedLength + sections * kHeaderSectionLength;
-    if (!flash.Programmed(address, length) || !flash.Read(address, header, length)) return false;
-    for (size_t i = 0; i < sections; ++i)
-        if (!SectionComplete(flash, header + kHeaderFixedLength + i * kHeaderSectionLength, safe))
-            return false;
-    return true;
+    if (!flash.Read(address, header, kHeaderFixedLength)) return std::nullopt;
+    std::vector<Section> sections(header[156]);
+    if (!flash.Read(address, header, HeaderLength(header[156]))) return std::nullopt;
+    const uint8_t* at = header + kHeaderFixedLength;
+    for (Section& section : sections) {
+        char name[17] = {};
+        std::memcpy(name, at, 16);
+        section.safe = std::strncmp(name, "Upgrade.", 8) == 0;
+        section.clear = std::strstr(name, "Factory.CLR.") || std::strstr(name, "Upgrade.CLR");
+        section.address = U32(at + 16);
+        section.size = U32(at + 20);
+        at += kHeaderSectionLength;
+    }
+    return sections;
 }
 
 }  // namespace
+
+bool ImageComplete(const NorFlash& flash, uint32_t address, bool safe) {
+    const auto sections = SectionsOf(flash, address);
+    if (!sections) return false;
+    if (!flash.Programmed(address, HeaderLength(static_cast<uint32_t>(sections->size()))))
+        return false;
+    return std::all_of(sections->begin(), sections->end(), [&](const Section& section) {
+        if (section.safe != safe) return true;
+        return section.clear ? flash.Blank(section.address, section.size)
+                             : flash.Programmed(section.address, section.size);
+    });
+}
+
+bool LoadDump(NorFlash& flash, uint32_t firmwareOffset, const std::vector<uint8_t>& dump) {
+    if (dump.size() > flash.Size() || !flash.Erase(0, flash.Size())) return false;
+    for (size_t at = 0; at < dump.size(); at += NorFlash::kSector) {
+        const auto n = static_cast<uint32_t>(std::min<size_t>(dump.size() - at, NorFlash::kSector));
+        const auto begin = dump.begin() + static_cast<ptrdiff_t>(at);
+        if (std::all_of(begin, begin + n, [](uint8_t byte) { return byte == 0xFF; })) continue;
+        if (!flash.Program(static_cast<uint32_t>(at), &dump[at], n)) return false;
+    }
+    const uint32_t safeAddress = firmwareOffset + kSafeHeaderDistance;
+    for (const uint32_t address : {safeAddress, firmwareOffset}) {
+        const auto sections = SectionsOf(flash, address);
+        if (!sections) continue;
+        if (!flash.SetBootAddress(address)) return false;
+        for (const Section& section : *sections)
+            if (flash.InRange(section.address, section.size) && !section.clear &&
+                !flash.Blank(section.address, section.size) &&
+                !flash.Mark(section.address, section.size, true))
+                return false;
+    }
+    return true;
+}
 
 StoredHeader ReadHeader(const NorFlash& flash, uint32_t address) {
     uint8_t header[kHeaderFixedLength];

@@ -1,4 +1,4 @@
-// How a card finds its firmware after power-on. Reads flash, changes nothing. Not locked.
+// How a card finds its firmware after power-on. Not locked.
 #pragma once
 
 #include <cstdint>
@@ -26,10 +26,18 @@ StoredHeader ReadHeader(const NorFlash& flash, uint32_t address);
 std::vector<uint8_t> MakeHeader(uint32_t version, uint16_t compatibilityCode, uint16_t productCode,
                                 uint8_t hardwareVersion);
 
+// True when the image, whose header stands at `address`, can be run: the header is valid, and it
+// and every section that belongs to it are programmed, or blank where the section is a clear one.
+bool ImageComplete(const NorFlash& flash, uint32_t address, bool safe);
+
+// Puts the bytes of a dumped chip, the rest blank, and counts as programmed every sector that is
+// not blank and, whole, each section of a header that is not. The main image's header, if there is
+// one, counts as the last one written. False when the chip is too small or cannot be written.
+bool LoadDump(NorFlash& flash, uint32_t firmwareOffset, const std::vector<uint8_t>& dump);
+
 // The version that a card runs after power-on. Of the two images the one whose header was
-// programmed last is tried first; an image counts when its header is valid and it, and every
-// section that belongs to it, holds exactly what was programmed. Otherwise the other image, and
-// when neither is complete the factory's golden version.
+// programmed last is tried first, then the other, and when neither is complete the factory's golden
+// version runs.
 uint32_t LoadFirmware(const NorFlash& flash, uint32_t firmwareOffset, uint32_t goldenVersion);
 
 }  // namespace qvsim

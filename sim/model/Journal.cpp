@@ -1,16 +1,16 @@
 #include "Journal.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
-#include "CardsState.h"
+#include "Files.h"
 
 namespace qvsim {
 
@@ -101,49 +101,132 @@ bool ParseJournalLine(const std::string& text, JournalLine& line) {
     return true;
 }
 
-std::vector<JournalLine> ReadJournal(const std::string& dir) {
-    std::vector<JournalLine> lines;
-    const std::string text = ReadText(JournalPath(dir));
-    for (size_t at = 0; at < text.size();) {
+namespace {
+
+constexpr char kHead[] = "qvsim-journal 1\n";
+constexpr size_t kHeadSize = sizeof kHead - 1;
+constexpr uint64_t kLinesAtOnce = 16u << 10;  // what may be written between two looks for room
+constexpr uint64_t kRoomAtOnce = 256u << 10;
+
+std::string OldPath(const std::string& dir) { return JournalPath(dir) + ".old"; }
+
+// Without a line in writing, and without the first line; it is wrong when that is another.
+std::string LinesOf(const std::string& path, bool& wrong) {
+    std::string text = ReadText(path);
+    text.resize(text.rfind('\n') + 1);
+    wrong = !text.empty() && text.compare(0, kHeadSize, kHead) != 0;
+    if (!text.empty() && !wrong) text.erase(0, kHeadSize);
+    return text;
+}
+
+void Parse(const std::string& path, std::vector<JournalLine>& lines, std::string& error) {
+    bool wrong = false;
+    const std::string text = LinesOf(path, wrong);
+    if (wrong && error.empty()) error = path + ":1: is no journal of this version";
+    int number = 2;
+    for (size_t at = 0; at < text.size() && !wrong; ++number) {
         const size_t end = text.find('\n', at);
-        if (end == std::string::npos) break;  // a line in writing
         JournalLine line;
-        if (ParseJournalLine(text.substr(at, end - at), line)) lines.push_back(line);
+        if (ParseJournalLine(text.substr(at, end - at), line))
+            lines.push_back(line);
+        else if (error.empty())
+            error = path + ":" + std::to_string(number) +
+                    ": not a line of a journal: " + text.substr(at, std::min<size_t>(end - at, 60));
         at = end + 1;
     }
+}
+
+}  // namespace
+
+std::vector<JournalLine> ReadJournal(const std::string& dir, std::string* error) {
+    std::vector<JournalLine> lines;
+    std::string first;
+    for (const std::string& path : {OldPath(dir), JournalPath(dir)}) Parse(path, lines, first);
+    if (error) *error = first;
     return lines;
 }
 
+std::string JournalText(const std::string& dir) {
+    bool wrong = false;
+    return LinesOf(OldPath(dir), wrong) + LinesOf(JournalPath(dir), wrong);
+}
+
+std::string ClearJournal(Folder& folder) {
+    const Folder::Lock lock(&folder);
+    unlink(OldPath(folder.Dir()).c_str());
+    if (!ReplaceFile(JournalPath(folder.Dir()), kHead))
+        return JournalPath(folder.Dir()) + ": " + std::strerror(errno);
+    StoreShared<uint64_t>(folder.Page().journalBytes, kHeadSize);
+    StoreShared<uint64_t>(folder.Page().journalReserved, 0);
+    CountShared<uint32_t>(folder.Page().journalEpoch);
+    return {};
+}
+
 Journal::~Journal() {
-    if (sequence_) munmap(sequence_, sizeof *sequence_);
     if (fd_ >= 0) close(fd_);
 }
 
-std::string Journal::Open(const std::string& dir) {
-    const std::string path = JournalPath(dir);
-    fd_ = OpenOutOfTheWay(path, O_WRONLY | O_CREAT | O_APPEND);
-    if (fd_ < 0) return path + ": " + std::strerror(errno);
-    const std::string counter = path + ".count";
-    const int fd = open(counter.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666);
-    if (fd < 0) return counter + ": " + std::strerror(errno);
-    void* page = MAP_FAILED;
-    if (ftruncate(fd, sizeof *sequence_) == 0)
-        page = mmap(nullptr, sizeof *sequence_, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
-    const int error = errno;
-    close(fd);
-    if (page == MAP_FAILED) return counter + ": " + std::strerror(error);
-    sequence_ = static_cast<uint64_t*>(page);
+std::string Journal::Open(Folder& folder, uint32_t limit) {
+    folder_ = &folder;
+    limit_ = limit;
+    if (!Reopen()) return JournalPath(folder.Dir()) + ": " + std::strerror(errno);
     return {};
+}
+
+bool Journal::Reopen() {
+    const Folder::Lock lock(folder_);
+    const int fd = OpenOutOfTheWay(JournalPath(folder_->Dir()), O_WRONLY | O_CREAT | O_APPEND);
+    struct stat status {};
+    if (fd < 0 || fstat(fd, &status) != 0) return false;
+    if (fd_ >= 0) close(fd_);
+    fd_ = fd;
+    epoch_ = LoadShared(folder_->Page().journalEpoch);
+    if (status.st_size == 0 && !WriteAll(fd_, kHead, kHeadSize)) return false;
+    if (status.st_size == 0) StoreShared<uint64_t>(folder_->Page().journalBytes, kHeadSize);
+    return true;
+}
+
+// The lock is held. Who still writes to the older file is read there.
+void Journal::BeginAnew() {
+    const std::string path = JournalPath(folder_->Dir());
+    if (rename(path.c_str(), OldPath(folder_->Dir()).c_str()) != 0) return;
+    StoreShared<uint64_t>(folder_->Page().journalReserved, 0);
+    CountShared<uint32_t>(folder_->Page().journalEpoch);
+    Reopen();
+}
+
+bool Journal::HasRoom() {
+    if (fd_ < 0) return true;
+    LivePage& page = folder_->Page();
+    const bool fits =
+        LoadShared(page.journalBytes) + kLinesAtOnce <= LoadShared(page.journalReserved);
+    if (fits && epoch_ == LoadShared(page.journalEpoch)) return true;
+    if (epoch_ != LoadShared(page.journalEpoch) && !Reopen()) return false;
+    const Folder::Lock lock(folder_);
+    if (limit_ > 0 && LoadShared(page.journalBytes) > limit_ / 2) BeginAnew();
+    const uint64_t bytes = LoadShared(page.journalBytes);
+    if (bytes + kLinesAtOnce <= LoadShared(page.journalReserved)) return true;
+    const uint64_t room = limit_ > 0 ? kLinesAtOnce * 2 : kRoomAtOnce;
+    if (fallocate(fd_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(bytes), static_cast<off_t>(room)) !=
+        0) {
+        if (errno != EOPNOTSUPP && errno != ENOSYS && errno != EINTR) return false;
+        // A file system that cannot promise: what is written is what there was room for.
+    }
+    StoreShared<uint64_t>(page.journalReserved, bytes + room);
+    return true;
 }
 
 void Journal::Write(const std::string& what, const Answer& answer) {
     if (fd_ < 0) return;
-    const uint64_t sequence = std::atomic_ref<uint64_t>(*sequence_).fetch_add(1) + 1;
+    LivePage& page = folder_->Page();
+    if (epoch_ != LoadShared(page.journalEpoch)) Reopen();
+    const uint64_t sequence = CountShared<uint64_t>(page.sequence);
     std::string line = std::to_string(sequence) + " " + std::to_string(getpid()) + " " + what +
                        " = " + std::to_string(answer.error ? -1 : answer.value);
     if (answer.error) line += " " + ErrorName(answer.error);
     line += "\n";
-    // One write per line; a journal that cannot be written does not stop a card.
+    CountShared<uint64_t>(page.journalBytes, line.size());
+    // One write per line, for which there is room.
     ssize_t written = 0;
     do written = write(fd_, line.data(), line.size());
     while (written < 0 && errno == EINTR);

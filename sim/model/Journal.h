@@ -1,5 +1,7 @@
 // The journal: one line per open, close and request, appended to a file that processes share.
 //
+// With a limit the file is begun anew when it has half of that, and the one before is kept beside
+// it. Room for lines is taken in advance, so that a full disk refuses a request and tears no line.
 // A line is `SEQUENCE PID open|close|ioctl NODE … = RESULT`, where RESULT is the return value or
 // `-1 ERRNO`. The sequence number counts over all processes of the state directory. Not locked:
 // the model's lock covers it; lines of several processes never mix, each is one write.
@@ -10,6 +12,7 @@
 #include <vector>
 
 #include "EventTable.h"
+#include "Folder.h"
 
 namespace qvsim {
 
@@ -28,8 +31,13 @@ struct JournalLine {
 
 // False when the text is not a journal line.
 bool ParseJournalLine(const std::string& text, JournalLine& line);
-std::vector<JournalLine> ReadJournal(const std::string& dir);
+// The lines of a folder, the older file's first; `error` names the first line that is none, if any.
+std::vector<JournalLine> ReadJournal(const std::string& dir, std::string* error = nullptr);
+// The same as a text, without what is in writing.
+std::string JournalText(const std::string& dir);
 std::string JournalPath(const std::string& dir);
+// Forgets all lines; the numbers go on. An empty text or what went wrong.
+std::string ClearJournal(Folder& folder);
 
 // "EIO"; "E131" for one without a name here.
 std::string ErrorName(int error);
@@ -41,14 +49,22 @@ class Journal {
     Journal& operator=(const Journal&) = delete;
     ~Journal();
 
-    std::string Open(const std::string& dir);  // an empty text or what went wrong
+    // An empty text or what went wrong.
+    std::string Open(Folder& folder, uint32_t limit);
     bool IsOpen() const { return fd_ >= 0; }
+    // Room for what one request can write. False: the disk is full, see errno.
+    bool HasRoom();
     // `what` is everything between process and result.
     void Write(const std::string& what, const Answer& answer);
 
   private:
+    bool Reopen();
+    void BeginAnew();
+
+    Folder* folder_ = nullptr;
     int fd_ = -1;
-    uint64_t* sequence_ = nullptr;  // a page of the counter file, shared between processes
+    uint32_t epoch_ = 0;
+    uint32_t limit_ = 0;  // bytes, 0: none
 };
 
 }  // namespace qvsim

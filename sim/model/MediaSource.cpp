@@ -37,7 +37,7 @@ void ForgetReadCompletion(VideoCapture& video) {
 }  // namespace
 
 bool MediaSource::Alive(const Channel& channel) {
-    return channel.signal && !channel.gone && !channel.board->state->powerLost;
+    return channel.signal && !channel.state->gone && !channel.board->state->powerLost;
 }
 
 void MediaSource::StartVideo(Lock& lock, Channel& channel, const OpenFile* owner, uint64_t event,

@@ -1,15 +1,18 @@
 #include "Model.h"
 
 #include <fcntl.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <utility>
 
 #include "FirmwareImage.h"
+#include "Hex.h"
 
 namespace qvsim {
 namespace {
@@ -32,23 +35,26 @@ std::optional<int> NodeOf(const std::string& path) {
     return node;
 }
 
-// Changes whenever the file is replaced; 0 when there is none.
-int64_t StampOf(const std::string& path) {
-    struct stat status;
-    if (stat(path.c_str(), &status) != 0) return 0;
-    return static_cast<int64_t>(status.st_mtim.tv_sec) * 1'000'000'000 + status.st_mtim.tv_nsec +
-           static_cast<int64_t>(status.st_ino);
+// Tells one run of the machine from another; its clock begins at 0 in each.
+uint64_t BootOfMachine() {
+    const std::string id = ReadText("/proc/sys/kernel/random/boot_id");
+    return uint64_t{1} << 32 | Crc32(id.data(), id.size());
 }
 
 }  // namespace
 
 std::shared_ptr<Model> Model::Load(const std::string& dir, std::string& error) {
     std::shared_ptr<Model> model(new Model);
-    model->dir_ = dir;
     error = LoadState(dir, model->state_);
-    model->stateStamp_ = StampOf(StatePath(dir));
+    if (!error.empty()) return nullptr;
+    model->folder_ = Folder::Open(dir, error);
+    if (!model->folder_) return nullptr;
+    const Folder::Lock lock(model->folder_.get());
+    // Now that nobody else changes anything.
+    model->generation_ = LoadShared(model->folder_->Page().generation);
+    error = LoadState(dir, model->state_);
     if (error.empty()) error = model->Build();
-    if (error.empty()) error = model->journal_.Open(dir);
+    if (error.empty()) error = model->journal_.Open(*model->folder_, model->state_.journalLimit);
     return error.empty() ? model : nullptr;
 }
 
@@ -64,8 +70,20 @@ Model::~Model() { ShutDown(); }
 std::string Model::Build() {
     for (BoardState& board : state_.boards)
         if (std::string error = BuildBoard(board); !error.empty()) return error;
-    for (const Fault& fault : state_.faults) faults_.Add(fault);
     TakeOnDriverWays();
+    if (!folder_) {
+        for (const Fault& fault : state_.faults) faults_.Add(fault);
+        return {};
+    }
+    LivePage& page = folder_->Page();
+    faults_.Take(state_.faults, page.faultSeen);
+    const uint64_t boot = BootOfMachine();
+    const bool newBoot = page.boot != boot;
+    page.boot = boot;
+    for (const auto& board : boards_) {
+        board->clock.Share(&page.clocks[board->state->index], time_.Start());
+        if (newBoot) board->clock.Set(time_.Now(), 0);
+    }
     return {};
 }
 
@@ -84,11 +102,11 @@ std::string Model::BuildBoard(BoardState& state) {
     board->state = &state;
     for (size_t i = 0; i < state.channels.size(); ++i) {
         if (i == 0 || !state.sharedFlash) {
-            auto flash = dir_.empty() ? std::make_unique<NorFlash>(state.flashSize)
-                                      : std::make_unique<NorFlash>();
+            auto flash = folder_ ? std::make_unique<NorFlash>()
+                                 : std::make_unique<NorFlash>(state.flashSize);
             const std::string name = FlashFileName(state, static_cast<int>(i));
             std::string error;
-            if (!dir_.empty()) error = flash->Open(dir_ + "/" + name, state.flashSize);
+            if (folder_) error = flash->Open(folder_->Dir() + "/" + name, state.flashSize);
             if (!error.empty()) return error;
             board->flashes.push_back(std::move(flash));
         }
@@ -97,7 +115,8 @@ std::string Model::BuildBoard(BoardState& state) {
         channel->state = &state.channels[i];
         channel->index = static_cast<int>(i);
         channel->flash = board->flashes.back().get();
-        if (!dir_.empty()) channel->settings.Load(ReadText(SettingsPath(*channel)));
+        if (folder_)
+            if (std::string error = LoadSettings(*channel); !error.empty()) return error;
         channels_.push_back(std::move(channel));
     }
     boards_.push_back(std::move(board));
@@ -105,13 +124,124 @@ std::string Model::BuildBoard(BoardState& state) {
 }
 
 std::string Model::SettingsPath(const Channel& channel) const {
-    return dir_ + "/settings-b" + std::to_string(channel.board->state->index) + "-c" +
+    return folder_->Dir() + "/settings-b" + std::to_string(channel.board->state->index) + "-c" +
            std::to_string(channel.index);
 }
 
-void Model::SaveSettings(const Channel& channel) const {
-    // Best effort: a directory that cannot be written loses settings, not requests.
-    if (!dir_.empty()) ReplaceFile(SettingsPath(channel), channel.settings.Save());
+uint32_t& Model::SettingsGeneration(const Channel& channel) const {
+    return folder_->Page().settings[channel.board->state->index][channel.index];
+}
+
+// An empty text or what is wrong; the folder's lock is held, here and below.
+std::string Model::LoadSettings(Channel& channel) const {
+    channel.settingsSeen = LoadShared(SettingsGeneration(channel));
+    const std::string text = ReadText(SettingsPath(channel));
+    channel.settingsBytes = text.size();
+    if (channel.settingsFile >= 0) close(std::exchange(channel.settingsFile, -1));
+    const int line = channel.settings.Load(text);
+    if (line == 0) return {};
+    return SettingsPath(channel) + ":" + std::to_string(line) + ": not a line of a settings file";
+}
+
+bool Model::OpenSettings(Channel& channel) const {
+    constexpr size_t kLongest = 256u << 10;
+    if (channel.settingsFile >= 0 && channel.settingsBytes < kLongest) return true;
+    // A file that is new, or has grown long, is written as what it comes to.
+    if (channel.settingsBytes == 0 || channel.settingsBytes >= kLongest) {
+        Settings whole;
+        whole.Load(ReadText(SettingsPath(channel)));
+        const std::string text = whole.Save();
+        if (!ReplaceFile(SettingsPath(channel), text)) return false;
+        channel.settingsBytes = text.size();
+    }
+    if (channel.settingsFile >= 0) close(channel.settingsFile);
+    channel.settingsFile = OpenOutOfTheWay(SettingsPath(channel), O_WRONLY | O_APPEND);
+    return channel.settingsFile >= 0;
+}
+
+bool Model::KeepSettings(Channel* channel) {
+    if (!channel) return true;
+    const std::string changes = channel->settings.TakeChanges();
+    if (changes.empty() || !folder_) return true;
+    const Folder::Lock lock(folder_.get());
+    const bool stale = channel->settingsSeen != LoadShared(SettingsGeneration(*channel));
+    // Another process may have put another file in its place.
+    if (stale && channel->settingsFile >= 0) close(std::exchange(channel->settingsFile, -1));
+    if (stale) channel->settingsBytes = ReadText(SettingsPath(*channel)).size();
+    bool kept = OpenSettings(*channel);
+    if (kept && !WriteAll(channel->settingsFile, changes.data(), changes.size())) {
+        kept = false;
+        const int error = errno;
+        const auto before = static_cast<off_t>(channel->settingsBytes);
+        if (ftruncate(channel->settingsFile, before) != 0) channel->settingsBytes = 0;
+        errno = error;
+    }
+    if (kept) {
+        channel->settingsBytes += changes.size();
+        const uint32_t mine = CountShared<uint32_t>(SettingsGeneration(*channel));
+        if (!stale) channel->settingsSeen = mine;
+    } else {
+        Complain(SettingsPath(*channel), errno);
+    }
+    if (stale || !kept) LoadSettings(*channel);
+    return kept;
+}
+
+void Model::Complain(const std::string& what, int error) {
+    if (std::exchange(complained_, true)) return;
+    std::fprintf(stderr, "qvcap-sim: %s: %s; requests fail until that is mended\n", what.c_str(),
+                 std::strerror(error));
+}
+
+bool Model::HasRoom() {
+    if (!folder_ || journal_.HasRoom()) return true;
+    Complain(JournalPath(folder_->Dir()), errno);
+    return false;
+}
+
+void Model::CatchUp(Channel* channel) {
+    if (!folder_) return;
+    if (LoadShared(folder_->Page().generation) != generation_) {
+        const Folder::Lock lock(folder_.get());
+        generation_ = LoadShared(folder_->Page().generation);
+        CardsState fresh;
+        // A file that cannot be read leaves this process with what it knows.
+        if (const std::string error = LoadState(folder_->Dir(), fresh); error.empty())
+            TakeOverState(fresh);
+    }
+    if (!channel || LoadShared(SettingsGeneration(*channel)) == channel->settingsSeen) return;
+    const Folder::Lock lock(folder_.get());
+    LoadSettings(*channel);
+}
+
+// What can change while cards are in use; cards that were laid out anew are others.
+void Model::TakeOverState(const CardsState& fresh) {
+    if (fresh.boards.size() != state_.boards.size()) return;
+    state_.eventNodeGone = fresh.eventNodeGone;
+    state_.faults = fresh.faults;
+    faults_.Take(state_.faults, folder_->Page().faultSeen);
+    for (size_t b = 0; b < fresh.boards.size(); ++b) {
+        BoardState& board = state_.boards[b];
+        if (fresh.boards[b].channels.size() != board.channels.size()) continue;
+        board.powerLost = fresh.boards[b].powerLost;
+        for (size_t c = 0; c < board.channels.size(); ++c) {
+            board.channels[c].info = fresh.boards[b].channels[c].info;
+            board.channels[c].gone = fresh.boards[b].channels[c].gone;
+        }
+    }
+}
+
+template <class Change>
+bool Model::ChangeState(Change change) {
+    const Folder::Lock lock(folder_.get());
+    CatchUp(nullptr);
+    change();
+    if (!folder_) return true;
+    const std::string error = SaveState(*folder_, state_);
+    generation_ = LoadShared(folder_->Page().generation);
+    if (error.empty()) return true;
+    Complain(StatePath(folder_->Dir()), errno);
+    return false;
 }
 
 bool Model::Answers(const char* path) {
@@ -141,18 +271,20 @@ bool Model::IsForeign(const std::string& path) const {
 
 bool Model::Exists(const std::string& path) {
     const std::lock_guard lock(mutex_);
-    if (path == kEventPath) return state_.eventNode && !eventNodeGone_;
-    if (const Channel* channel = ChannelOfNode(path)) return !channel->gone;
+    CatchUp(nullptr);
+    if (path == kEventPath) return state_.eventNode && !state_.eventNodeGone;
+    if (const Channel* channel = ChannelOfNode(path)) return !channel->state->gone;
     return IsForeign(path);
 }
 
 std::vector<std::string> Model::NodeNames() {
     const std::lock_guard lock(mutex_);
+    CatchUp(nullptr);
     std::vector<std::string> names;
     for (const auto& channel : channels_)
-        if (!channel->gone) names.push_back("video" + std::to_string(channel->state->node));
+        if (!channel->state->gone) names.push_back("video" + std::to_string(channel->state->node));
     for (const int node : state_.foreignNodes) names.push_back("video" + std::to_string(node));
-    if (state_.eventNode && !eventNodeGone_) names.push_back("qv-event");
+    if (state_.eventNode && !state_.eventNodeGone) names.push_back("qv-event");
     return names;
 }
 
@@ -179,12 +311,13 @@ int Model::OpenFault(const std::vector<FaultEffect>& effects, Channel* owner) {
 
 std::shared_ptr<OpenFile> Model::Open(const std::string& path, int& error) {
     Lock lock(mutex_);
-    RefreshFromDisk();
+    CatchUp(nullptr);
     Channel* const owner = ChannelOfNode(path);
     const NodeKind kind = path == kEventPath ? NodeKind::kEvents
                           : owner            ? NodeKind::kChannel
                                              : NodeKind::kForeign;
     error = OpenError(path, owner);
+    if (!error && !HasRoom()) error = ENOSPC;
     if (error) return nullptr;
     const std::vector<FaultEffect> effects = MeetFaults("open", owner);
     if (const auto slow = EffectOf(effects, FaultKind::kSlow)) {
@@ -213,8 +346,8 @@ std::vector<FaultEffect> Model::MeetFaults(const std::string& request, const Cha
 }
 
 void Model::NoteMet(FaultKind kind, const std::string& request, const Channel* channel) const {
-    if (dir_.empty()) return;
-    AppendText(MetFaultsPath(dir_),
+    if (!folder_) return;
+    AppendText(MetFaultsPath(folder_->Dir()),
                std::string(FaultKindName(kind)) + " " + request +
                    " board=" + std::to_string(channel ? channel->board->state->index : -1) +
                    " channel=" + std::to_string(channel ? channel->index : -1) + "\n");
@@ -222,7 +355,7 @@ void Model::NoteMet(FaultKind kind, const std::string& request, const Channel* c
 
 void Model::JournalOpen(const std::string& path, int descriptor, int error) {
     const std::lock_guard lock(mutex_);
-    if (!journal_.IsOpen()) return;
+    if (!journal_.IsOpen() || !journal_.HasRoom()) return;
     if (error)
         journal_.Write("open " + path, Refused(error));
     else
@@ -236,7 +369,6 @@ void Model::Close(const std::shared_ptr<OpenFile>& file, int descriptor) {
     timers_.DropOwner(file.get());
     events_.DropOwner(file.get());
     std::erase(files_, file);
-    if (file->channel && file->channel->settings.Changed()) SaveSettings(*file->channel);
     if (!journal_.IsOpen()) return;
     journal_.Write("close " + file->path + " fd=" + std::to_string(descriptor), Ok());
 }
@@ -250,60 +382,44 @@ Channel* Model::FindChannel(int board, int channel) {
 
 void Model::PowerCycle() {
     const std::lock_guard lock(mutex_);
-    RefreshFromDisk();
-    eventNodeGone_ = false;
-    for (const auto& board : boards_)
-        for (const auto& flash : board->flashes) flash->Reload();
+    const Folder::Lock folderLock(folder_.get());
+    ChangeState([this] {
+        state_.eventNodeGone = false;
+        for (const auto& board : boards_) board->clock.Set(time_.Now(), 0);
+        for (const auto& channel : channels_) {
+            channel->state->info.firmwareVersion =
+                LoadFirmware(*channel->flash, channel->state->storage.firmwareOffset,
+                             channel->board->state->goldenVersion);
+            channel->board->state->powerLost = false;
+            channel->state->gone = false;
+        }
+    });
     for (const auto& channel : channels_) {
-        const uint32_t version =
-            LoadFirmware(*channel->flash, channel->state->storage.firmwareOffset,
-                         channel->board->state->goldenVersion);
-        channel->state->info.firmwareVersion = version;
-        channel->board->state->powerLost = false;
-        channel->gone = false;
+        CatchUp(channel.get());
         channel->settings.Reset();
-        SaveSettings(*channel);
+        KeepSettings(channel.get());
     }
-    SaveChanges();
 }
 
 void Model::LosePower(Board& board) {
-    board.state->powerLost = true;
-    SaveChanges();
+    ChangeState([&] { board.state->powerLost = true; });
 }
 
-void Model::SaveChanges() {
-    if (dir_.empty()) return;
-    // A state file that cannot be written leaves this process right and the next one behind; the
-    // next load reports what is wrong with the directory.
-    SaveState(dir_, state_);
-    stateStamp_ = StampOf(StatePath(dir_));
-}
-
-// Another process may have cut or cycled the power since the file was last read.
-void Model::RefreshFromDisk() {
-    if (dir_.empty()) return;
-    const int64_t stamp = StampOf(StatePath(dir_));
-    if (stamp == stateStamp_) return;
-    stateStamp_ = stamp;
-    CardsState fresh;
-    if (!LoadState(dir_, fresh).empty() || fresh.boards.size() != state_.boards.size()) return;
-    for (size_t b = 0; b < fresh.boards.size(); ++b) {
-        BoardState& board = state_.boards[b];
-        if (fresh.boards[b].channels.size() != board.channels.size()) continue;
-        board.powerLost = fresh.boards[b].powerLost;
-        for (size_t c = 0; c < board.channels.size(); ++c)
-            board.channels[c].info = fresh.boards[b].channels[c].info;
-    }
+void Model::LoseNode(Channel* channel) {
+    if (IsGone(channel)) return;
+    ChangeState([&] { (channel ? channel->state->gone : state_.eventNodeGone) = true; });
 }
 
 void Model::AddFault(const Fault& fault) {
     const std::lock_guard lock(mutex_);
-    faults_.Add(fault);
+    if (!folder_) return faults_.Add(fault);
+    ChangeState([&] { state_.faults.push_back(fault); });
+    faults_.Take(state_.faults, folder_->Page().faultSeen);
 }
 
 void Model::ClearFaults() {
     const std::lock_guard lock(mutex_);
+    ChangeState([&] { state_.faults.clear(); });
     faults_.Clear();
 }
 
@@ -340,7 +456,11 @@ NorFlash* Model::Flash(int board, int channel) {
 
 void Model::SetRecord(int board, int channel, const std::string& key, const Bytes& record) {
     const std::lock_guard lock(mutex_);
-    if (Channel* found = FindChannel(board, channel)) found->settings.Put(key, record);
+    Channel* const found = FindChannel(board, channel);
+    if (!found) return;
+    CatchUp(found);
+    found->settings.Put(key, record);
+    KeepSettings(found);
 }
 
 Alive Model::CountAlive() {

@@ -18,6 +18,7 @@
 #include "Card.h"
 #include "EventTable.h"
 #include "FaultSet.h"
+#include "Folder.h"
 #include "Journal.h"
 #include "MediaSource.h"
 #include "Notifications.h"
@@ -100,15 +101,27 @@ class Model {
     std::vector<FaultEffect> MeetFaults(const std::string& request, const Channel* channel);
     void NoteMet(FaultKind kind, const std::string& request, const Channel* channel) const;
     // A node vanishes until the next power cycle. Null: the event node.
-    void LoseNode(Channel* channel) { (channel ? channel->gone : eventNodeGone_) = true; }
-    bool IsGone(const Channel* channel) const { return channel ? channel->gone : eventNodeGone_; }
+    void LoseNode(Channel* channel);
+    bool IsGone(const Channel* channel) const {
+        return channel ? channel->state->gone : state_.eventNodeGone;
+    }
+    // Takes over what other processes on the folder have changed since the last look. Null: nothing
+    // of a channel.
+    void CatchUp(Channel* channel);
+    // Writes down what a request set. False: the disk is full, and nothing was set.
+    bool KeepSettings(Channel* channel);
+    // Whether a request can be written down. False, and said once, when the disk is full.
+    bool HasRoom();
+    // Held while files of the folder change.
+    Folder::Lock LockFolder() { return Folder::Lock(folder_.get()); }
     Journal& Lines() { return journal_; }
     const Latencies& Delays() const { return state_.latencies; }
+    const DriverWays& Ways() const { return state_.driver; }
     std::map<std::string, Bytes>& EventRecords() { return eventRecords_; }
     int64_t Now() const { return time_.Now(); }
     bool IsShutDown() const { return shutDown_; }
     HandlePool& ImageHandles() { return imageHandles_; }
-    // The board is dead from now on; written to the state file at once.
+    // The board is dead from now on, for every process.
     void LosePower(Board& board);
     MediaSource& Media() { return media_; }
     // Something with a time changed: lets happen what is due, and sees to it that the rest will.
@@ -125,16 +138,23 @@ class Model {
     int OpenError(const std::string& path, const Channel* owner) const;
     int OpenFault(const std::vector<FaultEffect>& effects, Channel* owner);
     bool IsForeign(const std::string& path) const;
-    void RefreshFromDisk();
-    void SaveChanges();
+    void TakeOverState(const CardsState& fresh);
+    // Changes the state of the folder for all its processes. False when it cannot be written: then
+    // this process goes on with it alone.
+    template <class Change>
+    bool ChangeState(Change change);
+    void Complain(const std::string& what, int error);
     std::optional<int64_t> RunDue();
     void KeepTime();
-    void SaveSettings(const Channel& channel) const;
+    uint32_t& SettingsGeneration(const Channel& channel) const;
+    bool OpenSettings(Channel& channel) const;
+    std::string LoadSettings(Channel& channel) const;
     std::string SettingsPath(const Channel& channel) const;
 
     std::mutex mutex_;
-    std::string dir_;  // empty: in memory alone
+    std::unique_ptr<Folder> folder_;  // null: in memory alone
     CardsState state_;
+    uint32_t generation_ = 0;  // of the state file that is in `state_`
     std::vector<std::unique_ptr<Board>> boards_;
     std::vector<std::unique_ptr<Channel>> channels_;
     std::vector<std::shared_ptr<OpenFile>> files_;
@@ -147,9 +167,8 @@ class Model {
     Journal journal_;
     std::map<std::string, Bytes> eventRecords_;
     HandlePool imageHandles_{0x4001};
-    int64_t stateStamp_ = 0;  // modification time of the state file as last read or written
     bool shutDown_ = false;
-    bool eventNodeGone_ = false;
+    bool complained_ = false;
     std::condition_variable timeChanged_;
     std::thread timekeeper_;  // started when something is due for the first time
 };

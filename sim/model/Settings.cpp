@@ -7,31 +7,48 @@
 namespace qvsim {
 namespace {
 
-void Append(std::string& out, char kind, const std::map<std::string, Bytes>& values) {
-    for (const auto& [key, value] : values)
-        out += std::string(1, kind) + " " + key + " " + ToHex(value.data(), value.size()) + "\n";
-}
+constexpr char kSettingsFirstLine[] = "qvsim-settings 1";
 
 }  // namespace
 
+std::string Settings::ValueLine(char kind, const std::string& key, const Bytes& value) {
+    return std::string(1, kind) + " " + key + " " + ToHex(value.data(), value.size()) + "\n";
+}
+
 std::string Settings::Save() const {
-    std::string out;
-    Append(out, 'v', values_);
-    Append(out, 'p', preset_);
+    std::string out = kSettingsFirstLine;
+    out += '\n';
+    for (const auto& [key, value] : preset_) out += ValueLine('p', key, value);
+    for (const auto& [key, value] : values_) out += ValueLine('v', key, value);
     return out;
 }
 
-void Settings::Load(const std::string& text) {
-    for (size_t at = 0; at < text.size();) {
-        const size_t end = std::min(text.find('\n', at), text.size());
+bool Settings::LoadLine(const std::string& line) {
+    if (line == "save") return preset_ = values_, true;
+    if (line == "reload") return values_ = preset_, true;
+    if (line == "off") return values_.clear(), true;
+    const size_t space = line.find(' ', 2);
+    if (line.size() < 4 || line[1] != ' ' || space == std::string::npos) return false;
+    Bytes value((line.size() - space - 1) / 2);
+    if (!FromHex(line.substr(space + 1), value.data(), value.size())) return false;
+    if (line[0] != 'p' && line[0] != 'v') return false;
+    (line[0] == 'p' ? preset_ : values_)[line.substr(2, space - 2)] = std::move(value);
+    return true;
+}
+
+int Settings::Load(const std::string& text) {
+    values_.clear();
+    preset_.clear();
+    changes_.clear();
+    int number = 1;
+    for (size_t at = 0; at < text.size(); ++number) {
+        const size_t end = text.find('\n', at);
+        if (end == std::string::npos) return number;
         const std::string line = text.substr(at, end - at);
+        if (!(number == 1 ? line == kSettingsFirstLine : LoadLine(line))) return number;
         at = end + 1;
-        const size_t space = line.find(' ', 2);
-        if (line.size() < 3 || space == std::string::npos) continue;
-        Bytes value((line.size() - space - 1) / 2);
-        if (!FromHex(line.substr(space + 1), value.data(), value.size())) continue;
-        (line[0] == 'p' ? preset_ : values_)[line.substr(2, space - 2)] = value;
     }
+    return 0;
 }
 
 }  // namespace qvsim

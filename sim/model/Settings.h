@@ -1,5 +1,6 @@
 // What the settings requests of one channel keep. Values are bytes under a name; what was never
-// set reads as the default that the request table or the model gives. Not locked.
+// set reads as the default that the request table or the model gives. Every change is a line, and
+// the lines in their order are the settings. Not locked.
 #pragma once
 
 #include <cstdint>
@@ -16,7 +17,7 @@ class Settings {
   public:
     void Put(const std::string& key, Bytes value) {
         values_[key] = std::move(value);
-        changed_ = true;
+        changes_ += ValueLine('v', key, values_[key]);
     }
     // Null when it was never set.
     const Bytes* Find(const std::string& key) const {
@@ -25,24 +26,32 @@ class Settings {
     }
     void SavePreset() {
         preset_ = values_;
-        changed_ = true;
+        changes_ += "save\n";
     }
     void ReloadPreset() {
         values_ = preset_;
-        changed_ = true;
+        changes_ += "reload\n";
     }
-    // Since the last look.
-    bool Changed() { return std::exchange(changed_, false); }
-    void Reset() { values_.clear(); }  // power-on: presets stay
+    void Reset() {  // power-on: presets stay
+        values_.clear();
+        changes_ += "off\n";
+    }
+    // As lines, since the last look.
+    std::string TakeChanges() { return std::exchange(changes_, {}); }
 
-    // One line per value; Load() skips what it cannot read.
+    // The whole as a text: its version, and as few lines as can be.
     std::string Save() const;
-    void Load(const std::string& text);
+    // Of such a text with more lines behind; 0, or the number of the first line that is none. An
+    // empty text has no settings. What stands before that line is taken.
+    int Load(const std::string& text);
 
   private:
+    static std::string ValueLine(char kind, const std::string& key, const Bytes& value);
+    bool LoadLine(const std::string& line);
+
     std::map<std::string, Bytes> values_;
     std::map<std::string, Bytes> preset_;  // empty: the defaults
-    bool changed_ = false;
+    std::string changes_;
 };
 
 // Bytes of a record that only a driver could fill: recognisable, and different for every request.

@@ -21,6 +21,11 @@ std::shared_ptr<Model>* LoadByEnvironment() {
     return model;
 }
 
+// The last thing that a process does with its cards.
+__attribute__((destructor)) void CloseAtExit() {
+    if (door::g_openNodes.load() > 0) door::CloseAll();
+}
+
 }  // namespace
 
 std::shared_ptr<Model> CurrentModel() {

@@ -89,6 +89,18 @@ int CloseNode(int fd) {
     return RealClose(fd);
 }
 
+void CloseAll() {
+    std::map<int, Entry> left;
+    {
+        Descriptors& table = Table();
+        const std::lock_guard lock(table.lock);
+        left.swap(table.entries);
+        g_openNodes.fetch_sub(static_cast<int>(left.size()), std::memory_order_release);
+    }
+    for (const auto& [fd, entry] : left)
+        if (entry.model) entry.model->Close(entry.file, fd);
+}
+
 int Request(int fd, unsigned long code, void* argument) {
     Entry entry;
     if (!Find(fd, entry) || !entry.model) {

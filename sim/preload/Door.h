@@ -40,5 +40,8 @@ bool IsNode(int fd);
 int CloseNode(int fd);
 int Request(int fd, unsigned long code, void* argument);
 
+// Closes what is still open, as the kernel does for a process that ends.
+void CloseAll();
+
 }  // namespace door
 }  // namespace qvsim

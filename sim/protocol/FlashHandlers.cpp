@@ -36,6 +36,7 @@ std::optional<CutPoint> CutOf(const Call& call) {
 }
 
 uint32_t SizeBeforeCut(const Call& call, uint32_t size) {
+    if (Has(call, FaultKind::kHalf)) return size / 2;
     const std::optional<CutPoint> cut = CutOf(call);
     if (!cut) return size;
     if (*cut == CutPoint::kStart) return 0;
@@ -59,10 +60,23 @@ bool GarbleAfterCut(Call& call, uint32_t offset, uint32_t done) {
     return clean || !flash.InRange(offset + done, 1) || flash.Garble(offset + done);
 }
 
+// The text up to the end of its field, behind which others stand.
+template <size_t size>
+void FillUp(char (&field)[size]) {
+    std::fill(field + strnlen(field, size), field + size, '#');
+}
+
 }  // namespace
 
 Answer GetChannelInfo(Call& call) {
-    call.As<_QVCAP_CHANNEL_INFO>() = call.channel->state->info;
+    auto& info = call.As<_QVCAP_CHANNEL_INFO>();
+    info = call.channel->state->info;
+    if (Has(call, FaultKind::kNoEnd)) {
+        FillUp(info.familyName);
+        FillUp(info.productName);
+        FillUp(info.furtherText);
+        FillUp(info.boardSerialNumber);
+    }
     return Ok();
 }
 
@@ -82,8 +96,11 @@ Answer EraseFirmwareData(Call& call) {
     NoteRange(call, offset, size);
     NorFlash& flash = *call.channel->flash;
     if (!flash.InRange(offset, size)) return Refused(EINVAL);
+    const bool whole = offset % NorFlash::kSector == 0 && size % NorFlash::kSector == 0;
+    if (call.model.Ways().strictErase && !whole) return Refused(EINVAL);
     if (!Busy(call, Units(size, NorFlash::kSector) * call.model.Delays().erasePerSector))
         return Ok();
+    const Folder::Lock lock = call.model.LockFolder();
     const uint32_t done = SizeBeforeCut(call, size);
     if (!flash.Erase(offset, done) || !GarbleAfterCut(call, offset, done)) EndForHost();
     constexpr uint8_t kProgrammed = 0x5A;
@@ -98,6 +115,7 @@ Answer WriteFirmwareData(Call& call) {
     NorFlash& flash = *call.channel->flash;
     if (!flash.InRange(offset, size)) return Refused(EINVAL);
     if (!Busy(call, Units(size, NorFlash::kPage) * call.model.Delays().programPerPage)) return Ok();
+    const Folder::Lock lock = call.model.LockFolder();
     const auto stuck =
         static_cast<uint8_t>(EffectOf(call.effects, FaultKind::kStuckBits).value_or(0));
     const uint32_t wanted = SizeBeforeCut(call, size);
@@ -110,11 +128,10 @@ Answer WriteFirmwareData(Call& call) {
             error = EFAULT;
         } else {
             crc = Crc32(piece, n, crc);
-            if (!flash.ProgramPiece(offset + done, piece, n, stuck)) EndForHost();
+            if (!flash.Program(offset + done, piece, n, stuck)) EndForHost();
         }
         done += n;
     }
-    if (!flash.SaveMap()) EndForHost();
     if (error != 0) return Refused(error);
     if (!GarbleAfterCut(call, offset, wanted)) EndForHost();
     call.NoteHex("crc", crc);

@@ -50,6 +50,7 @@ Answer StartVideoCapture(Call& call) {
     const uint64_t event = call.As<uint64_t>();
     call.NoteHex("event", event);
     if (!call.model.Events().Exists(event)) return Refused(EINVAL);
+    if (call.model.Ways().busyCapture && call.channel->video.running) return Refused(EBUSY);
     call.model.Media().StartVideo(call.lock, *call.channel, &call.file, event, call.model.Now());
     call.model.Kick();
     return Ok();
@@ -62,9 +63,11 @@ Answer CaptureVideoFrame(Call& call) {
     std::shared_ptr<CallerMemory> kept = call.memory.Keep();
     if (!kept) return Refused(ENOMEM);
     FrameRequest request;
-    request.sink = [memory = std::move(kept), address = uint64_t{record.address}](
+    // A torn frame: its second half stays what was there.
+    const uint64_t end = EffectOf(call.effects, FaultKind::kHalf) ? record.size / 2 : record.size;
+    request.sink = [memory = std::move(kept), address = uint64_t{record.address}, end](
                        uint64_t offset, const void* data, uint32_t size) {
-        return memory->Write(address + offset, data, size);
+        return offset >= end || memory->Write(address + offset, data, size);
     };
     request.size = record.size;
     request.stride = record.stride;
@@ -122,6 +125,7 @@ Answer GetVideoFrameInfo(Call& call) {
 }
 
 Answer StartAudioCapture(Call& call) {
+    if (call.model.Ways().busyCapture && call.channel->audio.running) return Refused(EBUSY);
     call.model.Media().StartAudio(*call.channel, &call.file, call.model.Now());
     call.model.Kick();
     return Ok();
@@ -132,7 +136,9 @@ Answer CaptureAudioFrame(Call& call) {
     std::optional<uint32_t> number;
     if (call.channel->audio.running) number = call.model.Media().TakeAudio(*call.channel);
     if (!number) return Refused(ENODATA);
-    DrawTone(*number, call.As<_QVCAP_AUDIO_CAPTURE_FRAME>());
+    auto& frame = call.As<_QVCAP_AUDIO_CAPTURE_FRAME>();
+    DrawTone(*number, frame);
+    if (EffectOf(call.effects, FaultKind::kWrongMarker)) frame.marker = ~uint32_t{frame.marker};
     call.NoteNumber("number", *number);
     return Ok();
 }

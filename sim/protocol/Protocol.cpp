@@ -105,6 +105,8 @@ Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t addres
         model.Lines().Write(head + (row ? row->name : HexText(code)), answer);
         return answer;
     }
+    model.CatchUp(file.channel);
+    if (!model.HasRoom()) return Refused(ENOSPC);
     // A request that is served again has been counted.
     const std::vector<FaultEffect> effects = parked && parked->delaysOver > 0
                                                  ? parked->effects
@@ -112,7 +114,8 @@ Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t addres
     alignas(8) uint8_t record[kLargestRecord] = {};
     Call call{model,  lock,        file,    file.channel, *row, memory,
               record, row->Size(), effects, parked,       {}};
-    const Answer answer = Run(call, address);
+    Answer answer = Run(call, address);
+    if (!model.KeepSettings(file.channel)) answer = Refused(ENOSPC);
     const std::string line = head + row->name + call.arguments;
     if (LeftToTheDoor(call))
         parked->effects = effects;

@@ -52,23 +52,43 @@ Bytes DefaultArray(const std::string& key, uint32_t element) {
     return {};  // custom timings and resolutions: none
 }
 
+// What was set, or else what the scenario says; null when it says nothing.
+const Bytes* Known(const Channel& channel, const std::string& key) {
+    if (const Bytes* set = channel.settings.Find(key)) return set;
+    const auto record = channel.state->records.find(key);
+    return record == channel.state->records.end() ? nullptr : &record->second;
+}
+
 Bytes ArrayOf(const Call& call) {
-    const Bytes* set = call.channel->settings.Find(call.row.key);
+    const Bytes* set = Known(*call.channel, call.row.key);
     return set ? *set : DefaultArray(call.row.key, call.row.element);
 }
 
 }  // namespace
 
 Answer GetRecord(Call& call) {
-    const Bytes* set = call.channel->settings.Find(call.row.key);
+    const Bytes* set = Known(*call.channel, call.row.key);
     const Bytes value = set ? *set : Pattern(call.row.Number(), call.size);
     std::memcpy(call.record, value.data(), std::min<size_t>(call.size, value.size()));
     NoteRecord(call);
     return Ok();
 }
 
+// Whether the card lists the source that it is told to take.
+bool HasSource(const Call& call, const char* list) {
+    const Bytes* known = Known(*call.channel, list);
+    const Bytes sources = known ? *known : DefaultArray(list, sizeof(uint32_t));
+    for (size_t at = 0; at + sizeof(uint32_t) <= sources.size(); at += sizeof(uint32_t))
+        if (std::memcmp(&sources[at], call.record, sizeof(uint32_t)) == 0) return true;
+    return false;
+}
+
 Answer SetRecordValue(Call& call) {
     NoteRecord(call);
+    const std::string key = call.row.key;
+    const bool isSource = key == "VideoInputSource" || key == "AudioInputSource";
+    if (isSource && call.model.Ways().strictValues && !HasSource(call, (key + "s").c_str()))
+        return Refused(EINVAL);
     call.channel->settings.Put(call.row.key, Bytes(call.record, call.record + call.size));
     return Ok();
 }
@@ -122,7 +142,7 @@ Answer GetInfoFrame(Call& call) {
     auto& record = call.As<qv::InfoFrameRecord>();
     call.NoteNumber("id", record.id);
     if (record.id < 0 || record.id > 11) return Refused(EINVAL);
-    const Bytes* set = call.channel->settings.Find("HDMIInfoFrame" + std::to_string(record.id));
+    const Bytes* set = Known(*call.channel, "HDMIInfoFrame" + std::to_string(record.id));
     const auto number = call.row.Number() + static_cast<uint32_t>(record.id);
     const Bytes value = set ? *set : Pattern(number, sizeof record.packet);
     std::memcpy(&record.packet, value.data(), std::min(sizeof record.packet, value.size()));

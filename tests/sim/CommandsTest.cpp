@@ -1,14 +1,12 @@
 // qvcap-sim as a user starts it: its exit status, its output, and programs under the preload door.
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 
 #include "gmock/gmock.h"
+#include "sim/Shell.h"
 #include "support/SimRig.h"
 
 namespace qvsim {
@@ -19,50 +17,15 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-struct Outcome {
-    int status;
-    std::string output;  // both streams
-};
-
-// Runs a shell line; `qvcap-sim` stands for the program. Descriptors that a test runner left open
-// are closed, so that the numbers that programs are given are known.
-Outcome Shell(const std::string& line) {
-    std::FILE* pipe =
-        popen(("{ exec 3>&- 4>&- 5>&- 6>&- 7>&- 8>&- 9>&-; PATH=$PATH:" +
-               std::filesystem::path(QVCAP_SIM).parent_path().string() + "; " + line + "; } 2>&1")
-                  .c_str(),
-              "r");
-    Outcome outcome{-1, {}};
-    if (!pipe) return outcome;
-    std::array<char, 512> piece{};
-    for (size_t n; (n = fread(piece.data(), 1, piece.size(), pipe)) > 0;)
-        outcome.output.append(piece.data(), n);
-    const int status = pclose(pipe);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
-}
-
-class CommandsTest : public testing::Test {
-  protected:
-    void SetUp() override {
-        std::string pattern = testing::TempDir() + "/qvsim-commands-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern.data()));
-        home_ = pattern;
-        cards_ = home_ + "/cards";
-    }
-    void TearDown() override { std::filesystem::remove_all(home_); }
-    std::string home_;
-    std::string cards_;
-};
-
 TEST_F(CommandsTest, InitLaysOutCardsOnceAndStatusShowsThem) {
     EXPECT_EQ(0, Shell("qvcap-sim init " + cards_).status);
     const Outcome status = Shell("qvcap-sim status " + cards_);
     EXPECT_EQ(0, status.status);
     EXPECT_THAT(status.output, HasSubstr("board 1: Lumo Capture, Lumo Quad SDI, serial LM20110001, "
                                          "hardware B, powered\n"));
-    EXPECT_THAT(status.output, HasSubstr("/dev/video6 channel 0: running 2.0, stored 2.0 code 7, "
-                                         "safe none, flash-b2-c0.bin\n"));
+    EXPECT_THAT(status.output,
+                HasSubstr("/dev/video6 channel 0: running 2.0, stored 2.0 code 7 complete, "
+                          "safe none, flash-b2-c0.bin\n"));
     const Outcome again = Shell("qvcap-sim init " + cards_);
     EXPECT_EQ(2, again.status);
     EXPECT_THAT(again.output, HasSubstr("there are cards already"));

@@ -132,6 +132,10 @@ SimRig& SimRig::NoEventNode() {
     plan_.eventNode = false;
     return *this;
 }
+SimRig& SimRig::JournalLimit(uint32_t bytes) {
+    plan_.journalLimit = bytes;
+    return *this;
+}
 SimRig& SimRig::Delays(const Latencies& latencies) {
     plan_.latencies = latencies;
     return *this;

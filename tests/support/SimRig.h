@@ -65,6 +65,7 @@ class SimRig {
     SimRig& Add(const BoardBuilder& board);
     SimRig& ForeignNode(int node);
     SimRig& NoEventNode();
+    SimRig& JournalLimit(uint32_t bytes);        // default: none
     SimRig& Delays(const Latencies& latencies);  // default: none
     SimRig& Driver(const DriverWays& ways);      // default: as well-behaved as can be
     // Before Dir(): written into the state. Attached: in force from now on.

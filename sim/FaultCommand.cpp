@@ -1,0 +1,107 @@
+// `qvcap-sim fault`: the faults of a folder, changed while programs use its cards.
+#include <algorithm>
+#include <cstdio>
+
+#include "Commands.h"
+#include "Folder.h"
+#include "Journal.h"
+#include "Json.h"
+#include "Model.h"
+#include "Scenario.h"
+
+namespace qvsim {
+namespace {
+
+// The folder, locked, and its state.
+class OpenState {
+  public:
+    explicit OpenState(const std::string& dir)
+        : folder_(Folder::Open(dir, error_)), lock_(folder_.get()) {
+        if (folder_) error_ = LoadState(dir, state_);
+    }
+    const std::string& Error() const { return error_; }
+    CardsState& State() { return state_; }
+    std::string Save() { return SaveState(*folder_, state_); }
+    uint32_t Seen(const Fault& fault) const {
+        return LoadShared(folder_->Page().faultSeen[fault.slot]);
+    }
+
+  private:
+    std::string error_;
+    std::unique_ptr<Folder> folder_;
+    Folder::Lock lock_;
+    CardsState state_;
+};
+
+std::string ValueText(const FaultEffect& effect) {
+    const bool isErrno = effect.kind == FaultKind::kRefuse || effect.kind == FaultKind::kRefuseLate;
+    const std::string name = isErrno ? ErrorName(static_cast<int>(effect.value)) : "";
+    const bool named = name.size() > 1 && (name[1] < '0' || name[1] > '9');
+    return named ? name : std::to_string(effect.value);
+}
+
+// In the words that add it again.
+std::vector<std::pair<std::string, std::string>> Pairs(const Fault& fault) {
+    std::vector<std::pair<std::string, std::string>> pairs{{"request", fault.request},
+                                                           {"nth", std::to_string(fault.nth)},
+                                                           {"count", std::to_string(fault.count)}};
+    if (fault.oneIn > 1) {
+        pairs.emplace_back("one_in", std::to_string(fault.oneIn));
+        pairs.emplace_back("seed", std::to_string(fault.seed));
+    }
+    if (fault.board >= 0) pairs.emplace_back("board", std::to_string(fault.board));
+    if (fault.channel >= 0) pairs.emplace_back("channel", std::to_string(fault.channel));
+    if (fault.perProcess) pairs.emplace_back("per", "process");
+    pairs.emplace_back("kind", FaultKindName(fault.effect.kind));
+    pairs.emplace_back("value", ValueText(fault.effect));
+    return pairs;
+}
+
+}  // namespace
+
+int FaultAddCommand(const std::string& dir, const std::vector<std::string>& pairs) {
+    Fault fault;
+    if (std::string error = ParseFault(pairs, fault); !error.empty())
+        return Fail("fault add: " + error);
+    OpenState open(dir);
+    if (!open.Error().empty()) return Fail(open.Error());
+    open.State().faults.push_back(fault);
+    if (std::string error = open.Save(); !error.empty()) return Fail(error);
+    std::printf("%d\n", open.State().faults.back().slot);
+    return 0;
+}
+
+int FaultListCommand(const std::string& dir, bool json) {
+    OpenState open(dir);
+    if (!open.Error().empty()) return Fail(open.Error());
+    std::string all;
+    for (const Fault& fault : open.State().faults) {
+        std::string line = std::to_string(fault.slot);
+        std::string members = "\"number\":" + line;
+        for (const auto& [key, value] : Pairs(fault)) {
+            line += " " + key + "=" + value;
+            members += "," + JsonText(key) + ":" + JsonText(value);
+        }
+        const std::string seen = std::to_string(open.Seen(fault));
+        if (!fault.perProcess) line += " seen=" + seen;
+        if (!json) std::printf("%s\n", line.c_str());
+        all += (all.empty() ? "{" : ",{") + members +
+               ",\"seen\":" + (fault.perProcess ? "null" : seen) + "}";
+    }
+    if (json) std::printf("[%s]\n", all.c_str());
+    return 0;
+}
+
+int FaultClearCommand(const std::string& dir, const std::vector<int>& numbers) {
+    OpenState open(dir);
+    if (!open.Error().empty()) return Fail(open.Error());
+    std::vector<Fault>& faults = open.State().faults;
+    for (const int number : numbers)
+        if (std::erase_if(faults, [&](const Fault& fault) { return fault.slot == number; }) == 0)
+            return Fail("fault clear: there is no fault " + std::to_string(number));
+    if (numbers.empty()) faults.clear();
+    const std::string error = open.Save();
+    return error.empty() ? 0 : Fail(error);
+}
+
+}  // namespace qvsim

@@ -1,0 +1,39 @@
+// Bytes at addresses, in a file or in memory; what lies behind the last one ever written reads as a
+// filler. Not locked: the folder's lock covers writing.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace qvsim {
+
+class ByteStore {
+  public:
+    explicit ByteStore(uint8_t filler) : filler_(filler) {}
+    ByteStore(const ByteStore&) = delete;
+    ByteStore& operator=(const ByteStore&) = delete;
+    ~ByteStore();
+
+    // Without a file the bytes are in memory. A missing one is made when first written to; with
+    // `readOnly` it stays missing. An empty text or what went wrong.
+    std::string Open(const std::string& path, bool readOnly);
+
+    size_t Length() const;
+    bool Read(uint8_t* data, size_t size, size_t offset) const;
+    // A gap before `offset` is filled. Nothing is lost when a disk is full: false, and errno.
+    bool Write(const uint8_t* data, size_t size, size_t offset);
+    // Forgets what lies behind.
+    bool Cut(size_t length);
+
+  private:
+    bool FillTo(size_t offset);
+
+    uint8_t filler_;
+    int fd_ = -1;
+    bool missing_ = false;  // no file, and none is to be made
+    std::vector<uint8_t> memory_;
+};
+
+}  // namespace qvsim

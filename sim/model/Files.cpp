@@ -1,0 +1,77 @@
+#include "Files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+
+namespace qvsim {
+
+int OpenOutOfTheWay(const std::string& path, int flags) {
+    return OutOfTheWay(open(path.c_str(), flags | O_CLOEXEC, 0666));
+}
+
+int OutOfTheWay(int fd) {
+    constexpr int kFirstNumber = 700;
+    if (fd < 0) return fd;
+    const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstNumber);
+    if (moved < 0) return fd;  // a low limit: better in the way than not at all
+    close(fd);
+    return moved;
+}
+
+bool WriteAll(int fd, const void* data, size_t size) {
+    const char* at = static_cast<const char*>(data);
+    while (size > 0) {
+        const ssize_t n = write(fd, at, size);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) {
+            if (n == 0) errno = ENOSPC;
+            return false;
+        }
+        at += n;
+        size -= static_cast<size_t>(n);
+    }
+    return true;
+}
+
+bool AppendText(const std::string& path, const std::string& text) {
+    const int fd = OpenOutOfTheWay(path, O_WRONLY | O_CREAT | O_APPEND);
+    if (fd < 0) return false;
+    struct stat before {};
+    bool written = fstat(fd, &before) == 0 && WriteAll(fd, text.data(), text.size());
+    const int error = errno;
+    // What was written of a text that does not fit is taken back.
+    if (!written && ftruncate(fd, before.st_size) != 0) written = false;
+    const bool closed = close(fd) == 0;
+    if (!written) errno = error;
+    return written && closed;
+}
+
+bool ReplaceFile(const std::string& path, const std::string& text) {
+    const std::string temporary = path + ".new." + std::to_string(getpid());
+    const int fd = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) return false;
+    const bool written = WriteAll(fd, text.data(), text.size());
+    int error = errno;
+    const bool closed = close(fd) == 0;
+    if (written && closed && rename(temporary.c_str(), path.c_str()) == 0) return true;
+    if (written) error = errno;
+    unlink(temporary.c_str());
+    errno = error;
+    return false;
+}
+
+std::string ReadText(const std::string& path) {
+    std::string text;
+    std::FILE* file = std::fopen(path.c_str(), "re");
+    if (!file) return text;
+    char piece[4096];
+    for (size_t n; (n = std::fread(piece, 1, sizeof piece, file)) > 0;) text.append(piece, n);
+    std::fclose(file);
+    return text;
+}
+
+}  // namespace qvsim

@@ -1,0 +1,94 @@
+// What the processes on one folder of cards share beside its files: a lock, and a page of numbers
+// that all of them have in memory.
+//
+// The files are the truth; the page says when one of them has changed, so that a request looks at
+// one number and not at files. Its layout is the same for programs of both word sizes, and its file
+// is written whole when it is made: a full disk later cannot take it away. Numbers of the page are
+// read and counted by any thread; the lock belongs to the process, and within it to whoever holds
+// the model's lock.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+namespace qvsim {
+
+inline constexpr size_t kMaxFaults = 1024;
+inline constexpr size_t kMaxBoards = 16;
+inline constexpr size_t kMaxChannelsOnBoard = 16;
+
+struct LivePage {
+    char magic[16];
+    alignas(8) uint64_t sequence;  // of the journal's last line
+    alignas(8) uint64_t journalBytes;
+    alignas(8) uint64_t journalReserved;    // that much of the journal has its place on the disk
+    alignas(8) uint64_t boot;               // of the machine, that the clocks belong to
+    alignas(8) int64_t clocks[kMaxBoards];  // device time less time since the machine's start
+    uint32_t journalEpoch;                  // how often the journal was begun anew
+    uint32_t generation;                    // of the state file
+    uint32_t opens;                         // nodes that are open, or were left so
+    uint32_t lastOpen;                      // number of the newest one
+    uint32_t settings[kMaxBoards][kMaxChannelsOnBoard];  // generations of the settings files
+    uint32_t faultSeen[kMaxFaults];                      // how often each fault's request has come
+};
+static_assert(offsetof(LivePage, clocks) == 48 && offsetof(LivePage, journalEpoch) == 176 &&
+              offsetof(LivePage, settings) == 192 && sizeof(LivePage) == 5312);
+
+template <class Number>
+Number LoadShared(Number& shared) {
+    return std::atomic_ref<Number>(shared).load(std::memory_order_acquire);
+}
+template <class Number>
+void StoreShared(Number& shared, Number value) {
+    std::atomic_ref<Number>(shared).store(value, std::memory_order_release);
+}
+template <class Number>
+Number CountShared(Number& shared, Number step = 1) {
+    return std::atomic_ref<Number>(shared).fetch_add(step) + step;
+}
+
+class Folder {
+  public:
+    // The page of new cards. An empty text or what went wrong.
+    static std::string Make(const std::string& dir);
+    // Null, and what went wrong, when the directory holds no cards.
+    static std::unique_ptr<Folder> Open(const std::string& dir, std::string& error);
+    Folder(const Folder&) = delete;
+    Folder& operator=(const Folder&) = delete;
+    ~Folder();
+
+    const std::string& Dir() const { return dir_; }
+    LivePage& Page() const { return *page_; }
+
+    // While one exists, no other process changes a file of the folder. Nests.
+    class Lock {
+      public:
+        explicit Lock(Folder* folder) : folder_(folder) {
+            if (folder_) folder_->Acquire();
+        }
+        ~Lock() {
+            if (folder_) folder_->Release();
+        }
+        Lock(const Lock&) = delete;
+        Lock& operator=(const Lock&) = delete;
+
+      private:
+        Folder* folder_;
+    };
+
+  private:
+    Folder() = default;
+    void Acquire();
+    void Release();
+
+    std::string dir_;
+    int fd_ = -1;
+    int owner_ = 0;  // the process whose lock it is: a child must not share its parent's
+    int depth_ = 0;
+    LivePage* page_ = nullptr;
+};
+
+}  // namespace qvsim

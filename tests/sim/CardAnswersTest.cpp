@@ -1,0 +1,203 @@
+// What cards answer where a scenario has the choice: strict ones, busy ones, records by name, and
+// faults that change an answer and not whether there is one.
+#include <cstring>
+#include <numeric>
+
+#include "Hex.h"
+#include "Protocol.h"
+#include "Scenario.h"
+#include "gmock/gmock.h"
+#include "sim/Requests.h"
+#include "support/SimRig.h"
+
+namespace qvsim {
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+class CardAnswersTest : public testing::Test {
+  protected:
+    void Attach(const DriverWays& ways = {}) {
+        rig_.Add(Pelix().Video(16, 4, 0).Audio(0)).Driver(ways);
+        rig_.AttachInMemory();
+        card_ = std::make_unique<Node>("/dev/video0");
+        events_ = std::make_unique<Node>("/dev/qv-event");
+    }
+    SimRig rig_;
+    std::unique_ptr<Node> card_;
+    std::unique_ptr<Node> events_;
+};
+
+TEST_F(CardAnswersTest, AStrictChipErasesWholeSectorsAlone) {
+    Attach({.strictErase = true});
+    EXPECT_EQ(0, card_->Write(0x3000, std::vector<uint8_t>(4096, 0x12)));
+    for (const auto& [offset, size] :
+         {std::pair{0x3001u, 4096u}, {0x3000u, 4095u}, {0x3800u, 1u}}) {
+        EXPECT_EQ(-1, card_->Erase(offset, size));
+        EXPECT_EQ(EINVAL, errno);
+    }
+    EXPECT_EQ(std::vector<uint8_t>(4096, 0x12), card_->Read(0x3000, 4096));
+    EXPECT_EQ(0, card_->Erase(0x3000, 4096));
+    EXPECT_EQ(std::vector<uint8_t>(4096, 0xFF), card_->Read(0x3000, 4096));
+}
+
+TEST_F(CardAnswersTest, AStrictCardTakesTheSourcesThatItLists) {
+    Attach({.strictValues = true});
+    uint32_t source = 0x201;
+    EXPECT_EQ(0, card_->Do(qv::kSetVideoInputSource, source));
+    source = 0x202;
+    EXPECT_EQ(-1, card_->Do(qv::kSetVideoInputSource, source));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(0, card_->Do(qv::kGetVideoInputSource, source));
+    EXPECT_EQ(0x201u, source);
+    source = 0x201;
+    EXPECT_EQ(-1, card_->Do(qv::kSetAudioInputSource, source));
+    source = 0x601;
+    EXPECT_EQ(0, card_->Do(qv::kSetAudioInputSource, source));
+}
+
+TEST_F(CardAnswersTest, ABusyChannelRefusesASecondCapture) {
+    Attach({.busyCapture = true});
+    const Node other("/dev/video0");
+    uint64_t event = events_->CreateEvent();
+    ASSERT_EQ(0, card_->Do(qv::kStartVideoCapture, event));
+    EXPECT_EQ(-1, other.Do(qv::kStartVideoCapture, event));
+    EXPECT_EQ(EBUSY, errno);
+    EXPECT_EQ(0, card_->Do(qv::kStopVideoCapture));
+    EXPECT_EQ(0, other.Do(qv::kStartVideoCapture, event));
+    ASSERT_EQ(0, card_->Do(qv::kStartAudioCapture));
+    EXPECT_EQ(-1, other.Do(qv::kStartAudioCapture));
+    EXPECT_EQ(EBUSY, errno);
+}
+
+TEST_F(CardAnswersTest, AnEraseOrAWriteIsDoneByHalfAndSaidToBeWhole) {
+    rig_.AddFault({.request = "EraseFirmwareData", .effect = Half()});
+    rig_.AddFault({.request = "WriteFirmwareData", .nth = 2, .effect = Half()});
+    Attach();
+    ASSERT_EQ(0, card_->Write(0, std::vector<uint8_t>(8192, 0)));
+    ASSERT_EQ(0, card_->Erase(0, 8192));
+    std::vector<uint8_t> expected(8192, 0);
+    std::fill_n(expected.begin(), 4096, 0xFF);
+    EXPECT_EQ(expected, card_->Read(0, 8192));
+    ASSERT_EQ(0, card_->Write(0, std::vector<uint8_t>(4096, 0x33)));
+    std::fill_n(expected.begin(), 2048, 0x33);
+    EXPECT_EQ(expected, card_->Read(0, 8192));
+    EXPECT_FALSE(rig_.Cards().Flash(0, 0)->Programmed(0, 4096));
+}
+
+TEST_F(CardAnswersTest, ATornFrameKeepsWhatWasInItsSecondHalf) {
+    rig_.AddFault({.request = "CaptureVideoFrame", .effect = Half()});
+    Attach();
+    uint64_t event = events_->CreateEvent();
+    ASSERT_EQ(0, card_->Do(qv::kStartVideoCapture, event));
+    std::vector<uint8_t> memory(128, 0xCC);
+    qv::VideoCaptureFrameRecord record{};
+    record.address = qv::WireAddress(memory.data());
+    record.size = 128;
+    record.stride = 32;
+    record.width = 16;
+    record.height = 4;
+    record.fourcc = 0x32595559;
+    record.frameIndex = qv::kFrameNextLowLatency;
+    ASSERT_EQ(0, card_->Do(qv::kCaptureVideoFrame, record));
+    ASSERT_EQ(1, events_->Wait(event, -1));
+    _QVCAP_VIDEO_CAPTURE_STATUS status{};
+    ASSERT_EQ(0, card_->Do(qv::kGetVideoCaptureStatus, status));
+    EXPECT_EQ(1, status.frameCompleted);
+    EXPECT_EQ(1, memory[0]) << "the number of the frame";
+    EXPECT_EQ(std::vector<uint8_t>(64, 0xCC),
+              std::vector<uint8_t>(memory.begin() + 64, memory.end()));
+}
+
+TEST_F(CardAnswersTest, AnAudioFrameHasAWrongMarkerAndTextsHaveNoEnd) {
+    rig_.AddFault({.request = "CaptureAudioFrame", .effect = WrongMarker()});
+    rig_.AddFault({.request = "GetChannelInfo", .effect = NoEnd()});
+    Attach();
+    ASSERT_EQ(0, card_->Do(qv::kStartAudioCapture));
+    auto frame = std::make_unique<_QVCAP_AUDIO_CAPTURE_FRAME>();
+    ASSERT_EQ(0, card_->Do(qv::kCaptureAudioFrame, *frame));
+    EXPECT_EQ(~QV_AUDIO_FRAME_MARKER, uint32_t{frame->marker});
+    ASSERT_EQ(0, card_->Do(qv::kCaptureAudioFrame, *frame));
+    EXPECT_EQ(QV_AUDIO_FRAME_MARKER, uint32_t{frame->marker});
+    _QVCAP_CHANNEL_INFO info{};
+    ASSERT_EQ(0, card_->Do(qv::kGetChannelInfo, info));
+    EXPECT_EQ(nullptr, std::memchr(info.productName, 0, sizeof info.productName));
+    EXPECT_EQ(nullptr, std::memchr(info.boardSerialNumber, 0, sizeof info.boardSerialNumber));
+    EXPECT_THAT(std::string(info.familyName, sizeof info.familyName),
+                StartsWith("Pelix Capture##"));
+    ASSERT_EQ(0, card_->Do(qv::kGetChannelInfo, info));
+    EXPECT_STREQ("Pelix Capture", info.familyName);
+}
+
+class RecordsTest : public testing::Test {
+  protected:
+    std::string Make(const std::string& text) {
+        CardsPlan plan;
+        std::string error = ParseScenario(text, "s", plan);
+        if (error.empty()) model_ = MakeInMemory(plan, error);
+        return error;
+    }
+    template <class Row>
+    uint32_t Get(const Row& row) {
+        uint32_t value = 0;
+        OwnAnswer(row.code, &value);
+        return value;
+    }
+    void OwnAnswer(uint32_t code, void* record) {
+        int error = 0;
+        const auto file = model_->Open("/dev/video0", error);
+        OwnMemory memory;
+        EXPECT_EQ(0,
+                  ServeRequest(*model_, *file, code,
+                               static_cast<uint64_t>(reinterpret_cast<uintptr_t>(record)), memory)
+                      .error);
+        model_->Close(file, -1);
+    }
+    std::shared_ptr<Model> model_;
+};
+
+TEST_F(RecordsTest, AScenarioSetsThemByName) {
+    ASSERT_EQ("", Make("[[board]]\nrecords = { Temperature = 45, VideoBrightness = -3, "
+                       "VideoInputSources = \"0100000002000000\", EDID = \"0a0B\" }"));
+    EXPECT_EQ(45u, Get(qv::kGetTemperature));
+    EXPECT_EQ(static_cast<uint32_t>(-3), Get(qv::kGetVideoBrightness));
+    uint8_t edid[4] = {9, 9, 9, 9};
+    qv::CountedArrayRecord record{};
+    record.address = qv::WireAddress(edid);
+    record.count = sizeof edid;
+    OwnAnswer(qv::kGetEDID.code, &record);
+    EXPECT_EQ(2u, uint32_t{record.count});
+    EXPECT_EQ(0x0B, edid[1]);
+    EXPECT_EQ(9, edid[2]);
+}
+
+TEST_F(RecordsTest, AWrongOneIsRefusedWithItsLine) {
+    EXPECT_THAT(Make("[[board]]\n[board.records]\nColour = 1"),
+                StartsWith("s:3: unknown key 'Colour'"));
+    EXPECT_THAT(Make("[[board]]\n[board.records]\nTemperature = \"01\""),
+                StartsWith("s:3: Temperature is a number or hexadecimal text of 4 bytes"));
+    EXPECT_THAT(Make("[[board]]\n[board.records]\nVideoInputSources = \"0102\""),
+                HasSubstr("of whole elements of 4 bytes"));
+    EXPECT_THAT(Make("[[board]]\n[board.records]\nEDID = \"0x\""), StartsWith("s:3: EDID is"));
+    EXPECT_THAT(Make("[[board]]\nrecords = 1"), StartsWith("s:2: records is a table"));
+}
+
+TEST_F(RecordsTest, TheCardsOfTheDefaultScenarioAnswerWhatRealOnesMight) {
+    ASSERT_EQ("", Make(kDefaultScenario));
+    EXPECT_EQ(45u, Get(qv::kGetTemperature));
+    uint8_t edid[256] = {};
+    qv::CountedArrayRecord record{};
+    record.address = qv::WireAddress(edid);
+    record.count = sizeof edid;
+    OwnAnswer(qv::kGetEDID.code, &record);
+    ASSERT_EQ(128u, uint32_t{record.count});
+    constexpr uint8_t kHead[] = {0, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0};
+    EXPECT_EQ(0, std::memcmp(kHead, edid, sizeof kHead));
+    EXPECT_EQ(0, std::accumulate(edid, edid + 128, 0) % 256) << "its checksum";
+    EXPECT_EQ(1920, edid[56] | (edid[58] & 0xF0) << 4);
+    EXPECT_EQ(1080, edid[59] | (edid[61] & 0xF0) << 4);
+}
+
+}  // namespace
+}  // namespace qvsim

@@ -1,0 +1,250 @@
+// The commands that look into a folder of cards and change it: faults, flash, journal, status,
+// reset.
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "Files.h"
+#include "FirmwareImage.h"
+#include "gmock/gmock.h"
+#include "sim/Shell.h"
+
+namespace qvsim {
+namespace {
+
+using testing::HasSubstr;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+namespace fs = std::filesystem;
+
+class FolderCommandsTest : public CommandsTest {
+  protected:
+    void SetUp() override {
+        CommandsTest::SetUp();
+        ASSERT_EQ(0, Shell("qvcap-sim init " + cards_).status);
+    }
+    Outcome Sim(const std::string& arguments) { return Shell("qvcap-sim " + arguments); }
+    // A program that writes a sector of zeros to the flash of a node.
+    Outcome Write(const std::string& node, const std::string& address) {
+        return Sim("run " + cards_ + " -- " SIM_PROBE " " + node + " " + address);
+    }
+    // Name, size, time of change and content of every file.
+    std::string Snapshot() {
+        return Shell("cd " + cards_ +
+                     " && find . -type f | sort | xargs stat -c '%n %s %y' && "
+                     "find . -type f | sort | xargs cat | cksum")
+            .output;
+    }
+};
+
+TEST_F(FolderCommandsTest, APowerCutStrikesOnceAndTheCardCanBeFlashedAgain) {
+    const Outcome added = Sim("fault add " + cards_ + " request=WriteFirmwareData kind=power_loss");
+    EXPECT_EQ(0, added.status);
+    EXPECT_EQ("0\n", added.output);
+    EXPECT_EQ("refused: Input/output error\n", Write("/dev/video0", "0x200000").output);
+    EXPECT_THAT(Sim("status " + cards_).output, HasSubstr("power lost"));
+    EXPECT_EQ("refused: Input/output error\n", Write("/dev/video0", "0x200000").output);
+    EXPECT_EQ(0, Sim("power-cycle " + cards_).status);
+    EXPECT_EQ("", Write("/dev/video0", "0x200000").output);
+    EXPECT_EQ("0 request=WriteFirmwareData nth=1 count=1 kind=power_loss value=0 seen=3\n",
+              Sim("fault list " + cards_).output);
+}
+
+TEST_F(FolderCommandsTest, FaultsAreListedInTheWordsThatAddThem) {
+    const std::string words =
+        "request=open nth=2 count=-1 one_in=3 seed=9 board=1 channel=2 "
+        "per=process kind=refuse value=EBUSY";
+    EXPECT_EQ("0\n", Sim("fault add " + cards_ + " " + words).output);
+    EXPECT_EQ("1\n", Sim("fault add " + cards_ + " request=any kind=refuse_late value=200").output);
+    EXPECT_EQ("0 " + words + "\n1 request=any nth=1 count=1 kind=refuse_late value=200 seen=0\n",
+              Sim("fault list " + cards_).output);
+    EXPECT_THAT(Sim("fault list --json " + cards_).output,
+                StartsWith(R"([{"number":0,"request":"open","nth":"2")"));
+    EXPECT_EQ(0, Sim("fault clear " + cards_ + " 0").status);
+    EXPECT_THAT(Sim("fault list " + cards_).output, StartsWith("1 request=any"));
+    const Outcome unknown = Sim("fault clear " + cards_ + " 0");
+    EXPECT_EQ(2, unknown.status);
+    EXPECT_EQ("qvcap-sim: fault clear: there is no fault 0\n", unknown.output);
+    EXPECT_EQ(0, Sim("fault clear " + cards_).status);
+    EXPECT_EQ("", Sim("fault list " + cards_).output);
+}
+
+TEST_F(FolderCommandsTest, AWrongFaultIsRefusedAndChangesNothing) {
+    const std::string before = Snapshot();
+    const std::pair<const char*, const char*> rows[] = {
+        {"kind=refuse", "fault names no request: ''"},
+        {"request=Erase kind=refuse", "fault names no request: 'Erase'"},
+        {"request=open kind=melt", "fault has no kind, or one that is unknown: 'melt'"},
+        {"request=open kind=refuse colour=red", "unknown key 'colour'"},
+        {"request=open kind=refuse nth=0", "nth is a whole number from 1"},
+        {"request=open kind=refuse nth=x", "nth is a whole number from 1"},
+        {"request=open kind=refuse per=day", "per is \"folder\" or \"process\""},
+        {"request=open kind", "'kind' is not key=value"},
+        {"'request=\"open\"' kind=refuse", "'request=\"open\"' is not key=value"},
+        {"request=open request=open kind=refuse", ""},
+    };
+    for (const auto& [words, said] : rows) {
+        const Outcome outcome = Sim("fault add " + cards_ + " " + words);
+        EXPECT_EQ(2, outcome.status) << words;
+        EXPECT_THAT(outcome.output, StartsWith(std::string("qvcap-sim: fault add: ") + said));
+    }
+    EXPECT_EQ(2, Sim("fault add " + home_ + " request=open kind=refuse").status);
+    EXPECT_EQ(before, Snapshot());
+}
+
+TEST_F(FolderCommandsTest, TheFlashComesOutAndGoesIn) {
+    const std::string dump = home_ + "/dump";
+    EXPECT_EQ(0, Sim("flash read " + cards_ + " 0:1 " + dump).status);
+    std::string bytes = ReadText(dump);
+    ASSERT_EQ(16u << 20, bytes.size());
+    EXPECT_EQ("QVFH", bytes.substr(0x100000, 4));
+    EXPECT_EQ(std::string(0x100000, '\xFF'), bytes.substr(0, 0x100000));
+
+    // A dump of another card: version 7.3, a section that ends in blank pages, and one to be blank.
+    std::vector<uint8_t> header = MakeHeader(7u << 16 | 3, 1, 0x0101, 'A');
+    const auto section = [&](const char* name, uint32_t address, uint32_t size) {
+        uint8_t entry[kHeaderSectionLength] = {};
+        std::copy(name, name + strlen(name), entry);
+        for (int i = 0; i < 4; ++i) entry[16 + i] = static_cast<uint8_t>(address >> 8 * i);
+        for (int i = 0; i < 4; ++i) entry[20 + i] = static_cast<uint8_t>(size >> 8 * i);
+        header.insert(header.end(), entry, entry + sizeof entry);
+        header[156] = static_cast<uint8_t>(header[156] + 1);
+        header[10] = static_cast<uint8_t>(header.size());
+    };
+    section("Factory.Main", 0x200000, 0x5000);
+    section("Factory.CLR.x", 0x300000, 0x1000);
+    std::copy(header.begin(), header.end(), bytes.begin() + 0x100000);
+    bytes.replace(0x200000, 100, std::string(100, 'x'));
+    bytes.resize(0x280000);
+    std::ofstream(dump, std::ios::binary) << bytes;
+    EXPECT_EQ(0, Sim("flash write " + cards_ + " 0:1 " + dump).status);
+    EXPECT_THAT(Sim("status " + cards_).output,
+                HasSubstr("/dev/video1 channel 1: running 1.0, stored 7.3 code 1 complete"));
+    Sim("power-cycle " + cards_);
+    EXPECT_THAT(Sim("status " + cards_).output, HasSubstr("channel 1: running 7.3"));
+    EXPECT_EQ(0, Sim("flash read " + cards_ + " 0:1 " + dump + "2").status);
+    EXPECT_TRUE(bytes + std::string((16 << 20) - bytes.size(), '\xFF') == ReadText(dump + "2"));
+}
+
+TEST_F(FolderCommandsTest, AnIncompleteImageIsCalledSoAndDoesNotRun) {
+    std::string bytes(0x200000, '\xFF');
+    const std::vector<uint8_t> header = MakeHeader(7u << 16, 1, 0x0101, 'A');
+    std::copy(header.begin(), header.end(), bytes.begin() + 0x100000);
+    bytes[0x100000 + 156] = 1;
+    bytes[0x100000 + 10] = static_cast<char>(kHeaderFixedLength + kHeaderSectionLength);
+    const char entry[kHeaderSectionLength] = "Factory.Main\0\0\0\0\0\0\x30\0\0\x10\0";
+    bytes.replace(0x100000 + kHeaderFixedLength, sizeof entry, entry, sizeof entry);
+    std::ofstream(home_ + "/dump", std::ios::binary) << bytes;
+    EXPECT_EQ(0, Sim("flash write " + cards_ + " 0:0 " + home_ + "/dump").status);
+    Sim("power-cycle " + cards_);
+    EXPECT_THAT(Sim("status " + cards_).output,
+                HasSubstr("/dev/video0 channel 0: running 0.9, stored 7.0 code 1 incomplete"));
+    EXPECT_THAT(Sim("status --json " + cards_).output, HasSubstr("\"complete\":false"));
+}
+
+TEST_F(FolderCommandsTest, APlaceOrFileThatIsNoneIsRefused) {
+    const std::string small = home_ + "/small";
+    std::ofstream(small) << "x";
+    const std::string before = Snapshot();
+    for (const char* const place : {"7", "0:2", "x", "0:", ":1", "-1", "0:1:2"})
+        EXPECT_EQ(2, Sim(std::string("flash write ") + cards_ + " " + place + " " + small).status)
+            << place;
+    EXPECT_EQ(2, Sim("flash write " + cards_ + " 0 " + home_ + "/none").status);
+    EXPECT_EQ(2, Sim("flash read " + cards_ + " 0 " + home_ + "/no/such/folder").status);
+    const Outcome large =
+        Shell("truncate -s 17M " + small + "; qvcap-sim flash write " + cards_ + " 0 " + small);
+    EXPECT_EQ(2, large.status);
+    EXPECT_THAT(large.output, HasSubstr("is larger than the chip, which has 16777216 bytes"));
+    EXPECT_EQ(before, Snapshot());
+}
+
+TEST_F(FolderCommandsTest, LookingChangesNothing) {
+    Write("/dev/video0", "0x200000");
+    const std::string before = Snapshot();
+    EXPECT_EQ(0, Sim("status " + cards_).status);
+    EXPECT_EQ(0, Sim("status --json " + cards_).status);
+    EXPECT_EQ(0, Sim("journal " + cards_).status);
+    EXPECT_EQ(0, Sim("fault list " + cards_).status);
+    EXPECT_EQ(0, Sim("flash read " + cards_ + " 1 " + home_ + "/dump").status);
+    EXPECT_EQ(before, Snapshot());
+}
+
+TEST_F(FolderCommandsTest, TheJournalIsOneObjectALine) {
+    Write("/dev/video0", "0x200000");
+    std::istringstream lines(Sim("journal --json " + cards_).output);
+    std::vector<std::string> all;
+    for (std::string line; std::getline(lines, line);) all.push_back(line);
+    ASSERT_EQ(3u, all.size());
+    EXPECT_THAT(all[1], MatchesRegex(".\"sequence\":2,\"pid\":[0-9]+,\"action\":\"ioctl\",\"node\":"
+                                     "\"/dev/video0\",\"request\":\"WriteFirmwareData\","
+                                     "\"arguments\":.\"offset\":\"0x200000\",\"size\":\"4096\","
+                                     "\"crc\":\"0xc71c0011\".,\"result\":0."));
+    // A close line comes for what the program left open.
+    EXPECT_THAT(all[2], HasSubstr("\"action\":\"close\""));
+    Sim("fault add " + cards_ + " request=open kind=refuse value=EBUSY");
+    Write("/dev/video0", "0");
+    EXPECT_THAT(Sim("journal --json " + cards_).output,
+                HasSubstr("\"arguments\":{},\"result\":-1,\"error\":\"EBUSY\"}\n"));
+}
+
+TEST_F(FolderCommandsTest, TheJournalIsForgottenAndTheNumbersGoOn) {
+    Write("/dev/video0", "0x200000");
+    EXPECT_EQ(0, Sim("journal --clear " + cards_).status);
+    EXPECT_EQ("", Sim("journal " + cards_).output);
+    Write("/dev/video0", "0x200000");
+    EXPECT_THAT(Sim("journal " + cards_).output, StartsWith("4 "));
+    EXPECT_EQ(2, Sim("journal --clear --follow " + cards_).status);
+}
+
+TEST_F(FolderCommandsTest, TheJournalIsFollowed) {
+    Write("/dev/video0", "0x200000");
+    // Ends with the reader, who has seen a line that came after the start.
+    const Outcome outcome =
+        Shell("{ timeout 60 qvcap-sim journal --follow " + cards_ + " & echo $! >" + home_ +
+              "/pid; } | { read a; read b; read c; "
+              "qvcap-sim run " +
+              cards_ + " -- " SIM_PROBE " /dev/video0 0x200000; read d; echo \"$d\"; kill $(cat " +
+              home_ + "/pid); }");
+    EXPECT_THAT(outcome.output, MatchesRegex("4 [0-9]+ open /dev/video0 fd=3 = 0\n"));
+}
+
+TEST_F(FolderCommandsTest, AResetMakesTheCardsWhatTheyWere) {
+    const auto cards = [&] {
+        return Sim("status --json " + cards_).output + Sim("fault list " + cards_).output +
+               Sim("journal " + cards_).output +
+               Shell("cat " + cards_ + "/flash*.bin | cksum").output;
+    };
+    const std::string before = cards();
+    Sim("fault add " + cards_ + " request=EraseFirmwareData kind=power_loss");
+    Write("/dev/video0", "0x100000");
+    Sim("power-cycle " + cards_);
+    EXPECT_NE(before, cards());
+    EXPECT_EQ(0, Sim("reset " + cards_).status);
+    EXPECT_EQ(before, cards());
+    EXPECT_EQ(2, Sim("reset " + home_).status);
+}
+
+TEST_F(FolderCommandsTest, AFullDiskRefusesRequestsAndTearsNoLine) {
+    // A file system of its own, in a namespace of its own.
+    const std::string line =
+        "unshare -rm sh -c 'mount -t tmpfs -o size=12m none " + home_ + " && qvcap-sim init " +
+        cards_ + " && qvcap-sim journal --clear " + cards_ + " && dd if=/dev/zero of=" + home_ +
+        "/fill bs=4k 2>/dev/null; qvcap-sim run " + cards_ + " -- " SIM_PROBE " /dev/video0; rm " +
+        home_ + "/fill; qvcap-sim run " + cards_ +
+        " -- " SIM_PROBE " /dev/video0; qvcap-sim journal " + cards_ + "'";
+    if (Shell("unshare -rm mount -t tmpfs none " + home_).status != 0)
+        GTEST_SKIP() << "this machine gives no file systems of its own to tests";
+    const Outcome outcome = Shell(line);
+    EXPECT_THAT(outcome.output, MatchesRegex("qvcap-sim: .*/cards/journal: No space left on "
+                                             "device; requests fail until that is mended\n"
+                                             "No space left on device\n"
+                                             "3 Pelix Duo HDMI 65536\n"
+                                             "[0-9]+ [0-9]+ open /dev/video0 fd=3 = 0\n"
+                                             "[0-9]+ [0-9]+ ioctl /dev/video0 GetChannelInfo = 0\n"
+                                             "[0-9]+ [0-9]+ close /dev/video0 fd=3 = 0\n"));
+}
+
+}  // namespace
+}  // namespace qvsim
