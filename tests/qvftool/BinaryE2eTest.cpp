@@ -34,6 +34,21 @@ TEST_F(BinaryE2eTest, TheExitStatusTellsCleanFindingsAndErrors) {
     EXPECT_EQ(0, Status("--help"));
 }
 
+// Files get the numbers of streams that are closed.
+TEST_F(BinaryE2eTest, ClosedStreamsSpoilNoSignature) {
+    ASSERT_EQ(0, std::system("ssh-keygen -q -t ed25519 -N '' -f key"));
+    Package().Section("A", 0x1000, 10).Write("a.qvf");
+    for (const char* closed : {"", "<&-", "2>&-", "<&- 2>&-", "<&- >&- 2>&-"}) {
+        std::filesystem::remove("a-qvf.sig");
+        const std::string streams = std::string(" ") + closed;
+        const auto run = [&](const char* arguments) {
+            return std::system((std::string(QV_QVFTOOL_FILE " ") + arguments + streams).c_str());
+        };
+        EXPECT_EQ(0, run("sign --key key a.qvf")) << closed;
+        EXPECT_EQ(0, run("check --key key.pub a.qvf")) << closed;
+    }
+}
+
 TEST_F(BinaryE2eTest, APackageIsTakenApartAndMadeAgain) {
     Package().Section("Factory.Main", 0x1000, 70000).Write("a.qvf");
     EXPECT_EQ(0, Status("extract a.qvf -d apart"));
