@@ -133,7 +133,7 @@ QV_API QV_RESULT QVSetLEDMode(QV_CHANNEL channel, unsigned int mode);
 /* One driver request a call, never split: the caller cuts large ranges into chunks. Addresses and
  * sizes are bytes. */
 
-/** Reads where the firmware stands in the flash. @threads per channel */
+/** Reads where the firmware is in the flash. @threads per channel */
 QV_API QV_RESULT QVGetFirmwareStorageInfo(QV_CHANNEL channel, _QVCAP_FIRMWARE_STORAGE* storage);
 
 /** Erases @p size bytes at flash address @p offset. @threads per channel */

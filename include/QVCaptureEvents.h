@@ -55,7 +55,7 @@ QV_API int QVMultiWaitEvent(unsigned long long* events, int count, int timeout);
 
 /** The notification bits whose meaning is known; the driver has others. */
 enum {
-    QV_NOTIFY_VIDEO_FRAME = 0x400,  /**< a frame stands in the driver's buffers */
+    QV_NOTIFY_VIDEO_FRAME = 0x400,  /**< a frame is in the driver's buffers */
     QV_NOTIFY_AUDIO_FRAME = 0x1000, /**< an audio frame is ready */
 };
 

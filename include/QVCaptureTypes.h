@@ -143,7 +143,7 @@ typedef struct _QVCAP_VIDEO_FRAME_INFO {
  *  context of the request (64 bits), at 8 the number of the frame (32 bits). */
 typedef struct _QVCAP_VIDEO_CAPTURE_STATUS {
     uint8_t bytes0[21];
-    uint8_t frameCompleted; /**< non-zero when the whole frame stands in the buffer */
+    uint8_t frameCompleted; /**< non-zero when the whole frame is in the buffer */
     uint8_t bytes22[4];
 } _QVCAP_VIDEO_CAPTURE_STATUS;
 

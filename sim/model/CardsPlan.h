@@ -62,12 +62,12 @@ struct CardsPlan {
 };
 
 // Fills in what is open and checks that the whole can exist: unique boards and nodes, texts that
-// fit, a firmware area inside the flash. An empty text or what is wrong.
+// fit, a firmware area inside the flash. Returns an error message, empty on success.
 std::string CompletePlan(CardsPlan& plan);
 
 // Writes a complete plan into `dir`, which is made when it is not there; on request with firmware
 // packages for the cards in `dir`/packages. Nothing is written when the directory already holds
-// cards, and nothing is left when it fails. An empty text or what went wrong.
+// cards, and nothing is left when it fails. Returns an error message, empty on success.
 std::string LayOut(const CardsPlan& plan, const std::string& dir, bool packages = false);
 
 // The cards of a complete plan in this process alone; null and what went wrong.

@@ -26,7 +26,7 @@ struct UsbPlan : UsbDevice {
 };
 
 // Fills in what is open in the last device of the list and checks that it can exist beside the
-// others. An empty text or what is wrong.
+// others. Returns an error message, empty on success.
 std::string CompleteLastUsb(std::vector<UsbPlan>& devices);
 
 }  // namespace qvsim

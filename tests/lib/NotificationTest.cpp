@@ -59,16 +59,18 @@ TEST_F(NotificationTest, ADriversRefusalIsASuccessOfTheEntityWithoutARegistratio
 }
 
 TEST_F(NotificationTest, TheDriverGetsItsOwnHandleForStatusAndUnregistration) {
-    NotifyFunction nothing = [](unsigned long long, unsigned int) {};
+    Gate called;
+    NotifyFunction nothing = [&](unsigned long long, unsigned int) { called.Open(); };
     const auto handle = QVRegisterNotifyWithCallback(channel, 0xFFFFFFFF, CallNotify, &nothing);
     EXPECT_EQ(Bytes(Wire().U32(0xFFFFFFFF).U32(0)), Slice(Received("RegisterNotify"), 8, 16));
     rig.Cards().RaiseNotification(0, 0, 0x1);
-    Settle();
+    called.Pass();
     const Bytes status = Received("GetNotifyStatus");
     QVUnregisterNotify(channel, handle);
     const Bytes last = Received("UnregisterNotify");
     ASSERT_EQ(8u, last.size());
     EXPECT_NE(Bytes(Wire().U64(handle)), last);
+    EXPECT_EQ(last, Slice(status, 0, 8)) << "the same handle for both";
     EXPECT_EQ(0u, rig.Cards().CountAlive().notifications);
 }
 
