@@ -14,10 +14,13 @@ class ManualE2eTest : public QvftoolFixture {
     // In this folder, with the programs on PATH.
     static int Status(const std::string& commands) {
         Put("commands.sh", commands);
-        const int status =
-            std::system("PATH=" QV_QVFTOOL_FOLDER ":" QV_SIM_FOLDER ":" QV_TOOL_FOLDER
-                        ":$PATH "
-                        "bash -eu -o pipefail commands.sh >out.txt 2>errors.txt </dev/null");
+        // One channel without a package stays open on purpose.
+        Put("leaks", "leak:QVOpenChannelByPath\n");
+        const int status = std::system(
+            "LSAN_OPTIONS=print_suppressions=0:suppressions=$PWD/leaks "
+            "PATH=" QV_QVFTOOL_FOLDER ":" QV_SIM_FOLDER ":" QV_TOOL_FOLDER
+            ":$PATH "
+            "bash -eu -o pipefail commands.sh >out.txt 2>errors.txt </dev/null");
         EXPECT_TRUE(WIFEXITED(status));
         return WEXITSTATUS(status);
     }
