@@ -9,6 +9,7 @@
 
 #include "CardsState.h"
 #include "Commands.h"
+#include "ProgramFile.h"
 
 namespace qvsim {
 namespace {
@@ -49,6 +50,13 @@ int RunCommand(const std::string& dir, const std::vector<std::string>& command) 
     const std::string own = OwnPath();
     const std::string folder = SupportFolder(own);
     if (folder.empty()) return Fail("its door and stand-ins are not beside " + own);
+
+    if (folder.find_first_of(" :") != std::string::npos)
+        return Fail("run: " + folder + " has a space or a colon in its name, at which the loader " +
+                    "takes paths apart; install qvcap-sim in another folder");
+    const std::string program = FindProgram(command[0]);
+    if (std::string why = WhyNoDoor(program, folder + "/door"); !why.empty())
+        return Fail("run: " + why);
 
     setenv("QVSIM_STATE", absolute, 1);
     setenv("QVSIM_PROGRAM", own.c_str(), 1);

@@ -1,6 +1,8 @@
 // qvcap-sim as a user starts it: its exit status, its output, and programs under the preload door.
+#include <elf.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
@@ -218,6 +220,45 @@ TEST_F(CommandsTest, TheStandInsDoNothingWithoutCards) {
     EXPECT_EQ(1,
               Shell("env -u QVSIM_STATE -u QVSIM_PROGRAM " + folder + "/standins/poweroff").status);
     EXPECT_EQ(1, Shell(folder + "/standins/sudo -i").status);
+}
+
+// The head of a 64-bit program, with a loader or without.
+void WriteProgram(const std::string& path, bool loader) {
+    Elf64_Ehdr header{};
+    std::memcpy(header.e_ident, ELFMAG, SELFMAG);
+    header.e_ident[EI_CLASS] = ELFCLASS64;
+    header.e_ident[EI_DATA] = ELFDATA2LSB;
+    header.e_phoff = sizeof header;
+    header.e_phentsize = sizeof(Elf64_Phdr);
+    header.e_phnum = 1;
+    Elf64_Phdr segment{};
+    segment.p_type = loader ? PT_INTERP : PT_LOAD;
+    std::ofstream file(path, std::ios::binary);
+    file.write(reinterpret_cast<const char*>(&header), sizeof header);
+    file.write(reinterpret_cast<const char*>(&segment), sizeof segment);
+    file.close();
+    std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+}
+
+TEST_F(CommandsTest, AProgramThatLoadsNoDoorIsNotStartedAndItIsSaidWhy) {
+    Shell("qvcap-sim init " + cards_);
+    WriteProgram(home_ + "/static", false);
+    const std::string said = "qvcap-sim: run: " + home_ +
+                             "/static is linked statically and loads no door; `qvcap-sim "
+                             "serve` makes nodes for any program\n";
+    Outcome outcome = Shell("qvcap-sim run " + cards_ + " -- " + home_ + "/static");
+    EXPECT_EQ(2, outcome.status);
+    EXPECT_EQ(said, outcome.output);
+    outcome = Shell("PATH=" + home_ + ":$PATH; qvcap-sim run " + cards_ + " -- static");
+    EXPECT_EQ(said, outcome.output) << "found as the shell finds it";
+    std::ofstream(home_ + "/script") << "#! " << home_ << "/static -x\n";
+    std::filesystem::permissions(home_ + "/script", std::filesystem::perms::owner_all);
+    outcome = Shell("qvcap-sim run " + cards_ + " -- " + home_ + "/script");
+    EXPECT_EQ(said, outcome.output) << "by its interpreter";
+    // What has a loader is tried; this one is no program at all.
+    WriteProgram(home_ + "/broken", true);
+    outcome = Shell("qvcap-sim run " + cards_ + " -- " + home_ + "/broken");
+    EXPECT_THAT(outcome.output, testing::Not(HasSubstr("linked statically")));
 }
 
 }  // namespace

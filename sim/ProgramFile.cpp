@@ -1,0 +1,112 @@
+#include "ProgramFile.h"
+
+#include <elf.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+
+namespace qvsim {
+namespace {
+
+const std::string kServe = "; `qvcap-sim serve` makes nodes for any program";
+
+struct Program {
+    bool elf = false;
+    bool wide = false;     // 64 bits
+    bool dynamic = false;  // has a loader
+};
+
+template <class Header, class Segment>
+bool HasLoader(std::ifstream& file) {
+    Header header{};
+    file.seekg(0);
+    if (!file.read(reinterpret_cast<char*>(&header), sizeof header)) return false;
+    for (int i = 0; i < header.e_phnum; ++i) {
+        Segment segment{};
+        file.seekg(static_cast<std::streamoff>(header.e_phoff) +
+                   static_cast<std::streamoff>(i) * header.e_phentsize);
+        if (!file.read(reinterpret_cast<char*>(&segment), sizeof segment)) return false;
+        if (segment.p_type == PT_INTERP) return true;
+    }
+    return false;
+}
+
+Program LookInto(std::ifstream& file) {
+    unsigned char identity[EI_NIDENT] = {};
+    Program program;
+    if (!file.read(reinterpret_cast<char*>(identity), sizeof identity)) return program;
+    program.elf = std::memcmp(identity, ELFMAG, SELFMAG) == 0;
+    program.wide = identity[EI_CLASS] == ELFCLASS64;
+    if (program.elf)
+        program.dynamic = program.wide ? HasLoader<Elf64_Ehdr, Elf64_Phdr>(file)
+                                       : HasLoader<Elf32_Ehdr, Elf32_Phdr>(file);
+    return program;
+}
+
+// Of a script; empty for another file.
+std::string Interpreter(std::ifstream& file) {
+    file.clear();
+    file.seekg(0);
+    std::string line;
+    if (file.get() != '#' || file.get() != '!' || !std::getline(file, line)) return {};
+    std::istringstream words(line);
+    std::string interpreter;
+    words >> interpreter;
+    return interpreter;
+}
+
+// There is an object for such programs: the door, or an empty one that lets a shell pass through to
+// programs of the other kind.
+bool HasDoor(const std::string& door, bool wide) {
+    const char* const names[] = {wide ? "lib64" : "lib32",
+                                 wide ? "lib/x86_64-linux-gnu" : "lib/i386-linux-gnu"};
+    return std::any_of(std::begin(names), std::end(names), [&](const char* name) {
+        return access((door + "/" + name + "/libqvsim-preload.so").c_str(), R_OK) == 0;
+    });
+}
+
+std::string WhyNot(const std::string& program, const std::string& door, bool script) {
+    std::ifstream file(program, std::ios::binary);
+    if (!file) return {};
+    const Program kind = LookInto(file);
+    if (!kind.elf) {
+        const std::string interpreter = script ? "" : Interpreter(file);
+        return interpreter.empty() ? "" : WhyNot(interpreter, door, true);
+    }
+    struct stat status {};
+    if (!kind.dynamic) return program + " is linked statically and loads no door" + kServe;
+    if (!HasDoor(door, kind.wide))
+        return program + " is a " + (kind.wide ? "64" : "32") +
+               "-bit program, and the door for these is not in " + door +
+               "; install qvcapture-companions of that architecture, too" + kServe;
+    const bool other = stat(program.c_str(), &status) == 0 &&
+                       (((status.st_mode & S_ISUID) != 0 && status.st_uid != geteuid()) ||
+                        ((status.st_mode & S_ISGID) != 0 && status.st_gid != getegid()));
+    if (other) return program + " runs with another user's rights and loads no door" + kServe;
+    return {};
+}
+
+}  // namespace
+
+std::string FindProgram(const std::string& word) {
+    if (word.find('/') != std::string::npos) return word;
+    const char* path = std::getenv("PATH");
+    std::istringstream folders(path ? path : "");
+    for (std::string folder; std::getline(folders, folder, ':');) {
+        const std::string file = (folder.empty() ? "." : folder) + "/" + word;
+        if (access(file.c_str(), X_OK) == 0) return file;
+    }
+    return {};
+}
+
+std::string WhyNoDoor(const std::string& program, const std::string& door) {
+    return WhyNot(program, door, false);
+}
+
+}  // namespace qvsim
