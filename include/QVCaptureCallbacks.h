@@ -18,9 +18,9 @@
  * - A callback that calls for another channel waits for that one's worker: two that do so to each
  *   other wait for ever.
  * - When a function that ends a registration, timer or capture returns QV_RESULT_OK, its callback
- *   does not run and will not come again. After any other result it may: use the functions with a
- *   release, which is called when it is really over. QVDestoryTimer() alone fails for the last
- *   timer, too, which is gone all the same.
+ *   will not come again; it does not run either, unless this is it. After any other result it may:
+ * use the functions with a release, which is called when it is really over. QVDestoryTimer() alone
+ * fails for the last timer, too, which is gone all the same.
  * - No exception may leave a callback, and none may call pthread_exit(): the program would end, or
  *   the worker would be gone with its locks.
  * - A worker's thread takes none of the program's signals; threads that a callback starts inherit
@@ -50,13 +50,15 @@ typedef void (*QV_VIDEO_CALLBACK)(unsigned long long bufferAddress, unsigned int
 typedef void (*QV_AUDIO_CALLBACK)(_QVCAP_AUDIO_CAPTURE_FRAME* frame, void* param);
 
 /** Starts the channel's worker thread.
- * @retval QV_RESULT_FAILED  one runs already, or no event or thread could be had
+ * @retval QV_RESULT_FAILED  one runs already or is being stopped, or no event, thread or memory
+ *                           could be had
  * @threads any */
 QV_API QV_RESULT QVStartChannelThread(QV_CHANNEL channel);
 
 /** Stops the worker: capture is stopped, notifications and timers are removed, commands that other
  * threads still wait for fail, and everything is released.
- * @retval QV_RESULT_FAILED  none runs, or the call came from one of the worker's own callbacks
+ * @retval QV_RESULT_FAILED  none runs, another thread is stopping it already, or the call came from
+ *                           one of the worker's own callbacks
  * @threads any */
 QV_API QV_RESULT QVStopChannelThread(QV_CHANNEL channel);
 
@@ -72,9 +74,10 @@ QV_API unsigned long long QVRegisterNotifyWithCallback(QV_CHANNEL channel, unsig
  * @param[in] period  units from one call to the next expiry; 0 or less: it expires once and is gone
  * @return handle, 0 on failure
  *
- * A channel's timers share one driver timer, which is set to the expiry of the timer whose handle
- * is lowest; another one that is due earlier is called when that one expires, not before. Calls
- * that are late are not caught up with.
+ * A channel's timers share one driver timer. It is set to the expiry of the first of them, in an
+ * order that is the library's: for timers made by this function that of their handles, lowest
+ * first. Another one that is due earlier is called when that one expires, not before. Calls that
+ * are late are not caught up with.
  * @threads any */
 QV_API unsigned long long QVCreateTimer(QV_CHANNEL channel, QV_TIMER_CALLBACK callback,
                                         long long delay, long long period);
@@ -93,14 +96,16 @@ QV_API QV_RESULT QVDestoryTimer(QV_CHANNEL channel, unsigned long long timer);
  *
  * A second start without a stop replaces the first; its memory is kept until the stop. Failures of
  * single frames are not reported: a capture request that the driver refuses ends the delivery until
- * the capture is started anew; QVIsVideoCaptureStalled() tells.
+ * the capture is started anew, and so does one that it does not tell the outcome of;
+ * QVIsVideoCaptureStalled() tells.
  * @threads any */
 QV_API QV_RESULT QVStartVideoCaptureWithCallback(QV_CHANNEL channel, unsigned int fourcc, int cx,
                                                  int cy, _QV_VIDEO_CAPTURE_MODE mode,
                                                  QV_VIDEO_CALLBACK callback, void* param);
 
 /** Whether callback video capture waits for a frame that will not come, because the driver refused
- * a request for one. Starting the capture anew ends it. @threads any */
+ * a request for one, or to tell what became of it. Starting the capture anew ends it. @threads any
+ */
 QV_API bool QVIsVideoCaptureStalled(QV_CHANNEL channel);
 
 /** Ends callback video capture and releases its memory; memory that the driver may still write to,
@@ -119,9 +124,10 @@ QV_API QV_RESULT QVStopAudioCaptureWithCallback(QV_CHANNEL channel);
 
 /* ---- With a release ---------------------------------------------------------------------- */
 /* The same four, for a parameter that belongs to the registration, timer or capture: @p release is
- * called with @p param exactly once, when the library has done with it, whatever ended it. It is
- * called after the last callback has returned, and at once when the function fails; on the worker's
- * thread, or on that of the caller who failed, stopped the worker or closed the channel. */
+ * called with @p param exactly once, when the library has done with it, whatever ended it; null is
+ * not called. It is called after the last callback has returned, and at once when the function
+ * fails; on the worker's thread, or on that of the caller who failed, stopped the worker or closed
+ * the channel. */
 
 /** QVRegisterNotifyWithCallback() with a release. @threads any */
 QV_API unsigned long long QVRegisterNotifyWithRelease(QV_CHANNEL channel, unsigned int enableBits,

@@ -44,7 +44,11 @@ typedef void* QV_CHANNEL;
 enum { QV_MAX_CHANNELS = 64 };
 
 /** Told that the library will not use a caller's parameter again: no callback with it is running,
- * and none will be called. Called exactly once for each parameter that it was given with. */
+ * and none will be called. Called exactly once for each parameter that it was given with.
+ *
+ * It runs on the worker's thread, or on the thread whose call failed, stopped the worker or closed
+ * the channel; the rules for callbacks hold for it, too. It may call the library; what it asks of a
+ * worker that is ending fails. */
 typedef void (*QV_RELEASE_CALLBACK)(void* param);
 
 /* Values that the driver defines and the library passes through, 32 bits each. */

@@ -117,7 +117,7 @@ void QVCloseChannelWithRelease(QV_CHANNEL channel, void* param, QV_RELEASE_CALLB
     if (channel == nullptr) return;
     if (CQVCaptureBase* pcie = AsDevice(channel)->AsPcieChannel()) {
         if (pcie->DeferCloseToWorker(&dropped)) return;
-        pcie->StopChannelThread();
+        pcie->StopWorker();
     }
     AsDevice(channel)->CloseChannel();
     delete AsDevice(channel);

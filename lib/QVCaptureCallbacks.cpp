@@ -39,7 +39,8 @@ bool QVIsVideoCaptureStalled(QV_CHANNEL channel) {
 
 unsigned long long QVRegisterNotifyWithCallback(QV_CHANNEL channel, unsigned int enableBits,
                                                 QV_NOTIFY_CALLBACK callback, void* param) {
-    return QVRegisterNotifyWithRelease(channel, enableBits, callback, param, nullptr);
+    return Pcie(channel, &CQVCaptureBase::RegisterNotifyWithCallback, enableBits, callback,
+                CallerParam(param));
 }
 
 unsigned long long QVRegisterNotifyWithRelease(QV_CHANNEL channel, unsigned int enableBits,
@@ -51,7 +52,8 @@ unsigned long long QVRegisterNotifyWithRelease(QV_CHANNEL channel, unsigned int 
 
 unsigned long long QVCreateTimer(QV_CHANNEL channel, QV_TIMER_CALLBACK callback, long long delay,
                                  long long period) {
-    return QVCreateTimerWithRelease(channel, callback, delay, period, nullptr, nullptr);
+    return Pcie(channel, &CQVCaptureBase::CreateTimer, callback, delay, period,
+                CallerParam(nullptr));
 }
 
 unsigned long long QVCreateTimerWithRelease(QV_CHANNEL channel, QV_TIMER_CALLBACK callback,
@@ -64,7 +66,8 @@ unsigned long long QVCreateTimerWithRelease(QV_CHANNEL channel, QV_TIMER_CALLBAC
 QV_RESULT QVStartVideoCaptureWithCallback(QV_CHANNEL channel, unsigned int fourcc, int cx, int cy,
                                           _QV_VIDEO_CAPTURE_MODE mode, QV_VIDEO_CALLBACK callback,
                                           void* param) {
-    return QVStartVideoCaptureWithRelease(channel, fourcc, cx, cy, mode, callback, param, nullptr);
+    return Pcie(channel, &CQVCaptureBase::StartVideoCaptureWithCallback, fourcc, cx, cy, mode,
+                callback, CallerParam(param));
 }
 
 QV_RESULT QVStartVideoCaptureWithRelease(QV_CHANNEL channel, unsigned int fourcc, int cx, int cy,
@@ -76,7 +79,8 @@ QV_RESULT QVStartVideoCaptureWithRelease(QV_CHANNEL channel, unsigned int fourcc
 
 QV_RESULT QVStartAudioCaptureWithCallback(QV_CHANNEL channel, QV_AUDIO_CALLBACK callback,
                                           void* param) {
-    return QVStartAudioCaptureWithRelease(channel, callback, param, nullptr);
+    return Pcie(channel, &CQVCaptureBase::StartAudioCaptureWithCallback, callback,
+                CallerParam(param));
 }
 
 QV_RESULT QVStartAudioCaptureWithRelease(QV_CHANNEL channel, QV_AUDIO_CALLBACK callback,

@@ -1,7 +1,7 @@
 // Callback audio capture of the channel worker.
 //
-// Worker thread only, but for the two that stop the driver: those belong to whoever stops the
-// worker.
+// Worker thread only, but for stopping the driver and for the release: whoever stops the worker
+// does both when its thread has ended.
 #pragma once
 
 #include "DriverStop.h"

@@ -12,24 +12,30 @@ namespace qv {
 class CallerParam {
   public:
     // A parameter by itself stays the caller's business.
-    CallerParam(void* value, QV_RELEASE_CALLBACK release = nullptr)
-        : m_value(value), m_release(release) {}
+    CallerParam(void* value) : m_value(value) {}
+    CallerParam(void* value, QV_RELEASE_CALLBACK release)
+        : m_value(value), m_release(release), m_owned(true) {}
     CallerParam(CallerParam&& other) noexcept
-        : m_value(other.m_value), m_release(std::exchange(other.m_release, nullptr)) {}
+        : m_value(other.m_value),
+          m_release(std::exchange(other.m_release, nullptr)),
+          m_owned(other.m_owned) {}
     CallerParam& operator=(CallerParam&& other) noexcept {
         std::swap(m_value, other.m_value);
         std::swap(m_release, other.m_release);
+        std::swap(m_owned, other.m_owned);
         return *this;
     }
     ~CallerParam() {
         if (m_release != nullptr) m_release(m_value);
     }
     void* Value() const { return m_value; }
-    bool IsOwned() const { return m_release != nullptr; }
+    // Given to the library, with a release or without one.
+    bool IsOwned() const { return m_owned; }
 
   private:
     void* m_value;
-    QV_RELEASE_CALLBACK m_release;
+    QV_RELEASE_CALLBACK m_release = nullptr;
+    bool m_owned = false;
 };
 
 }  // namespace qv

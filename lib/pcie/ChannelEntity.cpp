@@ -27,6 +27,7 @@ constexpr int kLooksForTheMark = 1000;
 constexpr int kWakeTries = 3;
 constexpr int kInterruptedTries = 1000;
 constexpr time_t kSecondsUntilTheWakeEventIsClosed = 2;
+constexpr int kSlicesUntilTheNextWake = 20;
 
 }  // namespace
 
@@ -77,7 +78,8 @@ int ChannelEntity::StopChannelThread() {
 }
 
 // A driver may have said that it set the event, and not done so. Closing it ends a wait; a worker
-// that only is in a long callback does not need it any more, so a clock that jumps does no harm.
+// that only is in a long callback does not need it any more, so a clock that jumps only shifts
+// this.
 void ChannelEntity::Join(pthread_t thread) {
     timespec until{};
     clock_gettime(CLOCK_REALTIME, &until);
@@ -110,6 +112,10 @@ void ChannelEntity::CloseOwnerAfterCallback(qv::CallerParam param) {
 
 // The thread's own end of life when a callback closed the channel: nobody will join it.
 void ChannelEntity::EndWithOwner() {
+    if (!m_scope.channel->ClaimDeferredClose(&m_closeParam)) {
+        m_self.store(0, std::memory_order_release);
+        return;
+    }
     StopDriverCaptures();
     ReleaseCaptures();
     CloseWakeEvent();
@@ -139,9 +145,10 @@ bool ChannelEntity::PostItem(Runnable* item, bool wait) {
         return false;
     }
     if (OnWorkerThread()) {
-        item->Run();
+        const bool runs = !m_ended;  // what a release makes of it now would never be released
+        if (runs) item->Run();
         delete item;
-        return true;
+        return runs;
     }
     std::atomic<Progress> progress{Progress::kQueued};
     const unsigned long long completion = wait ? m_scope.events.Create() : 0;
@@ -192,7 +199,7 @@ void ChannelEntity::AwaitCompletion(unsigned long long completion,
     const auto waiting = [&progress] {
         return progress.load(std::memory_order_acquire) == Progress::kQueued;
     };
-    for (;;) {
+    for (int slices = 1;; ++slices) {
         const bool signalled = m_scope.events.Wait(completion, kCompletionSliceMs) == 1;
         for (int i = 0; signalled && waiting() && i < kLooksForTheMark; ++i) sched_yield();
         if (!waiting()) {
@@ -201,6 +208,11 @@ void ChannelEntity::AwaitCompletion(unsigned long long completion,
             if (signalled && progress.load(std::memory_order_acquire) == Progress::kDiscarded)
                 m_scope.events.Set(completion);
             return;
+        }
+        // The driver may only have pretended to set the wake event.
+        if (slices % kSlicesUntilTheNextWake == 0) {
+            const qv::Guard guard(&m_queueLock);
+            Wake();
         }
         usleep(kPosterPauseUs);
     }
@@ -267,6 +279,7 @@ void ChannelEntity::ChannelThreadproc() {
         if (mask == 0 && errno != EINTR) usleep(kWorkerPauseUs);
         Dispatch(mask);
     }
+    m_ended = true;
     ClearTimer();
     ClearNotify();
     ClearRunnableItem();

@@ -161,6 +161,7 @@ class ChannelEntity : public qv::RefCounted<ChannelEntity> {
     std::atomic<pthread_t> m_self{0};    // set and cleared by the thread itself: of a living one
     std::atomic<unsigned char> m_running{0};
     qv::CallerParam m_closeParam{nullptr};  // worker thread only
+    bool m_ended = false;                   // worker thread only: no command runs any more
 
     qv::Mutex m_queueLock;
     RunnableItem* m_firstItem = nullptr;             // under m_queueLock

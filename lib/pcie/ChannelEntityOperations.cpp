@@ -50,9 +50,9 @@ int ChannelEntity::RegisterNotify(unsigned long long enableBits, QV_NOTIFY_CALLB
             m_scope.channel->UnregisterNotifyAtDriver(record->driverHandle);
         }
         m_scope.events.Close(record->event);
-        delete record;
     }
     m_registrations.GiveBackPlace();
+    delete record;
     return result;
 }
 

@@ -23,12 +23,13 @@ inline unsigned long long HandleOf(const void* pointer) {
 }
 
 // Handles of the library's own: they count from 1 for the whole process and never come back. Bit 63
-// keeps them apart from the driver's handles.
+// keeps them apart from the driver's handles; the zeros behind it from a kernel's addresses.
 inline constexpr unsigned long long kKeyBit = 1ull << 63;
 inline unsigned long long NextKey() {
     static std::atomic<uint64_t> last{0};
     return kKeyBit | (last.fetch_add(1, std::memory_order_relaxed) + 1);
 }
+inline bool MayBeKey(unsigned long long handle) { return handle >> 48 == kKeyBit >> 48; }
 
 // Something that a callback is called for. Its owner hands it to WorkerScope::Retire() in the end.
 struct CallbackRecord {

@@ -224,7 +224,9 @@ class CQVCaptureBase final : public IQVCaptureDevice {
 
     // The worker. Calls that need one fail with QV_RESULT_FAILED, or 0, without it. Any thread.
     QV_RESULT StartChannelThread();
-    QV_RESULT StopChannelThread();
+    QV_RESULT
+    StopChannelThread();  // and closes and deletes the object when a callback asked for it
+    QV_RESULT StopWorker();
     unsigned long long RegisterNotifyWithCallback(unsigned int enableBits,
                                                   QV_NOTIFY_CALLBACK callback,
                                                   qv::CallerParam param);
@@ -247,7 +249,9 @@ class CQVCaptureBase final : public IQVCaptureDevice {
     // For the worker alone.
     QV_RESULT UnregisterNotifyAtDriver(unsigned long long notify);
     void KeepUntilClosed(qv::FrameMemory* frames);  // owned; the driver may still write to it
-    void FinishDeferredClose();                     // closes and deletes this object
+    // False when another thread is stopping the worker, which then takes the close over.
+    bool ClaimDeferredClose(qv::CallerParam* param);
+    void FinishDeferredClose();  // closes and deletes this object
 
   private:
     qv::Ref<ChannelEntity> Entity();
@@ -262,5 +266,7 @@ class CQVCaptureBase final : public IQVCaptureDevice {
     qv::Mutex m_workerLock;           // guards what follows; held for look-ups and a start only
     qv::Ref<ChannelEntity> m_entity;  // the worker, while one is started
     bool m_stopping = false;
+    bool m_closeWhenStopped = false;
+    qv::CallerParam m_closeParam{nullptr};
     qv::FrameMemory* m_framesUntilClosed = nullptr;
 };

@@ -14,7 +14,7 @@ QV_RESULT FromWorker(int result) { return result == 0 ? QV_RESULT_OK : QV_RESULT
 CQVCaptureBase::CQVCaptureBase() = default;
 
 CQVCaptureBase::~CQVCaptureBase() {
-    StopChannelThread();         // before the members that its worker uses are gone
+    StopWorker();                // before the members that its worker uses are gone
     m_hChannelFD = qv::kClosed;  // Deliberate: closing is CloseChannel's work alone
     ReleaseKeptFrames();
 }
@@ -35,6 +35,15 @@ QV_RESULT CQVCaptureBase::StartChannelThread() {
 }
 
 QV_RESULT CQVCaptureBase::StopChannelThread() {
+    if (StopWorker() != QV_RESULT_OK) return QV_RESULT_FAILED;
+    if (!m_closeWhenStopped) return QV_RESULT_OK;
+    const qv::CallerParam droppedLast = std::move(m_closeParam);
+    CloseChannel();
+    delete this;
+    return QV_RESULT_OK;
+}
+
+QV_RESULT CQVCaptureBase::StopWorker() {
     qv::Ref<ChannelEntity> entity;
     {
         // Look-up and claim in one: what is taken off below is what was looked up here.
@@ -56,6 +65,18 @@ bool CQVCaptureBase::DeferCloseToWorker(qv::CallerParam* param) {
     if (!entity || !entity->OnWorkerThread()) return false;
     entity->CloseOwnerAfterCallback(std::move(*param));
     return true;
+}
+
+// A worker that is being stopped must not end on its own: who stops it closes the channel then.
+bool CQVCaptureBase::ClaimDeferredClose(qv::CallerParam* param) {
+    const qv::Guard guard(&m_workerLock);
+    if (!m_stopping) {
+        m_stopping = true;
+        return true;
+    }
+    m_closeParam = std::move(*param);
+    m_closeWhenStopped = true;
+    return false;
 }
 
 void CQVCaptureBase::FinishDeferredClose() {
@@ -104,7 +125,7 @@ QV_RESULT CQVCaptureBase::QVUnregisterNotifyOfCallback(unsigned long long handle
 // in a long callback, is asked only about what can be a key.
 QV_RESULT CQVCaptureBase::UnregisterNotify(unsigned long long notify) {
     if (m_hChannelFD == qv::kClosed || notify == 0) return QV_RESULT_BAD_ARGUMENT;
-    if ((notify & qv::kKeyBit) != 0 && QVUnregisterNotifyOfCallback(notify) == QV_RESULT_OK)
+    if (qv::MayBeKey(notify) && QVUnregisterNotifyOfCallback(notify) == QV_RESULT_OK)
         return QV_RESULT_OK;
     return UnregisterNotifyAtDriver(notify);
 }

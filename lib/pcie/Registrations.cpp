@@ -33,8 +33,8 @@ QV_RESULT Registrations::Release(_QVCAP_NOTIFY** link) {
     const QV_RESULT result = m_scope->channel->UnregisterNotifyAtDriver(record->driverHandle);
     m_scope->events.Close(record->event);
     *link = record->next;
+    GiveBackPlace();  // first: a caller's release may register its successor
     m_scope->Retire(record);
-    GiveBackPlace();
     return result;
 }
 

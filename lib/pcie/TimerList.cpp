@@ -54,7 +54,9 @@ int TimerList::ResetDriverTimer() {
         m_event.Close(*m_scope);
         return -1;
     }
-    return ScheduleFirst() ? 0 : -1;
+    if (!ScheduleFirst()) return -1;
+    m_unserved = false;
+    return 0;
 }
 
 bool TimerList::ScheduleFirst() {
@@ -64,7 +66,10 @@ bool TimerList::ScheduleFirst() {
 
 // The driver timer was given up for a change that the driver then refused: the timers that are left
 // must not end with it. Tried again with every pass until the driver takes it.
-void TimerList::ServeTheOthers() { m_unserved = m_first != nullptr && ResetDriverTimer() != 0; }
+void TimerList::ServeTheOthers() {
+    m_unserved = m_first != nullptr;
+    if (m_unserved) ResetDriverTimer();
+}
 
 void TimerList::AddEvents(WaitSet* set) {
     if (m_unserved) ServeTheOthers();

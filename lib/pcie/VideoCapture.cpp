@@ -64,9 +64,15 @@ void VideoCapture::OnSignal(uint64_t serial) {
 
 void VideoCapture::OnDone() {
     _QVCAP_VIDEO_CAPTURE_STATUS status{};
-    if (m_scope->channel->GetVideoCaptureStatus(&status) != QV_RESULT_OK ||
-        status.frameCompleted == 0)
+    const bool read = m_scope->channel->GetVideoCaptureStatus(&status) == QV_RESULT_OK;
+    if (!read || status.frameCompleted == 0) {
+        // Of a request that is outstanding nothing will be heard again.
+        const bool outstanding =
+            m_capture->mode == QV_VIDEO_CAPTURE_BACK_TO_BACK || m_capture->index < 0;
+        if (!read && outstanding) m_stalled.store(true, std::memory_order_relaxed);
         return OnNotify();
+    }
+    m_stalled.store(false, std::memory_order_relaxed);
     _QVCAP_VIDEO_BUFFER_INFO buffers{};
     m_scope->channel->GetVideoBufferInfo(&buffers);
     _QVCAP_VIDEO_FRAME_INFO info{};
@@ -119,19 +125,33 @@ void VideoCapture::StopDriverAgain() {
 
 void VideoCapture::Release(bool driverStopped) {
     m_stalled.store(false, std::memory_order_relaxed);
-    while (_QVCAP_VIDEO_CAPTURE* const capture = m_capture) {
-        m_capture = capture->replaced;
-        ReleaseOne(capture, driverStopped);
-    }
+    // Taken off first, and deleted last: a caller's release may open another capture.
+    _QVCAP_VIDEO_CAPTURE* const first = CurrentThenOldest(std::exchange(m_capture, nullptr));
+    for (auto* capture = first; capture != nullptr; capture = capture->replaced)
+        GiveBack(capture, driverStopped);
+    for (auto* capture = first; capture != nullptr;)
+        m_scope->Retire(std::exchange(capture, capture->replaced));
 }
 
-void VideoCapture::ReleaseOne(_QVCAP_VIDEO_CAPTURE* capture, bool driverStopped) {
+// The order in which captures are released: the current one, then those that were replaced, the
+// oldest first.
+_QVCAP_VIDEO_CAPTURE* VideoCapture::CurrentThenOldest(_QVCAP_VIDEO_CAPTURE* current) {
+    if (current == nullptr) return nullptr;
+    _QVCAP_VIDEO_CAPTURE* oldest = nullptr;
+    for (auto* capture = current->replaced; capture != nullptr;) {
+        auto* const older = std::exchange(capture->replaced, oldest);
+        oldest = std::exchange(capture, older);
+    }
+    current->replaced = oldest;
+    return current;
+}
+
+void VideoCapture::GiveBack(_QVCAP_VIDEO_CAPTURE* capture, bool driverStopped) {
     capture->done.Close(*m_scope);
     if (capture->notifyHandle != 0)
         m_scope->channel->UnregisterNotifyAtDriver(capture->notifyHandle);
     capture->notify.Close(*m_scope);
     if (!driverStopped) m_scope->channel->KeepUntilClosed(std::exchange(capture->frames, nullptr));
-    m_scope->Retire(capture);
 }
 
 }  // namespace qv

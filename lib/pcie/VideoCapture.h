@@ -1,7 +1,7 @@
 // Callback video capture of the channel worker, in both pacing modes.
 //
-// Worker thread only, but for the two that stop the driver: those belong to whoever stops the
-// worker.
+// Worker thread only, but for stopping the driver and for the release: whoever stops the worker
+// does both when its thread has ended.
 #pragma once
 
 #include "DriverStop.h"
@@ -39,7 +39,8 @@ class VideoCapture final : public EventSource {
     int Open(_QVCAP_VIDEO_CAPTURE* request);
     int Close();
 
-    // Whether the driver refused a request for a frame, so that none will come. Any thread.
+    // Whether the driver refused a request for a frame, or its outcome, so that none will come. Any
+    // thread.
     bool Stalled() const { return m_stalled.load(std::memory_order_relaxed); }
 
     void StopDriver();
@@ -57,7 +58,8 @@ class VideoCapture final : public EventSource {
     void OnDone();
     void OnNotify();
     void Deliver(int finished, _QVCAP_VIDEO_FRAME_INFO* info);
-    void ReleaseOne(_QVCAP_VIDEO_CAPTURE* capture, bool driverStopped);
+    static _QVCAP_VIDEO_CAPTURE* CurrentThenOldest(_QVCAP_VIDEO_CAPTURE* current);
+    void GiveBack(_QVCAP_VIDEO_CAPTURE* capture, bool driverStopped);
 
     WorkerScope* const m_scope;
     DriverStop m_stop;

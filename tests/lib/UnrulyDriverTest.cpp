@@ -383,6 +383,7 @@ std::atomic<int> g_signals{0};
 void OnSignal(int) { ++g_signals; }
 
 TEST_F(UnrulyDriverTest, TheProgramsSignalsAreNotTheWorkers) {
+    if (qvsim::ThroughServedNodes()) GTEST_SKIP() << "the thread that serves the nodes takes them";
     struct sigaction action {};
     struct sigaction before {};
     action.sa_handler = OnSignal;
@@ -473,6 +474,100 @@ TEST_F(UnrulyDriverTest, AParameterOutlivesTheCallbackThatEndsItsRegistration) {
     rig.Cards().RaiseNotification(0, 0, 1);
     ending.released.Pass();
     EXPECT_FALSE(ending.releasedInside);
+}
+
+// ---- Releases that call the library ----------------------------------------------------------
+
+// What a release does, given as its parameter.
+using Deed = std::function<void()>;
+void DoDeed(void* param) { (*static_cast<Deed*>(param))(); }
+
+TEST_F(UnrulyDriverTest, ACaptureStartedInAReleaseGoesOn) {
+    QV_RESULT restarted = QV_RESULT_FAILED;
+    Owned second;
+    Deed restart = [&] {
+        restarted = QVStartVideoCaptureWithRelease(channel, kGrey, kWidth, kHeight,
+                                                   QV_VIDEO_CAPTURE_BACK_TO_BACK, nullptr, &second,
+                                                   Owned::Release);
+    };
+    ASSERT_EQ(QV_RESULT_OK, QVStartVideoCaptureWithRelease(channel, kGrey, kWidth, kHeight, 1,
+                                                           nullptr, &restart, DoDeed));
+    EXPECT_EQ(QV_RESULT_OK, QVStopVideoCaptureWithCallback(channel));
+    EXPECT_EQ(QV_RESULT_OK, restarted);
+    EXPECT_EQ(0, second.released);
+    EXPECT_EQ(1u, rig.Cards().CountAlive().captures);
+    EXPECT_EQ(QV_RESULT_OK, QVStopVideoCaptureWithCallback(channel));
+    EXPECT_EQ(1, second.released);
+    EXPECT_EQ(0u, rig.Cards().CountAlive().captures);
+}
+
+TEST_F(UnrulyDriverTest, AWorkerThatEndsTakesNothingOnAnyMore) {
+    Owned late;
+    std::vector<unsigned long long> made;
+    Deed makeMore = [&] {
+        made.push_back(QVCreateTimerWithRelease(channel, nullptr, 9, 9, &late, Owned::Release));
+        made.push_back(QVRegisterNotifyWithRelease(channel, 1, nullptr, &late, Owned::Release));
+        EXPECT_EQ(QV_RESULT_FAILED,
+                  QVStartAudioCaptureWithRelease(channel, nullptr, &late, Owned::Release));
+    };
+    ASSERT_NE(0u, QVRegisterNotifyWithRelease(channel, 1, nullptr, &makeMore, DoDeed));
+    ASSERT_EQ(QV_RESULT_OK, QVStartAudioCaptureWithRelease(channel, nullptr, &makeMore, DoDeed));
+    EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
+    EXPECT_THAT(made, ElementsAre(0u, 0u, 0u, 0u));
+    EXPECT_EQ(6, late.released);
+    EXPECT_EQ(0u, rig.Cards().CountAlive().events);
+    EXPECT_EQ(0u, rig.Cards().CountAlive().notifications);
+}
+
+TEST_F(UnrulyDriverTest, AReleaseMayRegisterItsSuccessorInTheLastPlace) {
+    unsigned long long successor = 0;
+    Deed succeed = [&] { successor = QVRegisterNotifyWithCallback(channel, 1, nullptr, nullptr); };
+    const auto last = QVRegisterNotifyWithRelease(channel, 1, nullptr, &succeed, DoDeed);
+    for (int i = 0; i < 26; ++i)
+        ASSERT_NE(0u, QVRegisterNotifyWithCallback(channel, 1, nullptr, nullptr));
+    EXPECT_EQ(QV_RESULT_OK, QVUnregisterNotify(channel, last));
+    EXPECT_NE(0u, successor);
+}
+
+// The stop finds the channel closed by a release that it brought about, and closes it itself.
+TEST_F(UnrulyDriverTest, AChannelClosedWhileItsWorkerIsStoppedIsClosedOnce) {
+    QV_CHANNEL second = QVOpenChannelByPath("/dev/video0");
+    ASSERT_EQ(QV_RESULT_OK, QVStartChannelThread(second));
+    Owned closed;
+    Deed close = [&] { QVCloseChannelWithRelease(second, &closed, Owned::Release); };
+    ASSERT_NE(0u, QVRegisterNotifyWithRelease(second, 1, nullptr, &close, DoDeed));
+    EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(second));
+    EXPECT_EQ(1, closed.released);
+    EXPECT_EQ(2u, rig.Cards().CountAlive().files);
+    EXPECT_EQ(1u, rig.Cards().CountAlive().events);
+}
+
+TEST_F(UnrulyDriverTest, APosterWakesTheWorkerAgainWhenTheDriverOnlyPretended) {
+    Settle();
+    rig.AddFault({.request = "SetEvent", .effect = qvsim::Pretend()});
+    EXPECT_NE(0u, QVRegisterNotifyWithCallback(channel, 1, nullptr, nullptr));
+}
+
+TEST_F(UnrulyDriverTest, ReplacedCapturesAreReleasedBehindTheCurrentOneOldestFirst) {
+    ASSERT_EQ(QV_RESULT_OK, StartVideo(QV_VIDEO_CAPTURE_BACK_TO_BACK));
+    ASSERT_EQ(QV_RESULT_OK, StartVideo(QV_VIDEO_CAPTURE_ON_NOTIFY));
+    ASSERT_EQ(QV_RESULT_OK, StartVideo(QV_VIDEO_CAPTURE_BACK_TO_BACK));
+    OnWorker([&] {
+        rig.ClearJournal();
+        EXPECT_EQ(QV_RESULT_OK, QVStopVideoCaptureWithCallback(channel));
+        EXPECT_THAT(Requests(), ElementsAre("StopVideoCapture", "CloseEvent", "CloseEvent",
+                                            "CloseEvent", "UnregisterNotify", "CloseEvent"));
+    });
+}
+
+TEST_F(UnrulyDriverTest, AStatusThatCannotBeReadShowsAsAStall) {
+    ASSERT_EQ(QV_RESULT_OK, StartVideo(QV_VIDEO_CAPTURE_BACK_TO_BACK));
+    rig.AddFault({.request = "GetVideoCaptureStatus", .effect = Refuse(EINTR)});
+    EXPECT_FALSE(QVIsVideoCaptureStalled(channel));
+    NextFrame();
+    while (!QVIsVideoCaptureStalled(channel)) std::this_thread::yield();
+    EXPECT_EQ(QV_RESULT_OK, QVStopVideoCaptureWithCallback(channel));
+    EXPECT_FALSE(QVIsVideoCaptureStalled(channel));
 }
 
 TEST_F(UnrulyDriverTest, TheHandleOfATimerWithAReleaseNeverComesBack) {
