@@ -32,11 +32,11 @@ std::vector<uint8_t> Package(std::vector<uint8_t> header, const std::vector<Sect
     header[11] = static_cast<uint8_t>(length >> 8);
     header[156] = static_cast<uint8_t>(sections.size());
     for (const Section& section : sections) {
-        uint8_t entry[kHeaderSectionLength] = {};
-        std::memcpy(entry, section.name, std::strlen(section.name));
-        Put32(entry + 16, section.address);
-        Put32(entry + 20, section.size);
-        header.insert(header.end(), entry, entry + sizeof entry);
+        const size_t at = header.size();
+        header.resize(at + kHeaderSectionLength);
+        std::memcpy(&header[at], section.name, std::strlen(section.name));
+        Put32(&header[at + 16], section.address);
+        Put32(&header[at + 20], section.size);
     }
     for (const Section& section : sections)
         for (uint32_t i = 0; i < section.size; ++i)
