@@ -149,6 +149,14 @@ TEST_F(MediaTest, TheCppFaceSaysWhenThereIsNothingToCaptureFrom) {
 
 // ---- list and opening
 
+// A driver may keep an open that blocks waiting for as long as it likes.
+TEST_F(MediaTest, CardsAreProbedAndOpenedWithoutBlocking) {
+    const Channel channel = Open("/dev/video0");
+    const auto opened = nodes.CallsOf("open");
+    ASSERT_FALSE(opened.empty());
+    for (const std::string& call : opened) EXPECT_NE(call.npos, call.find("rdwr|nonblock")) << call;
+}
+
 TEST_F(MediaTest, UsbChannelsFollowThePcieChannelsInTheList) {
     ASSERT_EQ(3, QVGetChannelCount());
     _QVCAP_CHANNEL_INFO info{};

@@ -187,6 +187,22 @@ TEST_F(WorkerEdgesTest, AnAudioFrameGoesToItsCallbackAsTheDriverWroteIt) {
     EXPECT_EQ(QV_RESULT_OK, QVStopAudioCaptureWithCallback(channel));
 }
 
+TEST_F(WorkerEdgesTest, AnAudioFrameWithAnotherMarkerIsNotDelivered) {
+    Recorder<uint32_t> markers;
+    const auto onAudio = [](_QVCAP_AUDIO_CAPTURE_FRAME* frame, void* param) {
+        static_cast<Recorder<uint32_t>*>(param)->Add(frame->marker);
+    };
+    rig.AddFault({.request = "CaptureAudioFrame", .effect = qvsim::WrongMarker()});
+    ASSERT_EQ(QV_RESULT_OK, QVStartAudioCaptureWithCallback(channel, onAudio, &markers));
+    NextFrame();
+    while (CountRequests("CaptureAudioFrame") < 1) std::this_thread::yield();
+    Settle();
+    EXPECT_THAT(markers.Items(), IsEmpty());
+    NextFrame();
+    EXPECT_EQ(QV_AUDIO_FRAME_MARKER, markers.AwaitCount(1)[0]);
+    EXPECT_EQ(QV_RESULT_OK, QVStopAudioCaptureWithCallback(channel));
+}
+
 // ---- Dead drivers ----------------------------------------------------------------------------
 
 // The kernel's id of the worker's thread.

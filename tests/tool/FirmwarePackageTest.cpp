@@ -371,6 +371,25 @@ class MatchingTest : public FirmwarePackageTest {
     int result = -1;
 };
 
+class HighHardwareTest : public FirmwarePackageTest {};
+
+// A version is a byte: those of 0x80 and above are compared like the others.
+TEST_F(HighHardwareTest, VersionsOf0x80AndAboveMatchTheirOwn) {
+    const char high = static_cast<char>(0x80);
+    rig.Add(Pelix().ProductCode(0x2222).Hardware(high));
+    Package().ProductCode(0x2222).Hardware('\0').Write("zero.qvf");
+    Package().ProductCode(0x2222).Hardware(static_cast<char>(0xFF)).Write("other.qvf");
+    const PackageBuilder own = Package().ProductCode(0x2222).Hardware(high).Section("S", 0, 10);
+    own.Write("own.qvf");
+    Start();
+    QV_CHANNEL channel = QVOpenChannelByPath("/dev/video0");
+    QVFFileName names[3] = {"zero.qvf", "other.qvf", "own.qvf"};
+    EXPECT_EQ(1, GetUpgradeDataFromQVFFile(channel, names, 2, &header, data));
+    EXPECT_EQ(0, GetUpgradeDataFromQVFFile(channel, names, 3, &header, data));
+    EXPECT_EQ(own.Data(0), Loaded(0));
+    QVCloseChannel(channel);
+}
+
 TEST_F(MatchingTest, ProductCodeAndHardwareVersionMustBothAgree) {
     PackageBuilder(good).ProductCode(0x2223).Write("product.qvf");
     PackageBuilder(good).Hardware('D').Write("hardware.qvf");
