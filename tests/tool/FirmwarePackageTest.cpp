@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <filesystem>
 #include <fstream>
 
 #include "ToolFixture.h"
@@ -370,6 +371,26 @@ class MatchingTest : public FirmwarePackageTest {
     QV_CHANNEL channel = nullptr;
     int result = -1;
 };
+
+// How many descriptors this process has open.
+ptrdiff_t Descriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
+
+TEST_F(FirmwarePackageTest, ListingLeavesNoFolderOpen) {
+    Package().Write("p.qvf");
+    QVFFileName names[2] = {};
+    const ptrdiff_t before = Descriptors();
+    for (int i = 0; i < 5; ++i) {
+        int count = 2;
+        EXPECT_EQ(0, GetQVFFileList(".", names, &count));
+        EXPECT_EQ(1, count);
+        count = 1;
+        EXPECT_EQ(0, GetQVFFileList(".", names, &count))
+            << "a full list ends before the folder does";
+    }
+    EXPECT_EQ(before, Descriptors());
+}
 
 class HighHardwareTest : public FirmwarePackageTest {};
 

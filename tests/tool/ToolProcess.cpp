@@ -108,6 +108,11 @@ void ToolFolder::UserNumber(int number) {
     WriteScript(bin_ + "/id", "echo " + std::to_string(number));
 }
 
+void ToolFolder::StandIn(const std::string& name, const std::string& body) {
+    unlink((bin_ + "/" + name).c_str());
+    WriteScript(bin_ + "/" + name, "exec >>'" + root_ + "/commands'\n" + body);
+}
+
 std::vector<std::string> ToolFolder::Commands() const {
     std::vector<std::string> lines;
     std::istringstream text(ReadWhole(root_ + "/commands"));

@@ -45,6 +45,8 @@ class ToolFolder {
     void RunIn(const std::string& dir) { work_ = dir; }
     // The user number that `id -u` tells from now on; default: the real one.
     void UserNumber(int number);
+    // Replaces a stand-in by a shell script, whose output becomes lines of Commands().
+    void StandIn(const std::string& name, const std::string& body);
     // Which stand-ins ran, in order: "sync", "poweroff", "sudo poweroff".
     std::vector<std::string> Commands() const;
 

@@ -359,6 +359,20 @@ TEST_F(UpgradeE2eTest, RootPowersOffDirectly) {
     EXPECT_THAT(run.output, EndsWith(kPowerOffQuestion + "\n\n"));
 }
 
+// The first command of the power-off looks at what the driver has seen by then.
+TEST_F(UpgradeE2eTest, TheEventNodeIsClosedWhenTheMachineIsToldToPowerOff) {
+    if (qvsim::ThroughServedNodes()) GTEST_SKIP() << "the server writes down a close when it comes";
+    rig.Add(Pelix());
+    Package().Write(folder / "p.qvf");
+    folder.UserNumber(0);
+    folder.StandIn("sync",
+                   "while read -r line; do case $line in *'close /dev/qv-event'*) "
+                   "echo closed;; esac; done <'" +
+                       rig.Dir() + "/journal'");
+    EXPECT_EQ(0, folder.OnTerminal(rig, {"-a", "-y"}, {"y"}).status);
+    EXPECT_THAT(folder.Commands(), ElementsAre("closed", "poweroff"));
+}
+
 TEST_F(UpgradeE2eTest, AnybodyElsePowersOffThroughSudo) {
     rig.Add(Pelix());
     Package().Write(folder / "p.qvf");
