@@ -95,19 +95,20 @@ TEST_F(TimerTest, DestroyingOneOfTwoSucceedsAndAnUnknownHandleFails) {
     EXPECT_THAT(log.fired.AwaitCount(1), ElementsAre(two));
 }
 
-// Where a record stands is the heap's choice: pairs are made until the one that expires later
-// stands lower. The two places are given back lowest last, since a heap likes to hand out the last
-// first.
+// Where a record is in memory is the heap's choice: timers are made until one that expires later is
+// below one that expires earlier, and the others are destroyed.
 TEST_F(TimerTest, TheTimerAtTheLowerAddressDecidesWhenTheDriverWakes) {
     const auto start = Now();
-    unsigned long long late = 0;
+    std::vector<unsigned long long> lates;
+    for (int i = 0; i < 16; ++i) lates.push_back(QVCreateTimer(channel, OnTimer, 500, 0));
+    const auto late = *std::min_element(lates.begin(), lates.end());
     unsigned long long early = 0;
-    for (int tries = 0; tries < 100 && late >= early; ++tries) {
-        QVDestoryTimer(channel, late);
-        QVDestoryTimer(channel, early);
-        late = QVCreateTimer(channel, OnTimer, 500, 0);
-        early = QVCreateTimer(channel, OnTimer, 10, 0);
-    }
+    std::vector<unsigned long long>
+        low;  // that stay where they are, so that another place is taken
+    while ((early = QVCreateTimer(channel, OnTimer, 10, 0)) < late) low.push_back(early);
+    for (const auto timer : lates)
+        if (timer != late) QVDestoryTimer(channel, timer);
+    for (const auto timer : low) QVDestoryTimer(channel, timer);
     ASSERT_LT(late, early);
     EXPECT_EQ(start + 500, Scheduled());
     rig.Cards().AdvanceClock(10);
