@@ -383,7 +383,6 @@ std::atomic<int> g_signals{0};
 void OnSignal(int) { ++g_signals; }
 
 TEST_F(UnrulyDriverTest, TheProgramsSignalsAreNotTheWorkers) {
-    if (qvsim::ThroughServedNodes()) GTEST_SKIP() << "the thread that serves the nodes takes them";
     struct sigaction action {};
     struct sigaction before {};
     action.sa_handler = OnSignal;

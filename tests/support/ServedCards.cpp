@@ -11,6 +11,8 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "FrameWriter.h"
+
 namespace qvsim {
 namespace {
 
@@ -42,7 +44,7 @@ ServingThread::ServingThread(const std::shared_ptr<Model>& model) {
     Require(stop_ >= 0, std::strerror(errno));
     const std::string error = server_->Start(stop_);
     Require(error.empty(), error);
-    thread_ = std::thread([this] { outcome_ = server_->Run(); });
+    thread_ = QuietThread([this] { outcome_ = server_->Run(); });
 }
 
 ServingThread::~ServingThread() {
