@@ -99,14 +99,14 @@ TEST_F(TimerTest, DestroyingOneOfTwoSucceedsAndAnUnknownHandleFails) {
 // below one that expires earlier, and the others are destroyed.
 TEST_F(TimerTest, TheTimerAtTheLowerAddressDecidesWhenTheDriverWakes) {
     const auto start = Now();
-    std::vector<unsigned long long> lates;
-    for (int i = 0; i < 16; ++i) lates.push_back(QVCreateTimer(channel, OnTimer, 500, 0));
-    const auto late = *std::min_element(lates.begin(), lates.end());
+    std::vector<unsigned long long> lateOnes;
+    for (int i = 0; i < 16; ++i) lateOnes.push_back(QVCreateTimer(channel, OnTimer, 500, 0));
+    const auto late = *std::min_element(lateOnes.begin(), lateOnes.end());
     unsigned long long early = 0;
     std::vector<unsigned long long>
         low;  // that stay where they are, so that another place is taken
     while ((early = QVCreateTimer(channel, OnTimer, 10, 0)) < late) low.push_back(early);
-    for (const auto timer : lates)
+    for (const auto timer : lateOnes)
         if (timer != late) QVDestoryTimer(channel, timer);
     for (const auto timer : low) QVDestoryTimer(channel, timer);
     ASSERT_LT(late, early);
