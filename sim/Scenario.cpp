@@ -101,9 +101,9 @@ class Table {
     const toml::table& table_;
 };
 
-const toml::table& TableOf(const toml::node& node, const std::string& key) {
+const toml::table& TableOf(const toml::node& node, const char* key) {
     if (const toml::table* table = node.as_table()) return *table;
-    throw Mistake(node, key + " is a table");
+    throw Mistake(node, std::string(key) + " is a table");
 }
 
 // Calls `each` with every element of the array under `key`.
