@@ -85,7 +85,7 @@ int main(int argc, char** argv) {
         "add a fault in the words of a scenario and print its number:\n"
         "  qvcap-sim fault add DIR request=EraseFirmwareData nth=3 kind=power_loss");
     add->add_option("DIR", dir, "folder with the cards")->required();
-    add->add_option("KEY=VALUE", pairs, "request=, kind=, nth= and so on")->required();
+    add->add_option("SETTING", pairs, "KEY=VALUE: request=, kind=, nth= and so on")->required();
     add->callback([&] { status = qvsim::FaultAddCommand(dir, pairs); });
     auto* clearing = fault->add_subcommand("clear", "take faults back: those named, or all");
     clearing->add_option("DIR", dir, "folder with the cards")->required();
@@ -103,7 +103,8 @@ int main(int argc, char** argv) {
     const auto onFlash = [&](const char* name, const char* help, auto work) {
         auto* sub = flash->add_subcommand(name, help);
         sub->add_option("DIR", dir, "folder with the cards")->required();
-        sub->add_option("BOARD[:CHANNEL]", place, "as `status` shows them")->required();
+        sub->add_option("PLACE", place, "BOARD or BOARD:CHANNEL, as `status` shows them")
+            ->required();
         sub->add_option("FILE", file, "the chip's bytes")->required();
         sub->callback([&, work] { status = work(dir, place, file); });
     };
