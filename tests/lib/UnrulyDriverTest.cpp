@@ -1,76 +1,14 @@
 // The channel worker on drivers that use the freedom they have: handles used again, frames accepted
 // after a stop, interrupted and refused requests, slow ones. One test for each mistake that such a
-// driver once brought to light.
+// driver once brought to light; those about releases are in ReleaseTest.cpp.
 #include <signal.h>
 
-#include <deque>
-
-#include "FrameLayout.h"
 #include "QVCapture.hpp"
 #include "TestThreads.h"
-#include "WorkerFixture.h"
+#include "UnrulyFixture.h"
 
 namespace qvtest {
 namespace {
-
-using qvsim::AfterStop;
-using qvsim::RefuseLate;
-using qvsim::Slow;
-
-constexpr unsigned int kGrey = qv::Fourcc("GREY");
-constexpr int kWidth = 64;
-constexpr int kHeight = 4;
-
-void CountFrame(unsigned long long, unsigned int, unsigned int, _QVCAP_VIDEO_FRAME_INFO*,
-                void* param) {
-    if (param != nullptr) ++*static_cast<std::atomic<int>*>(param);
-}
-
-class UnrulyDriverTest : public WorkerTest {
-  protected:
-    qvsim::BoardBuilder BoardUnderTest() override {
-        return Pelix().Channels(1).Video(kWidth, kHeight, 1000).Audio(1000);
-    }
-    QV_RESULT StartVideo(_QV_VIDEO_CAPTURE_MODE mode, std::atomic<int>* count = nullptr) {
-        return QVStartVideoCaptureWithCallback(channel, kGrey, kWidth, kHeight, mode, CountFrame,
-                                               count);
-    }
-    void NextFrame() { rig.Cards().AdvanceClock(10000); }
-    // A slow request is noted when it has been served; a short read, which does nothing to these,
-    // at its beginning.
-    void Slowly(const std::string& request, int nth, uint32_t milliseconds) {
-        rig.AddFault({.request = request, .nth = nth, .effect = Slow(milliseconds)});
-        rig.AddFault({.request = request, .nth = nth, .effect = qvsim::ShortRead(0)});
-    }
-    void AwaitBegun(const std::string& request) { AwaitMet("short_read " + request); }
-    // The fault has been met that many times; the request itself may still be under way.
-    void AwaitMet(const std::string& fault, size_t times = 1) {
-        while (true) {
-            const auto met = rig.MetFaults();
-            if (static_cast<size_t>(std::count_if(met.begin(), met.end(), [&](const auto& line) {
-                    return line.compare(0, fault.size(), fault) == 0;
-                })) >= times)
-                return;
-            std::this_thread::yield();
-        }
-    }
-};
-
-class ReusedHandlesTest : public UnrulyDriverTest {
-  protected:
-    void SetUp() override {
-        rig.Driver({.reuseHandles = true});
-        UnrulyDriverTest::SetUp();
-    }
-};
-
-class FramesAfterStopTest : public UnrulyDriverTest {
-  protected:
-    void SetUp() override {
-        rig.Driver({.afterStop = AfterStop::kWriteAtStart});
-        UnrulyDriverTest::SetUp();
-    }
-};
 
 // ---- Stopping --------------------------------------------------------------------------------
 
@@ -204,15 +142,7 @@ TEST_F(UnrulyDriverTest, DestroyedFacesAreNotCalledWhenTheDriverRefusesEveryWake
 
 // The command behind a refused one runs, and its wake-up is not lost.
 TEST_F(UnrulyDriverTest, TheNextCommandRunsWhenTheWorkersOwnWakeUpIsRefused) {
-    Gate held;
-    Gate holding;
-    NotifyFunction hold = [&](unsigned long long, unsigned int) {
-        holding.Open();
-        held.Pass();
-    };
-    const auto holder = QVRegisterNotifyWithCallback(channel, 4, CallNotify, &hold);
-    rig.Cards().RaiseNotification(0, 0, 4);
-    holding.Pass();
+    HeldWorker held(rig, channel);
     rig.ClearJournal();
     std::vector<std::thread> posters;
     for (int i = 0; i < 3; ++i)
@@ -222,9 +152,9 @@ TEST_F(UnrulyDriverTest, TheNextCommandRunsWhenTheWorkersOwnWakeUpIsRefused) {
         });
     while (CountRequests("SetEvent") < 3) std::this_thread::yield();
     rig.AddFault({.request = "SetEvent", .count = 6, .effect = Refuse(EIO)});
-    held.Open();
+    held.LetGo();
     for (auto& poster : posters) poster.join();
-    EXPECT_EQ(QV_RESULT_OK, QVUnregisterNotify(channel, holder));
+    EXPECT_EQ(QV_RESULT_OK, held.Unregister());
     EXPECT_EQ(3u, rig.Cards().CountAlive().notifications);
 }
 
@@ -246,15 +176,7 @@ TEST_F(ReusedHandlesTest, ACompletionIsNeverSetAfterItsPosterHasGone) {
 }
 
 TEST_F(UnrulyDriverTest, ACompletionThatTheDriverOnlyPretendsIsNotBelieved) {
-    Gate held;
-    Gate holding;
-    NotifyFunction hold = [&](unsigned long long, unsigned int) {
-        holding.Open();
-        held.Pass();
-    };
-    const auto holder = QVRegisterNotifyWithCallback(channel, 4, CallNotify, &hold);
-    rig.Cards().RaiseNotification(0, 0, 4);
-    holding.Pass();
+    HeldWorker held(rig, channel);
     rig.AddFault({.request = "WaitEvent", .count = 3, .effect = qvsim::Pretend(1)});
     std::atomic<bool> returned{false};
     std::thread poster([&] {
@@ -264,9 +186,9 @@ TEST_F(UnrulyDriverTest, ACompletionThatTheDriverOnlyPretendsIsNotBelieved) {
     });
     AwaitMet("pretend WaitEvent");
     EXPECT_FALSE(returned);
-    held.Open();
+    held.LetGo();
     poster.join();
-    EXPECT_EQ(QV_RESULT_OK, QVUnregisterNotify(channel, holder));
+    EXPECT_EQ(QV_RESULT_OK, held.Unregister());
 }
 
 // ---- Signals of what is gone -----------------------------------------------------------------
@@ -275,30 +197,22 @@ TEST_F(UnrulyDriverTest, ACompletionThatTheDriverOnlyPretendsIsNotBelieved) {
 // handle of the old one: the old signal is nobody's.
 TEST_F(ReusedHandlesTest, ASignalOfAClosedCaptureIsNotTakenForTheNewOnes) {
     std::atomic<int> frames{0};
-    Gate holding;
-    Gate held;
-    NotifyFunction hold = [&](unsigned long long, unsigned int) {
-        holding.Open();
-        held.Pass();
-    };
     NotifyFunction restart = [&](unsigned long long, unsigned int) {
         EXPECT_EQ(QV_RESULT_OK, QVStopVideoCaptureWithCallback(channel));
         rig.ClearJournal();
         EXPECT_EQ(QV_RESULT_OK, StartVideo(QV_VIDEO_CAPTURE_ON_NOTIFY, &frames));
     };
-    const auto holder = QVRegisterNotifyWithCallback(channel, 4, CallNotify, &hold);
     const auto restarter = QVRegisterNotifyWithCallback(channel, 8, CallNotify, &restart);
     ASSERT_EQ(QV_RESULT_OK, StartVideo(QV_VIDEO_CAPTURE_BACK_TO_BACK, &frames));
-    rig.Cards().RaiseNotification(0, 0, 4);
-    holding.Pass();
+    HeldWorker held(rig, channel);
     rig.Cards().RaiseNotification(0, 0, 8);
     rig.Cards().InterruptFrame(0, 0);  // sets the capture's event
-    held.Open();
+    held.LetGo();
     Settle();
     EXPECT_EQ(1u, CountRequests("StartVideoCapture"));
     EXPECT_EQ(0u, CountRequests("GetVideoCaptureStatus")) << "the old capture's signal";
     EXPECT_EQ(0u, CountRequests("CaptureVideoFrame"));
-    QVUnregisterNotify(channel, holder);
+    EXPECT_EQ(QV_RESULT_OK, held.Unregister());
     QVUnregisterNotify(channel, restarter);
 }
 
@@ -362,20 +276,12 @@ TEST_F(UnrulyDriverTest, ADriversHandleIsUnregisteredWhileACallbackRuns) {
     const auto event = QVCreateEvent();
     const auto notify = QVRegisterNotify(channel, event, 2);
     ASSERT_NE(0u, notify);
-    Gate held;
-    Gate holding;
-    NotifyFunction hold = [&](unsigned long long, unsigned int) {
-        holding.Open();
-        held.Pass();
-    };
-    const auto holder = QVRegisterNotifyWithCallback(channel, 4, CallNotify, &hold);
-    rig.Cards().RaiseNotification(0, 0, 4);
-    holding.Pass();
+    HeldWorker held(rig, channel);
     rig.ClearJournal();
     EXPECT_EQ(QV_RESULT_OK, QVUnregisterNotify(channel, notify));
     EXPECT_THAT(Requests(), ElementsAre("UnregisterNotify"));
-    held.Open();
-    EXPECT_EQ(QV_RESULT_OK, QVUnregisterNotify(channel, holder));
+    held.LetGo();
+    EXPECT_EQ(QV_RESULT_OK, held.Unregister());
     QVCloseEvent(event);
 }
 
@@ -404,142 +310,7 @@ TEST_F(UnrulyDriverTest, TheProgramsSignalsAreNotTheWorkers) {
     sigaction(SIGUSR1, &before, nullptr);
 }
 
-// ---- Parameters with a release ---------------------------------------------------------------
-
-struct Owned {
-    std::atomic<int> released{0};
-    static void Release(void* param) { ++static_cast<Owned*>(param)->released; }
-};
-
-TEST_F(UnrulyDriverTest, EveryParameterIsReleasedExactlyOnceWhateverEndsIt) {
-    std::deque<Owned> owned(6);
-    const auto notify = QVRegisterNotifyWithRelease(channel, 1, nullptr, &owned[0], Owned::Release);
-    const auto timer =
-        QVCreateTimerWithRelease(channel, nullptr, 100, 100, &owned[1], Owned::Release);
-    ASSERT_NE(0u, notify);
-    ASSERT_NE(0u, timer);
-    ASSERT_EQ(QV_RESULT_OK, QVStartVideoCaptureWithRelease(channel, kGrey, kWidth, kHeight, 1,
-                                                           nullptr, &owned[2], Owned::Release));
-    ASSERT_EQ(QV_RESULT_OK, QVStartVideoCaptureWithRelease(channel, kGrey, kWidth, kHeight, 1,
-                                                           nullptr, &owned[3], Owned::Release));
-    ASSERT_EQ(QV_RESULT_OK,
-              QVStartAudioCaptureWithRelease(channel, nullptr, &owned[4], Owned::Release));
-    for (const Owned& one : owned) EXPECT_EQ(0, one.released);
-    EXPECT_EQ(QV_RESULT_OK, QVUnregisterNotify(channel, notify));
-    EXPECT_EQ(1, owned[0].released);
-    QVDestoryTimer(channel, timer);
-    EXPECT_EQ(1, owned[1].released);
-    EXPECT_EQ(QV_RESULT_OK, QVStopVideoCaptureWithCallback(channel));
-    EXPECT_EQ(1, owned[2].released) << "replaced, and released with the one after it";
-    EXPECT_EQ(1, owned[3].released);
-    EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
-    EXPECT_EQ(1, owned[4].released);
-    // Calls that fail let go of it at once.
-    EXPECT_EQ(0u, QVRegisterNotifyWithRelease(channel, 1, nullptr, &owned[5], Owned::Release));
-    EXPECT_EQ(0u, QVCreateTimerWithRelease(nullptr, nullptr, 1, 1, &owned[5], Owned::Release));
-    EXPECT_EQ(QV_RESULT_FAILED, QVStartVideoCaptureWithRelease(channel, kGrey, kWidth, kHeight, 1,
-                                                               nullptr, &owned[5], Owned::Release));
-    EXPECT_EQ(QV_RESULT_FAILED,
-              QVStartAudioCaptureWithRelease(channel, nullptr, &owned[5], Owned::Release));
-    EXPECT_EQ(4, owned[5].released);
-}
-
-struct SelfEnding {
-    UnrulyDriverTest* test = nullptr;
-    std::atomic<bool> inCallback{false};
-    std::atomic<bool> releasedInside{false};
-    Gate released;
-    static void Release(void* param) {
-        auto* self = static_cast<SelfEnding*>(param);
-        self->releasedInside = self->inCallback.load();
-        self->released.Open();
-    }
-};
-
-TEST_F(UnrulyDriverTest, AParameterOutlivesTheCallbackThatEndsItsRegistration) {
-    static QV_CHANNEL s_channel;
-    s_channel = channel;
-    SelfEnding ending;
-    const auto handle = QVRegisterNotifyWithRelease(
-        channel, 1,
-        [](unsigned long long own, unsigned int, void* param) {
-            auto* self = static_cast<SelfEnding*>(param);
-            self->inCallback = true;
-            EXPECT_EQ(QV_RESULT_OK, QVUnregisterNotify(s_channel, own));
-            self->inCallback = false;
-        },
-        &ending, SelfEnding::Release);
-    ASSERT_NE(0u, handle);
-    rig.Cards().RaiseNotification(0, 0, 1);
-    ending.released.Pass();
-    EXPECT_FALSE(ending.releasedInside);
-}
-
-// ---- Releases that call the library ----------------------------------------------------------
-
-// What a release does, given as its parameter.
-using Deed = std::function<void()>;
-void DoDeed(void* param) { (*static_cast<Deed*>(param))(); }
-
-TEST_F(UnrulyDriverTest, ACaptureStartedInAReleaseGoesOn) {
-    QV_RESULT restarted = QV_RESULT_FAILED;
-    Owned second;
-    Deed restart = [&] {
-        restarted = QVStartVideoCaptureWithRelease(channel, kGrey, kWidth, kHeight,
-                                                   QV_VIDEO_CAPTURE_BACK_TO_BACK, nullptr, &second,
-                                                   Owned::Release);
-    };
-    ASSERT_EQ(QV_RESULT_OK, QVStartVideoCaptureWithRelease(channel, kGrey, kWidth, kHeight, 1,
-                                                           nullptr, &restart, DoDeed));
-    EXPECT_EQ(QV_RESULT_OK, QVStopVideoCaptureWithCallback(channel));
-    EXPECT_EQ(QV_RESULT_OK, restarted);
-    EXPECT_EQ(0, second.released);
-    EXPECT_EQ(1u, rig.Cards().CountAlive().captures);
-    EXPECT_EQ(QV_RESULT_OK, QVStopVideoCaptureWithCallback(channel));
-    EXPECT_EQ(1, second.released);
-    EXPECT_EQ(0u, rig.Cards().CountAlive().captures);
-}
-
-TEST_F(UnrulyDriverTest, AWorkerThatEndsTakesNothingOnAnyMore) {
-    Owned late;
-    std::vector<unsigned long long> made;
-    Deed makeMore = [&] {
-        made.push_back(QVCreateTimerWithRelease(channel, nullptr, 9, 9, &late, Owned::Release));
-        made.push_back(QVRegisterNotifyWithRelease(channel, 1, nullptr, &late, Owned::Release));
-        EXPECT_EQ(QV_RESULT_FAILED,
-                  QVStartAudioCaptureWithRelease(channel, nullptr, &late, Owned::Release));
-    };
-    ASSERT_NE(0u, QVRegisterNotifyWithRelease(channel, 1, nullptr, &makeMore, DoDeed));
-    ASSERT_EQ(QV_RESULT_OK, QVStartAudioCaptureWithRelease(channel, nullptr, &makeMore, DoDeed));
-    EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(channel));
-    EXPECT_THAT(made, ElementsAre(0u, 0u, 0u, 0u));
-    EXPECT_EQ(6, late.released);
-    EXPECT_EQ(0u, rig.Cards().CountAlive().events);
-    EXPECT_EQ(0u, rig.Cards().CountAlive().notifications);
-}
-
-TEST_F(UnrulyDriverTest, AReleaseMayRegisterItsSuccessorInTheLastPlace) {
-    unsigned long long successor = 0;
-    Deed succeed = [&] { successor = QVRegisterNotifyWithCallback(channel, 1, nullptr, nullptr); };
-    const auto last = QVRegisterNotifyWithRelease(channel, 1, nullptr, &succeed, DoDeed);
-    for (int i = 0; i < 26; ++i)
-        ASSERT_NE(0u, QVRegisterNotifyWithCallback(channel, 1, nullptr, nullptr));
-    EXPECT_EQ(QV_RESULT_OK, QVUnregisterNotify(channel, last));
-    EXPECT_NE(0u, successor);
-}
-
-// The stop finds the channel closed by a release that it brought about, and closes it itself.
-TEST_F(UnrulyDriverTest, AChannelClosedWhileItsWorkerIsStoppedIsClosedOnce) {
-    QV_CHANNEL second = QVOpenChannelByPath("/dev/video0");
-    ASSERT_EQ(QV_RESULT_OK, QVStartChannelThread(second));
-    Owned closed;
-    Deed close = [&] { QVCloseChannelWithRelease(second, &closed, Owned::Release); };
-    ASSERT_NE(0u, QVRegisterNotifyWithRelease(second, 1, nullptr, &close, DoDeed));
-    EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(second));
-    EXPECT_EQ(1, closed.released);
-    EXPECT_EQ(2u, rig.Cards().CountAlive().files);
-    EXPECT_EQ(1u, rig.Cards().CountAlive().events);
-}
+// ---- What refusals look like -----------------------------------------------------------------
 
 TEST_F(UnrulyDriverTest, APosterWakesTheWorkerAgainWhenTheDriverOnlyPretended) {
     Settle();
@@ -567,48 +338,6 @@ TEST_F(UnrulyDriverTest, AStatusThatCannotBeReadShowsAsAStall) {
     while (!QVIsVideoCaptureStalled(channel)) std::this_thread::yield();
     EXPECT_EQ(QV_RESULT_OK, QVStopVideoCaptureWithCallback(channel));
     EXPECT_FALSE(QVIsVideoCaptureStalled(channel));
-}
-
-TEST_F(UnrulyDriverTest, TheHandleOfATimerWithAReleaseNeverComesBack) {
-    std::vector<unsigned long long> handles;
-    Owned owned;
-    for (int i = 0; i < 20; ++i) {
-        handles.push_back(
-            QVCreateTimerWithRelease(channel, nullptr, 100, 0, &owned, Owned::Release));
-        ASSERT_NE(0u, handles.back());
-        QVDestoryTimer(channel, handles.back());
-    }
-    std::sort(handles.begin(), handles.end());
-    EXPECT_EQ(handles.end(), std::unique(handles.begin(), handles.end()));
-    EXPECT_EQ(20, owned.released);
-}
-
-TEST_F(UnrulyDriverTest, ACloseFromACallbackTellsWhenItHasTakenEffect) {
-    QV_CHANNEL second = QVOpenChannelByPath("/dev/video0");
-    ASSERT_EQ(QV_RESULT_OK, QVStartChannelThread(second));
-    static SimRig* s_rig;
-    s_rig = &rig;
-    static std::atomic<size_t> s_files;
-    static Gate* s_closed;
-    Gate closed;
-    s_closed = &closed;
-    NotifyFunction close = [&](unsigned long long, unsigned int) {
-        QVCloseChannelWithRelease(second, &second, [](void*) {
-            s_files = s_rig->Cards().CountAlive().files;
-            s_closed->Open();
-        });
-        EXPECT_EQ(3u, rig.Cards().CountAlive().files) << "open until the callback has returned";
-    };
-    ASSERT_NE(0u, QVRegisterNotifyWithCallback(second, 0x20, CallNotify, &close));
-    rig.Cards().RaiseNotification(0, 0, 0x20);
-    closed.Pass();
-    EXPECT_EQ(2u, s_files) << "the node was closed before";
-    // From outside it is told before the call returns.
-    Owned owned;
-    QVCloseChannelWithRelease(QVOpenChannelByPath("/dev/video0"), &owned, Owned::Release);
-    EXPECT_EQ(1, owned.released);
-    QVCloseChannelWithRelease(nullptr, &owned, Owned::Release);
-    EXPECT_EQ(2, owned.released);
 }
 
 TEST_F(UnrulyDriverTest, ARefusedFrameRequestShowsAsAStall) {

@@ -77,23 +77,15 @@ TEST_F(WorkerEdgesTest, NoCallbackFollowsTheOneThatClosedTheChannel) {
     const auto onTimer = [](unsigned long long, void* param) {
         static_cast<Closer*>(param)->Close();
     };
-    Gate holding;
-    Gate held;
-    NotifyFunction hold = [&](unsigned long long, unsigned int) {
-        holding.Open();
-        held.Pass();
-    };
-    ASSERT_NE(0u, QVRegisterNotifyWithCallback(closer.channel, 4, CallNotify, &hold));
     for (int i = 0; i < 3; ++i)
         ASSERT_NE(0u, QVRegisterNotifyWithCallback(closer.channel, 1, onNotify, &closer));
     for (int i = 0; i < 3; ++i)
         ASSERT_NE(0u,
                   QVCreateTimerWithRelease(closer.channel, onTimer, 100, 0, &closer, [](void*) {}));
-    rig.Cards().RaiseNotification(0, 0, 4);
-    holding.Pass();
+    HeldWorker held(rig, closer.channel);
     rig.Cards().RaiseNotification(0, 0, 1);
     rig.Cards().AdvanceClock(100);
-    held.Open();
+    held.LetGo();
     closer.called.Pass();
     while (rig.Cards().CountAlive().files == 3) std::this_thread::yield();
     while (ThreadsNow() > threads) std::this_thread::yield();

@@ -70,6 +70,36 @@ inline void CallNotify(unsigned long long handle, unsigned int bits, void* param
     (*static_cast<NotifyFunction*>(param))(handle, bits);
 }
 
+// Holds a channel's worker in a notification callback until it is let go, so that commands and
+// signals can gather behind it. Made while the worker runs; the worker must outlive it, but for a
+// stop that waits for the callback.
+class HeldWorker {
+  public:
+    HeldWorker(SimRig& rig, QV_CHANNEL channel) : m_channel(channel) {
+        m_handle = QVRegisterNotifyWithCallback(channel, kBit, CallNotify, &m_hold);
+        EXPECT_NE(0u, m_handle);
+        rig.Cards().RaiseNotification(0, 0, kBit);
+        m_held.Pass();
+    }
+    HeldWorker(const HeldWorker&) = delete;
+    HeldWorker& operator=(const HeldWorker&) = delete;
+    ~HeldWorker() { LetGo(); }  // for tests that gave up; the others have seen the callback end
+    void LetGo() { m_free.Open(); }
+    // After LetGo, while the worker still runs.
+    QV_RESULT Unregister() { return QVUnregisterNotify(m_channel, m_handle); }
+
+  private:
+    static constexpr unsigned int kBit = 0x4;
+    QV_CHANNEL m_channel;
+    unsigned long long m_handle = 0;
+    Gate m_held;
+    Gate m_free;
+    NotifyFunction m_hold = [this](unsigned long long, unsigned int) {
+        m_held.Open();
+        m_free.Pass();
+    };
+};
+
 class WorkerTest : public ChannelTest {
   protected:
     void SetUp() override {

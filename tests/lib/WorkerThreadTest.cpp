@@ -150,16 +150,8 @@ TEST_F(WorkerThreadTest, ClosingFromOutsideStopsARunningWorkerFirst) {
 }
 
 TEST_F(WorkerThreadTest, CommandsRunInPostingOrderOnePerWakeUp) {
-    // The worker is held in a callback while two commands are queued behind each other.
-    Gate held;
-    Gate holding;
-    NotifyFunction hold = [&](unsigned long long, unsigned int) {
-        holding.Open();
-        held.Pass();
-    };
-    const auto holder = QVRegisterNotifyWithCallback(channel, 0x4, CallNotify, &hold);
-    rig.Cards().RaiseNotification(0, 0, 0x4);
-    holding.Pass();
+    // Two commands are queued behind each other.
+    HeldWorker held(rig, channel);
     rig.ClearJournal();
     std::thread first([&] {
         EXPECT_EQ(QV_RESULT_OK, QVStartAudioCaptureWithCallback(channel, nullptr, nullptr));
@@ -168,7 +160,7 @@ TEST_F(WorkerThreadTest, CommandsRunInPostingOrderOnePerWakeUp) {
     std::thread second([&] { EXPECT_EQ(QV_RESULT_OK, QVStopAudioCaptureWithCallback(channel)); });
     while (CountRequests("SetEvent") < 2) std::this_thread::yield();
     rig.ClearJournal();
-    held.Open();
+    held.LetGo();
     first.join();
     second.join();
     std::vector<std::string> requests = Requests();
@@ -180,19 +172,11 @@ TEST_F(WorkerThreadTest, CommandsRunInPostingOrderOnePerWakeUp) {
     const auto from = requests.begin() + position("StartAudioCapture");
     EXPECT_NE(requests.begin() + position("StopAudioCapture"),
               std::find(from, requests.begin() + position("StopAudioCapture"), "MultiWaitEvent"));
-    EXPECT_EQ(QV_RESULT_OK, QVUnregisterNotify(channel, holder));
+    EXPECT_EQ(QV_RESULT_OK, held.Unregister());
 }
 
 TEST_F(WorkerThreadTest, CommandsStillQueuedAtAStopAreDiscardedAndTheirPostersFail) {
-    Gate held;
-    Gate holding;
-    NotifyFunction hold = [&](unsigned long long, unsigned int) {
-        holding.Open();
-        held.Pass();
-    };
-    ASSERT_NE(0u, QVRegisterNotifyWithCallback(channel, 0x4, CallNotify, &hold));
-    rig.Cards().RaiseNotification(0, 0, 0x4);
-    holding.Pass();
+    HeldWorker held(rig, channel);
     rig.ClearJournal();
     std::vector<std::thread> posters;
     std::atomic<int> failed{0};
@@ -204,7 +188,7 @@ TEST_F(WorkerThreadTest, CommandsStillQueuedAtAStopAreDiscardedAndTheirPostersFa
     while (CountRequests("SetEvent") < 5) std::this_thread::yield();
     std::thread stopper([&] { EXPECT_EQ(QV_RESULT_OK, QVStopChannelThread(channel)); });
     while (CountRequests("SetEvent") < 6) std::this_thread::yield();  // the stop's own wake-up
-    held.Open();
+    held.LetGo();
     stopper.join();
     for (auto& poster : posters) poster.join();
     EXPECT_EQ(5, failed);
@@ -264,6 +248,38 @@ TEST_F(WorkerThreadTest, ARefusedWakeUpTakesBackItsOwnCommandAndNoOther) {
     EXPECT_TRUE(entity.PostItem(new TestCommand([] {}), true));
     EXPECT_THAT(ran.Items(), ElementsAre(1, 3));
     EXPECT_EQ(0, entity.StopChannelThread());
+}
+
+// A worker that ends marks the commands which it discards before it closes their events: their
+// posters leave while a slow driver is still busy with the close. The other way round no poster
+// ever leaves before the close has ended; a busy machine may be slower than the driver, so one
+// round of many is enough.
+TEST_F(WorkerThreadTest, ADiscardedCommandIsMarkedBeforeItsEventIsClosed) {
+    bool leftBeforeTheClose = false;
+    for (size_t round = 1; round <= 50 && !leftBeforeTheClose; ++round) {
+        ChannelEntity entity(Pcie());
+        ASSERT_EQ(0, entity.StartChannelThread());
+        Gate held;
+        Gate free;
+        ASSERT_TRUE(entity.PostItem(new TestCommand([&] {
+                                        held.Open();
+                                        free.Pass();
+                                    }),
+                                    false));
+        held.Pass();
+        rig.ClearJournal();
+        std::thread poster([&] { EXPECT_FALSE(entity.PostItem(new TestCommand([] {}), true)); });
+        while (CountRequests("SetEvent") < 1) std::this_thread::yield();
+        std::thread stopper([&] { EXPECT_EQ(0, entity.StopChannelThread()); });
+        while (CountRequests("SetEvent") < 2) std::this_thread::yield();
+        rig.AddFault({.request = "CloseEvent", .effect = qvsim::Slow(300)});
+        free.Open();
+        poster.join();
+        leftBeforeTheClose = CountRequests("CloseEvent") == 0;
+        stopper.join();
+        EXPECT_EQ(2u, CountRequests("CloseEvent")) << "the command's and the worker's own";
+    }
+    EXPECT_TRUE(leftBeforeTheClose);
 }
 
 // A stop that looked a worker up must not stop the one that was started after it.
