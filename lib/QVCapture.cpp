@@ -148,6 +148,7 @@ QV_RESULT QVSetLEDMode(QV_CHANNEL channel, unsigned int mode) {
 }
 
 QV_RESULT QVGetFirmwareStorageInfo(QV_CHANNEL channel, _QVCAP_FIRMWARE_STORAGE* storage) {
+    if (storage == nullptr) return QV_RESULT_BAD_ARGUMENT;
     return Device(channel, &IQVCaptureDevice::GetFirmwareStorageInfo, storage);
 }
 
@@ -157,11 +158,13 @@ QV_RESULT QVEraseFirmwareData(QV_CHANNEL channel, unsigned int offset, unsigned 
 
 QV_RESULT QVWriteFirmwareData(QV_CHANNEL channel, unsigned int offset, unsigned char* buffer,
                               unsigned int size) {
+    if (buffer == nullptr) return QV_RESULT_BAD_ARGUMENT;
     return Device(channel, &IQVCaptureDevice::WriteFirmwareData, offset, buffer, size);
 }
 
 QV_RESULT QVReadFirmwareData(QV_CHANNEL channel, unsigned int offset, unsigned char* buffer,
                              unsigned int size, unsigned int* read) {
+    if (buffer == nullptr || read == nullptr) return QV_RESULT_BAD_ARGUMENT;
     return Device(channel, &IQVCaptureDevice::ReadFirmwareData, offset, buffer, size, read);
 }
 

@@ -49,6 +49,7 @@ QV_RESULT QVSetAudioInputSource(QV_CHANNEL channel, unsigned int source) {
 }
 
 QV_RESULT QVGetEDID(QV_CHANNEL channel, unsigned char* edid, unsigned long* size) {
+    if (edid == nullptr || size == nullptr) return QV_RESULT_BAD_ARGUMENT;
     return Device(channel, &IQVCaptureDevice::GetEDID, edid, size);
 }
 

@@ -17,9 +17,18 @@ _QVUSB_HOTPLUG_ENTITY CQVUSBCaptureControlBase::m_hotplugEntity = {
 
 // ---- Registry --------------------------------------------------------------------------------
 
+void CQVUSBCaptureControlBase::Exit() {
+    m_bInit = 0;
+    m_nUSBChannelCount = 0;
+}
+
+// The search fills a table of its own: when it fails half-way the list stays as it was.
 QV_RESULT CQVUSBCaptureControlBase::EnumDevice() {
-    const int found = QVUSBFindDevices(m_arrUSBChannel, QV_MAX_CHANNELS);
+    static _QVUSBCAP_CHANNEL_ENTRY entries[QV_MAX_CHANNELS];
+    memset(entries, 0, sizeof entries);
+    const int found = QVUSBFindDevices(entries, QV_MAX_CHANNELS);
     if (found < 0) return QV_RESULT_FAILED;
+    memcpy(m_arrUSBChannel, entries, sizeof entries);
     m_nUSBChannelCount = std::min<int>(found, QV_MAX_CHANNELS);
     return QV_RESULT_OK;
 }

@@ -16,7 +16,7 @@ class CQVUSBCaptureControlBase {
   public:
     // There is nothing to set up: QV_RESULT_FAILED.
     static QV_RESULT Init() { return QV_RESULT_FAILED; }
-    static void Exit() { m_bInit = 0; }
+    static void Exit();  // empties the table
     // Rebuilds the table; QV_RESULT_FAILED, and the table as it was, when the transport cannot
     // tell.
     static QV_RESULT EnumDevice();

@@ -1,6 +1,7 @@
 // USB channels: the operations that are one command; see QVUSBCaptureBase.h and QVUSBCommands.h.
 #include <algorithm>
 #include <climits>
+#include <cstdlib>
 #include <cstring>
 
 #include "QVUSBCaptureBase.h"
@@ -15,6 +16,21 @@ constexpr uint8_t kSaveOptions = 2;
 
 // Sampling phases are 0x00 to 0x3F; 0xFF stands for none.
 constexpr bool IsSamplingPhase(unsigned char phase) { return phase <= 0x3F || phase == 0xFF; }
+
+// Zeros of a size that the caller names, for a transfer that must not touch his own memory.
+class OwnBytes {
+  public:
+    explicit OwnBytes(unsigned long size)
+        : m_bytes(static_cast<unsigned char*>(calloc(1, size > 0 ? size : 1))) {}
+    ~OwnBytes() { free(m_bytes); }
+    OwnBytes(const OwnBytes&) = delete;
+    OwnBytes& operator=(const OwnBytes&) = delete;
+    explicit operator bool() const { return m_bytes != nullptr; }
+    unsigned char* Data() const { return m_bytes; }
+
+  private:
+    unsigned char* m_bytes;
+};
 
 }  // namespace
 
@@ -47,7 +63,12 @@ QV_RESULT CQVUSBCaptureBase::SendGiven(Set<Payload> command, const Payload* give
 QV_RESULT CQVUSBCaptureBase::FetchBytes(uint8_t command, void* data, unsigned long size) {
     if (!IsOpen()) return QV_RESULT_FAILED;
     if (data == nullptr || size > UINT_MAX) return QV_RESULT_BAD_ARGUMENT;
-    return USBChannelGetData(command, data, static_cast<unsigned int>(size));
+    const OwnBytes copy(size);
+    if (!copy) return QV_RESULT_FAILED;
+    const QV_RESULT result =
+        USBChannelGetData(command, copy.Data(), static_cast<unsigned int>(size));
+    if (result == QV_RESULT_OK) memcpy(data, copy.Data(), size);
+    return result;
 }
 
 QV_RESULT CQVUSBCaptureBase::InputSourceArray(Get<InputSources> command, unsigned int* sources,
@@ -312,7 +333,10 @@ QV_RESULT CQVUSBCaptureBase::GetExtensionSupported(unsigned int* extensions) {
 QV_RESULT CQVUSBCaptureBase::SetEDID(unsigned char* data, unsigned long size) {
     if (!IsOpen()) return QV_RESULT_FAILED;
     if (data == nullptr || size > UINT_MAX) return QV_RESULT_BAD_ARGUMENT;
-    return USBChannelSetData(kEDID, data, static_cast<unsigned int>(size));
+    const OwnBytes copy(size);
+    if (!copy) return QV_RESULT_FAILED;
+    memcpy(copy.Data(), data, size);
+    return USBChannelSetData(kEDID, copy.Data(), static_cast<unsigned int>(size));
 }
 
 QV_RESULT CQVUSBCaptureBase::GetEDID(unsigned char* data, unsigned long* size) {

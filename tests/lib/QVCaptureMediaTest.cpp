@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "QVCapture.hpp"
+#include "QVUSBCaptureBase.h"
 #include "VideoCaptureV4l2.h"
 #include "lib/FakeAlsa.h"
 #include "lib/FakeV4l2.h"
@@ -212,6 +213,38 @@ TEST_F(MediaTest, OperationsThatOnlyPcieChannelsHaveFailOnAUsbChannel) {
 }
 
 // ---- device path
+
+TEST_F(MediaTest, AUsbChannelReadsFirmwareOnlyWithAPlaceForTheCount) {
+    const Channel channel = Open(kUsbPath);
+    unsigned char data[4] = {1, 2, 3, 4};
+    EXPECT_EQ(3, QVReadFirmwareData(channel.get(), 0, data, sizeof data, nullptr));
+    EXPECT_EQ(1, data[0]);
+    EXPECT_TRUE(tavo.Calls().empty());
+}
+
+TEST_F(MediaTest, NullPointersAreRefusedBeforeAClosedUsbChannelIs) {
+    CQVUSBCaptureBase closed;
+    const QV_CHANNEL channel = static_cast<IQVCaptureDevice*>(&closed);
+    unsigned char data[4];
+    unsigned long size = sizeof data;
+    unsigned int read = 0;
+    EXPECT_EQ(3, QVGetEDID(channel, nullptr, &size));
+    EXPECT_EQ(3, QVGetEDID(channel, data, nullptr));
+    EXPECT_EQ(3, QVGetFirmwareStorageInfo(channel, nullptr));
+    EXPECT_EQ(3, QVReadFirmwareData(channel, 0, nullptr, 4, &read));
+    EXPECT_EQ(3, QVReadFirmwareData(channel, 0, data, 4, nullptr));
+    EXPECT_EQ(3, QVWriteFirmwareData(channel, 0, nullptr, 4));
+    EXPECT_EQ(1, QVWriteFirmwareData(channel, 0, data, 4)) << "closed";
+    EXPECT_TRUE(tavo.Calls().empty());
+}
+
+TEST_F(MediaTest, TheEndOfTheInstanceEmptiesTheListOfBothKinds) {
+    EXPECT_EQ(3, QVGetChannelCount());
+    QVCaptureExitInstance();
+    EXPECT_EQ(0, QVGetChannelCount());
+    EXPECT_EQ(3, QVGetDevicePath(0, path));
+    EXPECT_STREQ("before", path);
+}
 
 TEST_F(MediaTest, ThePathOfAPcieChannelIsTheOneItWasOpenedBy) {
     for (const char* opened : {"/dev/video0", "/dev/video1"}) {

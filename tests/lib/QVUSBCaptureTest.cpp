@@ -77,6 +77,29 @@ TEST_F(UsbTest, ATransportThatCannotTellLeavesTheTableAsItWas) {
     EXPECT_EQ(1, CQVUSBCaptureControlBase::GetChannelCount());
 }
 
+TEST_F(UsbTest, ASearchThatFailsHalfWayLeavesNothingOfItsOwnInTheTable) {
+    tavo.AddDevice("usb:1-2", "Tavo Capture SDI", "001/005", "S2");
+    CQVUSBCaptureControlBase::EnumDevice();
+    tavo.devices.clear();
+    tavo.AddDevice("usb:9-9", "Tavo Capture DVI", "009/001", "S9");
+    tavo.cannotTell = true;
+    EXPECT_EQ(QV_RESULT_FAILED, CQVUSBCaptureControlBase::EnumDevice());
+    char path[512] = {};
+    EXPECT_EQ(QV_RESULT_OK, CQVUSBCaptureControlBase::GetDevicePath(0, path));
+    EXPECT_STREQ(kPath, path);
+    EXPECT_EQ(QV_RESULT_OK, CQVUSBCaptureControlBase::GetDevicePath(1, path));
+    EXPECT_STREQ("usb:1-2", path);
+}
+
+TEST_F(UsbTest, TheEndOfTheInstanceEmptiesTheTable) {
+    CQVUSBCaptureControlBase::EnumDevice();
+    CQVUSBCaptureControlBase::Exit();
+    EXPECT_EQ(0, CQVUSBCaptureControlBase::GetChannelCount());
+    char path[512] = "untouched";
+    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, CQVUSBCaptureControlBase::GetDevicePath(0, path));
+    EXPECT_STREQ("untouched", path);
+}
+
 TEST_F(UsbTest, APathOf512CharactersIsTerminated) {
     CQVUSBCaptureControlBase::EnumDevice();
     memset(CQVUSBCaptureControlBase::m_arrUSBChannel[0].path, 'p', 512);

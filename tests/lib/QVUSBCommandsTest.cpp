@@ -320,6 +320,24 @@ TEST_F(UsbChannelTest, EdidsHaveTheSizeThatTheCallerSays) {
     EXPECT_EQ(64u, loopSize);
 }
 
+TEST_F(UsbChannelTest, AFailedGetOfAnEdidLeavesTheBufferAloneWhateverTheTransportDid) {
+    unsigned char edid[256];
+    unsigned char untouched[256];
+    memset(edid, 0xCC, sizeof edid);
+    memset(untouched, 0xCC, sizeof untouched);
+    unsigned long size = sizeof edid;
+    unsigned loopSize = sizeof edid;
+    tavo.scribbles = true;
+    tavo.Refuse("get", -1);
+    EXPECT_EQ(QV_RESULT_FAILED, channel.GetEDID(edid, &size));
+    EXPECT_EQ(0, memcmp(untouched, edid, sizeof edid));
+    tavo.Refuse("get", -1);
+    EXPECT_EQ(QV_RESULT_FAILED,
+              channel.GetEDIDLoopThrough(reinterpret_cast<char*>(edid), &loopSize));
+    EXPECT_EQ(0, memcmp(untouched, edid, sizeof edid));
+    EXPECT_EQ(256u, size);
+}
+
 TEST_F(UsbChannelTest, EdidsWithoutBufferOrSizeAreRefusedWithoutTransfer) {
     unsigned char edid[4];
     char loop[4];

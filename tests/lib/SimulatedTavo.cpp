@@ -32,6 +32,7 @@ Tavo& Tavo::Get() {
 void Tavo::Reset() {
     devices.clear();
     cannotTell = false;
+    scribbles = false;
     values.clear();
     flash.assign(1 << 16, 0xFF);
     busyPolls = 0;
@@ -60,7 +61,10 @@ void Tavo::AddDevice(const std::string& path, const std::string& product, const 
 int Tavo::GetData(unsigned char command, unsigned char* data, unsigned size) {
     const std::lock_guard lock(mutex);
     int result = 0;
-    if (Enter("get", Text(command, size), &result)) return result;
+    if (Enter("get", Text(command, size), &result)) {
+        if (scribbles) memset(data, 0x77, size);
+        return result;
+    }
     const std::vector<unsigned char>& value = values[command];
     memset(data, 0, size);
     if (!value.empty()) memcpy(data, value.data(), std::min<size_t>(size, value.size()));
@@ -135,9 +139,9 @@ int QVUSBSetData(libusb_device_handle*, unsigned char command, void* data, unsig
 
 int QVUSBFindDevices(_QVUSBCAP_CHANNEL_ENTRY* entries, int capacity) {
     const fake::Tavo& tavo = fake::Tavo::Get();
-    if (tavo.cannotTell) return -1;
     const int count = std::min<int>(capacity, static_cast<int>(tavo.devices.size()));
     std::copy_n(tavo.devices.begin(), count, entries);
+    if (tavo.cannotTell) return -1;
     return static_cast<int>(tavo.devices.size());
 }
 

@@ -25,7 +25,8 @@ class Tavo : public CallLog {
                    const std::string& serial);
 
     std::vector<_QVUSBCAP_CHANNEL_ENTRY> devices;
-    bool cannotTell = false;                           // finding devices fails
+    bool cannotTell = false;                           // finding devices fails, late
+    bool scribbles = false;                            // a refused get has written into its buffer
     std::map<int, std::vector<unsigned char>> values;  // by command; unset ones read as zeros
     std::vector<unsigned char> flash;
     int busyPolls = 0;  // how often the device says busy after an erase or write
