@@ -130,8 +130,9 @@ QV_API QV_RESULT QVGetTemperature(QV_CHANNEL channel, unsigned int* temperature)
 QV_API QV_RESULT QVSetLEDMode(QV_CHANNEL channel, unsigned int mode);
 
 /* ---- Firmware flash ---------------------------------------------------------------------- */
-/* One driver request a call, never split: the caller cuts large ranges into chunks. Addresses and
- * sizes are bytes. */
+/* Of a PCIe channel one driver request a call, never split: the caller cuts large ranges into
+ * chunks. A USB channel's calls are split into what the device takes. Addresses and sizes are
+ * bytes. */
 
 /** Reads where the firmware is in the flash. @threads per channel */
 QV_API QV_RESULT QVGetFirmwareStorageInfo(QV_CHANNEL channel, _QVCAP_FIRMWARE_STORAGE* storage);
@@ -139,8 +140,9 @@ QV_API QV_RESULT QVGetFirmwareStorageInfo(QV_CHANNEL channel, _QVCAP_FIRMWARE_ST
 /** Erases @p size bytes at flash address @p offset. @threads per channel */
 QV_API QV_RESULT QVEraseFirmwareData(QV_CHANNEL channel, unsigned int offset, unsigned int size);
 
-/** Programs @p size bytes at flash address @p offset from @p buffer, which is not changed. A USB
- * channel takes at most 2048 bytes a call.
+/** Programs @p size bytes at flash address @p offset from @p buffer, which is not changed. To a USB
+ * channel they go in packets of 2048 bytes, the next one when the device is no longer busy; after a
+ * failure the packets before it are written.
  * @threads per channel */
 QV_API QV_RESULT QVWriteFirmwareData(QV_CHANNEL channel, unsigned int offset, unsigned char* buffer,
                                      unsigned int size);

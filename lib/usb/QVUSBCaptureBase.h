@@ -100,7 +100,7 @@ class CQVUSBCaptureBase final : public IQVCaptureDevice {
     // In chunks of 64 bytes; at most 2 GiB. read may be null.
     QV_RESULT ReadFirmwareData(unsigned int address, unsigned char* data, unsigned int size,
                                unsigned int* read) override;
-    // At most 2048 bytes.
+    // In packets of 2048 bytes, the device no longer busy after each; nothing behind 4 GiB.
     QV_RESULT WriteFirmwareData(unsigned int address, unsigned char* data,
                                 unsigned int size) override;
 
@@ -161,6 +161,7 @@ class CQVUSBCaptureBase final : public IQVCaptureDevice {
     QV_RESULT InputSourceArray(qv::usb::Get<qv::usb::InputSources> command, unsigned int* sources,
                                unsigned int* count);
     QV_RESULT ReadChunk(uint32_t address, unsigned char* data, uint32_t size);
+    QV_RESULT WritePacket(uint32_t address, const unsigned char* data, uint32_t size);
     QV_RESULT WaitForWIP();
 
     _QVUSB_DEVICE_CONTEXT* m_pContext = nullptr;

@@ -425,14 +425,27 @@ QV_RESULT CQVUSBCaptureBase::SetFirmwareErase(unsigned int address, unsigned int
     return EraseFirmwareData(address, size);
 }
 
-QV_RESULT CQVUSBCaptureBase::WriteFirmwareData(unsigned int address, unsigned char* data,
-                                               unsigned int size) {
-    if (!IsOpen()) return QV_RESULT_FAILED;
-    if (data == nullptr || size > kMaxWrite) return QV_RESULT_BAD_ARGUMENT;
+QV_RESULT CQVUSBCaptureBase::WritePacket(uint32_t address, const unsigned char* data,
+                                         uint32_t size) {
     FirmwarePacket packet{{address, size}, {}};
     memcpy(packet.data, data, size);
     const QV_RESULT result = USBChannelSetData(kFirmwareData.id, &packet, sizeof packet);
     return result == QV_RESULT_OK ? WaitForWIP() : result;
+}
+
+QV_RESULT CQVUSBCaptureBase::WriteFirmwareData(unsigned int address, unsigned char* data,
+                                               unsigned int size) {
+    if (!IsOpen()) return QV_RESULT_FAILED;
+    if (data == nullptr || uint64_t{address} + size > uint64_t{1} << 32)
+        return QV_RESULT_BAD_ARGUMENT;
+    unsigned done = 0;
+    do {  // Deliberate: writing nothing is one packet, too
+        const unsigned length = std::min(size - done, kMaxWrite);
+        const QV_RESULT result = WritePacket(address + done, data + done, length);
+        if (result != QV_RESULT_OK) return result;
+        done += length;
+    } while (done < size);
+    return QV_RESULT_OK;
 }
 
 QV_RESULT CQVUSBCaptureBase::ReadChunk(uint32_t address, unsigned char* data, uint32_t size) {

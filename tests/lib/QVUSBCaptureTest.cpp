@@ -266,13 +266,66 @@ TEST_F(UsbFirmwareTest, WriteSendsOnePacketOf2056BytesThenPolls) {
     EXPECT_EQ(packet, tavo.lastPayload) << "zeros behind the data";
 }
 
-TEST_F(UsbFirmwareTest, WritesOfMoreThanAPacketHoldsAreRefusedWithoutTransfer) {
+// What a packet says it holds, from the payload of its transfer.
+std::string PacketText(const std::vector<unsigned char>& payload) {
+    uint32_t address = 0, size = 0;
+    memcpy(&address, payload.data(), sizeof address);
+    memcpy(&size, payload.data() + 4, sizeof size);
+    return std::to_string(address) + "+" + std::to_string(size);
+}
+
+TEST_F(UsbFirmwareTest, AWriteOf2048BytesIsOnePacketAndOneMoreByteASecond) {
     EXPECT_EQ(QV_RESULT_OK, channel.WriteFirmwareData(0, data, 2048));
-    const size_t calls = tavo.Calls().size();
-    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, channel.WriteFirmwareData(0, data, 2049));
-    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, channel.WriteFirmwareData(0, data, UINT_MAX));
+    EXPECT_THAT(tavo.Calls(), ElementsAre("set(0xF3, 2056)", "set(0xF4, 1)"));
+    tavo.ForgetCalls();
+    tavo.payloads.clear();
+    EXPECT_EQ(QV_RESULT_OK, channel.WriteFirmwareData(0x1000, data, 2049));
+    EXPECT_THAT(tavo.Calls(),
+                ElementsAre("set(0xF3, 2056)", "set(0xF4, 1)", "set(0xF3, 2056)", "set(0xF4, 1)"));
+    ASSERT_EQ(2u, tavo.payloads.size());
+    EXPECT_EQ("4096+2048", PacketText(tavo.payloads[0]));
+    EXPECT_EQ("6144+1", PacketText(tavo.payloads[1]));
+    EXPECT_EQ(std::vector<unsigned char>(2047),
+              std::vector<unsigned char>(tavo.payloads[1].begin() + 9, tavo.payloads[1].end()))
+        << "zeros behind the last byte";
+}
+
+TEST_F(UsbFirmwareTest, AChunkOf64KiBIs32PacketsEachFollowedByItsPolls) {
+    std::vector<unsigned char> chunk(65536);
+    for (size_t i = 0; i < chunk.size(); ++i)
+        chunk[i] = static_cast<unsigned char>(i * 7 + i / 256);
+    tavo.flash.assign(1 << 17, 0xFF);
+    tavo.busyPolls = 2;
+    EXPECT_EQ(QV_RESULT_OK, channel.WriteFirmwareData(0x8000, chunk.data(), 65536));
+    std::vector<std::string> expected;
+    for (int packet = 0; packet < 32; ++packet) {
+        expected.push_back("set(0xF3, 2056)");
+        expected.insert(expected.end(), 3, "set(0xF4, 1)");
+    }
+    EXPECT_EQ(expected, tavo.Calls());
+    for (size_t i = 0; i < tavo.payloads.size(); ++i)
+        EXPECT_EQ(std::to_string(0x8000 + 2048 * i) + "+2048", PacketText(tavo.payloads[i]));
+    EXPECT_TRUE(std::equal(chunk.begin(), chunk.end(), tavo.flash.begin() + 0x8000));
+    EXPECT_EQ(0xFF, tavo.flash[0x7FFF]);
+    EXPECT_EQ(0xFF, tavo.flash[0x18000]);
+}
+
+TEST_F(UsbFirmwareTest, EveryRefusedTransferOfALongWriteEndsItThere) {
+    for (int call = 1; call <= 4; ++call) {  // two packets, each with a poll
+        tavo.ForgetCalls();
+        tavo.Refuse("set", -1, call);
+        EXPECT_EQ(QV_RESULT_FAILED, channel.WriteFirmwareData(0, data, 4096)) << call;
+        EXPECT_EQ(static_cast<size_t>(call), tavo.Calls().size()) << "nothing follows";
+    }
+}
+
+TEST_F(UsbFirmwareTest, WritesWithoutBufferOrBehindTheLastAddressAreRefusedWithoutTransfer) {
     EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, channel.WriteFirmwareData(0, nullptr, 1));
-    EXPECT_EQ(calls, tavo.Calls().size());
+    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, channel.WriteFirmwareData(UINT_MAX, data, 2));
+    EXPECT_EQ(QV_RESULT_BAD_ARGUMENT, channel.WriteFirmwareData(0xFFFFF001u, data, 4096));
+    EXPECT_TRUE(tavo.Calls().empty());
+    EXPECT_EQ(QV_RESULT_OK, channel.WriteFirmwareData(UINT_MAX, data, 1)) << "the last byte";
+    EXPECT_EQ(2u, tavo.Calls().size());
 }
 
 TEST_F(UsbFirmwareTest, AReadOf130BytesMakesThreePasses) {

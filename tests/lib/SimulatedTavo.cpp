@@ -39,6 +39,7 @@ void Tavo::Reset() {
     handlesOpen = 0;
     lastSet = 0;
     lastPayload.clear();
+    payloads.clear();
     m_texts.clear();
     m_reading = false;
     m_busy = 0;
@@ -88,6 +89,7 @@ int Tavo::SetData(unsigned char command, unsigned char* data, unsigned size) {
             m_reading = true;
             break;
         case 0xF3:
+            payloads.emplace_back(data, data + size);
             Firmware(data, size);
             break;
         case 0xF4:
@@ -103,7 +105,7 @@ int Tavo::SetData(unsigned char command, unsigned char* data, unsigned size) {
 void Tavo::Firmware(unsigned char* data, unsigned size) {
     const uint32_t address = Word(data);
     const uint32_t count = Word(data + 4);
-    if (size != 2056 || count > 2048 || address + count > flash.size()) return;
+    if (size != 2056 || count > 2048 || uint64_t{address} + count > flash.size()) return;
     if (m_reading)
         std::copy_n(flash.begin() + address, count, data + 8);
     else

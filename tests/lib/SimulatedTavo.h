@@ -19,6 +19,7 @@ class Tavo : public CallLog {
   public:
     static Tavo& Get();
     void Reset();
+    using CallLog::ForgetCalls;
 
     // Lists one device; its channel information answers command 1.
     void AddDevice(const std::string& path, const std::string& product, const std::string& usbBus,
@@ -32,7 +33,8 @@ class Tavo : public CallLog {
     int busyPolls = 0;  // how often the device says busy after an erase or write
     int handlesOpen = 0;
     unsigned char lastSet = 0;
-    std::vector<unsigned char> lastPayload;  // of the last set, as it was sent
+    std::vector<unsigned char> lastPayload;            // of the last set, as it was sent
+    std::vector<std::vector<unsigned char>> payloads;  // of all firmware packets, as they were sent
 
     // Used by the transport functions.
     int GetData(unsigned char command, unsigned char* data, unsigned size);
