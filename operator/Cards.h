@@ -1,0 +1,67 @@
+// The cards of this computer, one entry for each flash, each asked on its own: a card that cannot
+// be asked is an entry with the reason, and hides no other. Only asks and reads: nothing here can
+// erase or write. One thread; a Library must exist.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "QVCapture.h"
+
+namespace qvo {
+
+// A flash and the channels that run from it. Texts are as the device gave them, cut at their first
+// zero byte: escape them before they are shown.
+struct Card {
+    std::string path;                // of the channel that stands for the flash: the first one
+    std::vector<std::string> paths;  // of all its channels, that one included
+    std::string problem;             // why it could not be asked, in words; empty when it answered
+
+    bool identified = false;  // the fields up to the running version hold something
+    int board = 0;
+    int channel = 0;
+    std::string family;
+    std::string product;
+    std::string serial;
+    uint16_t productCode = 0;
+    uint8_t hardwareVersion = 0;
+    uint32_t runningVersion = 0;  // major in the high, minor in the low 16 bits
+
+    uint32_t firmwareOffset = 0;  // flash address of the main header; valid without a problem
+
+    // "00:01", or the path when the card is not identified.
+    std::string Name() const;
+};
+
+// Where the safe image's header stands: this far behind the main one's.
+inline constexpr uint32_t kSafeHeaderDistance = 4096;
+// Bytes of one read request at most.
+inline constexpr uint32_t kReadChunk = 65536;
+
+// Every card of the library's list, in its order. The channels of a Lumo board share one flash and
+// are one entry. Asks each for identity and flash layout, and closes it again. Nodes that should be
+// channels and that the library could not ask are entries too.
+std::vector<Card> FindCards();
+
+// A card that is open for reading.
+class CardReader {
+  public:
+    explicit CardReader(const Card& card);
+    ~CardReader();
+    CardReader(const CardReader&) = delete;
+    CardReader& operator=(const CardReader&) = delete;
+
+    // One request, `size` at most kReadChunk. False with Problem() set when it was refused or came
+    // short.
+    bool Read(uint32_t address, uint8_t* buffer, uint32_t size);
+    // Why the last thing failed, in words that name the request; empty when nothing has.
+    const std::string& Problem() const { return m_problem; }
+
+  private:
+    std::string m_path;
+    QV_CHANNEL m_channel;
+    std::string m_problem;
+};
+
+}  // namespace qvo

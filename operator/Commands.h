@@ -1,0 +1,11 @@
+// The commands of qvcap, each in a unit of its own: it adds itself to the command line and, when it
+// is called, leaves its exit status. They are called while the command line is parsed. One thread.
+#pragma once
+
+#include <CLI/CLI.hpp>
+
+namespace qvo {
+
+void AddStatus(CLI::App& app, int& status);
+
+}  // namespace qvo

@@ -1,0 +1,88 @@
+#include "Packages.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "Digest.h"
+
+namespace qvo {
+namespace {
+
+constexpr size_t kMostPackages = 4096;
+
+std::vector<std::string> PackageNames(const std::string& folder) {
+    DIR* stream = opendir(folder.c_str());
+    if (stream == nullptr)
+        throw qvf::Mistake(folder +
+                           ": cannot be opened as a folder of packages: " + std::strerror(errno));
+    std::vector<std::string> names;
+    while (const dirent* entry = readdir(stream)) {
+        const std::string name = entry->d_name;
+        struct stat status;
+        if (!IsPackageName(name) || stat((folder + "/" + name).c_str(), &status) != 0 ||
+            !S_ISREG(status.st_mode))
+            continue;
+        names.push_back(name);
+        if (names.size() > kMostPackages) break;
+    }
+    closedir(stream);
+    if (names.size() > kMostPackages)
+        throw qvf::Mistake(folder + ": holds more than " + std::to_string(kMostPackages) +
+                           " packages; name a folder with those that are meant");
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+// Without the path, which says nothing new beside the name.
+std::string Reason(const std::string& message, const std::string& path) {
+    const std::string prefix = path + ": ";
+    return message.starts_with(prefix) ? message.substr(prefix.size()) : message;
+}
+
+}  // namespace
+
+bool IsPackageName(const std::string& name) { return name.find(".qvf") != name.npos; }
+
+PackageSet::PackageSet(const std::string& folder) : m_folder(folder) {
+    for (const std::string& name : PackageNames(folder)) {
+        const std::string path = folder + "/" + name;
+        try {
+            m_packages.push_back({name, path, qvf::ReadPackage(path, qvf::Read::kHeader)});
+        } catch (const qvf::Mistake& mistake) {
+            m_unreadable.push_back({name, Reason(mistake.what(), path)});
+        }
+    }
+}
+
+Fit PackageSet::For(const Card& card) const {
+    Fit fit;
+    if (!card.identified) return fit;
+    for (const FirmwarePackage& package : m_packages)
+        if (package.header.productCode == card.productCode &&
+            package.header.hardwareVersion == card.hardwareVersion)
+            fit.packages.push_back(&package);
+    return fit;
+}
+
+std::shared_ptr<const PackageContents> ReadContents(const FirmwarePackage& package) {
+    auto contents = std::make_shared<PackageContents>();
+    contents->package = qvf::ReadPackage(package.path, qvf::Read::kEverything);
+    contents->header = HeaderBytes(contents->package);
+    if (contents->header != HeaderBytes(package.header))
+        throw qvf::Mistake(package.path + ": has changed since it was read first; run it again");
+    contents->sha256 = qvf::Sha256(qvf::Serialize(contents->package));
+    return contents;
+}
+
+qvf::Bytes HeaderBytes(const qvf::Package& package) {
+    qvf::Package bare = package;
+    for (qvf::Section& section : bare.sections) section.data.clear();
+    bare.trailing.clear();
+    return qvf::Serialize(bare);
+}
+
+}  // namespace qvo

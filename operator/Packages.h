@@ -1,0 +1,80 @@
+// The firmware packages of a folder, as qvcap-upgrade would take them there, without the order of
+// the folder deciding anything: packages that cannot be read are kept with the reason, and of two
+// that fit one card none is chosen. Headers are read at once, sections and digest when asked for.
+// One thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Cards.h"
+#include "Package.h"
+
+namespace qvo {
+
+// A package whose header was read. Names and paths are as the file system has them: escape them
+// before they are shown.
+struct FirmwarePackage {
+    std::string name;  // without the folder
+    std::string path;
+    qvf::Package header;  // sections without their data
+
+    uint32_t Version() const { return header.firmwareVersion; }
+};
+
+// The whole of a package, read at one moment.
+struct PackageContents {
+    qvf::Package package;  // with the data of every section
+    qvf::Bytes header;     // as it is written to flash: fixed part and section table
+    std::string sha256;    // of the file
+};
+
+struct UnreadablePackage {
+    std::string name;
+    std::string reason;
+};
+
+// The packages that fit one card.
+struct Fit {
+    std::vector<const FirmwarePackage*> packages;
+
+    const FirmwarePackage* Only() const { return packages.size() == 1 ? packages[0] : nullptr; }
+    bool IsAmbiguous() const { return packages.size() > 1; }
+};
+
+class PackageSet {
+  public:
+    // No packages at all.
+    PackageSet() = default;
+    // Every regular file of the folder whose name contains ".qvf", sorted by name. A folder that
+    // cannot be read is a qvf::Mistake.
+    explicit PackageSet(const std::string& folder);
+
+    const std::string& Folder() const { return m_folder; }
+    const std::vector<FirmwarePackage>& Packages() const { return m_packages; }
+    const std::vector<UnreadablePackage>& Unreadable() const { return m_unreadable; }
+    // Nothing that could have fitted any card.
+    bool IsEmpty() const { return m_packages.empty() && m_unreadable.empty(); }
+
+    // By product code and hardware version.
+    Fit For(const Card& card) const;
+
+  private:
+    std::string m_folder;
+    std::vector<FirmwarePackage> m_packages;
+    std::vector<UnreadablePackage> m_unreadable;
+};
+
+// Whether qvcap-upgrade takes a file of this name for a package.
+bool IsPackageName(const std::string& name);
+
+// Reads the whole package. A qvf::Mistake when it cannot be read, or when its header is no longer
+// the one that was read before.
+std::shared_ptr<const PackageContents> ReadContents(const FirmwarePackage& package);
+
+// The bytes of a header as they are written to flash.
+qvf::Bytes HeaderBytes(const qvf::Package& package);
+
+}  // namespace qvo

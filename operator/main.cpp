@@ -1,0 +1,49 @@
+// qvcap: the operator's companion of qvcap-upgrade. The commands are elsewhere; what they throw is
+// reported here.
+#include <CLI/CLI.hpp>
+#include <iostream>
+#include <new>
+
+#include "Commands.h"
+#include "Escape.h"
+#include "ExitStatus.h"
+#include "Library.h"
+#include "Package.h"
+
+namespace {
+
+int Run(CLI::App& app, int argc, char** argv) {
+    int status = Number(qvo::ExitStatus::kDone);
+    qvo::AddStatus(app, status);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::ParseError& error) {
+        const int code = app.exit(error, std::cout, std::cerr);
+        return code == 0 ? status : Number(qvo::ExitStatus::kUsage);
+    } catch (const qvf::Mistake& mistake) {
+        std::cerr << "qvcap: " << qvf::Escaped(mistake.what()) << "\n";
+        return Number(qvo::ExitStatus::kFailed);
+    } catch (const std::bad_alloc&) {
+        std::cerr << "qvcap: there is not enough memory\n";
+        return Number(qvo::ExitStatus::kFailed);
+    }
+    // What was not printed was not said.
+    if (std::cout.flush().good()) return status;
+    std::cerr << "qvcap: the output cannot be written\n";
+    return Number(qvo::ExitStatus::kFailed);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    qvo::OccupyStandardStreams();
+    CLI::App app{"Says what firmware the capture cards have, and upgrades them unattended",
+                 "qvcap"};
+    app.set_version_flag("--version", "qvcap " QV_VERSION);
+    app.require_subcommand(1);
+    app.failure_message([](const CLI::App*, const CLI::Error& error) {
+        return std::string("qvcap: ") + error.what() +
+               "\nqvcap: run it with --help for more information\n";
+    });
+    return Run(app, argc, argv);
+}
