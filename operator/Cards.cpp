@@ -94,6 +94,28 @@ bool IsListed(const std::vector<Card>& cards, const std::string& path) {
     });
 }
 
+// A node that the library did not take for a channel, when it should be one.
+void AddUnlisted(const std::string& path, std::vector<Card>& cards) {
+    const NodeAnswers answers = AskNode(path);
+    if (!answers.IsChannel() && !answers.ShouldBeChannel()) return;
+    Card card;
+    card.path = path;
+    card.paths = {path};
+    if (answers.identity) TakeIdentity(*answers.identity, card);
+    Card* const shared = answers.identity ? SharedFlash(cards, card) : nullptr;
+    if (shared != nullptr) {
+        shared->paths.push_back(path);
+        return;
+    }
+    card.problem = answers.Problem();
+    if (answers.IsChannel())
+        card.problem = QVGetChannelCount() < QV_MAX_CHANNELS
+                           ? "did not answer when the channels were listed; run it again"
+                           : "is beyond the " + std::to_string(QV_MAX_CHANNELS) +
+                                 " channels that the library lists";
+    cards.push_back(std::move(card));
+}
+
 }  // namespace
 
 std::string Card::Name() const {
@@ -109,14 +131,7 @@ std::vector<Card> FindCards() {
     for (int i = 0; i < count; ++i) AddListed(i, cards);
     for (const std::string& path : VideoNodePaths()) {
         if (IsListed(cards, path)) continue;
-        const NodeAnswers answers = AskNode(path);
-        if (!answers.ShouldBeChannel()) continue;
-        Card card;
-        card.path = path;
-        card.paths = {path};
-        if (answers.identity) TakeIdentity(*answers.identity, card);
-        card.problem = answers.Problem();
-        cards.push_back(std::move(card));
+        AddUnlisted(path, cards);
     }
     return cards;
 }

@@ -199,8 +199,9 @@ Meaning WithoutPackage(const Fit& fit, const PackageSet& packages) {
 }
 
 // The package that the flash is compared with, as far as it is needed.
-std::shared_ptr<const PackageContents> Contents(const FirmwarePackage& package, Depth depth) {
-    if (depth != Depth::kHeaders) return ReadContents(package);
+std::shared_ptr<const PackageContents> Contents(const PackageSet& packages,
+                                                const FirmwarePackage& package, Depth depth) {
+    if (depth != Depth::kHeaders) return packages.Contents(package);
     auto header = std::make_shared<PackageContents>();
     header->package = package.header;
     header->header = HeaderBytes(package.header);
@@ -211,7 +212,7 @@ Verdict JudgeReadable(const Card& card, const PackageSet& packages, Depth depth,
                       const Progress& progress) {
     const Fit fit = packages.For(card);
     std::shared_ptr<const PackageContents> contents;
-    if (fit.Only() != nullptr) contents = Contents(*fit.Only(), depth);
+    if (fit.Only() != nullptr) contents = Contents(packages, *fit.Only(), depth);
     CardReader reader(card);
     const FlashSource source = [&](uint32_t address, uint8_t* buffer, uint32_t size) {
         return reader.Read(address, buffer, size);
@@ -303,7 +304,6 @@ Verdict JudgeFlash(const Card& card, const FlashSource& flash, const PackageCont
         verdict.state = State::kUnreadable;
         verdict.reason = "the flash cannot be read";
     } else if (package != nullptr) {
-        verdict.sha256 = package->sha256;
         Meaning meaning = Decide(verdict.main, verdict.safe, card.runningVersion,
                                  package->package.firmwareVersion);
         verdict.state = meaning.state;

@@ -65,7 +65,6 @@ struct Verdict {
     Image main;
     Image safe;
     const FirmwarePackage* package = nullptr;  // that fits; null when none does or two do
-    std::string sha256;  // of the package's file; empty when only headers were read
     bool headersOnly = false;
 };
 

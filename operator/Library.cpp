@@ -18,10 +18,7 @@ void OccupyStandardStreams() {
     }
 }
 
-Library::Library() {
-    QVCaptureInitInstance();
-    QVRefreshDevice();
-}
+Library::Library() { QVCaptureInitInstance(); }
 
 Library::~Library() { QVCaptureExitInstance(); }
 

@@ -68,13 +68,22 @@ Fit PackageSet::For(const Card& card) const {
     return fit;
 }
 
+std::shared_ptr<const PackageContents> PackageSet::Contents(const FirmwarePackage& package) const {
+    if (m_kept != nullptr && m_keptPath == package.path) return m_kept;
+    m_kept.reset();  // before the next one is read: two at once may be too much for the memory
+    m_kept = ReadContents(package);
+    m_keptPath = package.path;
+    return m_kept;
+}
+
+std::string PackageContents::Sha256() const { return qvf::Sha256(qvf::Serialize(package)); }
+
 std::shared_ptr<const PackageContents> ReadContents(const FirmwarePackage& package) {
     auto contents = std::make_shared<PackageContents>();
     contents->package = qvf::ReadPackage(package.path, qvf::Read::kEverything);
     contents->header = HeaderBytes(contents->package);
     if (contents->header != HeaderBytes(package.header))
         throw qvf::Mistake(package.path + ": has changed since it was read first; run it again");
-    contents->sha256 = qvf::Sha256(qvf::Serialize(contents->package));
     return contents;
 }
 

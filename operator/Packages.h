@@ -28,7 +28,8 @@ struct FirmwarePackage {
 struct PackageContents {
     qvf::Package package;  // with the data of every section
     qvf::Bytes header;     // as it is written to flash: fixed part and section table
-    std::string sha256;    // of the file
+
+    std::string Sha256() const;  // of the file; computed at each call
 };
 
 struct UnreadablePackage {
@@ -60,11 +61,16 @@ class PackageSet {
 
     // By product code and hardware version.
     Fit For(const Card& card) const;
+    // One of the packages, whole. Those read last are kept: cards of one kind follow one another. A
+    // qvf::Mistake when it cannot be read.
+    std::shared_ptr<const PackageContents> Contents(const FirmwarePackage& package) const;
 
   private:
     std::string m_folder;
     std::vector<FirmwarePackage> m_packages;
     std::vector<UnreadablePackage> m_unreadable;
+    mutable std::string m_keptPath;
+    mutable std::shared_ptr<const PackageContents> m_kept;
 };
 
 // Whether qvcap-upgrade takes a file of this name for a package.
