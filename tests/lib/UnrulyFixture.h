@@ -36,16 +36,15 @@ class UnrulyDriverTest : public WorkerTest {
         rig.AddFault({.request = request, .nth = nth, .effect = qvsim::ShortRead(0)});
     }
     void AwaitBegun(const std::string& request) { AwaitMet("short_read " + request); }
-    // The fault has been met that many times; the request itself may still be under way.
+    // How often the fault has been met; the last request may still be under way.
+    size_t CountMet(const std::string& fault) {
+        const auto met = rig.MetFaults();
+        return static_cast<size_t>(std::count_if(met.begin(), met.end(), [&](const auto& line) {
+            return line.compare(0, fault.size(), fault) == 0;
+        }));
+    }
     void AwaitMet(const std::string& fault, size_t times = 1) {
-        while (true) {
-            const auto met = rig.MetFaults();
-            if (static_cast<size_t>(std::count_if(met.begin(), met.end(), [&](const auto& line) {
-                    return line.compare(0, fault.size(), fault) == 0;
-                })) >= times)
-                return;
-            std::this_thread::yield();
-        }
+        while (CountMet(fault) < times) std::this_thread::yield();
     }
 };
 

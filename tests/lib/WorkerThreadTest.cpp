@@ -250,6 +250,28 @@ TEST_F(WorkerThreadTest, ARefusedWakeUpTakesBackItsOwnCommandAndNoOther) {
     EXPECT_EQ(0, entity.StopChannelThread());
 }
 
+// Nobody waits for these commands, so nobody wakes the worker a second time either.
+TEST_F(WorkerThreadTest, ACommandBehindAnotherRunsWhenTheWorkerCannotWakeItself) {
+    ChannelEntity entity(Pcie());
+    ASSERT_EQ(0, entity.StartChannelThread());
+    Gate holding;
+    Gate held;
+    ASSERT_TRUE(entity.PostItem(new TestCommand([&] {
+                                    holding.Open();
+                                    held.Pass();
+                                }),
+                                false));
+    holding.Pass();
+    Recorder<int> ran;
+    for (int i = 1; i <= 3; ++i)
+        ASSERT_TRUE(entity.PostItem(new TestCommand([&ran, i] { ran.Add(i); }), false));
+    RefuseFromNowOn("SetEvent");
+    held.Open();
+    EXPECT_THAT(ran.AwaitCount(3), ElementsAre(1, 2, 3));
+    rig.Cards().ClearFaults();
+    EXPECT_EQ(0, entity.StopChannelThread());
+}
+
 // A worker that ends marks the commands which it discards before it closes their events: their
 // posters leave while a slow driver is still busy with the close. The other way round no poster
 // ever leaves before the close has ended; a busy machine may be slower than the driver, so one
