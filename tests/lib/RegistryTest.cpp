@@ -228,10 +228,12 @@ TEST_F(RegistryTest, AChannelIsClosedOnce) {
     ASSERT_TRUE(channel.OpenChannelByPath("/dev/video0"));
     EXPECT_EQ("/dev/video0", std::string(channel.DevicePath()));
     channel.CloseChannel();
-    channel.CloseChannel();  // closed once: the descriptor may be another's by then
+    const int other = open("/dev/video0", O_RDWR);  // gets the number of the closed descriptor
+    channel.CloseChannel();
     size_t closes = 0;
     for (const auto& line : rig.JournalLines()) closes += line.action == "close" ? 1 : 0;
     EXPECT_EQ(2u, closes) << "of the probe and of the channel";
+    EXPECT_EQ(0, close(other)) << "closed by the channel";
 }
 
 TEST_F(RegistryTest, AFailedOpenLeavesNoPath) {
