@@ -1,12 +1,10 @@
 // qvcap status: what each card runs, holds and needs.
 #include <iostream>
 
-#include "Cards.h"
 #include "Commands.h"
-#include "Escape.h"
 #include "ExitStatus.h"
-#include "Judge.h"
 #include "Library.h"
+#include "Look.h"
 
 namespace qvo {
 namespace {
@@ -14,18 +12,17 @@ namespace {
 struct Arguments {
     std::string packages = ".";
     bool quick = false;
+    bool json = false;
+    bool exitCode = false;
 };
 
-int Status(const Arguments& arguments) {
+ExitStatus Status(const Arguments& arguments) {
     const PackageSet packages(arguments.packages);
     const Library library;
-    for (const Card& card : FindCards()) {
-        const Verdict verdict =
-            JudgeCard(card, packages, arguments.quick ? Depth::kHeaders : Depth::kSections);
-        std::cout << card.Name() << "  " << qvf::Escaped(card.product) << "  "
-                  << StateText(verdict.state) << "  " << qvf::Escaped(verdict.reason) << "\n";
-    }
-    return Number(ExitStatus::kDone);
+    const Depth depth = arguments.quick ? Depth::kHeaders : Depth::kSections;
+    const std::vector<StatusRow> rows = LookAt(FindCards(), packages, depth);
+    std::cout << (arguments.json ? StatusJson : StatusText)(rows, packages, arguments.quick);
+    return arguments.exitCode ? StatusForScripts(rows) : StatusForPeople(rows);
 }
 
 }  // namespace
@@ -35,7 +32,10 @@ void AddStatus(CLI::App& app, int& status) {
     CLI::App* command = app.add_subcommand("status", "show what each card runs, holds and needs");
     command->add_option("--packages", arguments->packages, "folder of the packages");
     command->add_flag("--quick", arguments->quick, "read headers only");
-    command->callback([arguments, &status] { status = Status(*arguments); });
+    command->add_flag("--json", arguments->json, "as JSON");
+    command->add_flag("--exit-code", arguments->exitCode,
+                      "say in the exit status what has to be done");
+    command->callback([arguments, &status] { status = Number(Status(*arguments)); });
 }
 
 }  // namespace qvo

@@ -1,0 +1,29 @@
+// Which cards a command is about: all of them, those of one board, or the one of a device path. One
+// thread.
+#pragma once
+
+#include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+#include "Cards.h"
+
+namespace qvo {
+
+struct Selection {
+    bool all = false;
+    int board = -1;      // -1: any
+    std::string device;  // empty: any
+
+    bool IsGiven() const { return all || board >= 0 || !device.empty(); }
+    bool Takes(const Card& card) const;
+    // "of board 3", "at /dev/video7", "": for a message that there is no such card.
+    std::string Text() const;
+};
+
+// --all, --board and --device, of which one at most may be given.
+void AddSelection(CLI::App& command, Selection& selection);
+
+std::vector<Card> Selected(std::vector<Card> cards, const Selection& selection);
+
+}  // namespace qvo
