@@ -1,0 +1,21 @@
+#include "BusyCards.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+namespace qvo {
+
+std::vector<Process> UsersOf(const std::vector<std::string>& nodes, const std::string& proc) {
+    std::vector<Process> users;
+    for (const std::string& node : nodes)
+        for (const Process& process : ProcessesWith(node, proc)) {
+            const bool known = std::any_of(users.begin(), users.end(), [&](const Process& user) {
+                return user.pid == process.pid;
+            });
+            if (process.pid != getpid() && !known) users.push_back(process);
+        }
+    return users;
+}
+
+}  // namespace qvo

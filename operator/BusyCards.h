@@ -1,0 +1,15 @@
+// Who else has the nodes of a card open: such a card is not flashed. Reads /proc; any thread.
+#pragma once
+
+#include <string>
+#include <vector>
+
+#include "Processes.h"
+
+namespace qvo {
+
+// The processes that have one of the nodes open, without this one.
+std::vector<Process> UsersOf(const std::vector<std::string>& nodes,
+                             const std::string& proc = "/proc");
+
+}  // namespace qvo

@@ -1,0 +1,19 @@
+// What happens in an upgrade, as it is shown, logged and reported: JSON objects whose key `event`
+// says which one it is (docs/formats/upgrade.schema.json). A sink may be called from any thread.
+#pragma once
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <string>
+
+namespace qvo {
+
+using Event = nlohmann::ordered_json;
+using EventSink = std::function<void(const Event&)>;
+
+// One line without its end; bytes that are no UTF-8 are replaced.
+inline std::string EventLine(const Event& event) {
+    return event.dump(-1, ' ', false, Event::error_handler_t::replace);
+}
+
+}  // namespace qvo

@@ -1,0 +1,26 @@
+// Which processes have a file open, as /proc tells it. A process that may not be looked into has
+// none. Reads /proc and nothing else; any thread.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+namespace qvo {
+
+struct Process {
+    pid_t pid = 0;
+    std::string name;  // as the kernel has it: 15 characters at most, any bytes
+    bool holdsLock = false;  // an open-file-description lock, on this file, through this descriptor
+};
+
+// Every process that has the file at `path` open, once, in the order of their numbers. A device
+// node counts by its device number: a second node of the same device is the same file.
+std::vector<Process> ProcessesWith(const std::string& path, const std::string& proc = "/proc");
+
+// "qvcap-upgrade (process 71)"; names are escaped.
+std::string ProcessText(const Process& process);
+std::string ProcessesText(const std::vector<Process>& processes);  // with commas
+
+}  // namespace qvo
