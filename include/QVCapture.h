@@ -168,6 +168,7 @@ QV_API QV_RESULT QVSetPostReconfig(QV_CHANNEL channel, unsigned int value);
 #include "QVCaptureEvents.h"
 #include "QVCaptureMedia.h"
 #include "QVCaptureSettings.h"
+#include "QVCaptureUSB.h"
 #include "QVCaptureVideo.h"
 
 #endif

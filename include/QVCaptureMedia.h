@@ -60,13 +60,6 @@ typedef struct _QVCAP_AUDIO_VOLUME {
     int16_t volume[QV_AUDIO_VOLUME_CHANNELS];
 } _QVCAP_AUDIO_VOLUME;
 
-/** Family information of a USB channel; never interpreted by the library. 10 bytes. */
-typedef struct _QVUSBCAP_CAPTURE_INFO {
-    uint32_t word0;
-    uint32_t word4;
-    uint16_t word8;
-} _QVUSBCAP_CAPTURE_INFO;
-
 #pragma pack(pop)
 
 /** One frame size in pixels. */

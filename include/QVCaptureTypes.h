@@ -106,6 +106,13 @@ typedef struct _QVCAP_PELIX_CAPTURE_INFO {
     uint8_t bytes[17];
 } _QVCAP_PELIX_CAPTURE_INFO;
 
+/** Family information of a USB channel; never interpreted by the library. 10 bytes. */
+typedef struct _QVUSBCAP_CAPTURE_INFO {
+    uint32_t word0;
+    uint32_t word4;
+    uint16_t word8;
+} _QVUSBCAP_CAPTURE_INFO;
+
 /** Flash layout of a card. 16 bytes. The three descriptions are defined by the driver. The
  *  simulated driver: 0, or what a scenario gives. */
 typedef struct _QVCAP_FIRMWARE_STORAGE {

@@ -17,9 +17,17 @@ _QVUSB_HOTPLUG_ENTITY CQVUSBCaptureControlBase::m_hotplugEntity = {
 
 // ---- Registry --------------------------------------------------------------------------------
 
+QV_RESULT CQVUSBCaptureControlBase::Init() {
+    const QV_RESULT result = QVUSBStart();
+    if (result == QV_RESULT_OK) m_bInit = 1;
+    return result;
+}
+
 void CQVUSBCaptureControlBase::Exit() {
+    UnRegisterHotPlug();
     m_bInit = 0;
     m_nUSBChannelCount = 0;
+    QVUSBStop();
 }
 
 // The search fills a table of its own: when it fails half-way the list stays as it was.
@@ -29,20 +37,16 @@ QV_RESULT CQVUSBCaptureControlBase::EnumDevice() {
     const int found = QVUSBFindDevices(entries, QV_MAX_CHANNELS);
     if (found < 0) return QV_RESULT_FAILED;
     memcpy(m_arrUSBChannel, entries, sizeof entries);
-    m_nUSBChannelCount = std::min<int>(found, QV_MAX_CHANNELS);
+    m_nUSBChannelCount = found;
     return QV_RESULT_OK;
 }
 
-QV_RESULT CQVUSBCaptureControlBase::UnRegisterHotPlug() {
-    pthread_mutex_lock(&m_hotplugEntity.mutex);
-    const bool running = m_hotplugEntity.running != 0;
-    const pthread_t thread = m_hotplugEntity.thread;
-    m_hotplugEntity.running = 0;
-    m_hotplugEntity.thread = {};
-    pthread_mutex_unlock(&m_hotplugEntity.mutex);
-    // Outside the mutex: the watcher takes it to look at the flag.
-    if (running) pthread_join(thread, nullptr);
-    return QV_RESULT_OK;
+bool CQVUSBCaptureControlBase::Lists(const char* path) {
+    const _QVUSBCAP_CHANNEL_ENTRY* begin = m_arrUSBChannel;
+    return std::any_of(begin, begin + m_nUSBChannelCount,
+                       [path](const _QVUSBCAP_CHANNEL_ENTRY& entry) {
+                           return strncmp(entry.path, path, sizeof entry.path) == 0;
+                       });
 }
 
 const _QVUSBCAP_CHANNEL_ENTRY* CQVUSBCaptureControlBase::Find(int index) {
@@ -74,7 +78,8 @@ QV_RESULT CQVUSBCaptureControlBase::GetDevicePath(int index, char* path) {
 // ---- Opening and transfers -------------------------------------------------------------------
 
 bool CQVUSBCaptureBase::OpenChannelByPath(const char* path) {
-    if (m_pContext == nullptr && path != nullptr) m_pContext = QVUSBOpenDevice(path);
+    if (m_pContext == nullptr && path != nullptr && CQVUSBCaptureControlBase::Lists(path))
+        m_pContext = QVUSBOpenDevice(path);
     return m_pContext != nullptr;
 }
 
@@ -113,11 +118,11 @@ QV_RESULT CQVUSBCaptureBase::USBChannelGetData(unsigned char command, void* data
                                                                      : QV_RESULT_OK;
 }
 
-QV_RESULT CQVUSBCaptureBase::USBChannelSetData(unsigned char command, void* data,
-                                               unsigned int size) {
+QV_RESULT CQVUSBCaptureBase::USBChannelSetData(unsigned char command, void* data, unsigned int size,
+                                               unsigned int answered) {
     if (!IsOpen()) return QV_RESULT_FAILED;
-    return QVUSBSetData(m_pContext->handle, command, data, size) < 0 ? QV_RESULT_FAILED
-                                                                     : QV_RESULT_OK;
+    return QVUSBSetData(m_pContext->handle, command, data, size, answered) < 0 ? QV_RESULT_FAILED
+                                                                               : QV_RESULT_OK;
 }
 
 // ---- Sound card ------------------------------------------------------------------------------

@@ -4,8 +4,8 @@
 // QVUSBCommands.h; audio volume goes to the sound card instead. A closed channel and a failed
 // transfer are QV_RESULT_FAILED, a null pointer QV_RESULT_BAD_ARGUMENT. Outputs are untouched on
 // failure unless said otherwise.
-// No lock: one thread at a time per channel; the registry like the PCIe one. Only the hot-plug
-// watcher has a mutex.
+// No lock here: one thread at a time per channel; the registry like the PCIe one. The hot-plug
+// watcher has a mutex, and each device one in the transport unit.
 #pragma once
 
 #include "QVUSBCommands.h"
@@ -14,19 +14,21 @@
 
 class CQVUSBCaptureControlBase {
   public:
-    // There is nothing to set up: QV_RESULT_FAILED.
-    static QV_RESULT Init() { return QV_RESULT_FAILED; }
-    static void Exit();  // empties the table
+    // Starts the transport; QV_RESULT_FAILED when there is none or it cannot start.
+    static QV_RESULT Init();
+    // Ends the watcher, empties the table and lets the transport stop.
+    static void Exit();
     // Rebuilds the table; QV_RESULT_FAILED, and the table as it was, when the transport cannot
     // tell.
     static QV_RESULT EnumDevice();
 
-    // No transport watches yet: QV_RESULT_FAILED, nothing registered.
-    static QV_RESULT RegisterHotPlug(QVUSB_HOT_PLUG_CALLBACK, void*) { return QV_RESULT_FAILED; }
+    // Starts the watcher. QV_RESULT_FAILED when the transport cannot watch or one runs already.
+    static QV_RESULT RegisterHotPlug(QVUSB_HOT_PLUG_CALLBACK callback, void* param);
     // Ends the watcher, if one runs. Always QV_RESULT_OK.
     static QV_RESULT UnRegisterHotPlug();
 
     static int GetChannelCount() { return m_nUSBChannelCount; }
+    static bool Lists(const char* path);
     // QV_RESULT_BAD_ARGUMENT for an index outside the table or a null output.
     static QV_RESULT GetChannelInfoByIndex(int index, _QVCAP_CHANNEL_INFO* info);
     static QV_RESULT GetFamilyInfoByIndex(int index, _QVUSBCAP_CAPTURE_INFO* info);
@@ -57,9 +59,10 @@ class CQVUSBCaptureBase final : public IQVCaptureDevice {
     QV_RESULT GetSerial(char* out) const;
     QV_RESULT GetUsbbus(char* out) const;
 
-    // One transfer, raw.
+    // One transfer, raw. answered: how many bytes the device sends back into data.
     QV_RESULT USBChannelGetData(unsigned char command, void* data, unsigned int size);
-    QV_RESULT USBChannelSetData(unsigned char command, void* data, unsigned int size);
+    QV_RESULT USBChannelSetData(unsigned char command, void* data, unsigned int size,
+                                unsigned int answered = 0);
 
     QV_RESULT GetChannelInfo(_QVCAP_CHANNEL_INFO* info) override;
     QV_RESULT GetFamilyInfo(void* info, unsigned int size) override;  // 10 bytes, size ignored

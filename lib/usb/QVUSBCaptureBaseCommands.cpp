@@ -410,7 +410,7 @@ QV_RESULT CQVUSBCaptureBase::WaitForWIP() {
     uint8_t busy = 0;
     do {
         busy = 0;
-        if (USBChannelSetData(kWriteInProgress.id, &busy, sizeof busy) != QV_RESULT_OK)
+        if (USBChannelSetData(kWriteInProgress.id, &busy, sizeof busy, sizeof busy) != QV_RESULT_OK)
             return QV_RESULT_FAILED;
     } while (busy != 0);
     return QV_RESULT_OK;
@@ -449,10 +449,12 @@ QV_RESULT CQVUSBCaptureBase::WriteFirmwareData(unsigned int address, unsigned ch
 }
 
 QV_RESULT CQVUSBCaptureBase::ReadChunk(uint32_t address, unsigned char* data, uint32_t size) {
+    // Without the address in front of it the packet would be a write of zeros.
+    const QVUSBAlone alone(m_pContext->handle);
     const QV_RESULT result = Send(kSetFirmwareReadAddress, address);
     if (result != QV_RESULT_OK) return result;
     FirmwarePacket packet{{address, size}, {}};
-    if (USBChannelSetData(kFirmwareData.id, &packet, sizeof packet) != QV_RESULT_OK)
+    if (USBChannelSetData(kFirmwareData.id, &packet, sizeof packet, sizeof packet) != QV_RESULT_OK)
         return QV_RESULT_FAILED;
     memcpy(data, packet.data, size);
     return QV_RESULT_OK;

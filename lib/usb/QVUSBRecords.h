@@ -10,16 +10,9 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "QVCaptureMedia.h"
+#include "QVCaptureUSB.h"
 
 struct libusb_device_handle;
-
-// One USB channel found.
-struct _QVUSBCAP_CHANNEL_ENTRY {
-    char path[512];
-    _QVCAP_CHANNEL_INFO info;
-    _QVUSBCAP_CAPTURE_INFO family;
-};
 
 // One open device; from malloc.
 struct _QVUSB_DEVICE_CONTEXT {
@@ -27,14 +20,6 @@ struct _QVUSB_DEVICE_CONTEXT {
     char usbBus[32];               // as in the usbbus file of the device's sound card
     char serial[32];
 };
-
-enum _QVUSBHOT_PLUG_EVETN : uint32_t {
-    QVUSB_HOT_PLUG_ARRIVED = 1,
-    QVUSB_HOT_PLUG_LEFT = 2,
-};
-
-using QVUSB_HOT_PLUG_CALLBACK = void (*)(_QVUSBHOT_PLUG_EVETN event, const char* devicePath,
-                                         void* param);
 
 // The hot-plug watcher; the mutex guards the flag and the thread.
 struct _QVUSB_HOTPLUG_ENTITY {
@@ -123,6 +108,7 @@ struct ProcessSettings {
 #pragma pack(pop)
 
 static_assert(sizeof(_QVUSBCAP_CAPTURE_INFO) == 10);
+static_assert(sizeof(_QVUSBCAP_CHANNEL_ENTRY) == 512 + 224 + 10);
 static_assert(sizeof(_QVCAP_AUDIO_VOLUME) == 56);
 static_assert(offsetof(_QVCAP_AUDIO_VOLUME, mute) == 8);
 static_assert(offsetof(_QVCAP_AUDIO_VOLUME, volume) == 24);

@@ -34,6 +34,7 @@ void SetUpDevices() {
     tavo.AddDevice(kUsbPath, "Tavo Capture HDMI", "001/004", "TV0012345");
     alsa.cards = {{1, "Tavo Capture HDMI", "HDMI", {{.name = "Mic"}, {.name = "HDMI"}}}};
     nodes.AddSoundFile("HDMI/usbbus", "001/004\n");
+    EXPECT_EQ(QV_RESULT_OK, tavo.Supply());
 }
 
 // True when every call succeeded.
@@ -52,6 +53,10 @@ bool UseMedia() {
         AudioPlaybackALSAStop(playback);
         AudioPlaybackALSADestroy(playback);
     }
+    unsigned char edid[256] = {};
+    unsigned long size = sizeof edid;
+    good = QVSetEDID(channel, edid, size) == QV_RESULT_OK && good;
+    good = QVGetEDID(channel, edid, &size) == QV_RESULT_OK && good;
     QVDestoryVideoCapture(video);
     QVDestoryAudioCapture(audio);
     QVCloseChannel(channel);

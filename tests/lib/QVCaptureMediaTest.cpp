@@ -61,6 +61,7 @@ class MediaTest : public testing::Test {
              {{.name = "Mic"}, {.name = "HDMI"}, {.name = "Computer"}}},
         };
         nodes.AddSoundFile("HDMI/usbbus", "001/004\n");
+        EXPECT_EQ(QV_RESULT_OK, tavo.Supply());
         QVCaptureInitInstance();
     }
     ~MediaTest() override {

@@ -20,10 +20,15 @@ class UsbChannelTest : public testing::Test {
     UsbChannelTest() {
         tavo.Reset();
         tavo.AddDevice(kPath, "Tavo Capture HDMI", "001/004", "TV0012345");
+        EXPECT_EQ(QV_RESULT_OK, tavo.Supply());
+        CQVUSBCaptureControlBase::Init();
+        CQVUSBCaptureControlBase::EnumDevice();
         EXPECT_TRUE(channel.OpenChannelByPath(kPath));
     }
     ~UsbChannelTest() override {
         channel.CloseChannel();
+        CQVUSBCaptureControlBase::Exit();
+        EXPECT_EQ(0, tavo.wrongAnswers);
         EXPECT_EQ(0, tavo.handlesOpen) << "a device was left open";
     }
     // What the device answers to a command: size bytes first, first + 1 ...

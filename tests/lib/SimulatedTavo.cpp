@@ -3,7 +3,6 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 namespace fake {
@@ -37,6 +36,7 @@ void Tavo::Reset() {
     flash.assign(1 << 16, 0xFF);
     busyPolls = 0;
     handlesOpen = 0;
+    wrongAnswers = 0;
     lastSet = 0;
     lastPayload.clear();
     payloads.clear();
@@ -72,10 +72,13 @@ int Tavo::GetData(unsigned char command, unsigned char* data, unsigned size) {
     return static_cast<int>(size);
 }
 
-int Tavo::SetData(unsigned char command, unsigned char* data, unsigned size) {
+int Tavo::SetData(unsigned char command, unsigned char* data, unsigned size, unsigned answered) {
     const std::lock_guard lock(mutex);
     int result = 0;
     if (Enter("set", Text(command, size), &result)) return result;
+    // Of all commands two are answered, and a firmware packet when it is a read.
+    const bool isAnswered = command == 0xF4 || (command == 0xF3 && m_reading);
+    if (answered != (isAnswered ? size : 0)) ++wrongAnswers;
     if (command != 0xF4) {
         lastSet = command;
         lastPayload.assign(data, data + size);
@@ -114,40 +117,43 @@ void Tavo::Firmware(unsigned char* data, unsigned size) {
     m_reading = false;
 }
 
-_QVUSB_DEVICE_CONTEXT* Tavo::Open(const std::string& path) {
+int Tavo::Find(_QVUSBCAP_CHANNEL_ENTRY* entries, int capacity) const {
+    const int count = std::min<int>(capacity, static_cast<int>(devices.size()));
+    std::copy_n(devices.begin(), count, entries);
+    return cannotTell ? -1 : static_cast<int>(devices.size());
+}
+
+int Tavo::Open(const std::string& path, QV_USB_DEVICE* device) {
     const auto found = m_texts.find(path);
-    if (found == m_texts.end()) return nullptr;
-    auto* context = static_cast<_QVUSB_DEVICE_CONTEXT*>(calloc(1, sizeof(_QVUSB_DEVICE_CONTEXT)));
-    context->handle = reinterpret_cast<libusb_device_handle*>(this);
+    if (found == m_texts.end()) return -1;
+    device->handle = this;
     // As many characters as there is room for, without a terminator: a device need not be kind.
     const auto& [usbBus, serial] = found->second;
-    memcpy(context->usbBus, usbBus.data(), std::min(usbBus.size(), sizeof context->usbBus));
-    memcpy(context->serial, serial.data(), std::min(serial.size(), sizeof context->serial));
+    memcpy(device->usbBus, usbBus.data(), std::min(usbBus.size(), sizeof device->usbBus));
+    memcpy(device->serial, serial.data(), std::min(serial.size(), sizeof device->serial));
     ++handlesOpen;
-    return context;
+    return 0;
+}
+
+QV_RESULT Tavo::Supply() {
+    QV_USB_TRANSPORT transport{};
+    transport.size = sizeof transport;
+    transport.find = [](_QVUSBCAP_CHANNEL_ENTRY* entries, int capacity, void* user) {
+        return static_cast<Tavo*>(user)->Find(entries, capacity);
+    };
+    transport.open = [](const char* path, QV_USB_DEVICE* device, void* user) {
+        return static_cast<Tavo*>(user)->Open(path, device);
+    };
+    transport.close = [](void*, void* user) { --static_cast<Tavo*>(user)->handlesOpen; };
+    transport.get = [](void*, unsigned char command, void* data, unsigned int size, void* user) {
+        return static_cast<Tavo*>(user)->GetData(command, static_cast<unsigned char*>(data), size);
+    };
+    transport.set = [](void*, unsigned char command, void* data, unsigned int size,
+                       unsigned int answered, void* user) {
+        return static_cast<Tavo*>(user)->SetData(command, static_cast<unsigned char*>(data), size,
+                                                 answered);
+    };
+    return QVSetUSBTransport(&transport, this);
 }
 
 }  // namespace fake
-
-extern "C" {
-
-int QVUSBGetData(libusb_device_handle*, unsigned char command, void* data, unsigned int size) {
-    return fake::Tavo::Get().GetData(command, static_cast<unsigned char*>(data), size);
-}
-
-int QVUSBSetData(libusb_device_handle*, unsigned char command, void* data, unsigned int size) {
-    return fake::Tavo::Get().SetData(command, static_cast<unsigned char*>(data), size);
-}
-
-int QVUSBFindDevices(_QVUSBCAP_CHANNEL_ENTRY* entries, int capacity) {
-    const fake::Tavo& tavo = fake::Tavo::Get();
-    const int count = std::min<int>(capacity, static_cast<int>(tavo.devices.size()));
-    std::copy_n(tavo.devices.begin(), count, entries);
-    if (tavo.cannotTell) return -1;
-    return static_cast<int>(tavo.devices.size());
-}
-
-_QVUSB_DEVICE_CONTEXT* QVUSBOpenDevice(const char* path) { return fake::Tavo::Get().Open(path); }
-void QVUSBCloseDevice(libusb_device_handle*) { --fake::Tavo::Get().handlesOpen; }
-
-}  // extern "C"
