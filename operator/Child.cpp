@@ -94,9 +94,9 @@ Child::Child(const ChildPlan& plan) {
     arguments.push_back(nullptr);
     const Prepared prepared = {highInput.fd,  highOutput.fd, highLock.fd,
                                highFolder.fd, writer.fd,     arguments.data()};
-    pid_ = fork();
-    if (pid_ == 0) Become(prepared);
-    if (pid_ < 0) Fail("no process can be started", errno);
+    m_pid = fork();
+    if (m_pid == 0) Become(prepared);
+    if (m_pid < 0) Fail("no process can be started", errno);
     close(writer.fd);
     writer.fd = -1;
     int error = 0;
@@ -105,29 +105,30 @@ Child::Child(const ChildPlan& plan) {
         n = read(reader.fd, &error, sizeof error);
     } while (n < 0 && errno == EINTR);
     if (n != sizeof error) return;
-    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    while (waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
     }
-    end_ = ChildEnd{127, 0};
+    m_end = ChildEnd{127, 0};
     Fail(plan.program + ": cannot be started", error);
 }
 
 Child::~Child() {
-    if (end_ || pid_ < 0) return;
-    while (waitpid(pid_, nullptr, 0) < 0 && errno == EINTR) {
+    if (m_end || m_pid < 0) return;
+    while (waitpid(m_pid, nullptr, 0) < 0 && errno == EINTR) {
     }
 }
 
 std::optional<ChildEnd> Child::Poll() {
     int status = 0;
-    if (!end_ && waitpid(pid_, &status, WNOHANG) == pid_) end_ = EndOf(status);
-    return end_;
+    if (!m_end && waitpid(m_pid, &status, WNOHANG) == m_pid) m_end = EndOf(status);
+    return m_end;
 }
 
 bool Child::WaitFor(int milliseconds) {
     if (Poll()) return true;
-    const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, pid_, 0)));
+    const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
     pollfd waiting = {process.fd, POLLIN, 0};
-    poll(&waiting, 1, milliseconds);  // an older kernel has no such descriptor: it waits all the same
+    poll(&waiting, 1,
+         milliseconds);  // an older kernel has no such descriptor: it waits all the same
     return Poll().has_value();
 }
 

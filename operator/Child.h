@@ -31,15 +31,15 @@ class Child {
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
-    pid_t Number() const { return pid_; }
+    pid_t Number() const { return m_pid; }
     // Its end, when it has come.
     std::optional<ChildEnd> Poll();
     // Waits for its end, so long; whether it has come.
     bool WaitFor(int milliseconds);
 
   private:
-    pid_t pid_ = -1;
-    std::optional<ChildEnd> end_;
+    pid_t m_pid = -1;
+    std::optional<ChildEnd> m_end;
 };
 
 // The tool beside this program, or where programs are installed. A Mistake when there is none.

@@ -6,6 +6,8 @@
 
 namespace qvo {
 
+void AddHistory(CLI::App& app, int& status);
 void AddStatus(CLI::App& app, int& status);
+void AddUpgrade(CLI::App& app, int& status);
 
 }  // namespace qvo

@@ -57,14 +57,22 @@ std::string EndText(const ChildEnd& end) {
 
 const char* OutcomeText(Outcome outcome) {
     switch (outcome) {
-        case Outcome::kPlanned: return "planned";
-        case Outcome::kDone: return "done";
-        case Outcome::kFailed: return "failed";
-        case Outcome::kRefused: return "refused";
-        case Outcome::kBusy: return "busy";
-        case Outcome::kLeft: return "left";
-        case Outcome::kSkipped: return "skipped";
-        case Outcome::kNotBegun: return "not begun";
+        case Outcome::kPlanned:
+            return "planned";
+        case Outcome::kDone:
+            return "done";
+        case Outcome::kFailed:
+            return "failed";
+        case Outcome::kRefused:
+            return "refused";
+        case Outcome::kBusy:
+            return "busy";
+        case Outcome::kLeft:
+            return "left";
+        case Outcome::kSkipped:
+            return "skipped";
+        case Outcome::kNotBegun:
+            return "not begun";
     }
     return "planned";
 }
@@ -98,42 +106,42 @@ void FlashCard::Run() {
     try {
         TryUntilDone();
     } catch (const qvf::Mistake& mistake) {
-        job_.outcome = Outcome::kFailed;
-        job_.reason = mistake.what();
+        m_job.outcome = Outcome::kFailed;
+        m_job.reason = mistake.what();
     } catch (const std::bad_alloc&) {
-        job_.outcome = Outcome::kFailed;
-        job_.reason = "there is not enough memory";
+        m_job.outcome = Outcome::kFailed;
+        m_job.reason = "there is not enough memory";
     }
     TellEnd();
 }
 
 void FlashCard::TryUntilDone() {
-    const std::vector<Process> users = UsersOf(job_.card.paths);
-    if (!users.empty() && !means_.forceBusy) {
-        job_.outcome = Outcome::kBusy;
-        job_.reason = "in use by " + ProcessesText(users) + "; end that, or use --force-busy";
+    const std::vector<Process> users = UsersOf(m_job.card.paths);
+    if (!users.empty() && !m_means.forceBusy) {
+        m_job.outcome = Outcome::kBusy;
+        m_job.reason = "in use by " + ProcessesText(users) + "; end that, or use --force-busy";
         return;
     }
-    const PackageContents& contents = *job_.contents;
-    for (int attempt = 0; attempt <= means_.retries; ++attempt) {
-        const Mode mode = ModeOf(contents.package, job_.stored, job_.card.runningVersion);
-        const std::string refusal = Refusal(contents.package, job_.card, mode);
+    const PackageContents& contents = *m_job.contents;
+    for (int attempt = 0; attempt <= m_means.retries; ++attempt) {
+        const Mode mode = ModeOf(contents.package, m_job.stored, m_job.card.runningVersion);
+        const std::string refusal = Refusal(contents.package, m_job.card, mode);
         if (!refusal.empty()) {
-            job_.outcome = attempt == 0 ? Outcome::kRefused : Outcome::kFailed;
-            job_.reason = refusal;
+            m_job.outcome = attempt == 0 ? Outcome::kRefused : Outcome::kFailed;
+            m_job.reason = refusal;
             return;
         }
         if (attempt > 0) {
-            Event event = CardEvent("retry", job_.card);
-            event["reason"] = job_.reason;
-            means_.sink(event);
+            Event event = CardEvent("retry", m_job.card);
+            event["reason"] = m_job.reason;
+            m_means.sink(event);
         }
-        const bool trapped = mode == Mode::kSafe && IsMainUnfinished(job_.verdict);
+        const bool trapped = mode == Mode::kSafe && IsMainUnfinished(m_job.verdict);
         if (trapped && BringBack()) return;
-        if (Attempt(contents, mode, job_.plan.force) && !trapped) return;
+        if (Attempt(contents, mode, m_job.plan.force) && !trapped) return;
         if (!trapped) continue;
-        job_.outcome = Outcome::kFailed;
-        job_.reason = Advice();
+        m_job.outcome = Outcome::kFailed;
+        m_job.reason = Advice();
         return;
     }
 }
@@ -141,73 +149,74 @@ void FlashCard::TryUntilDone() {
 // A package with another code makes the next upgrade a normal one again. False when there is none,
 // or it did not help.
 bool FlashCard::BringBack() {
-    for (const EarlierPackage& earlier : job_.earlier) {
+    for (const EarlierPackage& earlier : m_job.earlier) {
         const qvf::Package& package = earlier.contents->package;
         const bool helps =
-            package.compatibilityCode != job_.contents->package.compatibilityCode &&
-            ModeOf(package, job_.stored, job_.card.runningVersion) == Mode::kNormal &&
-            Refusal(package, job_.card, Mode::kNormal).empty();
+            package.compatibilityCode != m_job.contents->package.compatibilityCode &&
+            ModeOf(package, m_job.stored, m_job.card.runningVersion) == Mode::kNormal &&
+            Refusal(package, m_job.card, Mode::kNormal).empty();
         if (!helps) continue;
-        Event event = CardEvent("bring-back", job_.card);
+        Event event = CardEvent("bring-back", m_job.card);
         event["package"] = earlier.name;
         event["to"] = qvf::VersionText(package.firmwareVersion);
-        means_.sink(event);
+        m_means.sink(event);
         if (!Attempt(*earlier.contents, Mode::kNormal, true)) continue;
-        ReadBack(job_, *job_.contents);
-        const Mode mode =
-            ModeOf(job_.contents->package, job_.stored, job_.card.runningVersion);
-        if (mode == Mode::kNormal && Attempt(*job_.contents, mode, job_.plan.force)) return true;
+        ReadBack(m_job, *m_job.contents);
+        const Mode mode = ModeOf(m_job.contents->package, m_job.stored, m_job.card.runningVersion);
+        if (mode == Mode::kNormal && Attempt(*m_job.contents, mode, m_job.plan.force)) return true;
     }
     return false;
 }
 
 std::string FlashCard::Advice() const {
-    const uint16_t code = job_.contents->package.compatibilityCode;
-    return "its main image is unfinished, and every further upgrade with this package is a safe one, "
-           "which leaves it so. Leave the computer on; put the package that the card had before, or "
+    const uint16_t code = m_job.contents->package.compatibilityCode;
+    return "its main image is unfinished, and every further upgrade with this package is a safe "
+           "one, "
+           "which leaves it so. Leave the computer on; put the package that the card had before, "
+           "or "
            "another one for it whose compatibility code is neither 0 nor " +
            std::to_string(code) + ", into a folder and run: qvcap upgrade --device " +
-           job_.card.path + " --packages FOLDER_OF_THE_NEW --earlier THAT_FOLDER";
+           m_job.card.path + " --packages FOLDER_OF_THE_NEW --earlier THAT_FOLDER";
 }
 
 bool FlashCard::Attempt(const PackageContents& contents, Mode mode, bool force) {
-    ++job_.attempts;
-    const PrivateFolder folder(means_.folder, qvf::Serialize(contents.package));
-    std::string name = job_.card.Name();
+    ++m_job.attempts;
+    const PrivateFolder folder(m_means.folder, qvf::Serialize(contents.package));
+    std::string name = m_job.card.Name();
     std::replace(name.begin(), name.end(), ':', '-');
     std::replace(name.begin(), name.end(), '/', '-');
-    job_.toolFile = means_.folder + "/tool-" + means_.run + "-" + name + "-" +
-                    std::to_string(job_.attempts) + ".log";
-    ChildPlan plan{means_.tool, {"-y"}, folder.Path(), job_.toolFile, means_.lock};
+    m_job.toolFile = m_means.folder + "/tool-" + m_means.run + "-" + name + "-" +
+                     std::to_string(m_job.attempts) + ".log";
+    ChildPlan plan{m_means.tool, {"-y"}, folder.Path(), m_job.toolFile, m_means.lock};
     if (force) plan.arguments.push_back("-f");
-    plan.arguments.insert(plan.arguments.end(), {"-d", job_.card.path});
+    plan.arguments.insert(plan.arguments.end(), {"-d", m_job.card.path});
     ChildEnd end;
     {
         Child child(plan);
-        Event event = CardEvent("card-begin", job_.card);
-        event["attempt"] = job_.attempts;
+        Event event = CardEvent("card-begin", m_job.card);
+        event["attempt"] = m_job.attempts;
         event["mode"] = ModeText(mode);
-        event["from"] = qvf::VersionText(job_.card.runningVersion);
+        event["from"] = qvf::VersionText(m_job.card.runningVersion);
         event["to"] = qvf::VersionText(contents.package.firmwareVersion);
         event["bytes"] = WorkOf(contents.package, mode).write;
         event["process"] = child.Number();
-        event["output"] = job_.toolFile;
-        means_.sink(event);
-        Watch(child, job_.toolFile);
+        event["output"] = m_job.toolFile;
+        m_means.sink(event);
+        Watch(child, m_job.toolFile);
         end = *child.Poll();
     }
-    job_.tool = ParseToolOutput(Output(job_.toolFile));
-    Event event = CardEvent("tool-end", job_.card);
-    event["result"] = ResultText(job_.tool.result);
+    m_job.tool = ParseToolOutput(Output(m_job.toolFile));
+    Event event = CardEvent("tool-end", m_job.card);
+    event["result"] = ResultText(m_job.tool.result);
     event["status"] = end.status;
     event["signal"] = end.signal;
-    event["message"] = job_.tool.lastWords;
-    means_.sink(event);
+    event["message"] = m_job.tool.lastWords;
+    m_means.sink(event);
     Judge(contents, mode);
     const std::string ending = EndText(end);
-    if (job_.outcome == Outcome::kFailed && !ending.empty())
-        job_.reason += " (qvcap-upgrade was " + ending + ")";
-    return job_.outcome == Outcome::kDone;
+    if (m_job.outcome == Outcome::kFailed && !ending.empty())
+        m_job.reason += " (qvcap-upgrade was " + ending + ")";
+    return m_job.outcome == Outcome::kDone;
 }
 
 void FlashCard::Watch(Child& child, const std::string& output) {
@@ -228,53 +237,52 @@ void FlashCard::Watch(Child& child, const std::string& output) {
         if (progress.stage != ToolStage::kNone &&
             (stageBegins || progress.percent != last.percent)) {
             last = progress;
-            Event event = CardEvent(stageBegins ? "stage" : "progress", job_.card);
+            Event event = CardEvent(stageBegins ? "stage" : "progress", m_job.card);
             event["stage"] = StageText(progress.stage);
             event["percent"] = progress.percent;
-            means_.sink(event);
+            m_means.sink(event);
         }
         const auto still = std::chrono::duration_cast<std::chrono::seconds>(Clock::now() - changed);
         const int seconds = static_cast<int>(still.count());
-        if (seconds < means_.stalledAfter * (told + 1)) continue;
+        if (seconds < m_means.stalledAfter * (told + 1)) continue;
         ++told;
-        Event event = CardEvent("stalled", job_.card);
+        Event event = CardEvent("stalled", m_job.card);
         event["seconds"] = seconds;
         event["process"] = child.Number();
-        means_.sink(event);
+        m_means.sink(event);
     }
 }
 
 void FlashCard::Judge(const PackageContents& contents, Mode mode) {
-    Event event = CardEvent("stage", job_.card);
+    Event event = CardEvent("stage", m_job.card);
     event["stage"] = "reading back";
     event["percent"] = 0;
-    means_.sink(event);
+    m_means.sink(event);
     unsigned last = 0;
-    ReadBack(job_, contents, [&](uint64_t done, uint64_t total) {
+    ReadBack(m_job, contents, [&](uint64_t done, uint64_t total) {
         const unsigned percent = total == 0 ? 0 : static_cast<unsigned>(done * 100 / total);
         if (percent == last) return;
         last = percent;
-        Event progress = CardEvent("progress", job_.card);
+        Event progress = CardEvent("progress", m_job.card);
         progress["stage"] = "reading back";
         progress["percent"] = percent;
-        means_.sink(progress);
+        m_means.sink(progress);
     });
-    const State state = job_.verdict.state;
-    const bool good = IsComplete(job_.verdict, mode) && state != State::kInterrupted &&
+    const State state = m_job.verdict.state;
+    const bool good = IsComplete(m_job.verdict, mode) && state != State::kInterrupted &&
                       state != State::kUnreadable;
-    job_.outcome = good ? Outcome::kDone : Outcome::kFailed;
-    job_.reason = good ? "" : job_.verdict.reason;
-    if (!good && job_.reason.empty())
-        job_.reason = "the flash does not hold the package";
+    m_job.outcome = good ? Outcome::kDone : Outcome::kFailed;
+    m_job.reason = good ? "" : m_job.verdict.reason;
+    if (!good && m_job.reason.empty()) m_job.reason = "the flash does not hold the package";
 }
 
 void FlashCard::TellEnd() {
-    Event event = CardEvent("card-end", job_.card);
-    event["result"] = OutcomeText(job_.outcome);
-    event["state"] = StateText(job_.verdict.state);
-    event["reason"] = job_.reason;
-    event["attempts"] = job_.attempts;
-    means_.sink(event);
+    Event event = CardEvent("card-end", m_job.card);
+    event["result"] = OutcomeText(m_job.outcome);
+    event["state"] = StateText(m_job.verdict.state);
+    event["reason"] = m_job.reason;
+    event["attempts"] = m_job.attempts;
+    m_means.sink(event);
 }
 
 }  // namespace qvo

@@ -1,6 +1,6 @@
-// One flash on its way through an upgrade: the tool as a child, the flash read back, another attempt,
-// and the way out of an unfinished main image. The flash decides; the tool's words are evidence.
-// One thread per object, any number at once for different boards.
+// One flash on its way through an upgrade: the tool as a child, the flash read back, another
+// attempt, and the way out of an unfinished main image. The flash decides; the tool's words are
+// evidence. One thread per object, any number at once for different boards.
 #pragma once
 
 #include <memory>
@@ -37,6 +37,7 @@ struct Job {
     Card card;
     Fit fit;
     std::shared_ptr<const PackageContents> contents;  // null where no single package fits
+    std::string sha256;                               // of that package's file
     Verdict verdict;
     StoredHeader stored;
     CardPlan plan;
@@ -69,7 +70,7 @@ void ReadBack(Job& job, const PackageContents& contents, const Progress& progres
 
 class FlashCard {
   public:
-    FlashCard(Job& job, const Means& means) : job_(job), means_(means) {}
+    FlashCard(Job& job, const Means& means) : m_job(job), m_means(means) {}
     // Leaves outcome, reason and evidence in the job. Throws nothing.
     void Run();
 
@@ -82,8 +83,8 @@ class FlashCard {
     void TellEnd();
     std::string Advice() const;
 
-    Job& job_;
-    const Means& means_;
+    Job& m_job;
+    const Means& m_means;
 };
 
 }  // namespace qvo

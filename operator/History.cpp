@@ -31,7 +31,7 @@ constexpr size_t kMostText = 500;
 
 struct TextField {
     const char* key;
-    std::string HistoryEntry::* member;
+    std::string HistoryEntry::*member;
 };
 
 constexpr TextField kTexts[] = {
@@ -68,22 +68,22 @@ std::vector<std::string> Months(const std::string& folder) {
 // The file with nobody else at it, until its end.
 class LockedFile {
   public:
-    explicit LockedFile(const std::string& path) : path_(path) {
-        fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
-        if (fd_ < 0) Fail(path, errno);
+    explicit LockedFile(const std::string& path) : m_path(path) {
+        m_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
+        if (m_fd < 0) Fail(path, errno);
         struct flock whole = {};
         whole.l_type = F_WRLCK;
         whole.l_whence = SEEK_SET;
-        while (fcntl(fd_, F_OFD_SETLKW, &whole) != 0)
+        while (fcntl(m_fd, F_OFD_SETLKW, &whole) != 0)
             if (errno != EINTR) break;  // a file system without locks: a run has the machine's lock
     }
-    ~LockedFile() { close(fd_); }
+    ~LockedFile() { close(m_fd); }
     LockedFile(const LockedFile&) = delete;
     LockedFile& operator=(const LockedFile&) = delete;
 
     off_t Length() const {
         struct stat status;
-        if (fstat(fd_, &status) != 0) Fail(path_, errno);
+        if (fstat(m_fd, &status) != 0) Fail(m_path, errno);
         return status.st_size;
     }
     // All of it is in the file, or none.
@@ -92,25 +92,25 @@ class LockedFile {
         std::string text = EndsWithLine(before) ? line : "\n" + line;
         int error = 0;
         for (size_t done = 0; done < text.size() && error == 0;) {
-            const ssize_t n = pwrite(fd_, text.data() + done, text.size() - done,
+            const ssize_t n = pwrite(m_fd, text.data() + done, text.size() - done,
                                      before + static_cast<off_t>(done));
             if (n > 0) done += static_cast<size_t>(n);
             if (n == 0 || (n < 0 && errno != EINTR)) error = n == 0 ? ENOSPC : errno;
         }
-        if (error == 0 && fsync(fd_) != 0) error = errno;
+        if (error == 0 && fsync(m_fd) != 0) error = errno;
         if (error == 0) return;
-        if (ftruncate(fd_, before) != 0) error = errno;
-        Fail(path_, error);
+        if (ftruncate(m_fd, before) != 0) error = errno;
+        Fail(m_path, error);
     }
 
   private:
     // What a cut has left of a line stays a line of its own.
     bool EndsWithLine(off_t length) const {
         char last = '\n';
-        return length == 0 || pread(fd_, &last, 1, length - 1) != 1 || last == '\n';
+        return length == 0 || pread(m_fd, &last, 1, length - 1) != 1 || last == '\n';
     }
-    std::string path_;
-    int fd_ = -1;
+    std::string m_path;
+    int m_fd = -1;
 };
 
 // The younger half of a file that has grown too large.
@@ -173,7 +173,7 @@ std::string HistoryLine(const HistoryEntry& entry) {
     return HistoryJson(entry).dump(-1, ' ', false, Json::error_handler_t::replace) + "\n";
 }
 
-HistoryLog::HistoryLog(const std::string& folder) : folder_(folder) {
+HistoryLog::HistoryLog(const std::string& folder) : m_folder(folder) {
     std::error_code error;
     fs::create_directories(folder, error);
     if (!fs::is_directory(folder)) Fail(folder, error ? error.value() : ENOTDIR);
@@ -182,13 +182,13 @@ HistoryLog::HistoryLog(const std::string& folder) : folder_(folder) {
 
 void HistoryLog::Append(const HistoryEntry& entry) const {
     const std::string month = entry.time.substr(0, kMonthLength);
-    const std::string path = folder_ + "/" + kPrefix + month + kSuffix;
+    const std::string path = m_folder + "/" + kPrefix + month + kSuffix;
     {
         const LockedFile file(path);
         file.Append(HistoryLine(entry));
         if (static_cast<uint64_t>(file.Length()) > kMostOfMonth) Shorten(path);
     }
-    const std::vector<std::string> months = Months(folder_);
+    const std::vector<std::string> months = Months(m_folder);
     for (size_t i = 0; i + kMostMonths < months.size(); ++i) unlink(months[i].c_str());
 }
 
@@ -211,8 +211,7 @@ History ReadHistory(const std::string& folder) {
     History all;
     for (const std::string& path : Months(folder)) {
         const qvf::Bytes bytes = qvf::ReadFile(path);
-        History month =
-            ParseHistory({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
+        History month = ParseHistory({reinterpret_cast<const char*>(bytes.data()), bytes.size()});
         std::move(month.entries.begin(), month.entries.end(), std::back_inserter(all.entries));
         all.damaged += month.damaged;
     }

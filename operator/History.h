@@ -1,5 +1,6 @@
 // The log of what was done to cards: JSON lines in one file a month, appended as a whole or not at
-// all, and bounded. Failures of writing are Mistakes; reading takes any bytes. One thread per object.
+// all, and bounded. Failures of writing are Mistakes; reading takes any bytes. One thread per
+// object.
 #pragma once
 
 #include <cstdint>
@@ -12,9 +13,10 @@
 namespace qvo {
 
 inline constexpr char kLogFolder[] = "/var/log/qvcap";
-inline constexpr size_t kMostMonths = 36;              // older files are removed
-inline constexpr uint64_t kMostOfMonth = 8 * 1024 * 1024;  // bytes; the older half of a larger file goes
-inline constexpr size_t kMostOfLine = 16 * 1024;       // bytes; a longer one is not written, nor read
+inline constexpr size_t kMostMonths = 36;  // older files are removed
+inline constexpr uint64_t kMostOfMonth =
+    8 * 1024 * 1024;                              // bytes; the older half of a larger file goes
+inline constexpr size_t kMostOfLine = 16 * 1024;  // bytes; a longer one is not written, nor read
 
 // One flash in one run. Texts are as they were found: any bytes.
 struct HistoryEntry {
@@ -24,10 +26,10 @@ struct HistoryEntry {
     std::string card;  // "0:1"
     std::string product;
     std::string serial;
-    std::string from;    // version
-    std::string to;      // version
-    std::string result;  // "done", "failed", ...
-    std::string reason;  // when it is not "done"
+    std::string from;     // version
+    std::string to;       // version
+    std::string result;   // "done", "failed", ...
+    std::string reason;   // when it is not "done"
     std::string package;  // file
     std::string sha256;   // of the package
     int attempts = 0;
@@ -43,11 +45,11 @@ class HistoryLog {
   public:
     // Makes the folder where it is missing, and tries that it can be written to.
     explicit HistoryLog(const std::string& folder);
-    const std::string& Folder() const { return folder_; }
+    const std::string& Folder() const { return m_folder; }
     void Append(const HistoryEntry& entry) const;
 
   private:
-    std::string folder_;
+    std::string m_folder;
 };
 
 std::string HistoryLine(const HistoryEntry& entry);  // with its line feed

@@ -1,6 +1,6 @@
 // While it lives, logind delays no shutdown for a moment only but blocks it: a flash is not cut by
-// an orderly power-off. libsystemd is loaded when there is one; without it, or without a system bus,
-// the reason is kept for one word about it. One thread.
+// an orderly power-off. libsystemd is loaded when there is one; without it, or without a system
+// bus, the reason is kept for one word about it. One thread.
 #pragma once
 
 #include <string>
@@ -14,12 +14,12 @@ class Inhibitor {
     Inhibitor(const Inhibitor&) = delete;
     Inhibitor& operator=(const Inhibitor&) = delete;
 
-    bool IsHeld() const { return fd_ >= 0; }
-    const std::string& Problem() const { return problem_; }
+    bool IsHeld() const { return m_fd >= 0; }
+    const std::string& Problem() const { return m_problem; }
 
   private:
-    int fd_ = -1;
-    std::string problem_;
+    int m_fd = -1;
+    std::string m_problem;
 };
 
 }  // namespace qvo

@@ -17,34 +17,51 @@ namespace {
     throw qvf::Mistake(path + ": " + what + ": " + reason + "; --lock names another file");
 }
 
-}  // namespace
-
-MachineLock::MachineLock(const std::string& path) : path_(path) {
-    // Links are not followed: the file is written to.
-    fd_ = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0644);
-    if (fd_ < 0) Fail(path, "the lock of this machine cannot be opened");
-}
-
-MachineLock::~MachineLock() { close(fd_); }
-
-bool MachineLock::Take() {
+struct flock WholeFile() {
     struct flock whole = {};
     whole.l_type = F_WRLCK;
     whole.l_whence = SEEK_SET;
-    if (fcntl(fd_, F_OFD_SETLK, &whole) != 0) {
+    return whole;
+}
+
+}  // namespace
+
+MachineLock::MachineLock(const std::string& path) : m_path(path) {
+    // Links are not followed: the file is written to.
+    m_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0644);
+    if (m_fd < 0) Fail(path, "the lock of this machine cannot be opened");
+}
+
+MachineLock::~MachineLock() { close(m_fd); }
+
+bool MachineLock::Take() {
+    struct flock whole = WholeFile();
+    if (fcntl(m_fd, F_OFD_SETLK, &whole) != 0) {
         if (errno == EAGAIN || errno == EACCES) return false;
-        Fail(path_, "the lock of this machine cannot be taken");
+        Fail(m_path, "the lock of this machine cannot be taken");
     }
-    // A hint for those who may not look into this process; the lock does not depend on it.
-    const std::string number = std::to_string(getpid()) + "\n";
-    if (ftruncate(fd_, 0) != 0 ||
-        pwrite(fd_, number.data(), number.size(), 0) != static_cast<ssize_t>(number.size()))
-        errno = 0;
+    Sign();
     return true;
 }
 
+void MachineLock::Wait() {
+    struct flock whole = WholeFile();
+    while (fcntl(m_fd, F_OFD_SETLKW, &whole) != 0)
+        if (errno != EINTR) Fail(m_path, "the lock of this machine cannot be waited for");
+    Sign();
+}
+
+// A hint for those who may not look into this process; the lock does not depend on it.
+void MachineLock::Sign() const {
+    const std::string number = std::to_string(getpid()) + "\n";
+    const bool signedIt =
+        ftruncate(m_fd, 0) == 0 &&
+        pwrite(m_fd, number.data(), number.size(), 0) == static_cast<ssize_t>(number.size());
+    static_cast<void>(signedIt);
+}
+
 std::vector<Process> MachineLock::Holders() const {
-    std::vector<Process> all = ProcessesWith(path_);
+    std::vector<Process> all = ProcessesWith(m_path);
     std::erase_if(all, [](const Process& process) { return !process.holdsLock; });
     return all;
 }
@@ -53,7 +70,7 @@ std::string MachineLock::HoldersText() const {
     const std::string seen = ProcessesText(Holders());
     if (!seen.empty()) return seen;
     char text[32] = {};
-    const ssize_t length = pread(fd_, text, sizeof text - 1, 0);
+    const ssize_t length = pread(m_fd, text, sizeof text - 1, 0);
     const std::string number(text, std::strspn(text, "0123456789"));
     if (length > 0 && !number.empty()) return "process " + number;
     return "another process, which may not be looked at";

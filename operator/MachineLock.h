@@ -24,16 +24,20 @@ class MachineLock {
 
     // False when somebody else has it.
     bool Take();
+    // Until it has it.
+    void Wait();
     // Whoever holds it, as far as it may be seen.
     std::vector<Process> Holders() const;
     // "qvcap-upgrade (process 71)", or what the file says of its last holder, or "another process".
     std::string HoldersText() const;
     // To be handed on to children. Closed when another program is executed, but for these.
-    int Descriptor() const { return fd_; }
+    int Descriptor() const { return m_fd; }
 
   private:
-    std::string path_;
-    int fd_ = -1;
+    void Sign() const;
+
+    std::string m_path;
+    int m_fd = -1;
 };
 
 }  // namespace qvo

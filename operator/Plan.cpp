@@ -71,13 +71,17 @@ CardPlan WithoutPackage(const Findings& findings) {
 std::string ReasonToLeave(const Findings& findings) {
     const uint32_t offered = findings.contents->package.firmwareVersion;
     switch (findings.verdict.state) {
-        case State::kCurrent: return "current";
-        case State::kStaged: return "staged already, waits for the power to go";
+        case State::kCurrent:
+            return "current";
+        case State::kStaged:
+            return "staged already, waits for the power to go";
         case State::kUpgradeAvailable:
         case State::kInterrupted:
-        case State::kNoPackage: return "";
+        case State::kNoPackage:
+            return "";
         case State::kUnknown:
-        case State::kUnreadable: break;
+        case State::kUnreadable:
+            break;
     }
     if (findings.card.runningVersion < offered) return "";
     return "runs " + qvf::VersionText(findings.card.runningVersion) + ", " + PackageName(findings) +
@@ -172,8 +176,7 @@ CardPlan PlanCard(const Findings& findings, bool force) {
         return plan;
     }
     plan.action = trapped ? Action::kBringBack : Action::kFlash;
-    if (trapped)
-        plan.reason = "the main image is unfinished, and a safe upgrade would leave it so";
+    if (trapped) plan.reason = "the main image is unfinished, and a safe upgrade would leave it so";
     return plan;
 }
 

@@ -17,7 +17,8 @@ namespace qvo {
 enum class Mode { kNormal, kSafe };
 const char* ModeText(Mode mode);  // "upgrade", "safe upgrade"
 
-// The two fields that decide the mode, from the place of the main header in flash, whatever is there.
+// The two fields that decide the mode, from the place of the main header in flash, whatever is
+// there.
 struct StoredHeader {
     uint32_t version = 0;
     uint16_t compatibilityCode = 0;

@@ -45,15 +45,15 @@ void Remove(const std::string& path) {
 }  // namespace
 
 PrivateFolder::PrivateFolder(const std::string& parent, const qvf::Bytes& package)
-    : path_(parent + "/" + kPrefix + "XXXXXX") {
-    if (mkdtemp(path_.data()) == nullptr) Fail(parent, errno);
-    if (const int error = WriteNew(path_ + "/package.qvf", package)) {
-        Remove(path_);
+    : m_path(parent + "/" + kPrefix + "XXXXXX") {
+    if (mkdtemp(m_path.data()) == nullptr) Fail(parent, errno);
+    if (const int error = WriteNew(m_path + "/package.qvf", package)) {
+        Remove(m_path);
         Fail(parent, error);
     }
 }
 
-PrivateFolder::~PrivateFolder() { Remove(path_); }
+PrivateFolder::~PrivateFolder() { Remove(m_path); }
 
 void PrivateFolder::RemoveLeftOvers(const std::string& parent) {
     std::vector<std::string> old;

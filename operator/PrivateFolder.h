@@ -17,13 +17,13 @@ class PrivateFolder {
     PrivateFolder(const PrivateFolder&) = delete;
     PrivateFolder& operator=(const PrivateFolder&) = delete;
 
-    const std::string& Path() const { return path_; }
+    const std::string& Path() const { return m_path; }
 
     // What runs before this one have left in `parent`, which were killed.
     static void RemoveLeftOvers(const std::string& parent);
 
   private:
-    std::string path_;
+    std::string m_path;
 };
 
 }  // namespace qvo

@@ -11,7 +11,7 @@ namespace qvo {
 
 struct Process {
     pid_t pid = 0;
-    std::string name;  // as the kernel has it: 15 characters at most, any bytes
+    std::string name;        // as the kernel has it: 15 characters at most, any bytes
     bool holdsLock = false;  // an open-file-description lock, on this file, through this descriptor
 };
 

@@ -151,15 +151,24 @@ const char* StageText(ToolStage stage) {
 
 const char* ResultText(ToolResult result) {
     switch (result) {
-        case ToolResult::kNone: return "no result";
-        case ToolResult::kSuccess: return "success";
-        case ToolResult::kNotNeeded: return "not needed";
-        case ToolResult::kUnknownReason: return "unknown reason";
-        case ToolResult::kEraseFailed: return "erase failed";
-        case ToolResult::kWriteFailed: return "write failed";
-        case ToolResult::kVerifyFailed: return "verify failed";
-        case ToolResult::kCancelled: return "cancelled";
-        case ToolResult::kReconfigurationFailed: return "reconfiguration failed";
+        case ToolResult::kNone:
+            return "no result";
+        case ToolResult::kSuccess:
+            return "success";
+        case ToolResult::kNotNeeded:
+            return "not needed";
+        case ToolResult::kUnknownReason:
+            return "unknown reason";
+        case ToolResult::kEraseFailed:
+            return "erase failed";
+        case ToolResult::kWriteFailed:
+            return "write failed";
+        case ToolResult::kVerifyFailed:
+            return "verify failed";
+        case ToolResult::kCancelled:
+            return "cancelled";
+        case ToolResult::kReconfigurationFailed:
+            return "reconfiguration failed";
     }
     return "no result";
 }

@@ -31,12 +31,12 @@ struct ToolProgress {
 };
 
 struct ToolReport {
-    ToolProgress progress;  // the last that was shown
+    ToolProgress progress;     // the last that was shown
     std::optional<bool> safe;  // the mode it announced
     ToolResult result = ToolResult::kNone;
-    std::optional<unsigned> failedAt;      // percentage of the stage
-    std::optional<uint32_t> readError;     // offset inside the section
-    bool finished = false;                 // it printed its summary
+    std::optional<unsigned> failedAt;   // percentage of the stage
+    std::optional<uint32_t> readError;  // offset inside the section
+    bool finished = false;              // it printed its summary
     bool unreadablePackage = false;
     std::string lastWords;  // the result as it was printed, or the last line; escaped, bounded
 };
