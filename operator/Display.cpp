@@ -7,6 +7,7 @@
 #include <cstdio>
 
 #include "Escape.h"
+#include "Report.h"
 
 namespace qvo {
 namespace {
@@ -150,7 +151,7 @@ void Display::TakeJson(const Event& event) {
         if (kind == "progress" && percent < told + kEveryPercent) return;
         told = percent;
     }
-    m_out << EventLine(event) << "\n" << std::flush;
+    m_out << DumpLine(event) << std::flush;
 }
 
 void Display::TakePlain(const Event& event) {

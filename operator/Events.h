@@ -11,9 +11,4 @@ namespace qvo {
 using Event = nlohmann::ordered_json;
 using EventSink = std::function<void(const Event&)>;
 
-// One line without its end; bytes that are no UTF-8 are replaced.
-inline std::string EventLine(const Event& event) {
-    return event.dump(-1, ' ', false, Event::error_handler_t::replace);
-}
-
 }  // namespace qvo

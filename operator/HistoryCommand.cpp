@@ -7,6 +7,7 @@
 #include "Events.h"
 #include "ExitStatus.h"
 #include "History.h"
+#include "Report.h"
 
 namespace qvo {
 namespace {
@@ -41,7 +42,7 @@ int Show(const Arguments& arguments) {
     report["entries"] = Event::array();
     for (const HistoryEntry& entry : history.entries)
         report["entries"].push_back(HistoryJson(entry));
-    std::cout << EventLine(report) << "\n";
+    std::cout << DumpLine(report);
     return Number(ExitStatus::kDone);
 }
 

@@ -24,13 +24,7 @@ class ContentsKeeper {
     std::map<std::string, Contents> m_kept;
 };
 
-bool IsChosen(const UpgradeOptions& options, const Card& card) {
-    if (options.board) return card.identified && card.board == *options.board;
-    if (options.device.empty()) return true;
-    return std::find(card.paths.begin(), card.paths.end(), options.device) != card.paths.end();
-}
-
-std::string UnreadableText(const PackageSet& packages) {
+std::string WhyUnreadable(const PackageSet& packages) {
     const UnreadablePackage& first = packages.Unreadable().front();
     return qvf::Escaped(first.name) + " cannot be read (" + qvf::Escaped(first.reason) +
            ") and could be for this card: replace or remove it";
@@ -59,7 +53,7 @@ void Plan(Job& job, bool force, const PackageSet& packages) {
     const bool answers = job.card.problem.empty();
     if (answers && !packages.Unreadable().empty()) {
         job.plan.action = Action::kRefuse;
-        job.plan.reason = UnreadableText(packages);
+        job.plan.reason = WhyUnreadable(packages);
     }
     job.outcome = OutcomeOf(job.plan.action);
     if (!IsToBeFlashed(job)) job.reason = job.plan.reason;
@@ -121,8 +115,7 @@ std::vector<Job> MakeJobs(const UpgradeOptions& options, const PackageSet& packa
     ContentsKeeper keeper;
     std::map<const PackageContents*, std::string> digests;
     std::vector<Job> jobs;
-    for (const Card& card : FindCards()) {
-        if (!IsChosen(options, card)) continue;
+    for (const Card& card : Selected(FindCards(), options.selection)) {
         Job job;
         job.card = card;
         job.fit = packages.For(card);

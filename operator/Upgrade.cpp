@@ -152,7 +152,9 @@ class Run {
         const Library library;
         m_jobs = MakeJobs(m_options, packages);
         for (const Job& job : m_jobs) Tell(PlanEvent(job));
-        if (m_jobs.empty()) Tell(Notice("no card was found" + ChoiceText()));
+        const std::string choice = m_options.selection.Text();
+        if (m_jobs.empty())
+            Tell(Notice("no card was found" + (choice.empty() ? "" : " " + choice)));
         const bool any = std::any_of(m_jobs.begin(), m_jobs.end(), IsToBeFlashed);
         if (any && !m_options.dryRun) Flash(lock.Descriptor());
         const ExitStatus status = StatusOf(m_jobs);
@@ -185,11 +187,6 @@ class Run {
         event["packages"] = m_options.packages;
         event["dry_run"] = m_options.dryRun;
         Tell(event);
-    }
-
-    std::string ChoiceText() const {
-        if (m_options.board) return " on board " + std::to_string(*m_options.board);
-        return m_options.device.empty() ? "" : " at " + m_options.device;
     }
 
     void Flash(int lock) {

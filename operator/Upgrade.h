@@ -2,7 +2,6 @@
 // report, the history. Starts threads for boards; one run per process.
 #pragma once
 
-#include <optional>
 #include <ostream>
 #include <string>
 
@@ -10,13 +9,13 @@
 #include "ExitStatus.h"
 #include "History.h"
 #include "MachineLock.h"
+#include "Selection.h"
 
 namespace qvo {
 
 struct UpgradeOptions {
     std::string packages = ".";
-    std::optional<int> board;  // only its cards
-    std::string device;        // only this card
+    Selection selection;
     bool force = false;
     bool forceBusy = false;
     bool dryRun = false;

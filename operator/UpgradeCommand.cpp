@@ -16,20 +16,8 @@ constexpr int kMostSeconds = 86400;
 
 struct Arguments {
     UpgradeOptions options;
-    int board = 0;
-    bool all = false;
     bool json = false;
 };
-
-void AddChoice(CLI::App& command, Arguments& given) {
-    CLI::Option* all = command.add_flag("--all", given.all, "all cards; the default");
-    CLI::Option* board = command.add_option("--board", given.board, "only the cards of this board")
-                             ->check(CLI::Range(0, 255));
-    CLI::Option* device =
-        command.add_option("--device", given.options.device, "only the card of this node");
-    board->excludes(all)->excludes(device);
-    device->excludes(all);
-}
 
 void AddWays(CLI::App& command, UpgradeOptions& options) {
     command.add_flag("--force", options.force,
@@ -57,16 +45,15 @@ void AddUpgrade(CLI::App& app, int& status) {
     CLI::App* command =
         app.add_subcommand("upgrade", "write new firmware to the cards that need it, unattended");
     command->add_option("--packages", options.packages, "folder of the packages");
-    AddChoice(*command, *given);
+    AddSelection(*command, options.selection);
     AddWays(*command, options);
     command->add_option("--earlier", options.earlier,
                         "folder of packages that the cards had before");
     command->add_option("--log", options.log, "folder of the history and the tool's output");
     command->add_option("--lock", options.lock, "lock file of this machine");
     command->add_flag("--json", given->json, "an object for each event");
-    command->callback([given, command, &status] {
+    command->callback([given, &status] {
         UpgradeOptions& chosen = given->options;
-        if (command->count("--board") > 0) chosen.board = given->board;
         if (given->json)
             chosen.look = Look::kJson;
         else
