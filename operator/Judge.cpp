@@ -131,6 +131,7 @@ class Comparison {
                 break;
             }
         }
+        if (m_depth != Depth::kCount) difference.bytes = 0;
         if (differs) image.differences.push_back(std::move(difference));
     }
 

@@ -28,21 +28,23 @@ int NodeNumber(std::string_view name) {
     return std::atoi(std::string(digits).c_str());
 }
 
+int IsVideoNode(const dirent* entry) { return NodeNumber(entry->d_name) >= 0 ? 1 : 0; }
+
 // What a driver says to requests that it does not have.
 bool IsForeign(int error) { return error == ENOTTY || error == EINVAL || error == ENOSYS; }
 
 }  // namespace
 
 std::vector<std::string> VideoNodePaths() {
+    dirent** entries = nullptr;
+    const int count = scandir("/dev", &entries, IsVideoNode, nullptr);
     std::vector<int> numbers;
-    if (DIR* folder = opendir("/dev")) {
-        while (const dirent* entry = readdir(folder))
-            if (const int number = NodeNumber(entry->d_name); number >= 0)
-                numbers.push_back(number);
-        closedir(folder);
+    for (int i = 0; i < count; ++i) {
+        numbers.push_back(NodeNumber(entries[i]->d_name));
+        std::free(entries[i]);
     }
+    std::free(entries);
     std::sort(numbers.begin(), numbers.end());
-    numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
     std::vector<std::string> paths;
     paths.reserve(numbers.size());
     for (const int number : numbers) paths.push_back("/dev/video" + std::to_string(number));
