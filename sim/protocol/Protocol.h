@@ -11,6 +11,7 @@
 
 #include "CallerMemory.h"
 #include "Model.h"
+#include "QVDriverRequests.h"
 
 namespace qvsim {
 
@@ -75,6 +76,11 @@ struct Row {
     Handler handler;
     const char* key;   // settings: where the value is kept
     uint32_t element;  // arrays: bytes per element; numbers: 0 unless signed
+
+    template <qv::Direction direction, class Record>
+    consteval Row(const qv::Request<direction, Record>& request, Handler served,
+                  const char* keptAs = "", uint32_t bytes = 0)
+        : name(request.name), code(request.code), handler(served), key(keptAs), element(bytes) {}
 
     uint32_t Size() const { return code >> 16 & 0x3FFF; }
     bool TakesRecord() const { return (code >> 30 & 1) != 0; }

@@ -3,6 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <array>
 #include <csignal>
 
 #include "Document.h"
@@ -20,57 +21,47 @@ constexpr uint32_t kLongEnough = 1000;  // milliseconds that a request takes whi
 
 enum class Flash { kAsItWas, kUnfinished, kWritten };
 
-// How far a run has come in one mode when the signal comes: the request that is under way or next,
-// which of its kind it is (0: there is no further one), and what stands on the screen.
-struct Point {
-    std::string request;
-    int nth = 0;
-    std::string shown;
-};
-
+// How far a run has come when the signal comes. Pairs are for a normal and a safe upgrade.
 struct Phase {
     const char* name;  // in the document
     bool atQuestion;   // nothing is under way but a key being awaited
     bool interruptEnds;
-    Flash flash;  // of the channel in work
-    Point normal, safe;
+    Flash flash;             // of the channel in work
+    const char* request;     // under way or next
+    std::array<int, 2> nth;  // which of its kind; 0: there is no further one
+    std::array<std::string, 2> shown;
 };
-
-std::string Progress(const char* stage, int percentage) {
-    return std::string("(") + stage + " ------------- " + (percentage < 10 ? " " : "") +
-           std::to_string(percentage) + "%)";
-}
 
 const std::string kQuestion = "-- (y)-YES or (n)-NO:";
 
-// A table stays a table.
+std::array<std::string, 2> Shows(const std::string& text) { return {text, text}; }
+
+// A percentage for each mode.
+std::array<std::string, 2> Shows(const std::string& stage, const std::string& normal,
+                                 const std::string& safe) {
+    const std::string begin = "(" + stage + " ------------- ";
+    return {begin + normal + "%)", begin + safe + "%)"};
+}
+
+// A verification comes behind the stored header and the header read back; a safe upgrade has its
+// blank check, too. Between two channels the second board is about to be opened: it was for the two
+// enumerations and for the list, and is now for its upgrade.
 // clang-format off
+using enum Flash;
+constexpr bool yes = true, no = false;
+constexpr const char *kRead = "ReadFirmwareData", *kErase = "EraseFirmwareData",
+                     *kWrite = "WriteFirmwareData", *kReconfig = "SetPostReconfig", *kOpen = "open";
 const std::vector<Phase> kPhases = {
-    {"listing the channels", false, true, Flash::kAsItWas,
-     {"ReadFirmwareData", 1, ""}, {"ReadFirmwareData", 1, ""}},
-    {"question about a channel", true, false, Flash::kAsItWas,
-     {"EraseFirmwareData", 1, kQuestion}, {"EraseFirmwareData", 1, kQuestion}},
-    {"erasing", false, false, Flash::kUnfinished,
-     {"EraseFirmwareData", 2, Progress("Erasing", 0)},
-     {"EraseFirmwareData", 2, Progress("Erasing", 0)}},
-    {"blank check", false, false, Flash::kUnfinished,
-     {"ReadFirmwareData", 2, Progress("Erasing", 98)},
-     {"ReadFirmwareData", 2, Progress("Erasing", 99)}},
-    {"writing", false, false, Flash::kUnfinished,
-     {"WriteFirmwareData", 2, Progress("Writting", 0)},
-     {"WriteFirmwareData", 2, Progress("Writting", 0)}},
-    // Behind the stored header and the header read back; a safe upgrade has its blank check, too.
-    {"verifying", false, false, Flash::kWritten,
-     {"ReadFirmwareData", 3, Progress("Verifying", 0)},
-     {"ReadFirmwareData", 4, Progress("Verifying", 0)}},
-    {"reconfiguring", false, false, Flash::kWritten,
-     {"SetPostReconfig", 1, Clear(30)}, {"SetPostReconfig", 1, Clear(30)}},
-    // Of the two boards the second is about to be opened: for the two enumerations, for the list,
-    // and now for its upgrade.
-    {"between two channels", false, true, Flash::kAsItWas,
-     {"open", 4, " successfully.\n"}, {"open", 4, " successfully.\n"}},
-    {"question about turning off", true, true, Flash::kWritten,
-     {"", 0, kPowerOffQuestion}, {"", 0, kPowerOffQuestion}},
+    // name                        at a question, INT ends it, flash, request, nth, on the screen
+    {"listing the channels",       no,  yes, kAsItWas,    kRead,     {1, 1}, Shows("")},
+    {"question about a channel",   yes, no,  kAsItWas,    kErase,    {1, 1}, Shows(kQuestion)},
+    {"erasing",                    no,  no,  kUnfinished, kErase,    {2, 2}, Shows("Erasing", " 0", " 0")},
+    {"blank check",                no,  no,  kUnfinished, kRead,     {2, 2}, Shows("Erasing", "98", "99")},
+    {"writing",                    no,  no,  kUnfinished, kWrite,    {2, 2}, Shows("Writting", " 0", " 0")},
+    {"verifying",                  no,  no,  kWritten,    kRead,     {3, 4}, Shows("Verifying", " 0", " 0")},
+    {"reconfiguring",              no,  no,  kWritten,    kReconfig, {1, 1}, Shows(Clear(30))},
+    {"between two channels",       no,  yes, kAsItWas,    kOpen,     {4, 4}, Shows(" successfully.\n")},
+    {"question about turning off", yes, yes, kWritten,    "",        {0, 0}, Shows(kPowerOffQuestion)},
 };
 // clang-format on
 
@@ -91,10 +82,12 @@ int Count(const std::vector<std::string>& lines, const std::string& text) {
     return count;
 }
 
+bool BetweenChannels(const Phase& phase) { return phase.request == std::string(kOpen); }
+
 Scenario ScenarioOf(const Phase& phase, bool safe) {
     const bool clears = std::string(phase.name) == "blank check";
     Scenario scenario = Scenarios()[safe ? 1 : clears ? 2 : 0];
-    if (phase.normal.request == "open") scenario.boards.push_back(scenario.boards[0]);
+    if (BetweenChannels(phase)) scenario.boards.push_back(scenario.boards[0]);
     return scenario;
 }
 
@@ -104,8 +97,8 @@ class SignalTest : public testing::TestWithParam<std::tuple<int, size_t, bool>> 
         AddBoards(scenario, &rig);
         scenario.package.Write(folder / "p.qvf");
         if (!phase.atQuestion)
-            rig.AddFault({.request = point.request,
-                          .nth = point.nth,
+            rig.AddFault({.request = phase.request,
+                          .nth = phase.nth[safe],
                           .board = board,
                           .effect = qvsim::Slow(kLongEnough)});
         LayOut(scenario, rig);
@@ -117,18 +110,18 @@ class SignalTest : public testing::TestWithParam<std::tuple<int, size_t, bool>> 
         RunReference(driver, scenario.package.File(), {});
         const std::string node = "/dev/video" + std::to_string(board);
         const std::string wanted =
-            point.request == "open" ? "open " + node : node + " " + point.request;
+            BetweenChannels(phase) ? "open " + node : node + " " + phase.request;
         int found = 0;
         for (const std::string& line : driver.journal) {
             found += line.find(wanted) != line.npos;
-            if (point.nth > 0 && found == point.nth) break;
+            if (phase.nth[safe] > 0 && found == phase.nth[safe]) break;
             reached.push_back(line);
         }
     }
 
     // The request before is answered first and what it led to is printed then: both are waited for.
     bool Reached(const ToolFolder::Screen& screen) {
-        if (!screen.output.ends_with(point.shown)) return false;
+        if (!screen.output.ends_with(phase.shown[safe])) return false;
         return phase.atQuestion ? screen.oneKeyMode : Requests(rig) == reached;
     }
 
@@ -169,7 +162,6 @@ class SignalTest : public testing::TestWithParam<std::tuple<int, size_t, bool>> 
     const int signal = std::get<0>(GetParam());
     const Phase phase = kPhases[std::get<1>(GetParam())];
     const bool safe = std::get<2>(GetParam());
-    const Point point = safe ? phase.safe : phase.normal;
     const Scenario scenario = ScenarioOf(phase, safe);
     const size_t channels = scenario.boards.size();
     const int board = static_cast<int>(channels) - 1;  // in work
@@ -197,11 +189,11 @@ TEST_P(DeadlySignal, EndsTheToolAtOnceAndTheNextRunMakesTheCardWhole) {
     const ToolRun run = Signalled();
     EXPECT_EQ(signal, run.signal);
     EXPECT_EQ(-1, run.status);
-    EXPECT_THAT(run.output, EndsWith(point.shown));
-    if (point.shown.empty()) {
+    EXPECT_THAT(run.output, EndsWith(phase.shown[safe]));
+    if (phase.shown[safe].empty()) {
         EXPECT_EQ("", run.output);
     }
-    const bool turningOff = point.shown == kPowerOffQuestion;
+    const bool turningOff = phase.shown[safe] == kPowerOffQuestion;
     if (!turningOff) {
         EXPECT_THAT(run.output, Not(HasSubstr("success 1")));
     }
@@ -253,7 +245,7 @@ TEST(SignalTable, InTheDocumentIsTheOneThatIsTested) {
     for (const Phase& phase : kPhases) {
         table += std::string("| ") + phase.name + " |";
         for (const int signal : kSignals) table += Ends(signal, phase) ? " ends |" : " ignored |";
-        table += phase.normal.request == "open"   ? " all written; of those not begun as it was |\n"
+        table += BetweenChannels(phase)           ? " all written; of those not begun as it was |\n"
                  : phase.flash == Flash::kAsItWas ? " as it was |\n"
                  : phase.flash == Flash::kUnfinished ? " **unfinished** |\n"
                                                      : " all written |\n";
