@@ -323,9 +323,52 @@ CameraSize ReadSize(const toml::node& node) {
     return size;
 }
 
+Fault ReadUsbFault(const toml::node& node) {
+    Table table(TableOf(node, "fault"), {"transfer", "nth", "count", "kind", "value"});
+    Fault fault;
+    table.Text("transfer", fault.request);
+    unsigned command = 0;
+    int used = 0;
+    const bool isCommand = std::sscanf(fault.request.c_str(), "0x%2X%n", &command, &used) == 1 &&
+                           static_cast<size_t>(used) == fault.request.size() && used == 4;
+    std::vector<std::string> names(std::begin(kUsbTransfers), std::end(kUsbTransfers));
+    if (!isCommand && std::find(names.begin(), names.end(), fault.request) == names.end())
+        throw Mistake(node, "fault names no transfer: '" + fault.request + "'" +
+                                KnownWords(fault.request, names) + ", or a command as 0x05");
+    table.Integer("nth", fault.nth, 1, std::numeric_limits<int>::max());
+    table.Integer("count", fault.count, -1, std::numeric_limits<int>::max());
+    std::string kind;
+    table.Text("kind", kind);
+    const std::vector<FaultKind> known = {
+        FaultKind::kRefuse,    FaultKind::kRefuseLate, FaultKind::kNodeGone, FaultKind::kPowerLoss,
+        FaultKind::kPretend,   FaultKind::kStuckBits,  FaultKind::kNotBlank, FaultKind::kFlipBit,
+        FaultKind::kShortRead, FaultKind::kHalf};
+    if (!FaultKindFromName(kind, fault.effect.kind) ||
+        std::find(known.begin(), known.end(), fault.effect.kind) == known.end())
+        throw Mistake(node, "a USB device has no fault of the kind '" + kind + "'");
+    table.Integer("value", fault.effect.value, 0, std::numeric_limits<uint32_t>::max());
+    return fault;
+}
+
+UsbControl ReadUsbControl(const toml::node& node) {
+    Table table(TableOf(node, "control"), {"firmware", "golden", "stored_code", "flash_size",
+                                           "firmware_offset", "busy_polls", "fault"});
+    UsbControl control;
+    table.FirmwareVersion("firmware", control.firmware);
+    control.golden = control.firmware;
+    table.FirmwareVersion("golden", control.golden);
+    table.Integer("stored_code", control.storedCode, 0, 0xFFFF);
+    table.Integer("flash_size", control.flashSize, 4 * NorFlash::kSector, 64 << 20);
+    table.Integer("firmware_offset", control.firmwareOffset, 0, 64 << 20);
+    table.Integer("busy_polls", control.busyPolls, 0, 1000);
+    ForEach(table, "fault",
+            [&](const toml::node& e) { control.faults.push_back(ReadUsbFault(e)); });
+    return control;
+}
+
 UsbPlan ReadUsb(const toml::node& node) {
     Table table(TableOf(node, "usb"), {"product", "serial", "hardware", "product_code",
-                                       "controller", "captures", "playbacks", "camera"});
+                                       "controller", "captures", "playbacks", "camera", "control"});
     UsbPlan device;
     table.Text("product", device.product);
     table.Text("serial", device.serial);
@@ -336,6 +379,8 @@ UsbPlan ReadUsb(const toml::node& node) {
         device.captures = ReadNames(*names, "captures");
     if (const toml::node* names = table.Find("playbacks"))
         device.playbacks = ReadNames(*names, "playbacks");
+    if (const toml::node* control = table.Find("control"))
+        device.control = ReadUsbControl(*control);
     if (table.Find("camera")) device.camera.emplace();
     ForEach(table, "camera", [&](const toml::node& e) { device.camera->push_back(ReadSize(e)); });
     return device;

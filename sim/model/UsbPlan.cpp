@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "NorFlash.h"
+
 namespace qvsim {
 namespace {
 
@@ -79,6 +81,14 @@ std::string CompleteLastUsb(std::vector<UsbPlan>& devices) {
     if (taken) return "serial '" + device.serial + "' is another USB device's";
     if (!ArePlain(*device.captures) || !ArePlain(*device.playbacks))
         return "captures and playbacks are up to 7 names of 1 to 31 characters, none of them '/'";
+    if (device.hardware.size() != 1) return "hardware is one character";
+    if (device.control) {
+        const UsbControl& control = *device.control;
+        if (control.flashSize % NorFlash::kSector != 0) return "flash_size is of whole sectors";
+        if (control.firmwareOffset % NorFlash::kSector != 0 ||
+            control.firmwareOffset + 2 * NorFlash::kSector > control.flashSize)
+            return "firmware_offset is of whole sectors, two of which are in the flash behind it";
+    }
     if (device.camera->size() > kMostSizes) return "a camera has up to 32 sizes";
     for (const CameraSize& size : *device.camera) {
         if (size.width % 2 != 0) return "the width of a camera's picture is even";

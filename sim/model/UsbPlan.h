@@ -7,8 +7,24 @@
 #include <vector>
 
 #include "CardsState.h"
+#include "Fault.h"
 
 namespace qvsim {
+
+// What can go wrong with a device names one of these as its request, or a command as "0x05".
+inline constexpr const char* kUsbTransfers[] = {"erase", "address", "read", "write",
+                                                "poll",  "open",    "any"};
+
+// A device that can be controlled, and has firmware.
+struct UsbControl {
+    uint32_t firmware = 0x00010000;  // runs, and is in the flash
+    uint32_t golden = 0x00010000;
+    uint16_t storedCode = 1;
+    uint32_t flashSize = 1u << 20;
+    uint32_t firmwareOffset = 0x1000;
+    int busyPolls = 1;          // how often it says busy after an erase or a write
+    std::vector<Fault> faults;  // counted from each start of the simulation
+};
 
 struct CameraSize {
     int width = 640;
@@ -23,6 +39,7 @@ struct UsbPlan : UsbDevice {
     std::optional<std::vector<std::string>> captures;
     std::optional<std::vector<std::string>> playbacks;
     std::optional<std::vector<CameraSize>> camera;
+    std::optional<UsbControl> control;  // nothing: sound and pictures alone
 };
 
 // Fills in what is open in the last device of the list and checks that it can exist beside the

@@ -1,0 +1,325 @@
+#include "ControlModel.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "Files.h"
+#include "FirmwareImage.h"
+
+namespace qvsim::usb {
+namespace {
+
+constexpr uint8_t kErase = 0xF1;
+constexpr uint8_t kReadAddress = 0xF2;
+constexpr uint8_t kFirmware = 0xF3;
+constexpr uint8_t kBusy = 0xF4;
+constexpr uint8_t kOptions = 0xFE;
+constexpr uint8_t kEdid = 0x98;
+constexpr uint8_t kEdidLoopThrough = 0x99;
+constexpr size_t kLongestEdid = 512;
+constexpr size_t kPacketData = 2048;
+constexpr size_t kPacketHead = 8;
+
+// What the device knows, as its makers would write it down: command, bytes, get, set.
+struct Row {
+    uint8_t command;
+    size_t size;
+    bool get;
+    bool set;
+};
+constexpr Row kRows[] = {
+    {0x01, 224, true, false}, {0x02, 10, true, false}, {0x03, 12, true, false},
+    {0x04, 4, true, false},   {0x05, 4, false, true},  {0x07, 9, false, true},
+    {0x08, 8, true, false},   {0x09, 65, true, false}, {0x0A, 65, true, false},
+    {0x0B, 1, true, true},    {0x0C, 1, true, false},  {0x0D, 1, true, true},
+    {0x0E, 4, true, true},    {0x0F, 4, true, true},   {0x10, 61, true, false},
+    {0x11, 58, true, false},  {0x12, 33, true, false}, {0x13, 8, true, true},
+    {0x14, 4, true, true},    {0x15, 4, true, true},   {0x16, 37, true, false},
+    {0x17, 44, true, true},   {0x18, 13, true, true},  {0x19, 98, true, true},
+    {0x1A, 34, true, true},   {0x90, 1, true, true},   {0x91, 1, true, true},
+    {0x92, 1, true, true},    {0x93, 28, false, true}, {0x94, 225, true, false},
+    {0x95, 27, false, true},  {0x96, 217, true, true}, {0x97, 65, true, true},
+    {0x9A, 1, true, true},    {0x9B, 1, true, false},  {0xA0, 4, true, false},
+    {0xA1, 31, true, false},  {0xA2, 31, true, false}, {0xA3, 31, true, false},
+    {0xA4, 31, true, false},  {0xA5, 31, true, false}, {0xA6, 31, true, false},
+    {0xA7, 31, true, false},  {0xA8, 31, true, false}, {0xA9, 31, true, false},
+    {0xAA, 31, true, false},  {0xAB, 31, true, false}, {0xAC, 31, true, false},
+    {0xB0, 56, true, false},  {0xB1, 56, true, false}, {0xB2, 56, true, false},
+    {0xB3, 56, true, false},  {0xB4, 56, true, false}, {0xB5, 56, true, false},
+    {0xB6, 56, true, false},  {0xB7, 56, true, false}, {0xF0, 16, true, false},
+    {0xF1, 8, false, true},   {0xF2, 4, true, true},   {0xF3, 2056, false, true},
+    {0xF4, 1, false, true},   {0xFC, 1, true, true},   {0xFD, 1, true, true},
+    {0xFE, 1, false, true},   {0xFF, 4, true, false},
+};
+
+bool Takes(uint8_t command, size_t size, bool set) {
+    if (command == kEdid) return size <= kLongestEdid;
+    if (command == kEdidLoopThrough) return !set && size <= kLongestEdid;
+    return std::any_of(std::begin(kRows), std::end(kRows), [=](const Row& row) {
+        return row.command == command && row.size == size && (set ? row.set : row.get);
+    });
+}
+
+uint32_t Word(const uint8_t* bytes) {
+    return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
+}
+
+Bytes WordBytes(uint32_t word) {
+    return {static_cast<uint8_t>(word), static_cast<uint8_t>(word >> 8),
+            static_cast<uint8_t>(word >> 16), static_cast<uint8_t>(word >> 24)};
+}
+
+template <class Record>
+Bytes BytesOf(const Record& record) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(&record);
+    return Bytes(bytes, bytes + sizeof record);
+}
+
+std::string Hex(const char* before, uint32_t value, int digits) {
+    char text[48];
+    std::snprintf(text, sizeof text, "%s0x%0*X", before, digits, value);
+    return text;
+}
+
+std::string Range(const char* what, uint32_t address, uint32_t size) {
+    return Hex(what, address, 1) + "+" + std::to_string(size);
+}
+
+template <size_t size>
+void Put(char (&field)[size], const std::string& text) {
+    std::memcpy(field, text.data(), std::min(text.size(), size));
+}
+
+}  // namespace
+
+// ---- making and keeping ----------------------------------------------------------------------
+
+std::unique_ptr<ControlModel> ControlModel::Make(const UsbPlan& plan, int number,
+                                                 const std::string& folder, std::string& error) {
+    std::unique_ptr<ControlModel> model(new ControlModel);
+    const UsbControl& control = *plan.control;
+    model->serial_ = plan.serial;
+    Put(model->info_.familyName, "Tavo Capture");
+    Put(model->info_.productName, plan.product);
+    Put(model->info_.boardSerialNumber, plan.serial);
+    model->info_.productCode = plan.productCode;
+    model->info_.hardwareVersion = plan.hardware[0];
+    model->info_.boardIndex = static_cast<uint8_t>(number);
+    model->info_.firmwareVersion = control.firmware;
+    model->storage_.firmwareOffset = control.firmwareOffset;
+    model->golden_ = control.golden;
+    model->busyPolls_ = control.busyPolls;
+    for (const Fault& fault : control.faults) model->faults_.Add(fault);
+    error = model->OpenFiles(plan, folder);
+    return error.empty() ? std::move(model) : nullptr;
+}
+
+std::string ControlModel::OpenFiles(const UsbPlan& plan, const std::string& folder) {
+    std::string state;
+    if (!folder.empty()) {
+        flashPath_ = folder + "/" + serial_ + ".flash";
+        statePath_ = folder + "/" + serial_ + ".state";
+        transfersPath_ = folder + "/" + serial_ + ".transfers";
+        state = ReadText(statePath_);
+    }
+    const uint32_t size = plan.control->flashSize;
+    flash_ = flashPath_.empty() ? std::make_unique<NorFlash>(size) : std::make_unique<NorFlash>();
+    if (!flashPath_.empty())
+        if (std::string error = flash_->Open(flashPath_, size); !error.empty()) return error;
+    if (state.empty()) return FillNew(*plan.control);
+    int lost = 0;
+    if (std::sscanf(state.c_str(), "version=0x%x lost=%d\n", &info_.firmwareVersion, &lost) != 2)
+        return statePath_ + ": is no state of a USB device";
+    lost_ = lost != 0;
+    return {};
+}
+
+std::string ControlModel::FillNew(const UsbControl& control) {
+    const Bytes header = MakeHeader(control.firmware, control.storedCode, info_.productCode,
+                                    static_cast<uint8_t>(info_.hardwareVersion));
+    const uint32_t at = control.firmwareOffset;
+    if (!flash_->Program(at, header.data(), static_cast<uint32_t>(header.size())) ||
+        !flash_->SetBootAddress(at))
+        return serial_ + ": its flash cannot be written";
+    Save();
+    return {};
+}
+
+void ControlModel::Save() const {
+    if (statePath_.empty()) return;
+    char text[64];
+    std::snprintf(text, sizeof text, "version=0x%08x lost=%d\n", info_.firmwareVersion,
+                  lost_ ? 1 : 0);
+    ReplaceFile(statePath_, text);
+}
+
+void ControlModel::PowerCycle() {
+    gone_ = lost_ = false;
+    busy_ = 0;
+    answer_.reset();
+    readAddress_.reset();
+    settings_ = saved_;
+    info_.firmwareVersion = LoadFirmware(*flash_, storage_.firmwareOffset, golden_);
+    Save();
+}
+
+// ---- what goes wrong -------------------------------------------------------------------------
+
+bool ControlModel::Meet(const std::string& name, const std::string& line) {
+    if (!Present()) return false;
+    transfers_.push_back(line);
+    if (!transfersPath_.empty()) AppendText(transfersPath_, line + "\n");
+    effects_ = faults_.Hits(name, -1, -1);
+    if (Has(FaultKind::kNodeGone)) gone_ = true;
+    return !gone_ && !Has(FaultKind::kRefuse);
+}
+
+uint32_t ControlModel::Share(uint32_t size) const {
+    if (Has(FaultKind::kHalf)) return size / 2;
+    const auto cut = EffectOf(effects_, FaultKind::kPowerLoss);
+    if (!cut) return size;
+    switch (static_cast<CutPoint>(*cut)) {
+        case CutPoint::kStart:
+            return 0;
+        case CutPoint::kEnd:
+            return size > 0 ? size - 1 : 0;
+        default:
+            return size / 2;
+    }
+}
+
+bool ControlModel::Finish() {
+    if (Has(FaultKind::kPowerLoss)) {
+        lost_ = true;
+        Save();
+    }
+    if (!lost_ && !Has(FaultKind::kRefuseLate)) return true;
+    answer_.reset();
+    return false;
+}
+
+// ---- transfers -------------------------------------------------------------------------------
+
+bool ControlModel::Open() { return Meet(kOpen, "open") && Finish(); }
+
+std::optional<Bytes> ControlModel::Payload(uint8_t command, size_t size) const {
+    if (command == 0x01) return BytesOf(info_);
+    if (command == 0xF0) return BytesOf(storage_);
+    if (command == kReadAddress) return WordBytes(lastAddress_);
+    if (!Takes(command, size, false)) return std::nullopt;
+    // What nobody has set is zeros.
+    const auto found = settings_.find(command);
+    Bytes payload = found == settings_.end() ? Bytes() : found->second;
+    payload.resize(size);
+    return payload;
+}
+
+std::optional<Bytes> ControlModel::Get(uint8_t command, size_t size) {
+    answer_.reset();
+    const std::string name = Hex("", command, 2);
+    if (!Meet(name, "get " + name) || !Takes(command, size, false)) return std::nullopt;
+    std::optional<Bytes> payload = Payload(command, size);
+    if (!Finish()) return std::nullopt;
+    if (const auto shortened = EffectOf(effects_, FaultKind::kShortRead))
+        payload->resize(std::min<size_t>(payload->size(), *shortened));
+    return payload;
+}
+
+bool ControlModel::Set(uint8_t command, const Bytes& payload) {
+    answer_.reset();
+    if (!Takes(command, payload.size(), true)) return false;
+    switch (command) {
+        case kErase:
+            return Erase(payload);
+        case kReadAddress:
+            if (!Meet("address", Hex("address ", Word(payload.data()), 1))) return false;
+            if (!Has(FaultKind::kPretend)) readAddress_ = lastAddress_ = Word(payload.data());
+            return Finish();
+        case kFirmware:
+            return Firmware(payload);
+        case kBusy:
+            return Poll();
+        default:
+            break;
+    }
+    const std::string name = Hex("", command, 2);
+    if (!Meet(name, "set " + name)) return false;
+    if (command == kOptions) return Option(payload[0]) && Finish();
+    if (!Has(FaultKind::kPretend)) settings_[command] = payload;
+    return Finish();
+}
+
+std::optional<Bytes> ControlModel::Answer() {
+    if (!Present()) return std::nullopt;
+    return std::exchange(answer_, std::nullopt);
+}
+
+bool ControlModel::Option(uint8_t option) {
+    if (option == 0) settings_.clear();
+    if (option == 1) settings_ = saved_;
+    if (option == 2) saved_ = settings_;
+    return option <= 2;
+}
+
+bool ControlModel::Poll() {
+    if (!Meet("poll", "poll")) return false;
+    answer_ = Bytes{static_cast<uint8_t>(busy_ > 0 ? 1 : 0)};
+    busy_ = std::max(busy_ - 1, 0);
+    return Finish();
+}
+
+// ---- firmware --------------------------------------------------------------------------------
+
+bool ControlModel::Erase(const Bytes& payload) {
+    const uint32_t address = Word(payload.data());
+    const uint32_t size = Word(payload.data() + 4);
+    if (!Meet("erase", Range("erase ", address, size))) return false;
+    if (busy_ > 0 || !flash_->InRange(address, size)) return false;
+    if (Has(FaultKind::kPretend)) return Finish();
+    const uint32_t done = Share(size);
+    if (!flash_->Erase(address, done)) return false;
+    constexpr uint8_t kLeft = 0x5A;
+    if (Has(FaultKind::kNotBlank) && size > 0) flash_->Program(address, &kLeft, 1);
+    busy_ = busyPolls_;
+    return Finish();
+}
+
+bool ControlModel::Firmware(const Bytes& payload) {
+    const uint32_t address = Word(payload.data());
+    const uint32_t size = Word(payload.data() + 4);
+    const bool reads = readAddress_.has_value();
+    const bool right = !reads || *readAddress_ == address;
+    readAddress_.reset();
+    if (!Meet(reads ? "read" : "write", Range(reads ? "read " : "write ", address, size)))
+        return false;
+    if (busy_ > 0 || !right || size > kPacketData || !flash_->InRange(address, size)) return false;
+    return reads ? ReadFirmware(address, size, payload)
+                 : WriteFirmware(address, size, payload.data() + kPacketHead);
+}
+
+bool ControlModel::ReadFirmware(uint32_t address, uint32_t size, const Bytes& payload) {
+    answer_ = payload;
+    uint8_t* const data = answer_->data() + kPacketHead;
+    if (!flash_->Read(address, data, size)) return false;
+    const auto flip = EffectOf(effects_, FaultKind::kFlipBit);
+    if (flip && *flip / 8 < size)
+        data[*flip / 8] = static_cast<uint8_t>(data[*flip / 8] ^ 1 << *flip % 8);
+    if (const auto shortened = EffectOf(effects_, FaultKind::kShortRead))
+        answer_->resize(std::min<size_t>(answer_->size(), *shortened));
+    return Finish();
+}
+
+bool ControlModel::WriteFirmware(uint32_t address, uint32_t size, const uint8_t* data) {
+    const auto stuck = static_cast<uint8_t>(EffectOf(effects_, FaultKind::kStuckBits).value_or(0));
+    const uint32_t done = Has(FaultKind::kPretend) ? 0 : Share(size);
+    if (!flash_->Program(address, data, done, stuck)) return false;
+    const uint32_t main = storage_.firmwareOffset;
+    const bool isHeader = address == main || address == main + kSafeHeaderDistance;
+    if (isHeader && done > 0 && !flash_->SetBootAddress(address)) return false;
+    busy_ = busyPolls_;
+    return Finish();
+}
+
+}  // namespace qvsim::usb

@@ -1,0 +1,97 @@
+// A USB device as its commands see it: identity, settings, flash, and what goes wrong with it.
+//
+// Transfers come in as commands and bytes, whoever carries them: endpoint 0 of an emulated device
+// or a transport in the process. A write is a read when an address came before it, as the device
+// has it, and while it is busy it takes neither. Flash and what runs are kept in a folder, or in
+// memory; settings last as long as the object. One thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "FaultSet.h"
+#include "NorFlash.h"
+#include "QVCaptureTypes.h"
+#include "UsbPlan.h"
+#include "UsbWire.h"
+
+namespace qvsim::usb {
+
+class ControlModel {
+  public:
+    // `number` tells the devices of a scenario apart: the index of its board. `folder`: "" for
+    // memory. Null, and what went wrong.
+    static std::unique_ptr<ControlModel> Make(const UsbPlan& plan, int number,
+                                              const std::string& folder, std::string& error);
+
+    const std::string& Serial() const { return serial_; }
+    // The file of the flash; "" in memory.
+    const std::string& FlashPath() const { return flashPath_; }
+    NorFlash& Flash() { return *flash_; }
+    uint32_t Version() const { return info_.firmwareVersion; }
+    _QVCAP_CHANNEL_INFO Info() const { return info_; }
+
+    // False when it has gone from the bus or lost its power.
+    bool Present() const { return !gone_ && !lost_; }
+    // Plugged in again after it was pulled out or lost its power: what is in the flash runs.
+    void PowerCycle();
+
+    // A program opens it. False: it does not answer.
+    bool Open();
+    // What it answers; nothing when it refuses.
+    std::optional<Bytes> Get(uint8_t command, size_t size);
+    // Whether it takes it. The answer, if there is one, is to be fetched before the next.
+    bool Set(uint8_t command, const Bytes& payload);
+    std::optional<Bytes> Answer();
+
+    // Every transfer, one a line: "erase 0x1000+4096", "poll", "get 0x01". With a folder they are
+    // in the file SERIAL.transfers, too.
+    const std::vector<std::string>& Transfers() const { return transfers_; }
+
+  private:
+    ControlModel() = default;
+    std::string OpenFiles(const UsbPlan& plan, const std::string& folder);
+    std::string FillNew(const UsbControl& control);
+    void Save() const;
+    // What hits this transfer. False when the device does not even see it.
+    bool Meet(const std::string& name, const std::string& line);
+    bool Has(FaultKind kind) const { return EffectOf(effects_, kind).has_value(); }
+    // Of `size` bytes, how many are done before the power goes or the work stops half-way.
+    uint32_t Share(uint32_t size) const;
+    // The end of a transfer that was carried out: whether it is said to have succeeded.
+    bool Finish();
+    std::optional<Bytes> Payload(uint8_t command, size_t size) const;
+    bool Erase(const Bytes& payload);
+    bool Firmware(const Bytes& payload);
+    bool ReadFirmware(uint32_t address, uint32_t size, const Bytes& payload);
+    bool WriteFirmware(uint32_t address, uint32_t size, const uint8_t* data);
+    bool Poll();
+    bool Option(uint8_t option);
+
+    std::string serial_;
+    std::string flashPath_;
+    std::string statePath_;
+    std::string transfersPath_;
+    _QVCAP_CHANNEL_INFO info_{};
+    _QVCAP_FIRMWARE_STORAGE storage_{};
+    uint32_t golden_ = 0;
+    int busyPolls_ = 0;
+    std::unique_ptr<NorFlash> flash_;
+    FaultSet faults_;
+    std::vector<FaultEffect> effects_;  // of the transfer in work
+    std::map<uint8_t, Bytes> settings_;
+    std::map<uint8_t, Bytes> saved_;
+    std::optional<Bytes> answer_;
+    std::optional<uint32_t> readAddress_;  // the next firmware packet is a read
+    uint32_t lastAddress_ = 0;
+    int busy_ = 0;
+    bool gone_ = false;
+    bool lost_ = false;
+    std::vector<std::string> transfers_;
+};
+
+}  // namespace qvsim::usb

@@ -1,0 +1,62 @@
+// The USB devices of a scenario as a transport in the process: no kernel, no bus.
+//
+// Each device's path is the file of its flash, or "usb:SERIAL" in memory. A handle whose device was
+// pulled out fails for ever, also when the device is back. Any thread.
+#pragma once
+
+#include <condition_variable>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "ControlModel.h"
+#include "QVCaptureUSB.h"
+
+namespace qvsim::usb {
+
+class ProcessTransport {
+  public:
+    // Of the devices that have a control table. `folder`: "" for memory. Empty, or what went wrong.
+    std::string Fill(const std::vector<UsbPlan>& devices, const std::string& folder);
+    // To be given to the library with this object as `user`.
+    static const QV_USB_TRANSPORT& Table();
+
+    // Changes what is plugged in; who watches is told.
+    void Unplug(const std::string& serial);
+    void Plug(const std::string& serial);
+    // Null when there is no such device. Not while the library works on it.
+    ControlModel* Device(const std::string& serial);
+    int Opened() const { return opened_; }
+    int Started() const { return started_; }
+
+  private:
+    struct Socket {
+        std::unique_ptr<ControlModel> device;
+        std::string path;
+        bool plugged = true;
+        unsigned plugs = 0;  // how often it was plugged in again
+    };
+    struct Handle {
+        Socket* socket;
+        unsigned plugs;
+    };
+    Socket* Find(const std::string& serial);
+    ControlModel* Alive(void* handle);
+    int List(_QVUSBCAP_CHANNEL_ENTRY* entries, int capacity);
+    int Open(const std::string& path, QV_USB_DEVICE* device);
+    void Close(void* handle);
+    int Get(void* handle, unsigned char command, void* data, size_t size);
+    int Set(void* handle, unsigned char command, void* data, size_t size, size_t answered);
+    int Wait(int milliseconds, _QVUSBHOT_PLUG_EVETN* event, char* path);
+
+    std::mutex mutex_;
+    std::condition_variable happened_;
+    std::vector<std::unique_ptr<Socket>> sockets_;
+    std::deque<std::pair<_QVUSBHOT_PLUG_EVETN, std::string>> events_;
+    int opened_ = 0;
+    int started_ = 0;
+};
+
+}  // namespace qvsim::usb
