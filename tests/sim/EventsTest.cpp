@@ -62,6 +62,29 @@ TEST_F(EventsTest, SettingAnEventWakesItsWaiter) {
     EXPECT_EQ(1, answer);
 }
 
+// Five minutes are milliseconds, not microseconds: a driver that confuses them gives up after 0.3
+// s.
+TEST_F(EventsTest, ALongWaitIsNotGivenUpEarly) {
+    const uint64_t event = events_->CreateEvent();
+    std::thread setter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(400));
+        events_->Do(qv::kSetEvent, event);
+    });
+    EXPECT_EQ(1, events_->Wait(event, 300000));
+    setter.join();
+}
+
+TEST_F(EventsTest, TheJournalTellsWhatAWaitIsFor) {
+    const uint64_t event = events_->CreateEvent();
+    EXPECT_EQ(0, events_->Wait(event, 2));
+    EXPECT_EQ(0, events_->WaitSeveral({event}, 3));
+    const auto lines = rig_.Journal();
+    ASSERT_GE(lines.size(), 2u);
+    EXPECT_THAT(lines[lines.size() - 2], testing::HasSubstr(" WaitEvent event=0x"));
+    EXPECT_THAT(lines[lines.size() - 2], testing::HasSubstr(" timeout=2 "));
+    EXPECT_THAT(lines.back(), testing::HasSubstr(" MultiWaitEvent count=1 timeout=3 "));
+}
+
 TEST_F(EventsTest, ClosingAnEventWakesItsWaiterWithAnError) {
     const uint64_t event = events_->CreateEvent();
     int answer = 0;

@@ -1,7 +1,9 @@
 // Video and audio capture: frames by request and by time, numbered, whole, and never written to
 // memory that is no longer the driver's.
+#include <algorithm>
 #include <cmath>
 #include <cstring>
+#include <thread>
 
 #include "gmock/gmock.h"
 #include "sim/Requests.h"
@@ -200,6 +202,28 @@ TEST_F(MediaTest, NothingIsWrittenAfterTheStop) {
     EXPECT_EQ(-1, Capture(-2));
     EXPECT_EQ(EINVAL, errno);
     EXPECT_EQ(0u, rig_.Cards().CountAlive().captures);
+}
+
+// Large frames, so that a stop comes while one is being written.
+TEST_F(MediaTest, AStopWaitsForTheFrameThatIsBeingWritten) {
+    rig_.Driver({});  // whatever QV_TEST_DRIVER says
+    Start(0);
+    constexpr uint16_t kLarge = 1200;
+    memory_.resize(size_t{kLarge} * kLarge * 2);
+    qv::VideoCaptureFrameRecord request = Request(-2);
+    request.width = request.height = kLarge;
+    request.stride = kLarge * 2;
+    request.size = static_cast<uint32_t>(memory_.size());
+    for (int round = 0; round < 20; ++round) {
+        ASSERT_EQ(0, card_->Do(qv::kStartVideoCapture, done_));
+        std::fill(memory_.begin(), memory_.end(), uint8_t{0xCC});
+        ASSERT_EQ(0, card_->Do(qv::kCaptureVideoFrame, request));
+        for (int i = 0; i < round * 20; ++i) std::this_thread::yield();
+        ASSERT_EQ(0, card_->Do(qv::kStopVideoCapture));
+        std::fill(memory_.begin(), memory_.end(), uint8_t{0xCC});
+        ASSERT_TRUE(
+            std::all_of(memory_.begin(), memory_.end(), [](uint8_t b) { return b == 0xCC; }));
+    }
 }
 
 TEST_F(MediaTest, NothingIsWrittenAfterTheNodeWasClosed) {
