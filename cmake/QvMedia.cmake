@@ -1,17 +1,17 @@
 # qv_alsa and qv_v4l2: ALSA and libv4l2 for the word size being built.
 #
 # A 64-bit build takes what the system has installed. A 32-bit build on a 64-bit system takes what
-# scripts/i386-root has unpacked, or i386 packages where they are installed. Libraries are taken by
+# cmake/i386-root has unpacked, or i386 packages where they are installed. Libraries are taken by
 # the file names that programs load, so that no link of a -dev package matters.
 
 set(QV_I386_ROOT "${PROJECT_SOURCE_DIR}/build/i386-root" CACHE PATH
-  "Where scripts/i386-root has unpacked the 32-bit libraries")
+  "Where cmake/i386-root has unpacked the 32-bit libraries")
 
 if(CMAKE_SIZEOF_VOID_P EQUAL 4)
   set(qv_media_lib_dirs ${QV_I386_ROOT}/usr/lib/i386-linux-gnu /usr/lib/i386-linux-gnu)
   set(qv_media_include_dirs ${QV_I386_ROOT}/usr/include /usr/include)
   set(qv_media_search NO_DEFAULT_PATH)  # else a 64-bit library would be found
-  set(qv_media_advice "run scripts/i386-root, then configure again")
+  set(qv_media_advice "run cmake/i386-root, then configure again")
 else()
   set(qv_media_lib_dirs "")
   set(qv_media_include_dirs "")
