@@ -22,13 +22,6 @@ bool IsErased(const uint8_t* bytes, size_t size) {
     return std::all_of(bytes, bytes + size, [](uint8_t byte) { return byte == kErased; });
 }
 
-bool IsHeader(const qvf::Bytes& bytes) {
-    const uint32_t sections = bytes[156];
-    return std::equal(kMagic.begin(), kMagic.end(), bytes.begin()) &&
-           sections <= qvf::kMaxSections &&
-           Number(bytes, 10, 2) == qvf::kFixedLength + qvf::kEntryLength * sections;
-}
-
 // Reads one flash and compares it with one package.
 class Comparison {
   public:
@@ -48,7 +41,7 @@ class Comparison {
         Advance(size);
         if (IsErased(bytes.data(), qvf::kFixedLength)) {
             image.content = Content::kBlank;
-        } else if (!IsHeader(bytes)) {
+        } else if (!IsValidHeader(bytes)) {
             image.content = Content::kDamaged;
         } else {
             image.version = Number(bytes, 16, 4);
@@ -327,6 +320,13 @@ Verdict JudgeCard(const Card& card, const PackageSet& packages, Depth depth,
     }
     verdict.headersOnly = true;
     return verdict;
+}
+
+bool IsValidHeader(const qvf::Bytes& bytes) {
+    const uint32_t sections = bytes[156];
+    return std::equal(kMagic.begin(), kMagic.end(), bytes.begin()) &&
+           sections <= qvf::kMaxSections &&
+           Number(bytes, 10, 2) == qvf::kFixedLength + qvf::kEntryLength * sections;
 }
 
 uint64_t BytesToRead(const qvf::Package& package, Depth depth) {

@@ -89,6 +89,10 @@ Verdict JudgeCard(const Card& card, const PackageSet& packages, Depth depth,
 Verdict JudgeFlash(const Card& card, const FlashSource& flash, const PackageContents* package,
                    Depth depth, const Progress& progress = nullptr);
 
+// Whether the fixed part of a header stands there: magic, section count and length agree. Of at
+// least qvf::kFixedLength bytes.
+bool IsValidHeader(const qvf::Bytes& bytes);
+
 // Bytes that judging reads at most.
 uint64_t BytesToRead(const qvf::Package& package, Depth depth);
 

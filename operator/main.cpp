@@ -15,6 +15,8 @@ namespace {
 int Run(CLI::App& app, int argc, char** argv) {
     int status = Number(qvo::ExitStatus::kDone);
     qvo::AddStatus(app, status);
+    qvo::AddVerify(app, status);
+    qvo::AddBackup(app, status);
     qvo::AddUpgrade(app, status);
     qvo::AddHistory(app, status);
     try {
