@@ -1,6 +1,7 @@
 #include "Child.h"
 
 #include <fcntl.h>
+#include <linux/close_range.h>
 #include <poll.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -56,6 +57,8 @@ struct Prepared {
     bool good = setsid() >= 0 && dup2(prepared.input, 0) == 0 && dup2(prepared.output, 1) == 1 &&
                 dup2(prepared.output, 2) == 2 && fchdir(prepared.folder) == 0;
     if (good && prepared.lock >= 0) good = dup2(prepared.lock, kLockInChild) == kLockInChild;
+    // What this process was started with is not the child's: a connection would stay open for it.
+    close_range(prepared.lock >= 0 ? kLockInChild + 1 : kLockInChild, ~0U, CLOSE_RANGE_CLOEXEC);
     if (good) execv(prepared.arguments[0], prepared.arguments);
     const int error = errno;
     const ssize_t told = write(prepared.report, &error, sizeof error);

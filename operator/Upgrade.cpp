@@ -154,7 +154,7 @@ class Run {
         for (const Job& job : m_jobs) Tell(PlanEvent(job));
         const std::string choice = m_options.selection.Text();
         if (m_jobs.empty())
-            Tell(Notice("no card was found" + (choice.empty() ? "" : " " + choice)));
+            Tell(Notice("no card was found" + choice));
         const bool any = std::any_of(m_jobs.begin(), m_jobs.end(), IsToBeFlashed);
         if (any && !m_options.dryRun) Flash(lock.Descriptor());
         const ExitStatus status = StatusOf(m_jobs);
