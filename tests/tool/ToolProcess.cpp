@@ -134,7 +134,8 @@ pid_t ToolFolder::Start(qvsim::SimRig& rig, const std::vector<std::string>& argu
         if (const char* libraries = std::getenv("LD_LIBRARY_PATH"))
             environment.push_back(std::string("LD_LIBRARY_PATH=") + libraries);
     } else {
-        environment.push_back("LD_PRELOAD=" + qvsim::ProgramFile(QV_PRELOAD_FILE));
+        environment.push_back("LD_PRELOAD=" + qvsim::ProgramFile(QV_PRELOAD_FILE) +
+                              (preload_.empty() ? "" : ":" + preload_));
         environment.push_back("QVSIM_STATE=" + rig.Dir());
     }
     std::ofstream(root_ + "/leaks") << "leak:QVOpenChannelByPath\n";

@@ -87,6 +87,9 @@ class ToolFolder {
     // Further environment of a run: "NAME=value".
     void Environment(const std::string& setting) { environment_.push_back(setting); }
 
+    // An object that runs load besides.
+    void Preload(const std::string& object) { preload_ = object; }
+
     // The standard streams that are closed when a run begins.
     void CloseStreams(const std::vector<int>& streams) { closed_ = streams; }
     // Runs begin with the signal for a terminal's end ignored, as by nohup.
@@ -101,6 +104,7 @@ class ToolFolder {
     std::string work_;
     std::string bin_;
     std::vector<std::string> environment_;
+    std::string preload_;
     std::vector<int> closed_;
     bool ignoresHangUps_ = false;
     std::unique_ptr<qvsim::ServingProcess> server_;  // while the tool runs over served nodes
