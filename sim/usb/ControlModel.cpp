@@ -217,7 +217,6 @@ std::optional<Bytes> ControlModel::Payload(uint8_t command, size_t size) const {
 }
 
 std::optional<Bytes> ControlModel::Get(uint8_t command, size_t size) {
-    answer_.reset();
     const std::string name = Hex("", command, 2);
     if (!Meet(name, "get " + name) || !Takes(command, size, false)) return std::nullopt;
     std::optional<Bytes> payload = Payload(command, size);

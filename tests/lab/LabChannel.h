@@ -15,6 +15,7 @@ namespace lab {
 class LabChannelTest : public testing::Test {
   protected:
     void SetUp() override {
+        ASSERT_EQ(QV_RESULT_OK, fake::Tavo::Get().Supply());
         QVCaptureInitInstance();
         descriptors = DescriptorsOpen();
     }

@@ -73,6 +73,7 @@ void* LabDevices::OpenChannel(const std::string& serial) {
     fake::Tavo& tavo = fake::Tavo::Get();
     tavo.Reset();
     tavo.AddDevice(path, device.product, device.bus, serial);
+    QVRefreshDevice();
     void* channel = QVOpenChannelByPath(path.c_str());
     EXPECT_NE(nullptr, channel);
     return channel;
