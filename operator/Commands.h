@@ -10,6 +10,7 @@ void AddHistory(CLI::App& app, int& status);
 void AddStatus(CLI::App& app, int& status);
 void AddVerify(CLI::App& app, int& status);
 void AddBackup(CLI::App& app, int& status);
+void AddDoctor(CLI::App& app, int& status);
 void AddUpgrade(CLI::App& app, int& status);
 
 }  // namespace qvo

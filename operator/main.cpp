@@ -17,6 +17,7 @@ int Run(CLI::App& app, int argc, char** argv) {
     qvo::AddStatus(app, status);
     qvo::AddVerify(app, status);
     qvo::AddBackup(app, status);
+    qvo::AddDoctor(app, status);
     qvo::AddUpgrade(app, status);
     qvo::AddHistory(app, status);
     try {

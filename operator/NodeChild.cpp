@@ -1,0 +1,65 @@
+#include "NodeChild.h"
+
+#include <poll.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <csignal>
+#include <cstring>
+#include <type_traits>
+
+#include "Package.h"
+
+namespace qvo {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Travels through a pipe as it is, in one piece.
+static_assert(std::is_trivially_copyable_v<NodeAnswers> && sizeof(NodeAnswers) <= 4096);
+
+[[noreturn]] void AskAndTell(const std::string& path, int pipe) {
+    const NodeAnswers answers = AskNode(path);
+    const ssize_t written = write(pipe, &answers, sizeof answers);
+    _exit(written == sizeof answers ? 0 : 1);
+}
+
+// Whether there is something to read, or nobody left to write it, before the time is up.
+bool IsReadableUntil(int fd, Clock::time_point end) {
+    for (;;) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+        pollfd waiting = {fd, POLLIN, 0};
+        const int ready = poll(&waiting, 1, left.count() > 0 ? static_cast<int>(left.count()) : 0);
+        if (ready > 0) return true;
+        if (ready == 0 || errno != EINTR) return false;
+    }
+}
+
+}  // namespace
+
+std::optional<NodeAnswers> AskNodeWithin(const std::string& path, int seconds) {
+    int ends[2];
+    if (pipe(ends) != 0)
+        throw qvf::Mistake(std::string("a pipe cannot be made: ") + std::strerror(errno));
+    const pid_t child = fork();
+    if (child == 0) AskAndTell(path, ends[1]);
+    const int error = errno;
+    close(ends[1]);
+    if (child < 0) {
+        close(ends[0]);
+        throw qvf::Mistake(std::string("a process cannot be started: ") + std::strerror(error));
+    }
+    NodeAnswers answers;
+    const bool came = IsReadableUntil(ends[0], Clock::now() + std::chrono::seconds(seconds)) &&
+                      read(ends[0], &answers, sizeof answers) == sizeof answers;
+    close(ends[0]);
+    // A request that hangs in the driver does not end for a signal: then nobody waits for it here.
+    if (!came) kill(child, SIGKILL);
+    waitpid(child, nullptr, came ? 0 : WNOHANG);
+    if (!came) return {};
+    return answers;
+}
+
+}  // namespace qvo
