@@ -59,6 +59,18 @@ std::string PlanText(const Event& event) {
     return text;
 }
 
+std::string BackupText(const Event& event) {
+    std::string text;
+    for (const Event& image : event.value("images", Event::array()))
+        text += Behind(text.empty() ? "" : ", ", Text(image, "image") + " image " +
+                                                     Text(image, "version") + " saved as " +
+                                                     Text(image, "file"));
+    for (const Event& note : event.value("notes", Event::array()))
+        if (note.is_string())
+            text += Behind(text.empty() ? "" : "; ", qvf::Escaped(note.get<std::string>()));
+    return text.empty() ? "nothing to save" : text;
+}
+
 std::string EndText(const Event& event) {
     std::string text = "done " + Text(event, "done");
     constexpr std::pair<const char*, const char*> kCounts[] = {
@@ -105,6 +117,7 @@ std::string PlainText(const Event& event) {
     }
     if (kind == "plan") return PlanText(event);
     if (kind == "notice") return Text(event, "message");
+    if (kind == "backup") return card + ": " + BackupText(event);
     if (kind == "card-begin")
         return card + ": " + Text(event, "mode") + " from " + Text(event, "from") + " to " +
                Text(event, "to") + ", attempt " + Text(event, "attempt") + ", process " +

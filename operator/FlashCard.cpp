@@ -9,6 +9,7 @@
 #include <ctime>
 #include <new>
 
+#include "Backup.h"
 #include "BusyCards.h"
 #include "Escape.h"
 #include "Files.h"
@@ -122,6 +123,7 @@ void FlashCard::TryUntilDone() {
         m_job.reason = "in use by " + ProcessesText(users) + "; end that, or use --force-busy";
         return;
     }
+    if (!m_means.backup.empty()) BackUp();
     const PackageContents& contents = *m_job.contents;
     for (int attempt = 0; attempt <= m_means.retries; ++attempt) {
         const Mode mode = ModeOf(contents.package, m_job.stored, m_job.card.runningVersion);
@@ -144,6 +146,26 @@ void FlashCard::TryUntilDone() {
         m_job.reason = Advice();
         return;
     }
+}
+
+// What cannot be saved is not overwritten: that is a Mistake. An image that is none is no loss.
+void FlashCard::BackUp() {
+    const Backup backup = BackUpCard(m_job.card, m_means.backup);
+    Event event = CardEvent("backup", m_job.card);
+    event["images"] = Event::array();
+    for (const SavedImage& image : backup.images) {
+        event["images"].push_back({{"image", image.safe ? "safe" : "main"},
+                                   {"version", qvf::VersionText(image.version)},
+                                   {"file", image.path},
+                                   {"sha256", image.sha256}});
+        if (image.safe) continue;
+        // The package that the card had before is what leads out of an unfinished main image.
+        const FirmwarePackage saved{image.path, image.path,
+                                    qvf::ReadPackage(image.path, qvf::Read::kHeader)};
+        m_job.earlier.push_back({image.path, ReadContents(saved)});
+    }
+    event["notes"] = backup.notes;
+    m_means.sink(event);
 }
 
 // A package with another code makes the next upgrade a normal one again. False when there is none,

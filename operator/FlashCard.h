@@ -57,6 +57,7 @@ struct Means {
     std::string run;     // name of the run
     int lock = -1;
     int retries = 1;
+    std::string backup;     // folder; empty: nothing is saved
     int stalledAfter = 60;  // seconds without progress that are worth a word
     bool forceBusy = false;
     EventSink sink;
@@ -76,6 +77,7 @@ class FlashCard {
 
   private:
     void TryUntilDone();
+    void BackUp();
     bool Attempt(const PackageContents& contents, Mode mode, bool force);
     bool BringBack();
     void Watch(Child& child, const std::string& output);

@@ -30,6 +30,23 @@ std::string WhyUnreadable(const PackageSet& packages) {
            ") and could be for this card: replace or remove it";
 }
 
+// The size of a flash is nowhere to be asked: the last byte of each section is read instead.
+std::string Unreachable(const Card& card, const qvf::Package& package) {
+    CardReader reader(card);
+    for (size_t i = 0; i < package.sections.size(); ++i) {
+        const qvf::Section& section = package.sections[i];
+        if (section.size == 0 || section.End() > uint64_t{1} << 32) continue;  // another rule's
+        const auto last = static_cast<uint32_t>(section.End() - 1);
+        uint8_t byte = 0;
+        // Twice: a request that was refused once is no end of the flash.
+        if (reader.Read(last, &byte, 1) || reader.Read(last, &byte, 1)) continue;
+        return "section " + std::to_string(i + 1) + " ends at " + qvf::HexNumber(last, 8) +
+               ", which cannot be read, behind the end of the flash perhaps (" + reader.Problem() +
+               ")";
+    }
+    return "";
+}
+
 // Where nothing is written, the plan is the outcome.
 Outcome OutcomeOf(Action action) {
     switch (action) {
@@ -49,8 +66,13 @@ Outcome OutcomeOf(Action action) {
 }
 
 void Plan(Job& job, bool force, const PackageSet& packages) {
-    job.plan = PlanCard({job.card, job.verdict, job.fit, job.contents.get(), job.stored}, force);
     const bool answers = job.card.problem.empty();
+    std::string unreachable;
+    const bool reads = job.verdict.main.content != Content::kNotRead;
+    if (answers && reads && job.contents)
+        unreachable = Unreachable(job.card, job.contents->package);
+    job.plan = PlanCard(
+        {job.card, job.verdict, job.fit, job.contents.get(), job.stored, unreachable}, force);
     if (answers && !packages.Unreadable().empty()) {
         job.plan.action = Action::kRefuse;
         job.plan.reason = WhyUnreadable(packages);

@@ -158,6 +158,11 @@ CardPlan PlanCard(const Findings& findings, bool force) {
     plan.work = WorkOf(package, plan.mode);
     plan.force = running >= package.firmwareVersion;
     plan.reason = findings.verdict.reason;
+    if (!findings.unreachable.empty()) {
+        plan.action = Action::kRefuse;
+        plan.reason = PackageName(findings) + ": " + findings.unreachable;
+        return plan;
+    }
     if (findings.verdict.state == State::kUnreadable) {
         plan.action = Action::kFail;
         return plan;

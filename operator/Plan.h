@@ -62,6 +62,7 @@ struct Findings {
     const Fit& fit;
     const PackageContents* contents = nullptr;
     StoredHeader stored;
+    std::string unreachable;  // a section that the flash has no room for; empty: none
 };
 
 CardPlan PlanCard(const Findings& findings, bool force);

@@ -153,8 +153,7 @@ class Run {
         m_jobs = MakeJobs(m_options, packages);
         for (const Job& job : m_jobs) Tell(PlanEvent(job));
         const std::string choice = m_options.selection.Text();
-        if (m_jobs.empty())
-            Tell(Notice("no card was found" + choice));
+        if (m_jobs.empty()) Tell(Notice("no card was found" + choice));
         const bool any = std::any_of(m_jobs.begin(), m_jobs.end(), IsToBeFlashed);
         if (any && !m_options.dryRun) Flash(lock.Descriptor());
         const ExitStatus status = StatusOf(m_jobs);
@@ -198,6 +197,7 @@ class Run {
         means.folder = m_options.log;
         means.run = m_name;
         means.lock = lock;
+        means.backup = m_options.backup;
         means.retries = m_options.retries;
         means.stalledAfter = m_options.stalledAfter;
         means.forceBusy = m_options.forceBusy;

@@ -47,6 +47,7 @@ void AddUpgrade(CLI::App& app, int& status) {
     command->add_option("--packages", options.packages, "folder of the packages");
     AddSelection(*command, options.selection);
     AddWays(*command, options);
+    command->add_option("--backup", options.backup, "folder to save each card's images in before");
     command->add_option("--earlier", options.earlier,
                         "folder of packages that the cards had before");
     command->add_option("--log", options.log, "folder of the history and the tool's output");

@@ -42,11 +42,10 @@ class RunningQvcap {
     std::string Output() const;  // so far
     // Waits until the output has the text; false when the run ended without.
     bool WaitFor(const std::string& text);
+    bool HasEnded() const;
     UpgradeRun Wait();
 
   private:
-    bool HasEnded() const;
-
     pid_t m_pid;
     std::string m_output;
     std::string m_errors;
