@@ -101,8 +101,7 @@ void V4l2::Reset() {
     streaming = false;
     m_nodes.clear();
     m_channels.clear();
-    if (!m_root.empty()) fs::remove_all(m_root);
-    m_root.clear();
+    m_root.reset();
     ForgetCalls();
 }
 
@@ -113,7 +112,7 @@ void V4l2::AddNode(int number, const std::string& target, const std::string& ser
     if (target.empty()) return;
     MakeRoot();
     // <root>/sys/class/video4linux/videoN -> target; target/device -> interface; ../serial
-    const fs::path classDir = fs::path(m_root) / "sys/class/video4linux";
+    const fs::path classDir = fs::path(m_root->Path()) / "sys/class/video4linux";
     const fs::path node = (classDir / target).lexically_normal();
     fs::create_directories(classDir);
     fs::create_directories(node);
@@ -125,9 +124,7 @@ void V4l2::AddNode(int number, const std::string& target, const std::string& ser
 }
 
 void V4l2::MakeRoot() {
-    if (!m_root.empty()) return;
-    std::string pattern = (fs::temp_directory_path() / "qv-root-XXXXXX").string();
-    m_root = mkdtemp(pattern.data());
+    if (!m_root) m_root.emplace("qv-root");
 }
 
 void V4l2::AddChannel(int number, const _QVCAP_CHANNEL_INFO& info) {
@@ -140,7 +137,7 @@ void V4l2::AddChannel(int number, const _QVCAP_CHANNEL_INFO& info) {
 void V4l2::AddSoundFile(const std::string& name, const std::string& content) {
     const std::lock_guard lock(mutex);
     MakeRoot();
-    const fs::path path = fs::path(m_root) / "proc/asound" / name;
+    const fs::path path = fs::path(m_root->Path()) / "proc/asound" / name;
     fs::create_directories(path.parent_path());
     std::ofstream(path) << content;
 }
@@ -174,7 +171,7 @@ std::string V4l2::Redirect(const std::string& path) {
     const bool ours =
         path.rfind("/sys/class/video4linux", 0) == 0 || path.rfind("/proc/asound", 0) == 0;
     if (!ours) return path;
-    return m_root.empty() ? "/nonexistent" : m_root + path;
+    return m_root ? m_root->Path() + path : "/nonexistent";
 }
 
 int V4l2::OpenNode(const std::string& path) {

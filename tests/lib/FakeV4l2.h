@@ -10,12 +10,14 @@
 
 #include <deque>
 #include <map>
+#include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
 #include "QVCaptureTypes.h"
 #include "lib/CallLog.h"
+#include "support/TempFolder.h"
 
 namespace fake {
 
@@ -91,7 +93,7 @@ class V4l2 : public CallLog {
     void MakeRoot();
     std::map<std::string, _QVCAP_CHANNEL_INFO> m_channels;  // by path
     std::map<std::string, uint32_t> m_nodes;                // path, own capabilities or 0
-    std::string m_root;  // folder that stands for / of /sys and /proc
+    std::optional<qvtest::TempFolder> m_root;  // folder that stands for / of /sys and /proc
 };
 
 }  // namespace fake

@@ -15,6 +15,7 @@
 #include "AudioAlsa.h"
 #include "AudioVolume.h"
 #include "lib/TestThreads.h"
+#include "support/TempFolder.h"
 
 namespace fs = std::filesystem;
 
@@ -51,16 +52,11 @@ std::vector<unsigned char> Numbers(size_t count) {
 class RealAlsaTest : public testing::Test {
   protected:
     RealAlsaTest() {
-        std::string pattern = (fs::temp_directory_path() / "qv-alsa-XXXXXX").string();
-        folder = mkdtemp(pattern.data());
         setenv("ALSA_CONFIG_PATH", QV_TEST_ASOUND_CONF, 1);
         setenv("QV_TEST_INPUT", (folder / "input").c_str(), 1);
         setenv("QV_TEST_OUTPUT", (folder / "output").c_str(), 1);
     }
-    ~RealAlsaTest() override {
-        EXPECT_TRUE(NoCaptureThreadIsLeft());
-        fs::remove_all(folder);
-    }
+    ~RealAlsaTest() override { EXPECT_TRUE(NoCaptureThreadIsLeft()); }
 
     // Captures the input file and returns the bytes of the first chunks.
     std::vector<unsigned char> Capture(const char* device, int bits, int channels, size_t chunks,
@@ -78,7 +74,8 @@ class RealAlsaTest : public testing::Test {
         return received.bytes;
     }
 
-    fs::path folder;
+    const qvtest::TempFolder temporary{"qv-alsa"};
+    const fs::path folder = temporary.Path();
 };
 
 TEST_F(RealAlsaTest, CapturedChunksHoldTheInputInOrder) {

@@ -14,6 +14,7 @@
 
 #include "CommandLine.h"
 #include "support/PackageBuilder.h"
+#include "support/TempFolder.h"
 
 namespace qvtest {
 
@@ -26,16 +27,9 @@ struct QvftoolRun {
 class QvftoolFixture : public testing::Test {
   protected:
     QvftoolFixture() : before_(std::filesystem::current_path()) {
-        std::string pattern = testing::TempDir() + "/qvftool-XXXXXX";
-        EXPECT_NE(nullptr, mkdtemp(pattern.data()));
-        folder_ = pattern;
         std::filesystem::current_path(folder_);
     }
-    ~QvftoolFixture() override {
-        std::filesystem::current_path(before_);
-        std::error_code ignored;  // a leftover in the temporary directory breaks nothing
-        std::filesystem::remove_all(folder_, ignored);
-    }
+    ~QvftoolFixture() override { std::filesystem::current_path(before_); }
 
     static QvftoolRun Run(const std::vector<std::string>& arguments) {
         std::ostringstream out;
@@ -68,7 +62,8 @@ class QvftoolFixture : public testing::Test {
 
   private:
     std::filesystem::path before_;
-    std::filesystem::path folder_;
+    const qvtest::TempFolder temporary_{"qvftool"};
+    const std::filesystem::path folder_ = temporary_.Path();
 };
 
 }  // namespace qvtest

@@ -21,6 +21,7 @@
 #include "QVDriverRequests.h"
 #include "gmock/gmock.h"
 #include "support/SimRig.h"
+#include "support/TempFolder.h"
 #include "support/ThreadState.h"
 
 namespace qvsim {
@@ -46,17 +47,11 @@ struct Reply {
 
 class CuseTest : public testing::Test {
   protected:
-    void SetUp() override {
-        std::string pattern = testing::TempDir() + "/qvsim-cuse-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern.data()));
-        folder_ = pattern;
-        stop_ = eventfd(0, EFD_CLOEXEC);
-    }
+    void SetUp() override { stop_ = eventfd(0, EFD_CLOEXEC); }
     void TearDown() override {
         Stop();
         for (const int end : ends_) close(end);
         close(stop_);
-        std::filesystem::remove_all(folder_);
     }
 
     // A kernel that asks for each node and makes it at once; `refusing` ones hang up instead.
@@ -192,7 +187,8 @@ class CuseTest : public testing::Test {
     }
 
     SimRig rig_;
-    std::string folder_;
+    const qvtest::TempFolder temporary_{"qvsim-cuse"};
+    const std::string folder_ = temporary_.Path();
     std::shared_ptr<Model> model_;
     std::unique_ptr<CuseServer> server_;
     std::thread thread_;

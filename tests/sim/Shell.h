@@ -9,6 +9,8 @@
 #include <filesystem>
 #include <string>
 
+#include "support/TempFolder.h"
+
 namespace qvsim {
 
 struct Outcome {
@@ -36,15 +38,9 @@ inline Outcome Shell(const std::string& line) {
 
 class CommandsTest : public testing::Test {
   protected:
-    void SetUp() override {
-        std::string pattern = testing::TempDir() + "/qvsim-commands-XXXXXX";
-        ASSERT_NE(nullptr, mkdtemp(pattern.data()));
-        home_ = pattern;
-        cards_ = home_ + "/cards";
-    }
-    void TearDown() override { std::filesystem::remove_all(home_); }
-    std::string home_;
-    std::string cards_;
+    const qvtest::TempFolder temporary_{"qvsim-commands"};
+    const std::string home_ = temporary_.Path();
+    const std::string cards_ = home_ + "/cards";
 };
 
 }  // namespace qvsim

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <filesystem>
 #include <sstream>
 
 #include "Door.h"
@@ -113,12 +112,7 @@ SimRig::SimRig() {
     plan_.driver = {.reuseHandles = true, .afterStop = AfterStop::kWriteAtOnce};
 }
 
-SimRig::~SimRig() {
-    Detach();
-    if (dir_.empty()) return;
-    std::error_code ignored;  // a leftover in the temporary directory breaks nothing
-    std::filesystem::remove_all(dir_, ignored);
-}
+SimRig::~SimRig() { Detach(); }
 
 SimRig& SimRig::Add(const BoardBuilder& board) {
     plan_.boards.push_back(board.plan_);
@@ -154,13 +148,12 @@ SimRig& SimRig::AddFault(const Fault& fault) {
 
 const std::string& SimRig::Dir() {
     if (inMemory_) Require("cards in memory have no directory and no journal");
-    if (dir_.empty()) {
-        dir_ = testing::TempDir() + "/qvsim-XXXXXX";
-        if (!mkdtemp(dir_.data())) Require(dir_ + ": cannot be made");
+    if (!dir_) {
+        dir_.emplace("qvsim");
         Require(CompletePlan(plan_));
-        Require(LayOut(plan_, dir_));
+        Require(LayOut(plan_, dir_->Path()));
     }
-    return dir_;
+    return dir_->Path();
 }
 
 void SimRig::Attach() {
@@ -265,7 +258,7 @@ std::vector<uint8_t> SimRig::Flash(int board, int channel, uint32_t offset, uint
     const CardsState state = State();
     NorFlash flash;
     const BoardState& found = BoardOf(state, board);
-    Require(flash.Open(dir_ + "/" + FlashFileName(found, channel), found.flashSize));
+    Require(flash.Open(Dir() + "/" + FlashFileName(found, channel), found.flashSize));
     return read(flash);
 }
 

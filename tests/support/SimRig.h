@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,7 @@
 #include "Journal.h"
 #include "Model.h"
 #include "ServedCards.h"
+#include "TempFolder.h"
 
 namespace qvsim {
 
@@ -100,7 +102,7 @@ class SimRig {
     CardsState State();
 
     CardsPlan plan_;
-    std::string dir_;
+    std::optional<qvtest::TempFolder> dir_;  // made when it is asked for
     bool inMemory_ = false;
     std::shared_ptr<Model> model_;
     std::unique_ptr<ServingThread> serving_;

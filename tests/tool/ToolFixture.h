@@ -16,6 +16,7 @@
 #include "ToolTexts.h"
 #include "support/PackageBuilder.h"
 #include "support/SimRig.h"
+#include "support/TempFolder.h"
 
 namespace qvtest {
 
@@ -26,9 +27,6 @@ class ToolFixture : public testing::Test {
   protected:
     ToolFixture() {
         before_ = std::filesystem::current_path();
-        std::string pattern = testing::TempDir() + "/qvunit-XXXXXX";
-        EXPECT_NE(nullptr, mkdtemp(pattern.data()));
-        folder_ = pattern;
         std::filesystem::current_path(folder_);
         g_dwCMD = 0;
         g_nBoardIndex = kAnyIndex;
@@ -44,8 +42,6 @@ class ToolFixture : public testing::Test {
         ExitQVFList();
         g_nQVFFileNum = 0;
         std::filesystem::current_path(before_);
-        std::error_code ignored;  // a leftover in the temporary directory breaks nothing
-        std::filesystem::remove_all(folder_, ignored);
     }
 
     // Cards present, library up, packages of the folder listed.
@@ -68,7 +64,8 @@ class ToolFixture : public testing::Test {
 
   private:
     std::filesystem::path before_;
-    std::filesystem::path folder_;
+    const TempFolder temporary_{"qvunit"};
+    const std::filesystem::path folder_ = temporary_.Path();
     bool attached_ = false;
 };
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/SimRig.h"
+#include "support/TempFolder.h"
 
 namespace qvtest {
 
@@ -33,7 +34,6 @@ bool IgnoresInterrupts(pid_t pid);
 class ToolFolder {
   public:
     ToolFolder();
-    ~ToolFolder();
     ToolFolder(const ToolFolder&) = delete;
     ToolFolder& operator=(const ToolFolder&) = delete;
 
@@ -100,7 +100,8 @@ class ToolFolder {
                 int output, bool onTerminal);
     void Finish(pid_t pid, ToolRun* run);
 
-    std::string root_;
+    const TempFolder temporary_{"qvtool"};
+    const std::string root_ = temporary_.Path();
     std::string work_;
     std::string bin_;
     std::vector<std::string> environment_;

@@ -1,0 +1,33 @@
+// A folder of a test's own below TMPDIR, removed with the object that has it. Any thread.
+#pragma once
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <system_error>
+
+namespace qvtest {
+
+class TempFolder {
+  public:
+    // The name says whose it is, should it be left over. A test cannot go on without its folder.
+    explicit TempFolder(const std::string& name) {
+        m_path = (std::filesystem::temp_directory_path() / (name + "-XXXXXX")).string();
+        if (mkdtemp(m_path.data()) != nullptr) return;
+        std::perror(m_path.c_str());
+        std::abort();
+    }
+    ~TempFolder() {
+        std::error_code ignored;  // what is left in the temporary folder breaks nothing
+        std::filesystem::remove_all(m_path, ignored);
+    }
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+    const std::string& Path() const { return m_path; }
+
+  private:
+    std::string m_path;
+};
+
+}  // namespace qvtest
