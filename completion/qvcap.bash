@@ -1,16 +1,16 @@
 # bash completion for qvcap: commands, their options, folders and devices.
 _qvcap() {
     local current=${COMP_WORDS[COMP_CWORD]} previous=${COMP_WORDS[COMP_CWORD - 1]}
-    local options='-h --help' chosen='--all --board --device'
+    local options='-h --help'
     case ${COMP_WORDS[1]} in
         status) options+=' --packages --quick --json --exit-code' ;;
-        verify) options+=' --packages --json' options+=" $chosen" ;;
-        backup) options+=' --json' options+=" $chosen" ;;
+        verify) options+=' --packages --all --board --device --json' ;;
+        backup) options+=' --all --board --device --json' ;;
         doctor) options+=' --packages --timeout --json' ;;
         upgrade)
+            options+=' --all --board --device'
             options+=' --packages --force --force-busy --dry-run --wait --stop-on-failure --power-off'
             options+=' --jobs --retries --stalled-after --earlier --backup --log --lock --json'
-            options+=" $chosen"
             ;;
         history) options+=' --log --serial --last --json' ;;
     esac

@@ -8,7 +8,7 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT ${maintainer})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime dev tool companions)
+set(CPACK_COMPONENTS_ALL runtime dev tool operator companions)
 if(QV_API_REFERENCE)
   list(APPEND CPACK_COMPONENTS_ALL doc)
 endif()
@@ -58,6 +58,12 @@ debian_package(tool qvcap-upgrade admin
   "Lists the Pelix and Lumo Capture cards of a computer and upgrades their
 firmware from packages in the current directory: erases, writes and verifies
 section by section.")
+debian_package(operator qvcap admin
+  "qvcap-upgrade ${this_version}, libqvcapture3 ${this_version}"
+  "unattended firmware upgrades of capture cards"
+  "Says what firmware the Pelix and Lumo Capture cards of a computer run, hold and
+need, upgrades them unattended by qvcap-upgrade, reads back what was written,
+saves images as packages, and says what is wrong.")
 debian_package(companions qvcapture-companions utils ""
   "simulated capture cards and firmware package tool"
   "qvcap-sim lays out simulated capture cards, flash memory and faults included,
