@@ -1,9 +1,11 @@
 // Laying cards out, switching them off and on, and putting them back as they were.
 #include "Commands.h"
 
+#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -79,9 +81,18 @@ std::string Reset(Folder& folder) {
 
 }  // namespace
 
-int Fail(const std::string& error) {
+int Fail(const std::string& error, int status) {
     std::fprintf(stderr, "qvcap-sim: %s\n", error.c_str());
-    return kBadInput;
+    return status;
+}
+
+int SignalsThatEnd() {
+    sigset_t ends;
+    sigemptyset(&ends);
+    sigaddset(&ends, SIGTERM);
+    sigaddset(&ends, SIGINT);
+    sigprocmask(SIG_BLOCK, &ends, nullptr);
+    return signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
 }
 
 int InitCommand(const std::string& dir, const std::string& scenario, bool packages) {

@@ -8,8 +8,13 @@ namespace qvsim {
 
 inline constexpr int kBadInput = 2;  // wrong arguments, an unusable scenario or state directory
 
-// An unusable scenario or folder: says why on standard error.
-int Fail(const std::string& error);
+inline constexpr int kCannotServe = 1;
+
+// Says why on standard error and returns the status.
+int Fail(const std::string& error, int status = kBadInput);
+// A descriptor that tells of SIGTERM and SIGINT, which are blocked from then on in this thread and
+// those that it starts: call it before any is started. -1 with errno when there is none.
+int SignalsThatEnd();
 
 // No scenario: "". Packages for the cards go to `dir`/packages.
 int InitCommand(const std::string& dir, const std::string& scenario, bool packages);

@@ -1,37 +1,18 @@
 // `qvcap-sim serve`: the cards' nodes as real devices, until SIGTERM or SIGINT.
-#include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <cstdio>
 
 #include "Commands.h"
 #include "CuseServer.h"
 
 namespace qvsim {
-namespace {
-
-constexpr int kCannotServe = 1;
-
-int Fail(const std::string& error, int status) {
-    std::fprintf(stderr, "qvcap-sim: %s\n", error.c_str());
-    return status;
-}
-
-}  // namespace
 
 int ServeCommand(const std::string& dir) {
-    // Blocked before any thread starts: the signals are read, never delivered.
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGTERM);
-    sigaddset(&ends, SIGINT);
-    sigprocmask(SIG_BLOCK, &ends, nullptr);
-
+    const int stop = SignalsThatEnd();
     std::string error;
     const std::shared_ptr<Model> model = Model::Load(dir, error);
-    if (!model) return Fail(error, kBadInput);
-    const int stop = signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
+    if (!model) return Fail(error);
     CuseServer server(model, KernelWays());
     error = server.Start(stop);
     if (error.empty() && !server.Stopped()) {

@@ -1,6 +1,5 @@
 // `qvcap-sim usb`: the USB devices of a scenario on the kernel's virtual host controller, until
 // SIGTERM or SIGINT.
-#include <sys/signalfd.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -15,13 +14,6 @@
 
 namespace qvsim {
 namespace {
-
-constexpr int kCannotServe = 1;
-
-int Fail(const std::string& error, int status) {
-    std::fprintf(stderr, "qvcap-sim: %s\n", error.c_str());
-    return status;
-}
 
 usb::PluggedSpec Spec(const UsbPlan& plan) {
     usb::PluggedSpec spec;
@@ -42,31 +34,24 @@ int UsbCommand(const std::string& scenario, const std::string& played) {
     std::string error = scenario.empty()
                             ? ParseScenario(kDefaultScenario, "default-scenario.toml", plan)
                             : ReadScenario(scenario, plan);
-    if (!error.empty()) return Fail(error, kBadInput);
+    if (!error.empty()) return Fail(error);
     if (!played.empty() && !std::filesystem::is_directory(played))
-        return Fail(played + ": is no folder; make it, or leave --played away", kBadInput);
+        return Fail(played + ": is no folder; make it, or leave --played away");
 
-    // Blocked, to be read: the devices are unplugged before the end.
-    sigset_t ends;
-    sigemptyset(&ends);
-    sigaddset(&ends, SIGTERM);
-    sigaddset(&ends, SIGINT);
-    sigprocmask(SIG_BLOCK, &ends, nullptr);
+    const int stop = SignalsThatEnd();  // the devices are unplugged before the end
+    if (stop < 0) return Fail(std::string("usb: ") + std::strerror(errno), kCannotServe);
     sigset_t reading;  // orders from a terminal that belongs to another program at the moment
     sigemptyset(&reading);
     sigaddset(&reading, SIGTTIN);
     sigprocmask(SIG_BLOCK, &reading, nullptr);
-    const int stop = signalfd(-1, &ends, SFD_CLOEXEC | SFD_NONBLOCK);
-    if (stop < 0) return Fail(std::string("usb: ") + std::strerror(errno), kCannotServe);
 
     std::vector<usb::PluggedSpec> specs;
     for (const UsbPlan& device : plan.usbDevices) {
         specs.push_back(Spec(device));
         if (specs.back().device.streams.empty() && specs.back().device.sizes.empty())
             return Fail("usb: " + device.serial + " has neither sound nor camera: '" +
-                            device.product +
-                            "' is no model known here, name captures, playbacks or camera",
-                        kBadInput);
+                        device.product +
+                        "' is no model known here, name captures, playbacks or camera");
     }
     const auto report = [](const std::string& line) {
         std::printf("%s\n", line.c_str());

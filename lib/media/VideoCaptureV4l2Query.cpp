@@ -5,6 +5,7 @@
 #include <sys/ioctl.h>
 
 #include "VideoCaptureV4l2.h"
+#include "base/Fourcc.h"
 
 namespace {
 
@@ -12,11 +13,7 @@ constexpr int kFailed = -1;
 constexpr uint32_t kMaxEnumerated = 4096;       // a node that never ends its list is cut off here
 constexpr uint32_t kUnitsPerSecond = 10000000;  // of 100 ns
 
-constexpr uint32_t Fourcc(const char (&code)[5]) {
-    uint32_t value = 0;
-    for (int i = 3; i >= 0; --i) value = value << 8 | static_cast<unsigned char>(code[i]);
-    return value;
-}
+using qv::Fourcc;
 
 struct FourccPair {
     uint32_t from;

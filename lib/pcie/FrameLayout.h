@@ -3,6 +3,8 @@
 
 #include <cstdint>
 
+#include "base/Fourcc.h"
+
 namespace qv {
 
 struct FrameLayout {
@@ -11,13 +13,6 @@ struct FrameLayout {
 
     friend bool operator==(const FrameLayout&, const FrameLayout&) = default;
 };
-
-// Four characters, the first in the low byte.
-constexpr uint32_t Fourcc(const char (&text)[5]) {
-    uint32_t code = 0;
-    for (int i = 3; i >= 0; --i) code = code << 8 | static_cast<unsigned char>(text[i]);
-    return code;
-}
 
 // Layout of the two buffers of callback capture. Both values are 0 for an unknown format; so are
 // they where a dimension does not fit the 16 bits that a capture request has for it.

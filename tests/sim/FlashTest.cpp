@@ -179,6 +179,26 @@ TEST_P(AnyFlashTest, AnImageWithOneByteMissingFallsBackToTheGoldenVersion) {
     EXPECT_EQ(Version(0, 9), AfterPowerCycle());
 }
 
+TEST_P(AnyFlashTest, AHeaderWithOneByteMissingFallsBackToTheGoldenVersion) {
+    Start(Pelix().Firmware(1, 0).Golden(0, 9));
+    const std::vector<Section> sections = {{"Factory.Main", kFactoryData, 5000}};
+    WriteImage(kMain, Version(1, 1), sections);
+    std::vector<uint8_t> header = Header(Version(1, 1), sections);
+    ASSERT_EQ(0, card_->Erase(kMain, 1));
+    header.pop_back();  // of the last section's entry, where nothing but completeness depends on it
+    ASSERT_EQ(0, card_->Write(kMain, header));
+    EXPECT_EQ(Version(0, 9), AfterPowerCycle());
+}
+
+TEST_P(AnyFlashTest, ASectorThatAPowerCutGarbledIsNoPartOfAnImage) {
+    Start(Pelix().Firmware(1, 0).Golden(0, 9));
+    WriteImage(kMain, Version(1, 1), {{"Factory.Main", kFactoryData, 12288}});
+    EXPECT_EQ(Version(1, 1), AfterPowerCycle());
+    rig_.AddFault({.request = "EraseFirmwareData", .effect = PowerLoss()});
+    EXPECT_EQ(-1, card_->Erase(kFactoryData + 4096, 4096));
+    EXPECT_EQ(Version(0, 9), AfterPowerCycle());
+}
+
 TEST_P(AnyFlashTest, ASafeUpgradeRunsAndLeavesTheMainImageToFallBackTo) {
     Start(Pelix().Firmware(2, 0).Stored(2, 0, 7));
     WriteImage(kSafe, Version(2, 1),
