@@ -192,10 +192,10 @@ TEST_P(AnyFlashTest, AHeaderWithOneByteMissingFallsBackToTheGoldenVersion) {
 
 TEST_P(AnyFlashTest, ASectorThatAPowerCutGarbledIsNoPartOfAnImage) {
     Start(Pelix().Firmware(1, 0).Golden(0, 9));
-    WriteImage(kMain, Version(1, 1), {{"Factory.Main", kFactoryData, 12288}});
+    WriteImage(kMain, Version(1, 1), {{"Factory.Main", kFactoryData, 2048}});
     EXPECT_EQ(Version(1, 1), AfterPowerCycle());
-    rig_.AddFault({.request = "EraseFirmwareData", .effect = PowerLoss()});
-    EXPECT_EQ(-1, card_->Erase(kFactoryData + 4096, 4096));
+    rig_.AddFault({.request = "WriteFirmwareData", .effect = PowerLoss()});
+    EXPECT_EQ(-1, card_->Write(kFactoryData + 2048, Payload(1024)));  // behind the section
     EXPECT_EQ(Version(0, 9), AfterPowerCycle());
 }
 
