@@ -88,9 +88,22 @@ std::shared_ptr<const PackageContents> ReadContents(const FirmwarePackage& packa
 }
 
 qvf::Bytes HeaderBytes(const qvf::Package& package) {
-    qvf::Package bare = package;
-    for (qvf::Section& section : bare.sections) section.data.clear();
-    bare.trailing.clear();
+    qvf::Package bare;  // field by field: a copy would take the data of all sections along
+    bare.reserved4 = package.reserved4;
+    bare.compatibilityCode = package.compatibilityCode;
+    bare.productCode = package.productCode;
+    bare.hardwareVersion = package.hardwareVersion;
+    bare.reserved15 = package.reserved15;
+    bare.firmwareVersion = package.firmwareVersion;
+    bare.reserved20 = package.reserved20;
+    for (const qvf::Section& section : package.sections) {
+        qvf::Section entry;
+        entry.name = section.name;
+        entry.address = section.address;
+        entry.size = section.size;
+        entry.reserved24 = section.reserved24;
+        bare.sections.push_back(std::move(entry));
+    }
     return qvf::Serialize(bare);
 }
 
