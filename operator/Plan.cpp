@@ -168,6 +168,11 @@ CardPlan PlanCard(const Findings& findings, bool force) {
         return plan;
     }
     const bool trapped = plan.mode == Mode::kSafe && IsMainUnfinished(findings.verdict);
+    if (findings.verdict.state == State::kUnknown && running == package.firmwareVersion && !force) {
+        plan.action = Action::kFail;
+        plan.reason += "; --force writes the package";
+        return plan;
+    }
     const std::string leave = ReasonToLeave(findings);
     if (!leave.empty() && !force && !trapped) {
         plan.action = Action::kLeave;

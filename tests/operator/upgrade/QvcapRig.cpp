@@ -1,5 +1,7 @@
 #include "QvcapRig.h"
 
+#include "../QvcapProcess.h"
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
@@ -78,6 +80,16 @@ bool RunningQvcap::WaitFor(const std::string& text) {
     }
 }
 
+// Whatever a run prints as JSON is what its schema says.
+void ExpectSchema(const UpgradeRun& run) {
+    std::string errors;
+    if (run.signal == 0 && run.output.starts_with("{\"event\""))
+        errors = SchemaErrorsOfLines("upgrade.schema.json", run.output);
+    else if (run.output.starts_with("{\"schema\":\"qvcap-history\""))
+        errors = SchemaErrors("history.schema.json", run.output);
+    EXPECT_EQ("", errors);
+}
+
 UpgradeRun RunningQvcap::Wait() {
     UpgradeRun run;
     int status = 0;
@@ -87,6 +99,7 @@ UpgradeRun RunningQvcap::Wait() {
     if (WIFSIGNALED(status)) run.signal = WTERMSIG(status);
     run.output = FileText(m_output);
     run.errors = FileText(m_errors);
+    ExpectSchema(run);
     return run;
 }
 
