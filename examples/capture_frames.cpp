@@ -4,8 +4,8 @@
 //   capture_frames /dev/video0 100 - | player                    the same to standard output
 //
 // Frames are written on this thread, not on the worker's, which must not be held up; what this one
-// is too slow for is dropped and counted. Whether the driver skipped frames stands in its frame
-// description, whose meaning it alone knows. The report goes to standard error.
+// is too slow for is dropped and counted. Frames that the driver skipped are not counted: only the
+// driver knows what its frame description means. The report goes to standard error.
 #include <poll.h>
 
 #include <cstdio>

@@ -89,7 +89,7 @@ void CheckList() {
 }  // namespace
 
 // One byte: boards, their kind, whether the driver describes the flash in its own way; records for
-// each board; the rest stands in the flash.
+// each board; the rest is in the flash.
 void ListDevices(const uint8_t* data, size_t size) {
     Taker taker(data, size);
     const uint8_t kinds = taker.Byte();

@@ -21,7 +21,7 @@ void Overwrite(int file, const uint8_t* data, size_t size);
 // A regular file in memory that holds the bytes; its path stays the same.
 const std::string& AsFile(const uint8_t* data, size_t size);
 
-// An empty folder of this process, made on first use and removed at its end. It stands in
+// An empty folder of this process, made on first use and removed at its end. It is in
 // TEST_TMPDIR, by default in memory.
 const std::string& Folder();
 

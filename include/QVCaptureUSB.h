@@ -76,7 +76,7 @@ typedef int (*QV_USB_START)(void* user);
 typedef void (*QV_USB_STOP)(void* user);
 
 /** Fills in the devices that are there. Called by QVCaptureInitInstance() and QVRefreshDevice();
- * never while another search is under way. A device whose records cannot be had is left out, so
+ * never while another search is under way. A device whose records cannot be read is left out, so
  * that one broken device does not hide the others. A path must be an existing file for
  * qvcap-upgrade to take it; /dev/bus/usb/BBB/DDD is one, and is another one when a device is
  * plugged in again.

@@ -1,6 +1,6 @@
 // Records that only travel between library and driver, with their sizes and offsets proved.
 //
-// Not the records that callers of the library see: those stand in QVCaptureTypes.h and are proved
+// Not the records that callers of the library see: those are in QVCaptureTypes.h and are proved
 // here too. Packed, little-endian, fixed-width. A user-space address is a 64-bit field filled
 // through uintptr_t, so a 32-bit caller leaves its upper half 0. Pure data, any thread.
 #pragma once

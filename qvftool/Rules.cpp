@@ -97,7 +97,7 @@ void CheckPlaces(const Package& package, const FlashLayout& flash, Findings& fin
     findings.AddForEach(kOverHeader, [&](const Section& s, size_t) -> std::string {
         for (const uint64_t place : {header, header + kSafeHeaderDistance})
             if (TouchesSectors(s, place, length))
-                return " lies in an erase sector of the header at " + HexNumber(place, 8);
+                return " is in an erase sector of the header at " + HexNumber(place, 8);
         return "";
     });
 }

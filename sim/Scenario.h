@@ -7,10 +7,10 @@
 
 namespace qvsim {
 
-// The scenario that stands in when none is given.
+// The scenario when none is given.
 extern const char kDefaultScenario[];
 
-// Reads TOML text; `name` stands in messages. An empty text, or "file:line: what is wrong"; the
+// Reads TOML text; `name` is for messages. An empty text, or "file:line: what is wrong"; the
 // plan is then not to be used. Unknown keys are errors: a misspelt fault must not go unnoticed.
 std::string ParseScenario(const std::string& text, const std::string& name, CardsPlan& plan);
 // A fault in the words "key=value", with the keys of a [[fault]]. An empty text or what is wrong.

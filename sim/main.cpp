@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
     std::string scenario;
     int status = 0;
 
-    // What stands behind `--` is the command's own, options included.
+    // What follows `--` is the command's own, options included.
     char** const end = argv + argc;
     char** const dashes = std::find(argv, end, std::string_view("--"));
     const std::vector<std::string> command(dashes == end ? end : dashes + 1, end);

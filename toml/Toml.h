@@ -2,7 +2,7 @@
 //
 // Of some texts, "[[" without a name behind it for one, it assumes what it has not looked at: an
 // abort with assertions, undefined without. Here each such assumption that does not hold throws
-// std::logic_error in every build; its text is what stands behind "FILE:". Characters beyond ASCII
+// std::logic_error in every build; its text is what follows "FILE:". Characters beyond ASCII
 // are refused, but for those of comments, which are taken out: it takes some of them for
 // impossible. Pure functions, any thread.
 #pragma once
@@ -44,7 +44,7 @@ inline size_t TomlTextEnd(std::string_view text, size_t at) {
     return text.size();
 }
 
-// The same text with a question mark for each byte beyond ASCII that stands in a comment.
+// The same text with a question mark for each byte beyond ASCII in a comment.
 inline std::string WithPlainComments(std::string_view text) {
     std::string plain(text);
     for (size_t at = 0; at < text.size();) {

@@ -1,4 +1,4 @@
-// The two console functions: erasing what stands before the cursor, and asking for one key.
+// The two console functions: erasing the characters before the cursor, and asking for one key.
 // Nothing here knows what is printed or asked. Single-threaded.
 #pragma once
 

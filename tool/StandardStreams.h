@@ -1,9 +1,9 @@
 // Standard streams that were closed when the process began. Whatever is opened next would get their
-// numbers: a card's node must never stand where text is printed to or keys are read from.
+// numbers: text must never be printed to a card's node, or keys be read from one.
 // Single-threaded.
 #pragma once
 
-// Output and errors, for which /dev/null stands in; before anything else is opened.
+// Gives output and errors to /dev/null; before anything else is opened.
 void OccupyOutputStreams();
 
 // Input, which then has ended. Deliberate: later than the outputs, because an event node with

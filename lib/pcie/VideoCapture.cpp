@@ -14,7 +14,7 @@ int VideoCapture::Open(_QVCAP_VIDEO_CAPTURE* request) {
     const FrameLayout layout = LayoutOf(request->fourcc, request->width, request->height);
     request->stride = layout.stride;
     request->frameSize = layout.size;
-    // Taken before the driver is asked, so that there is nothing to undo when it cannot be had.
+    // Taken before the driver is asked, so that there is nothing to undo on failure.
     request->frames = FrameMemory::Allocate(layout.size);
     if (request->frames == nullptr) return -1;
     if (const int result = StartDriver(request); result != QV_RESULT_OK) return result;

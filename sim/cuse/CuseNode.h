@@ -24,7 +24,7 @@ class CuseNode {
   public:
     enum class Received { kMessage, kNothing, kGone };
 
-    // `name` as it stands in the folder of devices; takes the descriptor over.
+    // `name` as it is in the folder of devices; takes the descriptor over.
     CuseNode(std::string name, int fd) : name_(std::move(name)), fd_(fd) {}
     ~CuseNode();
     CuseNode(const CuseNode&) = delete;

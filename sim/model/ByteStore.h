@@ -1,4 +1,4 @@
-// Bytes at addresses, in a file or in memory; what lies behind the last one ever written reads as a
+// Bytes at addresses, in a file or in memory; what follows the last one ever written reads as a
 // filler. Not locked: the folder's lock covers writing.
 #pragma once
 
@@ -24,7 +24,7 @@ class ByteStore {
     bool Read(uint8_t* data, size_t size, size_t offset) const;
     // A gap before `offset` is filled. Nothing is lost when a disk is full: false, and errno.
     bool Write(const uint8_t* data, size_t size, size_t offset);
-    // Forgets what lies behind.
+    // Forgets what follows.
     bool Cut(size_t length);
 
   private:

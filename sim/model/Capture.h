@@ -43,7 +43,7 @@ struct VideoCapture {
     int64_t nextFrameAt = 0;  // source time
     uint32_t newest = 0;      // frames are numbered from 1 on
     uint32_t lastCaptured = 0;
-    std::array<BufferedFrame, kBuffers> buffers{};  // frame n stands at n % kBuffers
+    std::array<BufferedFrame, kBuffers> buffers{};  // frame n is at n % kBuffers
     std::deque<FrameRequest> waiting;               // for the next frame
     std::deque<FrameRequest> late;            // came while nobody captures; for the next start
     std::deque<FrameCompletion> completions;  // oldest first

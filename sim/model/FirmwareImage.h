@@ -26,7 +26,7 @@ StoredHeader ReadHeader(const NorFlash& flash, uint32_t address);
 std::vector<uint8_t> MakeHeader(uint32_t version, uint16_t compatibilityCode, uint16_t productCode,
                                 uint8_t hardwareVersion);
 
-// True when the image, whose header stands at `address`, can be run: the header is valid, and it
+// True when the image, whose header is at `address`, can be run: the header is valid, and it
 // and every section that belongs to it are programmed, or blank where the section is a clear one.
 bool ImageComplete(const NorFlash& flash, uint32_t address, bool safe);
 

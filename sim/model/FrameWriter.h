@@ -21,7 +21,7 @@ struct Channel;
 class FrameWriter {
   public:
     using Lock = EventTable::Lock;
-    // Called on the writer's thread with the lock held, when a picture stands in memory or could
+    // Called on the writer's thread with the lock held, when a picture is in memory or could
     // not be put there.
     using Done = std::function<void(Channel&, const FrameCompletion&)>;
 

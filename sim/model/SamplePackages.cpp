@@ -12,7 +12,7 @@
 namespace qvsim {
 namespace {
 
-constexpr uint32_t kHeaderArea = 0x10000;  // both headers stand at its beginning
+constexpr uint32_t kHeaderArea = 0x10000;  // both headers are at its beginning
 constexpr uint32_t kMostBytes = 256u << 10;
 
 struct Section {

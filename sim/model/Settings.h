@@ -42,7 +42,7 @@ class Settings {
     // The whole as a text: its version, and as few lines as can be.
     std::string Save() const;
     // Of such a text with more lines behind; 0, or the number of the first line that is none. An
-    // empty text has no settings. What stands before that line is taken.
+    // empty text has no settings. The lines before it are taken.
     int Load(const std::string& text);
 
   private:

@@ -55,7 +55,7 @@ class Numbers {
         return static_cast<uint8_t>(texts_.size());
     }
     uint8_t Interfaces() const { return interfaces_; }
-    const std::vector<std::string>& Texts() const { return texts_; }  // text n stands at n - 1
+    const std::vector<std::string>& Texts() const { return texts_; }  // text n is at n - 1
 
   private:
     uint8_t interfaces_ = 0;

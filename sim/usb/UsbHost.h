@@ -40,7 +40,7 @@ class UsbHost {
 // The controller of the running kernel, through its files.
 class VhciHost : public UsbHost {
   public:
-    // Folders as they stand in a running system; tests have their own.
+    // Folders as they are in a running system; tests have their own.
     struct Folders {
         std::string controller = "/sys/devices/platform/vhci_hcd.0";
         std::string devices = "/sys/bus/usb/devices";

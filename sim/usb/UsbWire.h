@@ -18,7 +18,7 @@ inline constexpr int kTooMany = -12;               // ENOMEM
 inline constexpr uint32_t kMaxTransfer = 1 << 20;  // bytes
 inline constexpr uint32_t kMaxPackets = 1024;
 
-// A control request as it stands on the bus.
+// A control request as it is on the bus.
 struct Setup {
     uint8_t type = 0;
     uint8_t request = 0;

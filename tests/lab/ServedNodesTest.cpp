@@ -192,7 +192,7 @@ class ServedToolTest : public testing::Test {
                                      return {};
                                  });
     }
-    // The tool stands in that request, and the server has it: what is asked of the same node behind
+    // The tool waits in that request, and the server has it: what is asked of the same node behind
     // it is answered.
     static bool SectionIsBeingErased(pid_t tool) {
         std::ifstream file("/proc/" + std::to_string(tool) + "/syscall");

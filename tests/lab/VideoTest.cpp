@@ -1,5 +1,5 @@
 // V4L2 nodes of a real kernel: two USB cameras, and what the kernel's test nodes answer; what those
-// stream stands in TestNodeTest.cpp.
+// stream is in TestNodeTest.cpp.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

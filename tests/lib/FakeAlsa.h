@@ -1,7 +1,7 @@
 // A scripted ALSA in place of the real one, for exact call sequences and for every refusal.
 //
 // The fake defines the snd_... functions that the library calls, so a test program that links it
-// needs no sound card. PCM calls stand in FakeAlsaPcm.cpp, cards and mixer in FakeAlsaMixer.cpp.
+// needs no sound card. PCM calls are in FakeAlsaPcm.cpp, cards and mixer in FakeAlsaMixer.cpp.
 // A refused call returns the result given with the refusal.
 #pragma once
 

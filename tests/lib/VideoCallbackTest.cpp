@@ -3,7 +3,7 @@
 #include "FrameLayout.h"
 #include "WorkerFixture.h"
 
-// Memory that cannot be had is a result to test, not a reason for the sanitizer to end the program.
+// A lack of memory is a result to test, not a reason for the sanitizer to end the program.
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 
 namespace qvtest {
@@ -234,7 +234,7 @@ TEST_F(VideoCallbackTest, ARefusedStartFailsAndLeavesNothingBehind) {
 }
 
 TEST_F(VideoCallbackTest, WithoutMemoryForTheFramesTheOpenFailsAndTheDriverIsNotAsked) {
-    if (sizeof(void*) == 8) GTEST_SKIP() << "two frames of 4 GB can be had in 64 bits";
+    if (sizeof(void*) == 8) GTEST_SKIP() << "two frames of 4 GB fit into 64 bits";
     EXPECT_EQ(QV_RESULT_FAILED,
               QVStartVideoCaptureWithCallback(channel, qv::Fourcc("BGRA"), 65535, 16383,
                                               QV_VIDEO_CAPTURE_BACK_TO_BACK, OnFrame, &viewer));

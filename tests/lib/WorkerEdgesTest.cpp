@@ -133,7 +133,7 @@ TEST_F(WorkerEdgesTest, AChannelClosedInAFrameCallbackStopsBothCapturesAndItsThr
 
 // ---- Timers ----------------------------------------------------------------------------------
 
-// One callback destroys a timer that is due, too; the next makes a new one, which may stand where
+// One callback destroys a timer that is due, too; the next makes a new one, which may be where
 // the destroyed one stood and is not due.
 TEST_F(WorkerEdgesTest, ANewTimerWhereADestroyedOneStoodIsNotCalledForIt) {
     static QV_CHANNEL s_channel;

@@ -78,7 +78,7 @@ constexpr char kLargePackage[] =
     "[[section]]\nname = \"A\"\naddress = 0\nfile = \"large.bin\"\n";
 constexpr uintmax_t kLargeSize = uintmax_t{96} << 20;
 
-// Runs a command and sends a signal once something new stands in the folder; its status as of
+// Runs a command and sends a signal once something new is in the folder; its status as of
 // waitpid.
 class InterruptedE2eTest : public BinaryE2eTest {
   protected:

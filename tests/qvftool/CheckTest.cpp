@@ -127,7 +127,7 @@ TEST_F(CheckTest, ASectionBehindTheFlash) {
 // Two sectors with a header each; a section of two sectors before, in and behind them.
 TEST_F(CheckTest, ASectionOverAHeader) {
     const auto finding = [](const std::string& header) {
-        return "a.qvf: error: section 1 (Factory.Main) lies in an erase sector of the header at " +
+        return "a.qvf: error: section 1 (Factory.Main) is in an erase sector of the header at " +
                header + " [over-header]\n";
     };
     const struct {

@@ -52,7 +52,7 @@ class QvftoolFixture : public testing::Test {
     static void Put(const std::string& path, const std::string& text) {
         PackageBuilder::WriteBytes(path, Bytes(text.begin(), text.end()));
     }
-    // Everything that stands in the folder, by name.
+    // Everything that is in the folder, by name.
     static std::vector<std::string> Here() {
         std::vector<std::string> names;
         for (const auto& entry : std::filesystem::directory_iterator("."))

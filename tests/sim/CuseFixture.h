@@ -150,7 +150,7 @@ class CuseTest : public testing::Test {
         EXPECT_EQ(unique, reply.header.unique);
         return reply;
     }
-    // With the model locked: returns when the server has taken what was sent and stands at the
+    // With the model locked: returns when the server has taken what was sent and waits at the
     // lock.
     void AwaitHeldUp(int node) {
         int bytes = 1;

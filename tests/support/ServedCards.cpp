@@ -16,7 +16,7 @@
 namespace qvsim {
 namespace {
 
-// Nodes that cannot be had are a broken test, not a failing one.
+// Nodes that cannot be made are a broken test, not a failing one.
 void Require(bool good, const std::string& what) {
     if (good) return;
     ADD_FAILURE() << "served nodes: " << what;

@@ -92,7 +92,7 @@ std::set<std::string> Literals(const std::string& source) {
     return found;
 }
 
-// What stands in a printed text whatever is printed with it: between conversions, without blanks
+// What a printed text contains whatever is printed with it: between conversions, without blanks
 // around.
 std::vector<std::string> FixedParts(const std::string& format) {
     std::vector<std::string> parts(1);

@@ -2,7 +2,7 @@
 //
 // The cards are byte arrays, the tool is one straight piece of text, and neither shares code with
 // tool/, lib/ or sim/. A run gives the text that must be printed, the requests that the driver must
-// see and the bytes that must stand in the flash. No files, no processes; any thread.
+// see and the bytes that must be in the flash. No files, no processes; any thread.
 #pragma once
 
 #include <cstdint>

@@ -12,7 +12,7 @@
 namespace qvtest {
 
 // Requests of the real run, as the reference writes them: without the probing of nodes that are
-// not there, and without checksums, which stand in the flash anyway.
+// not there, and without checksums, which are in the flash anyway.
 std::vector<std::string> Requests(qvsim::SimRig& rig);
 
 // Faults happen once: the next process must not meet them again.

@@ -140,7 +140,7 @@ constexpr int kFirstBlankCheck = 2;
 constexpr int kFirstVerify = 4;
 
 TEST_F(FailureE2eTest, AClearSectionThatIsNotBlankEndsTheErasing) {
-    // The blank check stands behind its section's chunks and does not count as progress.
+    // The blank check follows its section's chunks and does not count as progress.
     for (const int check : {0, 1}) {
         for (const FaultEffect effect : {Refuse(EIO), ShortRead(0), FlipBit(7)}) {
             SCOPED_TRACE(check);

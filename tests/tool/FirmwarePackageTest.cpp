@@ -191,7 +191,7 @@ TEST_F(FirmwarePackageTest, AnEarlyFailureReleasesNoMoreThanTheSixteenSlots) {
         unsigned char guard[16 * sizeof(void*)];
     } memory = {};
     std::memset(memory.guard, 0xCC, sizeof memory.guard);
-    std::memset(&header, 0xFF, sizeof header);  // a count of 255 stands there
+    std::memset(&header, 0xFF, sizeof header);  // the count is 255
     EXPECT_FALSE(READQVF("missing.qvf", &header, memory.slots));
     EXPECT_THAT(memory.guard, Each(0xCC));
 }

@@ -50,7 +50,7 @@ class ToolFolder {
     // Which stand-ins ran, in order: "sync", "poweroff", "sudo poweroff".
     std::vector<std::string> Commands() const;
 
-    // On a terminal that alters no byte. The n-th answer is typed when the n-th question stands on
+    // On a terminal that alters no byte. The n-th answer is typed when the n-th question is on
     // the screen and the tool has put the terminal into one-key mode; before it is typed,
     // `atQuestion(n, pid)` is called, n from 1.
     ToolRun OnTerminal(qvsim::SimRig& rig, const std::vector<std::string>& arguments,

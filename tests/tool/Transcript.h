@@ -31,7 +31,7 @@ inline std::string ProgressLine(const StageTexts& stage, uint32_t percentage) {
 }
 
 // `steps` are the bytes of the header and of every chunk; the stage stops before step `failing`,
-// none when negative. `message` stands where the failure is reported.
+// none when negative. `message` is part of the report of a failure.
 inline std::string StageText(const StageTexts& stage, uint32_t total,
                              const std::vector<uint32_t>& steps, int failing = -1,
                              const std::string& message = {}) {

@@ -1,5 +1,5 @@
 // Whole upgrades by the real binary: the dialogue byte by byte, the requests that the driver sees,
-// and what stands in the flash afterwards.
+// and what is in the flash afterwards.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/types.h>
