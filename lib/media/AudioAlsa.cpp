@@ -1,7 +1,6 @@
 // PCM capture and playback on an ALSA device; see AudioAlsa.h.
 #include "AudioAlsa.h"
 
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,7 +9,7 @@
 #include <cstdlib>
 #include <new>
 
-#include "base/QuietThread.h"
+#include "media/CaptureThread.h"
 
 const char* capturedevice = "default";
 const char* playbackdevice = "default";
@@ -20,9 +19,6 @@ namespace {
 constexpr int kFailed = -1;
 constexpr int kMinRate = 1000;                  // Hz; below it a period would hold no frame
 constexpr useconds_t kDeviceGonePause = 10000;  // µs; a device that refuses is asked this rarely
-
-// The capture whose thread this is; null on every other thread.
-thread_local AudioCaptureALSAContext* t_current = nullptr;
 
 // Bytes of one sample as ALSASetParams really configures it.
 constexpr int SampleBytes(int bitsPerSample) { return bitsPerSample == 32 ? 4 : 2; }
@@ -104,19 +100,14 @@ void Release(AudioCaptureALSAContext* ctx) {
     delete ctx;
 }
 
-void* AudioCaptureALSAThreadProc(void* param) {
-    auto* ctx = static_cast<AudioCaptureALSAContext*>(param);
-    prctl(PR_SET_NAME, "AudioCapture", 0, 0, 0);
-    t_current = ctx;
-    while (ctx->running.load(std::memory_order_relaxed) != 0) CaptureChunk(ctx);
-    t_current = nullptr;
-    if (ctx->destroyedInside) {
-        pthread_detach(pthread_self());
-        DropAndClosePcm(ctx->pcm);
-        Release(ctx);
-    }
-    return nullptr;
+void CloseAndRelease(AudioCaptureALSAContext* ctx) {
+    DropAndClosePcm(ctx->pcm);
+    Release(ctx);
 }
+
+constexpr qv::CaptureWays<AudioCaptureALSAContext> kWays = {"AudioCapture", CaptureChunk,
+                                                            CloseAndRelease};
+using Thread = qv::CaptureThread<AudioCaptureALSAContext, kWays>;
 
 // The buffer of the thread's life. False when a chunk is larger than the callback can be told.
 bool AllocateChunk(AudioCaptureALSAContext* ctx) {
@@ -128,17 +119,6 @@ bool AllocateChunk(AudioCaptureALSAContext* ctx) {
     ctx->chunkBytes = static_cast<int32_t>(frames * frameBytes);
     ctx->chunk = static_cast<unsigned char*>(calloc(1, static_cast<size_t>(ctx->chunkBytes)));
     return ctx->chunk != nullptr;
-}
-
-int StartThread(AudioCaptureALSAContext* ctx) {
-    ctx->running = 1;
-    ctx->hasThread = true;
-    // From here on the context belongs to the thread too: its callback may destroy it at once.
-    const int result = qv::CreateQuietThread(&ctx->thread, AudioCaptureALSAThreadProc, ctx);
-    if (result == 0) return 0;
-    ctx->running = 0;
-    ctx->hasThread = false;
-    return result;
 }
 
 }  // namespace
@@ -197,7 +177,7 @@ int AudioCaptureALSAStart(AudioCaptureALSAContext* ctx, const char* device, int 
     const int started = snd_pcm_start(pcm);
     if (started != 0) return started;
     if (!AllocateChunk(ctx)) return kFailed;
-    return StartThread(ctx);
+    return Thread::Start(ctx);
 }
 
 int AudioCaptureALSARead(snd_pcm_t* pcm, unsigned char* buffer, int frames) {
@@ -214,23 +194,14 @@ int AudioCaptureALSARead(snd_pcm_t* pcm, unsigned char* buffer, int frames) {
 
 void AudioCaptureALSAStop(AudioCaptureALSAContext* ctx) {
     if (ctx == nullptr) return;
-    ctx->running.store(0, std::memory_order_relaxed);
-    if (ctx == t_current) return;  // its own callback: no thread joins itself
-    if (ctx->hasThread) {
-        pthread_join(ctx->thread, nullptr);
-        ctx->hasThread = false;
-        ctx->thread = {};
-    }
+    if (Thread::IsInside(ctx)) return Thread::AskToEnd(ctx);
+    Thread::End(ctx);
     DropAndClosePcm(ctx->pcm);
 }
 
 void AudioCaptureALSADestroy(AudioCaptureALSAContext* ctx) {
     if (ctx == nullptr) return;
-    if (ctx == t_current) {
-        ctx->running.store(0, std::memory_order_relaxed);
-        ctx->destroyedInside = true;
-        return;
-    }
+    if (Thread::IsInside(ctx)) return Thread::ReleaseAfterCallback(ctx);
     if (ctx->hasThread) AudioCaptureALSAStop(ctx);  // else the thread would use freed memory
     Release(ctx);
 }

@@ -26,7 +26,7 @@ struct AudioCaptureALSAContext {
     std::atomic<int32_t> running;  // cleared to stop the thread
 
     bool hasThread;        // there is a thread to join; not touched by that thread
-    bool destroyedInside;  // its own callback destroyed the capture: the thread releases it
+    bool releasedInside;   // its own callback destroyed the capture: the thread releases it
     unsigned char* chunk;  // one chunk, reused for every callback
     int32_t chunkFrames;
     int32_t chunkBytes;

@@ -7,7 +7,6 @@
 #include <poll.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -16,7 +15,7 @@
 #include <cstring>
 #include <new>
 
-#include "base/QuietThread.h"
+#include "media/CaptureThread.h"
 
 namespace {
 
@@ -24,9 +23,6 @@ constexpr int kFailed = -1;
 constexpr int kClosed = -1;
 constexpr int kPollMs = 10;                // bounds how long a stop takes
 constexpr useconds_t kErrorPause = 10000;  // µs; an unplugged device is asked this rarely
-
-// The capture whose thread this is; null on every other thread.
-thread_local VideoCaptureV4L2Context* t_current = nullptr;
 
 v4l2_buffer Buffer(uint32_t index) {
     v4l2_buffer buffer{};
@@ -152,29 +148,14 @@ void Release(VideoCaptureV4L2Context* ctx) {
     delete ctx;
 }
 
-void* VideoCaptureV4L2ThreadProc(void* param) {
-    auto* ctx = static_cast<VideoCaptureV4L2Context*>(param);
-    prctl(PR_SET_NAME, "VideoCapture", 0, 0, 0);
-    t_current = ctx;
-    while (ctx->running.load(std::memory_order_relaxed) != 0) CaptureFrame(ctx);
-    t_current = nullptr;
-    if (ctx->closedInside) {
-        pthread_detach(pthread_self());
-        Unmap(ctx);
-        Release(ctx);
-    }
-    return nullptr;
+void UnmapAndRelease(VideoCaptureV4L2Context* ctx) {
+    Unmap(ctx);
+    Release(ctx);
 }
 
-bool StartThread(VideoCaptureV4L2Context* ctx) {
-    ctx->running = 1;
-    ctx->hasThread = true;
-    // From here on the context belongs to the thread too: its callback may close it at once.
-    if (qv::CreateQuietThread(&ctx->thread, VideoCaptureV4L2ThreadProc, ctx) == 0) return true;
-    ctx->running = 0;
-    ctx->hasThread = false;
-    return false;
-}
+constexpr qv::CaptureWays<VideoCaptureV4L2Context> kWays = {"VideoCapture", CaptureFrame,
+                                                            UnmapAndRelease};
+using Thread = qv::CaptureThread<VideoCaptureV4L2Context, kWays>;
 
 }  // namespace
 
@@ -213,7 +194,8 @@ void VideoCaptureV4L2SetCallback(VideoCaptureV4L2Context* ctx, QV_VIDEO_CAPTURE_
 int VideoCaptureV4L2Start(VideoCaptureV4L2Context* ctx) {
     if (ctx == nullptr || ctx->fd == kClosed || ctx->hasThread) return kFailed;
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
-    if (MapAndQueue(ctx) && v4l2_ioctl(ctx->fd, VIDIOC_STREAMON, &type) != -1 && StartThread(ctx))
+    if (MapAndQueue(ctx) && v4l2_ioctl(ctx->fd, VIDIOC_STREAMON, &type) != -1 &&
+        Thread::Start(ctx) == 0)
         return 0;
     Unmap(ctx);
     return kFailed;
@@ -221,23 +203,15 @@ int VideoCaptureV4L2Start(VideoCaptureV4L2Context* ctx) {
 
 void VideoCaptureV4L2Stop(VideoCaptureV4L2Context* ctx) {
     if (ctx == nullptr) return;
-    if (ctx == t_current) {  // its own callback: no thread joins itself
-        ctx->running.store(0, std::memory_order_relaxed);
-        return;
-    }
+    if (Thread::IsInside(ctx)) return Thread::AskToEnd(ctx);
     if (!ctx->hasThread) return;
-    ctx->running.store(0, std::memory_order_relaxed);
-    pthread_join(ctx->thread, nullptr);
-    ctx->hasThread = false;
-    ctx->thread = {};
+    Thread::End(ctx);
     Unmap(ctx);
 }
 
 void VideoCaptureV4L2Close(VideoCaptureV4L2Context* ctx) {
     if (ctx == nullptr) return;
+    if (Thread::IsInside(ctx)) return Thread::ReleaseAfterCallback(ctx);
     VideoCaptureV4L2Stop(ctx);
-    if (ctx == t_current)
-        ctx->closedInside = true;
-    else
-        Release(ctx);
+    Release(ctx);
 }

@@ -34,8 +34,8 @@ struct VideoCaptureV4L2Context {
     pthread_t thread;
     std::atomic<int32_t> running;  // cleared to stop the thread
 
-    bool hasThread;     // there is a thread to join; not touched by that thread
-    bool closedInside;  // its own callback closed the capture: the thread releases it
+    bool hasThread;       // there is a thread to join; not touched by that thread
+    bool releasedInside;  // its own callback closed the capture: the thread releases it
 };
 
 // One frame interval, as a duration in 100 ns units or as a fraction.
