@@ -55,7 +55,7 @@ std::string OpenAndAsk(Card& card) {
     errno = 0;
     QV_CHANNEL channel = QVOpenChannelByPath(card.path.c_str());
     if (channel == nullptr) return Because("cannot be opened", errno);
-    const std::string problem = Ask(channel, card);
+    std::string problem = Ask(channel, card);
     QVCloseChannel(channel);
     return problem;
 }

@@ -1,6 +1,8 @@
 // qvcap: the operator's companion of qvcap-upgrade. The commands are elsewhere; what they throw is
 // reported here.
 #include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
 #include <iostream>
 #include <new>
 
@@ -38,10 +40,7 @@ int Run(CLI::App& app, int argc, char** argv) {
     return Number(qvo::ExitStatus::kFailed);
 }
 
-}  // namespace
-
-int main(int argc, char** argv) {
-    qvo::OccupyStandardStreams();
+int RunQvcap(int argc, char** argv) {
     CLI::App app{"Says what firmware the capture cards have, and upgrades them unattended",
                  "qvcap"};
     app.set_version_flag("--version", "qvcap " QV_VERSION);
@@ -51,4 +50,16 @@ int main(int argc, char** argv) {
                "\nqvcap: run it with --help for more information\n";
     });
     return Run(app, argc, argv);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    qvo::OccupyStandardStreams();
+    try {
+        return RunQvcap(argc, argv);
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "qvcap: %s\n", error.what());
+        return Number(qvo::ExitStatus::kFailed);
+    }
 }

@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
-#include "QvcapProcess.h"
 #include "Digest.h"
+#include "QvcapProcess.h"
 #include "support/PackageBuilder.h"
 
 namespace qvtest {
@@ -235,9 +235,8 @@ TEST_F(BackupE2eTest, ItOnlyAsksAndReads) {
     rig.ClearJournal();
     ASSERT_EQ(0, Backup().status);
     for (const qvsim::JournalLine& line : rig.JournalLines())
-        EXPECT_THAT(line.request,
-                    testing::AnyOf("", "GetChannelInfo", "GetFamilyInfo", "GetFirmwareStorageInfo",
-                                   "ReadFirmwareData"));
+        EXPECT_THAT(line.request, testing::AnyOf("", "GetChannelInfo", "GetFamilyInfo",
+                                                 "GetFirmwareStorageInfo", "ReadFirmwareData"));
 }
 
 TEST_F(BackupE2eTest, WithoutACardItSaysSo) {

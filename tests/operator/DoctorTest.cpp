@@ -47,8 +47,8 @@ TEST_F(DoctorTest, SoundCardsOfTheFamiliesAreNamed) {
     ASSERT_EQ(1u, Of("sound").size());
     EXPECT_EQ(Severity::kNote, Of("sound")[0].severity) << "without any";
     std::ofstream(folder + "/proc/asound/cards")
-        << " 0 [PCH            ]: HDA-Intel - HDA Intel PCH\n"
-           "                      HDA Intel PCH at 0xe1438000 irq 145\n"
+        << " 0 [PCH            ]: Sim - Some Card\n"
+           "                      Some Card at 0xe1438000 irq 145\n"
            "11 [Capture        ]: USB-Audio - Tavo Capture HDMI\n"
            "                      Tavo Capture HDMI at usb\n"
            "no bracket Pelix Capture\n"

@@ -4,8 +4,8 @@
 #include <cerrno>
 #include <nlohmann/json.hpp>
 
-#include "QvcapProcess.h"
 #include "Digest.h"
+#include "QvcapProcess.h"
 #include "support/PackageBuilder.h"
 
 namespace qvtest {
