@@ -295,7 +295,9 @@ void FlashCard::Judge(const PackageContents& contents, Mode mode) {
                       state != State::kUnreadable;
     m_job.outcome = good ? Outcome::kDone : Outcome::kFailed;
     m_job.reason = good ? "" : m_job.verdict.reason;
-    if (!good && m_job.reason.empty()) m_job.reason = "the flash does not hold the package";
+    if (good) return;
+    if (m_job.reason.empty()) m_job.reason = "the flash does not hold the package";
+    m_job.reason += std::string(" (qvcap-upgrade says: ") + ResultText(m_job.tool.result) + ")";
 }
 
 void FlashCard::TellEnd() {
