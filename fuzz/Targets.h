@@ -20,10 +20,12 @@ void ReadDescription(const uint8_t* data, size_t size);  // qvftool's TOML descr
 void ParseScenario(const uint8_t* data, size_t size);    // scenario files of the simulation
 void ListDevices(const uint8_t* data, size_t size);      // arbitrary driver records and flash
 void RunCommandLine(const uint8_t* data, size_t size);   // arguments, then keys
+void JudgeFlash(const uint8_t* data, size_t size);       // qvcap's judge: any flash, any package
 
 inline constexpr Target kTargets[] = {
     {"package", LoadPackage},    {"qvftool", ReadPackage}, {"description", ReadDescription},
     {"scenario", ParseScenario}, {"devices", ListDevices}, {"commandline", RunCommandLine},
+    {"flash", JudgeFlash},
 };
 
 }  // namespace qvfuzz
