@@ -21,11 +21,13 @@ void ParseScenario(const uint8_t* data, size_t size);    // scenario files of th
 void ListDevices(const uint8_t* data, size_t size);      // arbitrary driver records and flash
 void RunCommandLine(const uint8_t* data, size_t size);   // arguments, then keys
 void JudgeFlash(const uint8_t* data, size_t size);       // qvcap's judge: any flash, any package
+void ParseOutput(const uint8_t* data, size_t size);      // the tool's output, read by qvcap
+void ReadHistoryFile(const uint8_t* data, size_t size);  // qvcap's history
 
 inline constexpr Target kTargets[] = {
-    {"package", LoadPackage},    {"qvftool", ReadPackage}, {"description", ReadDescription},
-    {"scenario", ParseScenario}, {"devices", ListDevices}, {"commandline", RunCommandLine},
-    {"flash", JudgeFlash},
+    {"package", LoadPackage},    {"qvftool", ReadPackage},    {"description", ReadDescription},
+    {"scenario", ParseScenario}, {"devices", ListDevices},    {"commandline", RunCommandLine},
+    {"flash", JudgeFlash},       {"tooloutput", ParseOutput}, {"history", ReadHistoryFile},
 };
 
 }  // namespace qvfuzz
