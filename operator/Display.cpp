@@ -43,7 +43,7 @@ std::string SizeText(uint64_t bytes) {
     return text;
 }
 
-std::string PlanText(const Event& event) {
+std::string PlanLine(const Event& event) {
     std::string text = Text(event, "card") + " " + Text(event, "product") +
                        Behind(" ", Text(event, "serial")) + ": ";
     const std::string action = Text(event, "action");
@@ -115,7 +115,7 @@ std::string PlainText(const Event& event) {
         return "run " + Text(event, "run") + " by " + Text(event, "who") + ", packages of " +
                Text(event, "packages") + dry;
     }
-    if (kind == "plan") return PlanText(event);
+    if (kind == "plan") return PlanLine(event);
     if (kind == "notice") return Text(event, "message");
     if (kind == "backup") return card + ": " + BackupText(event);
     if (kind == "card-begin")

@@ -188,7 +188,7 @@ TEST_F(ChildTest, HasASessionOfItsOwnNoInputAndAFileForItsOutput) {
         "[ $number = $group ] && [ $number = $session ] && echo own session";
     EXPECT_EQ(0, Shell(script).status);
     const std::string here = std::filesystem::canonical(folder.Path());
-    EXPECT_EQ("read 1\nerror\n" + here + "\n" + here + "/output\nown session\n", Output());
+    EXPECT_EQ("read 1\nerror\n" + here + "\n" + here + "/output\n" + "own session\n", Output());
 }
 
 TEST_F(ChildTest, IgnoresAllThatEndsAProgramButKill) {
