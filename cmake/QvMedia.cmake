@@ -1,4 +1,4 @@
-# qv_alsa and qv_v4l2: ALSA and libv4l2 for the word size being built.
+# qv_alsa, qv_v4l2 and qv_usb: ALSA, libv4l2 and libusb for the word size being built.
 #
 # A 64-bit build takes what the system has installed. A 32-bit build on a 64-bit system takes what
 # cmake/i386-root has unpacked, or i386 packages where they are installed. Libraries are taken by
@@ -25,6 +25,9 @@ function(qv_find_media target header file)
   find_library(${name}_FILE NAMES ${file} PATHS ${qv_media_lib_dirs} ${qv_media_search})
   mark_as_advanced(${name}_INCLUDE ${name}_FILE)
   if(NOT ${name}_INCLUDE OR NOT ${name}_FILE)
+    if("OPTIONAL" IN_LIST ARGN)
+      return()
+    endif()
     math(EXPR bits "${CMAKE_SIZEOF_VOID_P} * 8")
     message(FATAL_ERROR "${bits}-bit ${file} with ${header} not found: ${qv_media_advice}.")
   endif()
@@ -38,12 +41,18 @@ endfunction()
 
 qv_find_media(qv_alsa alsa/asoundlib.h libasound.so.2)
 qv_find_media(qv_v4l2 libv4l2.h libv4l2.so.0)
+# Of the example transport alone, which is left out without it; the library does not know it.
+qv_find_media(qv_usb libusb-1.0/libusb.h libusb-1.0.so.0 OPTIONAL)
 
 # Unpacked libraries are unknown to the loader, and libv4l2 brings further ones: the old kind of
 # run path is followed for those too. It is for running from the build tree; installing drops it.
 get_target_property(qv_v4l2_file qv_v4l2 IMPORTED_LOCATION)
 if(qv_v4l2_file MATCHES "^${QV_I386_ROOT}/")
   get_filename_component(qv_unpacked_dir ${qv_v4l2_file} DIRECTORY)
-  target_link_options(qv_v4l2 INTERFACE
-    -Wl,--disable-new-dtags -Wl,-rpath-link,${qv_unpacked_dir})
+  foreach(target IN ITEMS qv_v4l2 qv_usb)
+    if(TARGET ${target})
+      target_link_options(${target} INTERFACE
+        -Wl,--disable-new-dtags -Wl,-rpath-link,${qv_unpacked_dir})
+    endif()
+  endforeach()
 endif()

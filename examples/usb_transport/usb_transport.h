@@ -1,0 +1,17 @@
+/* The transport of usb_transport.c, for QVSetUSBTransport(); it wants no user. */
+#ifndef USB_TRANSPORT_H
+#define USB_TRANSPORT_H
+
+#include "QVCapture.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+extern const QV_USB_TRANSPORT usb_transport;
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
