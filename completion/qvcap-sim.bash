@@ -44,7 +44,7 @@ _qvcap_sim() {
     elif [[ $current == -* ]]; then
         local options='-h --help'
         [[ $subcommand == init ]] && options+=' --scenario --packages'
-        [[ $subcommand == usb ]] && options+=' --scenario --played'
+        [[ $subcommand == usb ]] && options+=' --scenario --played --state'
         [[ $subcommand == run ]] && options+=' --state --'
         [[ $subcommand == status || $subcommand == fault ]] && options+=' --json'
         [[ $subcommand == journal ]] && options+=' --json --follow --clear'

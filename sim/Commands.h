@@ -36,7 +36,8 @@ int FlashWriteCommand(const std::string& dir, const std::string& place, const st
 int ServeCommand(const std::string& dir);
 // Plugs the USB devices of a scenario into the running kernel and serves them until SIGTERM or
 // SIGINT; 1 when that cannot be. What is played to them goes to files in the folder `played`.
-int UsbCommand(const std::string& scenario, const std::string& played);  // either may be ""
+// Each may be "".
+int UsbCommand(const std::string& scenario, const std::string& played, const std::string& state);
 // Becomes `command`, with the cards of `dir` in its /dev and harmless stand-ins for the programs
 // that switch a machine off; returns only when that cannot be.
 int RunCommand(const std::string& dir, const std::vector<std::string>& command);

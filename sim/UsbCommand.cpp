@@ -29,7 +29,7 @@ usb::PluggedSpec Spec(const UsbPlan& plan) {
 
 }  // namespace
 
-int UsbCommand(const std::string& scenario, const std::string& played) {
+int UsbCommand(const std::string& scenario, const std::string& played, const std::string& state) {
     CardsPlan plan;
     std::string error = scenario.empty()
                             ? ParseScenario(kDefaultScenario, "default-scenario.toml", plan)
@@ -37,6 +37,8 @@ int UsbCommand(const std::string& scenario, const std::string& played) {
     if (!error.empty()) return Fail(error);
     if (!played.empty() && !std::filesystem::is_directory(played))
         return Fail(played + ": is no folder; make it, or leave --played away");
+    if (!state.empty() && !std::filesystem::is_directory(state))
+        return Fail(state + ": is no folder; make it, or leave --state away");
 
     const int stop = SignalsThatEnd();  // the devices are unplugged before the end
     if (stop < 0) return Fail(std::string("usb: ") + std::strerror(errno), kCannotServe);
@@ -48,10 +50,16 @@ int UsbCommand(const std::string& scenario, const std::string& played) {
     std::vector<usb::PluggedSpec> specs;
     for (const UsbPlan& device : plan.usbDevices) {
         specs.push_back(Spec(device));
-        if (specs.back().device.streams.empty() && specs.back().device.sizes.empty())
-            return Fail("usb: " + device.serial + " has neither sound nor camera: '" +
-                        device.product +
-                        "' is no model known here, name captures, playbacks or camera");
+        if (device.control) {
+            const auto number = static_cast<int>(specs.size()) - 1;
+            specs.back().device.control = usb::ControlModel::Make(device, number, state, error);
+            if (!error.empty()) return Fail("usb: " + error, kCannotServe);
+        } else if (specs.back().device.streams.empty() && specs.back().device.sizes.empty()) {
+            return Fail("usb: " + device.serial + " has neither sound, camera nor control: '" +
+                            device.product +
+                            "' is no model known here, name captures, playbacks, camera or control",
+                        kBadInput);
+        }
     }
     const auto report = [](const std::string& line) {
         std::printf("%s\n", line.c_str());

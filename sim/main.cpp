@@ -56,7 +56,9 @@ int main(int argc, char** argv) {
         "Needs root and the modules vhci-hcd, snd-usb-audio, uvcvideo");
     usb->add_option("--scenario", scenario, "TOML file; without it one device");
     usb->add_option("--played", dir, "folder for what is played to the devices");
-    usb->callback([&] { status = qvsim::UsbCommand(scenario, dir); });
+    std::string usbState;
+    usb->add_option("--state", usbState, "folder for the flash of devices that are controlled");
+    usb->callback([&] { status = qvsim::UsbCommand(scenario, dir, usbState); });
     bool json = false;
     auto* show = app.add_subcommand("status", "show boards, channels, versions and power");
     show->add_option("DIR", dir, "folder with the cards")->required();

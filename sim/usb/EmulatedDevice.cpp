@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "ControlRequests.h"
+
 namespace qvsim::usb {
 namespace {
 
@@ -36,11 +38,13 @@ EmulatedDevice::EmulatedDevice(DeviceSpec spec, AudioFunction::Listener listener
             std::make_unique<AudioFunction>(spec_.streams, numbers_, std::move(listener)));
     if (!spec_.sizes.empty())
         functions_.push_back(std::make_unique<VideoFunction>(spec_.sizes, spec_.product, numbers_));
+    const uint8_t control = spec_.control ? numbers_.Interface() : uint8_t{0};
     Bytes inner;
     constexpr size_t kTotalAt = 2;
     AppendDescriptor(inner, kConfigurationDescriptor,
                      {Half(0), numbers_.Interfaces(), 1, 0, 0x80, 50});
     for (const auto& function : functions_) function->Describe(inner);
+    if (spec_.control) DescribeControl(control, inner);
     AppendWithTotal(described_, std::move(inner), kTotalAt);
 }
 
@@ -114,6 +118,8 @@ std::optional<Bytes> EmulatedDevice::Control(const Setup& setup, const Bytes& da
         // Setting and getting have different numbers; a request that says both is neither.
         if (function && reads == ((setup.request & 0x80) != 0))
             answer = function->Control(setup, data);
+    } else if ((setup.type & kKind) == kVendorRequest && spec_.control) {
+        answer = ControlRequest(*spec_.control, setup, data);
     }
     if (answer && answer->size() > setup.length) answer->resize(setup.length);
     return answer;

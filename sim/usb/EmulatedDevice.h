@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "AudioFunction.h"
+#include "ControlModel.h"
 #include "UsbFunction.h"
 #include "VideoFunction.h"
 
@@ -19,6 +20,8 @@ struct DeviceSpec {
     std::string serial;
     std::vector<StreamSpec> streams;  // empty: no sound card
     std::vector<SizeSpec> sizes;      // empty: no camera
+    // What outlives being pulled out; null: cannot be controlled.
+    std::shared_ptr<ControlModel> control = {};
 };
 
 class EmulatedDevice {

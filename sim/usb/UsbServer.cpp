@@ -79,6 +79,8 @@ std::string UsbServer::PlugIn(Plug& plug) {
         return error;
     }
     plug.socket = ends[0];
+    if (plug.spec.device.control && plug.plugged) plug.spec.device.control->PowerCycle();
+    plug.plugged = true;
     plug.device = std::make_unique<EmulatedDevice>(plug.spec.device, ListenerFor(plug.spec.device));
     // One order at a time: what comes meanwhile waits.
     const int orders = std::exchange(orders_, -1);
@@ -144,7 +146,10 @@ void UsbServer::ServeSocket(Plug& plug) {
     Bytes out;
     const bool understood =
         n > 0 && plug.device->Receive(bytes, static_cast<size_t>(n), Now(), out);
-    if (understood && Send(plug, out)) return;
+    const bool sent = understood && Send(plug, out);
+    if (const auto& control = plug.spec.device.control; control && !control->Present())
+        return GiveUp(plug, "gone");
+    if (sent) return;
     GiveUp(plug, n > 0 && !understood ? "not understood" : "given up by the kernel");
 }
 

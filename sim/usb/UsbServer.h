@@ -50,6 +50,7 @@ class UsbServer {
         std::unique_ptr<EmulatedDevice> device;  // null: unplugged
         int socket = -1;
         int port = -1;
+        bool plugged = false;  // was once
     };
 
     std::string PlugIn(Plug& plug);

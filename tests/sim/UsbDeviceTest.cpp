@@ -49,6 +49,21 @@ class UsbDeviceTest : public testing::Test {
         device->Advance(now, out);
     }
 
+    // A device that is controlled.
+    ControlModel& MakeControlled() {
+        UsbPlan plan;
+        plan.control.emplace();
+        plan.serial = "S1";
+        std::string error;
+        control = ControlModel::Make(plan, 0, "", error);
+        EXPECT_EQ("", error);
+        device =
+            std::make_unique<EmulatedDevice>(DeviceSpec{"Card", "S1", {}, {}, control},
+                                             [](const std::string&, const uint8_t*, size_t) {});
+        return *control;
+    }
+
+    std::shared_ptr<ControlModel> control;
     std::unique_ptr<EmulatedDevice> device;
     Micros now = 1000000;
     Bytes out;
@@ -484,6 +499,59 @@ TEST_F(UsbCameraTest, PictureControlsAreKeptWithinTheirRanges) {
         EXPECT_EQ(high, value(0x81, selector)) << "as before";
     }
     EXPECT_EQ(-32000, value(0x81, 4)) << "no such control";
+}
+
+// ---- commands on endpoint 0
+
+TEST_F(UsbDeviceTest, AControlledDeviceHasAnInterfaceOfItsOwnWithoutEndpoints) {
+    MakeControlled();
+    EXPECT_THAT(Read(0x80, 6, 0x0200, 0, 4096).data,
+                ElementsAre(9, 2, 18, 0, 1, 1, 0, 0x80, 50, 9, 4, 0, 0, 0, 0xFF, 0, 0, 0));
+}
+
+TEST_F(UsbDeviceTest, CommandsAreGotSetAndAnsweredByRequests) {
+    MakeControlled();
+    EXPECT_EQ(224u, Read(0xC0, 1, 0x01, 0, 224).data.size());
+    EXPECT_EQ(0, Write(0x40, 2, 0x0E, 0, {1, 2, 3, 4}));
+    EXPECT_THAT(Read(0xC0, 1, 0x0E, 0, 4).data, ElementsAre(1, 2, 3, 4));
+    EXPECT_EQ(0, Write(0x40, 2, 0xF1, 0, {0, 0x40, 0, 0, 0, 0x10, 0, 0}));
+    for (const int busy : {1, 0}) {
+        EXPECT_EQ(0, Write(0x40, 2, 0xF4, 0, {0}));
+        EXPECT_THAT(Read(0xC0, 3, 0xF4, 0, 1).data, ElementsAre(busy));
+    }
+    EXPECT_EQ(-32, Read(0xC0, 3, 0xF4, 0, 1).status) << "fetched already";
+}
+
+TEST_F(UsbDeviceTest, FirmwareIsWrittenAndReadByRequests) {
+    ControlModel& model = MakeControlled();
+    Bytes packet(2056);
+    packet[1] = 0x40;  // address 0x4000
+    packet[4] = 3;     // bytes
+    packet[8] = 0x11, packet[9] = 0x22, packet[10] = 0x33;
+    EXPECT_EQ(0, Write(0x40, 2, 0xF3, 0, packet));
+    EXPECT_EQ(-32, Write(0x40, 2, 0xF3, 0, packet)) << "busy";
+    Write(0x40, 2, 0xF4, 0, {0});
+    EXPECT_EQ(0, Write(0x40, 2, 0xF2, 0, {0, 0x40, 0, 0}));
+    const Bytes wanted = packet;
+    packet[8] = packet[9] = packet[10] = 0;
+    EXPECT_EQ(0, Write(0x40, 2, 0xF3, 0, packet));
+    EXPECT_THAT(Read(0xC0, 3, 0xF3, 0, 2056).data, ElementsAreArray(wanted));
+    EXPECT_THAT(model.Transfers(), ElementsAre("write 0x4000+3", "write 0x4000+3", "poll",
+                                               "address 0x4000", "read 0x4000+3"));
+}
+
+TEST_F(UsbDeviceTest, WhatIsNoCommandStalls) {
+    MakeControlled();
+    EXPECT_EQ(-32, Read(0xC0, 1, 0x01, 0, 223).status) << "another size";
+    EXPECT_EQ(-32, Read(0xC0, 1, 0x06, 0, 1).status) << "no such command";
+    EXPECT_EQ(-32, Read(0xC0, 1, 0x101, 0, 224).status);
+    EXPECT_EQ(-32, Read(0xC0, 2, 0x0E, 0, 4).status) << "a set that reads";
+    EXPECT_EQ(-32, Read(0xC1, 1, 0x01, 0, 224).status) << "to an interface";
+    EXPECT_EQ(-32, Write(0x40, 1, 0x0E, 0, {1, 2, 3, 4})) << "a get that writes";
+    EXPECT_EQ(-32, Write(0x40, 2, 0x0E, 0, {1, 2, 3}));
+    EXPECT_EQ(-32, Write(0x40, 2, 0x01, 0, Bytes(224))) << "cannot be set";
+    Make({{"Mic", true}}, {});
+    EXPECT_EQ(-32, Read(0xC0, 1, 0x01, 0, 224).status) << "not controlled";
 }
 
 }  // namespace
