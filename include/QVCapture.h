@@ -1,6 +1,10 @@
 /** @file
  * The capture-device library: instance, list of channels, opening, identity and firmware.
  *
+ * Drives Pelix and Lumo Capture cards through their kernel driver. Tavo Capture USB devices are
+ * driven when the program supplies the transfers to them, see QVCaptureUSB.h; until then none is
+ * listed. Their sound and pictures go through the kernel's own drivers, see QVCaptureMedia.h.
+ *
  * Includes the whole public interface. Plain C functions with unmangled names; compiles as C99 and
  * as C++17. Nothing is printed and no exception leaves a function.
  *
@@ -8,6 +12,9 @@
  * - QV_RESULT_OK: done; on every other result out-parameters are untouched
  * - QV_RESULT_FAILED: the driver or device refused, or has no such operation
  * - QV_RESULT_BAD_ARGUMENT: null channel or pointer, index out of range, channel closed
+ *
+ * Of a USB channel QVGetVideoInputSourceArray(), QVGetAudioInputSourceArray() and
+ * QVGetVideoInputAspectRatio() write after a failure, too; they say what.
  *
  * After QV_RESULT_FAILED of an operation that is one request to a card's driver, errno holds the
  * driver's reason. It holds nothing of use after any other failure: what the channel worker does

@@ -90,7 +90,8 @@ enum { QV_RESOLUTION_MODE_RANGE = 0, QV_RESOLUTION_MODE_LIST = 1 };
 /* ---- Path of a channel ------------------------------------------------------------------- */
 
 /** Finds the video node of a channel: of a PCIe channel the path that QVOpenChannelByPath() was
- * given, of a USB channel its V4L2 node.
+ * given, of a USB channel its V4L2 node, which is looked up by the serial number; one of more than
+ * 31 characters is not found.
  * @param[out] path  at least 512 bytes; empty on failure
  * @retval QV_RESULT_FAILED null argument, unknown family, no node; also for a channel from
  *         QVOpenChannel(), which keeps no path
@@ -164,7 +165,8 @@ QV_API QV_RESULT QVGetVideoProcParamRange(QV_VIDEO_CAPTURE capture,
 
 /** Finds the channel's sound card and starts capturing from it in chunks of 10 ms.
  * @param[in] node           USB channels: 0, 1 HDMI or SDI or DVI, 2 microphone, 3 computer, 4 line
- *                           in, more as 0; ignored for PCIe channels
+ *                           in, more as 0: not the audio node of QVSetAudioVolume(); ignored for
+ *                           PCIe channels
  * @param[in] sampleRate     Hz, at least 1000
  * @param[in] bitsPerSample  32; everything else captures 16
  * @return the capture, or null with nothing left behind
@@ -181,13 +183,16 @@ QV_API QV_RESULT QVDestoryAudioCapture(QV_AUDIO_CAPTURE capture);
 
 /** Sets volume and mute of the channel's sound card. PCIe channels: every capture channel of the
  * card's first mixer element, @p node ignored, minimum and maximum of the record are set to 0 and
- * 100. USB channels: the first channelCount entries on @p node.
+ * 100. USB channels: the first channelCount entries on @p node, which is an audio node as
+ * _QVCAP_USB_AUDIO_NODE numbers them, 0 to 7, and not the number that QVCreateAudioCapture() takes.
  * @retval QV_RESULT_FAILED null argument, no card, no such node, or the card refused
  * @threads one thread for all channels: sound cards are looked up in one table */
 QV_API QV_RESULT QVSetAudioVolume(QV_CHANNEL channel, unsigned int node,
                                   _QVCAP_AUDIO_VOLUME* volume);
 
-/** Reads what QVSetAudioVolume() sets; channelCount tells how many entries are valid.
+/** Reads what QVSetAudioVolume() sets; channelCount tells how many entries are valid. Not so of a
+ * USB channel: what is set goes to its sound card, what is read is what the device itself says of
+ * @p node, in a unit of its own, and the two need not agree.
  * Results as there. @threads as there */
 QV_API QV_RESULT QVGetAudioVolume(QV_CHANNEL channel, unsigned int node,
                                   _QVCAP_AUDIO_VOLUME* volume);

@@ -17,7 +17,9 @@ extern "C" {
 /** Lists the selectable inputs.
  * @param[out]    sources  room for *count 32-bit source codes
  * @param[in,out] count    capacity in, number of sources out
- * @retval QV_RESULT_FAILED  also when a PCIe channel has more sources than fit; count unchanged */
+ * @retval QV_RESULT_FAILED  also when a PCIe channel has more sources than fit; count unchanged
+ *
+ * A USB channel writes after a failure, too: the count's low byte or 16, and as many zeros. */
 QV_API QV_RESULT QVGetVideoInputSourceArray(QV_CHANNEL channel, unsigned int* sources,
                                             unsigned int* count);
 /** Lists the selectable audio inputs; as QVGetVideoInputSourceArray(). */
@@ -72,7 +74,8 @@ QV_API QV_RESULT QVGetHDMIInfoFramePacket(QV_CHANNEL channel, _QVCAP_HDMI_INFOFR
 
 /** Sets the aspect ratio that is assumed of the input, @p x to @p y. */
 QV_API QV_RESULT QVSetVideoInputAspectRatio(QV_CHANNEL channel, int x, int y);
-/** Reads the aspect ratio that is assumed of the input. A USB channel skips null pointers. */
+/** Reads the aspect ratio that is assumed of the input. A USB channel skips null pointers,
+ * and writes zeros after a failure. */
 QV_API QV_RESULT QVGetVideoInputAspectRatio(QV_CHANNEL channel, int* x, int* y);
 /** Sets the colour format that is assumed of the input. */
 QV_API QV_RESULT QVSetVideoInputColorFormat(QV_CHANNEL channel, _QVCAP_VIDEO_COLOR_FORMAT format);
