@@ -8,6 +8,7 @@
 #include "Journal.h"
 #include "Json.h"
 #include "Model.h"
+#include "OpenRecord.h"
 
 namespace qvsim {
 namespace {
@@ -75,6 +76,7 @@ int JournalCommand(const std::string& dir, bool json, bool follow, bool clear) {
     uint64_t last = 0;
     uint64_t printed = 0;
     do {
+        CloseForTheDead(dir);
         const uint64_t seen = LoadShared(folder->Page().journalBytes);
         if (seen != printed || !follow) error = PrintNews(dir, json, last);
         printed = seen;

@@ -31,7 +31,7 @@ bool WriteAt(int fd, const uint8_t* data, size_t size, size_t offset) {
 }  // namespace
 
 ByteStore::~ByteStore() {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0) CloseOwn(fd_);
 }
 
 std::string ByteStore::Open(const std::string& path, bool readOnly) {

@@ -2,8 +2,6 @@
 // Plain data, covered by the model's lock.
 #pragma once
 
-#include <unistd.h>
-
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -13,6 +11,7 @@
 #include "Capture.h"
 #include "CardsState.h"
 #include "DeviceClock.h"
+#include "Files.h"
 #include "NorFlash.h"
 #include "Settings.h"
 
@@ -48,7 +47,7 @@ struct Channel {
 };
 
 inline Channel::~Channel() {
-    if (settingsFile >= 0) close(settingsFile);
+    if (settingsFile >= 0) CloseOwn(settingsFile);
 }
 
 enum class NodeKind { kChannel, kEvents, kForeign };
@@ -58,6 +57,7 @@ struct OpenFile {
     NodeKind kind = NodeKind::kForeign;
     Channel* channel = nullptr;
     std::string path;
+    std::string record;  // its file among the folder's opens, see OpenRecord.h; empty: none
 };
 
 }  // namespace qvsim

@@ -11,6 +11,7 @@
 #include <functional>
 #include <map>
 #include <mutex>
+#include <new>
 #include <utility>
 #include <vector>
 
@@ -64,6 +65,8 @@ class EventTable {
     using Veto = std::function<bool(const char* signal, const Channel* channel)>;
     void SetVeto(Veto veto) { veto_ = std::move(veto); }
     HandlePool& Handles() { return handles_; }
+    // In a child after fork(): who waits, waits in the parent.
+    void BeginInChild() { new (&changed_) std::condition_variable; }
 
   private:
     Answer Poll(const std::vector<uint64_t>& events) const;

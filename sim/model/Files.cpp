@@ -4,21 +4,45 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdio>
 
 namespace qvsim {
+
+namespace {
+
+constexpr int kFirstNumber = 700;
+constexpr int kKnownNumbers = 4096;
+constinit std::atomic<bool> g_own[kKnownNumbers];
+
+std::atomic<bool>* OwnMark(int fd) {
+    const int index = fd - kFirstNumber;
+    return index >= 0 && index < kKnownNumbers ? &g_own[index] : nullptr;
+}
+
+}  // namespace
+
+bool IsOwn(int fd) {
+    const std::atomic<bool>* const mark = OwnMark(fd);
+    return mark && mark->load(std::memory_order_relaxed);
+}
+
+int CloseOwn(int fd) {
+    if (std::atomic<bool>* const mark = OwnMark(fd)) mark->store(false);
+    return close(fd);
+}
 
 int OpenOutOfTheWay(const std::string& path, int flags) {
     return OutOfTheWay(open(path.c_str(), flags | O_CLOEXEC, 0666));
 }
 
 int OutOfTheWay(int fd) {
-    constexpr int kFirstNumber = 700;
     if (fd < 0) return fd;
     const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstNumber);
     if (moved < 0) return fd;  // a low limit: better in the way than not at all
     close(fd);
+    if (std::atomic<bool>* const mark = OwnMark(moved)) mark->store(true);
     return moved;
 }
 
@@ -45,7 +69,7 @@ bool AppendText(const std::string& path, const std::string& text) {
     const int error = errno;
     // What was written of a text that does not fit is taken back.
     if (!written && ftruncate(fd, before.st_size) != 0) written = false;
-    const bool closed = close(fd) == 0;
+    const bool closed = CloseOwn(fd) == 0;
     if (!written) errno = error;
     return written && closed;
 }

@@ -12,6 +12,11 @@ namespace qvsim {
 int OpenOutOfTheWay(const std::string& path, int flags);
 // The same for a descriptor that is open already; takes `fd`, which may be -1.
 int OutOfTheWay(int fd);
+// Closes a descriptor of one of these two.
+int CloseOwn(int fd);
+// It is one of these, and is open: a program that closes all descriptors it can think of has never
+// had this one.
+bool IsOwn(int fd);
 
 bool WriteAll(int fd, const void* data, size_t size);
 

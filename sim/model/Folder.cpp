@@ -60,7 +60,7 @@ std::unique_ptr<Folder> Folder::Open(const std::string& dir, std::string& error)
 
 Folder::~Folder() {
     if (page_) munmap(page_, sizeof *page_);
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0) CloseOwn(fd_);
 }
 
 void Folder::Acquire() {
@@ -68,7 +68,7 @@ void Folder::Acquire() {
     if (const int me = getpid(); me != owner_) {
         const int mine = OpenOutOfTheWay(PagePath(dir_), O_RDWR);
         if (mine >= 0) {
-            close(fd_);
+            CloseOwn(fd_);
             fd_ = mine;
             owner_ = me;
         }

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <new>
 #include <utility>
 
 #include "Picture.h"
@@ -46,6 +47,13 @@ void FrameWriter::Stop() {
         changed_.notify_all();
     }
     if (thread_.joinable()) thread_.join();
+}
+
+void FrameWriter::BeginInChild() {
+    new (&changed_) std::condition_variable;
+    new (&thread_) std::thread;
+    jobs_.clear();
+    drawing_ = nullptr;
 }
 
 void FrameWriter::Work() {

@@ -32,6 +32,8 @@ class FrameWriter {
     void Cancel(Lock& lock, const Channel& channel);
     // Pictures of the channel that are not done: queued, or in work.
     size_t InWork(const Channel& channel) const;
+    // In a child after fork(): the thread and the callers' memory are the parent's.
+    void BeginInChild();
     // Called without the lock: ends the thread, what is queued stays unwritten.
     void Stop();
 

@@ -163,7 +163,7 @@ std::string ClearJournal(Folder& folder) {
 }
 
 Journal::~Journal() {
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0) CloseOwn(fd_);
 }
 
 std::string Journal::Open(Folder& folder, uint32_t limit) {
@@ -178,7 +178,7 @@ bool Journal::Reopen() {
     const int fd = OpenOutOfTheWay(JournalPath(folder_->Dir()), O_WRONLY | O_CREAT | O_APPEND);
     struct stat status {};
     if (fd < 0 || fstat(fd, &status) != 0) return false;
-    if (fd_ >= 0) close(fd_);
+    if (fd_ >= 0) CloseOwn(fd_);
     fd_ = fd;
     epoch_ = LoadShared(folder_->Page().journalEpoch);
     if (status.st_size == 0 && !WriteAll(fd_, kHead, kHeadSize)) return false;
@@ -216,13 +216,13 @@ bool Journal::HasRoom() {
     return true;
 }
 
-void Journal::Write(const std::string& what, const Answer& answer) {
+void Journal::Write(const std::string& what, const Answer& answer, int pid) {
     if (fd_ < 0) return;
     LivePage& page = folder_->Page();
     if (epoch_ != LoadShared(page.journalEpoch)) Reopen();
     const uint64_t sequence = CountShared<uint64_t>(page.sequence);
-    std::string line = std::to_string(sequence) + " " + std::to_string(getpid()) + " " + what +
-                       " = " + std::to_string(answer.error ? -1 : answer.value);
+    std::string line = std::to_string(sequence) + " " + std::to_string(pid ? pid : getpid()) + " " +
+                       what + " = " + std::to_string(answer.error ? -1 : answer.value);
     if (answer.error) line += " " + ErrorName(answer.error);
     line += "\n";
     CountShared<uint64_t>(page.journalBytes, line.size());

@@ -55,7 +55,8 @@ class Journal {
     // Room for what one request can write. False: the disk is full, see errno.
     bool HasRoom();
     // `what` is everything between process and result.
-    void Write(const std::string& what, const Answer& answer);
+    // The process is this one, or, by number, one that cannot do it itself.
+    void Write(const std::string& what, const Answer& answer, int pid = 0);
 
   private:
     bool Reopen();

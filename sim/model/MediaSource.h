@@ -61,6 +61,7 @@ class MediaSource {
 
     // Lets everything happen that is due; clock units until the next such thing, if any.
     std::optional<int64_t> Run(const std::vector<std::unique_ptr<Channel>>& channels, int64_t now);
+    void BeginInChild() { writer_.BeginInChild(); }
     // Without the lock.
     void Stop() { writer_.Stop(); }
 

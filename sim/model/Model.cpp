@@ -9,10 +9,12 @@
 #include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <new>
 #include <utility>
 
 #include "FirmwareImage.h"
 #include "Hex.h"
+#include "OpenRecord.h"
 
 namespace qvsim {
 namespace {
@@ -55,7 +57,9 @@ std::shared_ptr<Model> Model::Load(const std::string& dir, std::string& error) {
     error = LoadState(dir, model->state_);
     if (error.empty()) error = model->Build();
     if (error.empty()) error = model->journal_.Open(*model->folder_, model->state_.journalLimit);
-    return error.empty() ? model : nullptr;
+    if (!error.empty()) return nullptr;
+    if (model->journal_.HasRoom()) CloseForTheDead(*model->folder_, model->journal_);
+    return model;
 }
 
 std::shared_ptr<Model> Model::InMemory(CardsState state, std::string& error) {
@@ -137,7 +141,7 @@ std::string Model::LoadSettings(Channel& channel) const {
     channel.settingsSeen = LoadShared(SettingsGeneration(channel));
     const std::string text = ReadText(SettingsPath(channel));
     channel.settingsBytes = text.size();
-    if (channel.settingsFile >= 0) close(std::exchange(channel.settingsFile, -1));
+    if (channel.settingsFile >= 0) CloseOwn(std::exchange(channel.settingsFile, -1));
     const int line = channel.settings.Load(text);
     if (line == 0) return {};
     return SettingsPath(channel) + ":" + std::to_string(line) + ": not a line of a settings file";
@@ -154,7 +158,7 @@ bool Model::OpenSettings(Channel& channel) const {
         if (!ReplaceFile(SettingsPath(channel), text)) return false;
         channel.settingsBytes = text.size();
     }
-    if (channel.settingsFile >= 0) close(channel.settingsFile);
+    if (channel.settingsFile >= 0) CloseOwn(channel.settingsFile);
     channel.settingsFile = OpenOutOfTheWay(SettingsPath(channel), O_WRONLY | O_APPEND);
     return channel.settingsFile >= 0;
 }
@@ -166,7 +170,7 @@ bool Model::KeepSettings(Channel* channel) {
     const Folder::Lock lock(folder_.get());
     const bool stale = channel->settingsSeen != LoadShared(SettingsGeneration(*channel));
     // Another process may have put another file in its place.
-    if (stale && channel->settingsFile >= 0) close(std::exchange(channel->settingsFile, -1));
+    if (stale && channel->settingsFile >= 0) CloseOwn(std::exchange(channel->settingsFile, -1));
     if (stale) channel->settingsBytes = ReadText(SettingsPath(*channel)).size();
     bool kept = OpenSettings(*channel);
     if (kept && !WriteAll(channel->settingsFile, changes.data(), changes.size())) {
@@ -331,7 +335,7 @@ std::shared_ptr<OpenFile> Model::Open(const std::string& path, int& error) {
                 : OpenFault(effects, owner);
     if (shutDown_) error = ENODEV;
     if (error) return nullptr;
-    files_.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, path}));
+    files_.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, path, {}}));
     std::shared_ptr<OpenFile> file = files_.back();
     Kick();  // a signal's script may have begun
     return file;
@@ -362,6 +366,50 @@ void Model::JournalOpen(const std::string& path, int descriptor, int error) {
         journal_.Write("open " + path + " fd=" + std::to_string(descriptor), Ok());
 }
 
+int Model::MakeDescriptor(int flags, std::string& record) {
+    const std::lock_guard lock(mutex_);
+    if (folder_) return MakeOpenRecord(*folder_, flags, record);
+    return open("/dev/null", flags & (O_ACCMODE | O_NONBLOCK | O_CLOEXEC | O_APPEND));
+}
+
+void Model::DropDescriptor(const std::string& record) {
+    const std::lock_guard lock(mutex_);
+    if (folder_) EndOpenRecord(*folder_, record);
+}
+
+void Model::JournalOpen(OpenFile& file, const std::string& record, int descriptor) {
+    JournalOpen(file.path, descriptor, 0);
+    const std::lock_guard lock(mutex_);
+    file.record = record;
+    if (folder_) NameOpenRecord(*folder_, file.record, {file.path, getpid(), descriptor});
+}
+
+std::shared_ptr<OpenFile> Model::Adopt(const std::string& link) {
+    const std::lock_guard lock(mutex_);
+    OpenRecord record;
+    if (!folder_ || !ParseOpenRecord(folder_->Dir(), link, record)) return nullptr;
+    for (const auto& file : files_)
+        if (file->record == link) return file;
+    Channel* const owner = ChannelOfNode(record.node);
+    const NodeKind kind = record.node == kEventPath ? NodeKind::kEvents
+                          : owner                   ? NodeKind::kChannel
+                                                    : NodeKind::kForeign;
+    files_.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, record.node, link}));
+    return files_.back();
+}
+
+void Model::BeginInChild() {
+    // None of them is in use, and none of what they know is true here.
+    new (&timeChanged_) std::condition_variable;
+    new (&timekeeper_) std::thread;
+    events_.BeginInChild();
+    media_.BeginInChild();
+    for (const auto& channel : channels_) {
+        channel->video.waiting.clear();
+        channel->video.late.clear();
+    }
+}
+
 void Model::Close(const std::shared_ptr<OpenFile>& file, int descriptor) {
     Lock lock(mutex_);
     if (file->channel) media_.DropOwner(lock, *file->channel, file.get());
@@ -369,7 +417,7 @@ void Model::Close(const std::shared_ptr<OpenFile>& file, int descriptor) {
     timers_.DropOwner(file.get());
     events_.DropOwner(file.get());
     std::erase(files_, file);
-    if (!journal_.IsOpen()) return;
+    if (!journal_.IsOpen() || !EndOpenRecord(*folder_, file->record)) return;
     journal_.Write("close " + file->path + " fd=" + std::to_string(descriptor), Ok());
 }
 

@@ -63,6 +63,20 @@ class Model {
     // Null and an errno when the node cannot be opened. `descriptor` is for the journal alone.
     std::shared_ptr<OpenFile> Open(const std::string& path, int& error);
     void JournalOpen(const std::string& path, int descriptor, int error);
+    // A descriptor for a file that is to be opened, with these flags of open(2), or -1 and errno;
+    // see OpenRecord.h. It is dropped, closed already, or given to the file by JournalOpen().
+    int MakeDescriptor(int flags, std::string& record);
+    void DropDescriptor(const std::string& record);
+    void JournalOpen(OpenFile& file, const std::string& record, int descriptor);
+    // What a descriptor stands for that this process was started with: its link in /proc. Null when
+    // it is no node.
+    std::shared_ptr<OpenFile> Adopt(const std::string& link);
+    // In a child after fork(), by the thread that called it, with the lock held: the threads are
+    // the parent's, and so is the frame memory.
+    void BeginInChild();
+    // Empty: in memory alone.
+    std::string Dir() const { return folder_ ? folder_->Dir() : std::string(); }
+    // The last descriptor of the file in this process is closed.
     void Close(const std::shared_ptr<OpenFile>& file, int descriptor);
 
     // --- for tests and the command line ----------------------------------------------------

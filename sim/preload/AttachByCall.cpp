@@ -24,6 +24,13 @@ std::shared_ptr<Model> CurrentModel() {
     return current.model;
 }
 
+std::shared_ptr<Model> door::HoldAttachment() {
+    TheCurrent().lock.lock();
+    return TheCurrent().model;
+}
+
+void door::ReleaseAttachment() { TheCurrent().lock.unlock(); }
+
 std::string Attach(const std::string& dir) {
     Detach();
     std::string error;

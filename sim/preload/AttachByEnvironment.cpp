@@ -1,24 +1,44 @@
 // The preload object: the cards of the directory that QVSIM_STATE names, loaded when the process
 // first touches a simulated node, so that every other program under the door stays as it is.
+#include <atomic>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 
 #include "Door.h"
+#include "Inside.h"
 
 namespace qvsim {
 namespace {
 
 // Deliberate: never destroyed, the process's own exit handlers may still use a card.
-std::shared_ptr<Model>* LoadByEnvironment() {
+struct Cards {
+    std::mutex loading;
+    std::atomic<bool> loaded{false};
+    std::shared_ptr<Model> model;
+};
+
+Cards& TheCards() {
+    static Cards& cards = *new Cards;
+    return cards;
+}
+
+std::shared_ptr<Model> LoadByEnvironment() {
     const char* dir = std::getenv("QVSIM_STATE");
-    if (!dir || !*dir) return new std::shared_ptr<Model>;
+    if (!dir || !*dir) return nullptr;
     std::string error;
-    auto* model = new std::shared_ptr<Model>(Model::Load(dir, error));
-    if (!*model) {
+    std::shared_ptr<Model> model = Model::Load(dir, error);
+    if (!model) {
         std::fprintf(stderr, "qvcap-sim: no simulated cards: %s\n", error.c_str());
         std::_Exit(2);
     }
     return model;
+}
+
+// A program that another one has become, or was started by, may have nodes open already.
+__attribute__((constructor)) void TakeOver() {
+    const char* const dir = std::getenv("QVSIM_STATE");
+    if (dir && *dir) door::AdoptInherited();
 }
 
 // The last thing that a process does with its cards.
@@ -29,8 +49,21 @@ __attribute__((destructor)) void CloseAtExit() {
 }  // namespace
 
 std::shared_ptr<Model> CurrentModel() {
-    static const std::shared_ptr<Model>& model = *LoadByEnvironment();
-    return model;
+    Cards& cards = TheCards();
+    if (!cards.loaded.load(std::memory_order_acquire)) {
+        const door::Inside inside;
+        const std::lock_guard lock(cards.loading);
+        if (!cards.loaded.load(std::memory_order_relaxed)) cards.model = LoadByEnvironment();
+        cards.loaded.store(true, std::memory_order_release);
+    }
+    return cards.model;
 }
+
+std::shared_ptr<Model> door::HoldAttachment() {
+    TheCards().loading.lock();
+    return TheCards().model;
+}
+
+void door::ReleaseAttachment() { TheCards().loading.unlock(); }
 
 }  // namespace qvsim

@@ -1,4 +1,4 @@
-// The libc functions that a program reaches a device node with, defined anew: what concerns a
+// The libc functions that make, use, double and close descriptors, defined anew: what concerns a
 // simulated node goes to the door, everything else to the function that is hidden by this one.
 //
 // Built without fortification, which would turn these very names into inline functions.
@@ -6,20 +6,24 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 
-#include "Door.h"
+#include "Files.h"
+#include "Interposed.h"
 #include "Next.h"
 
 namespace {
 
-using qvsim::Model;
+using qvsim::door::Closing;
 using qvsim::door::Next;
+using qvsim::door::OpenBy;
 
 using OpenFunction = int(const char*, int, ...);
 using OpenAtFunction = int(int, const char*, int, ...);
 using IoctlFunction = int(int, unsigned long, ...);
+using FcntlFunction = int(int, int, ...);
 
 constinit Next<OpenFunction> g_open{"open"};
 constinit Next<OpenFunction> g_open64{"open64"};
@@ -27,12 +31,6 @@ constinit Next<OpenAtFunction> g_openat{"openat"};
 constinit Next<OpenAtFunction> g_openat64{"openat64"};
 constinit Next<int(int)> g_close{"close"};
 constinit Next<IoctlFunction> g_ioctl{"ioctl"};
-constinit Next<int(const char*, int)> g_access{"access"};
-
-// The cards when `path` is theirs to answer for, else null.
-std::shared_ptr<Model> ModelFor(const char* path) {
-    return path && Model::Answers(path) ? qvsim::CurrentModel() : nullptr;
-}
 
 mode_t ModeOf(int flags, va_list arguments) {
     const bool given = (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
@@ -40,28 +38,81 @@ mode_t ModeOf(int flags, va_list arguments) {
 }
 
 int OpenWith(Next<OpenFunction>& next, const char* path, int flags, mode_t mode) {
-    if (const auto model = ModelFor(path)) return qvsim::door::OpenNode(model, path, flags);
-    return next.Get()(path, flags, mode);
+    return OpenBy(AT_FDCWD, path, flags, [&] { return next.Get()(path, flags, mode); });
 }
 
 int OpenAtWith(Next<OpenAtFunction>& next, int dir, const char* path, int flags, mode_t mode) {
-    if (const auto model = ModelFor(path)) return qvsim::door::OpenNode(model, path, flags);
-    return next.Get()(dir, path, flags, mode);
+    return OpenBy(dir, path, flags, [&] { return next.Get()(dir, path, flags, mode); });
 }
 
+// A call that doubles `fd`, perhaps onto a number that is in use.
+template <class Real>
+int Double(int fd, int onto, Real real) {
+    if (onto < 0 || onto == fd) {
+        const int made = real();
+        if (made >= 0) qvsim::door::Doubled(fd, made);
+        return made;
+    }
+    Closing replaced(onto);
+    const int made = real();
+    if (made < 0) {
+        replaced.TakeBack();
+        return made;
+    }
+    qvsim::door::Doubled(fd, made);
+    return made;
+}
+
+int Control(Next<FcntlFunction>& next, int fd, int command, void* argument) {
+    const auto real = [&] { return next.Get()(fd, command, argument); };
+    const bool doubles = command == F_DUPFD || command == F_DUPFD_CLOEXEC;
+    return doubles ? Double(fd, -1, real) : real();
+}
+
+int IoctlWith(Next<IoctlFunction>& next, int fd, unsigned long code, void* argument) {
+    int result = 0;
+    if (qvsim::door::Request(fd, code, argument, result)) return result;
+    result = next.Get()(fd, code, argument);
+    // A file that knows no requests may be a node that the table does not know.
+    const char letter = static_cast<char>(code >> 8 & 0xFF);
+    if (result != -1 || errno != ENOTTY || (letter != 'X' && letter != 'E')) return result;
+    if (!qvsim::door::Adopt(fd)) {
+        errno = ENOTTY;
+        return result;
+    }
+    return qvsim::door::Request(fd, code, argument, result) ? result : -1;
+}
+
+// Closes all of a range but what the simulation itself has open there.
+template <class Real>
+int CloseBetweenOwn(unsigned first, unsigned last, Real real) {
+    constexpr unsigned kBeyondOwn = 1u << 16;
+    unsigned from = first;
+    for (unsigned fd = first; fd <= std::min(last, kBeyondOwn); ++fd) {
+        if (!qvsim::IsOwn(static_cast<int>(fd))) continue;
+        if (fd > from)
+            if (const int result = real(from, fd - 1); result != 0) return result;
+        from = fd + 1;
+    }
+    return from <= last ? real(from, last) : 0;
+}
+
+// A file is only ever made where the cards have no name.
+constexpr int kCreateFlags = O_CREAT | O_WRONLY | O_TRUNC;
+
 }  // namespace
-
-namespace qvsim::door {
-
-int RealOpen(const char* path, int flags) { return g_open.Get()(path, flags); }
-int RealClose(int fd) { return g_close.Get()(fd); }
-
-}  // namespace qvsim::door
 
 #define QVSIM_MODE(flags)                         \
     va_list arguments;                            \
     va_start(arguments, flags);                   \
     const mode_t mode = ModeOf(flags, arguments); \
+    va_end(arguments)
+
+// The one argument behind the last that has a name.
+#define QVSIM_ARGUMENT(last)                         \
+    va_list arguments;                               \
+    va_start(arguments, last);                       \
+    void* const argument = va_arg(arguments, void*); \
     va_end(arguments)
 
 extern "C" {
@@ -76,6 +127,8 @@ int openat(int dir, const char* path, int flags, ...) {
     return OpenAtWith(g_openat, dir, path, flags, mode);
 }
 
+int creat(const char* path, mode_t mode) { return OpenWith(g_open, path, kCreateFlags, mode); }
+
 #ifndef open64
 int open64(const char* path, int flags, ...) {
     QVSIM_MODE(flags);
@@ -86,6 +139,8 @@ int openat64(int dir, const char* path, int flags, ...) {
     QVSIM_MODE(flags);
     return OpenAtWith(g_openat64, dir, path, flags, mode);
 }
+
+int creat64(const char* path, mode_t mode) { return OpenWith(g_open64, path, kCreateFlags, mode); }
 #endif
 
 // What fortified programs call for an open without a mode.
@@ -99,38 +154,75 @@ int __openat64_2(int dir, const char* path, int flags) {
 }
 
 int close(int fd) {
-    return qvsim::door::IsNode(fd) ? qvsim::door::CloseNode(fd) : g_close.Get()(fd);
-}
-
-int ioctl(int fd, unsigned long code, ...) noexcept {
-    va_list arguments;
-    va_start(arguments, code);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    if (qvsim::door::IsNode(fd)) return qvsim::door::Request(fd, code, argument);
-    return g_ioctl.Get()(fd, code, argument);
-}
-
-// What ioctl is called in 32-bit programs built with a 64-bit time_t. No request of the simulated
-// driver carries a time, and those of others reach the kernel unconverted only when libc has no
-// function of that name.
-int __ioctl_time64(int fd, unsigned long code, ...) {
-    static constinit Next<IoctlFunction> next{"__ioctl_time64"};
-    va_list arguments;
-    va_start(arguments, code);
-    void* argument = va_arg(arguments, void*);
-    va_end(arguments);
-    if (qvsim::door::IsNode(fd)) return qvsim::door::Request(fd, code, argument);
-    return next.Get()(fd, code, argument);
-}
-
-int access(const char* path, int mode) noexcept {
-    if (const auto model = ModelFor(path)) {
-        if (model->Exists(path)) return 0;
-        errno = ENOENT;
+    if (qvsim::IsOwn(fd) && !qvsim::door::Inside::Is()) {
+        errno = EBADF;
         return -1;
     }
-    return g_access.Get()(path, mode);
+    const Closing closing(fd);
+    return g_close.Get()(fd);
+}
+
+int close_range(unsigned first, unsigned last, int flags) noexcept {
+    static constinit Next<int(unsigned, unsigned, int)> next{"close_range"};
+    if ((flags & 4) != 0) return next.Get()(first, last, flags);  // closes at exec, and not now
+    Closing closing(first, last);
+    const int result = CloseBetweenOwn(
+        first, last, [&](unsigned from, unsigned to) { return next.Get()(from, to, flags); });
+    if (result != 0) closing.TakeBack();
+    return result;
+}
+
+void closefrom(int first) noexcept {
+    close_range(first < 0 ? 0u : static_cast<unsigned>(first), UINT32_MAX, 0);
+}
+
+int dup(int fd) noexcept {
+    static constinit Next<int(int)> next{"dup"};
+    return Double(fd, -1, [&] { return next.Get()(fd); });
+}
+
+int dup2(int fd, int onto) noexcept {
+    static constinit Next<int(int, int)> next{"dup2"};
+    return Double(fd, onto, [&] { return next.Get()(fd, onto); });
+}
+
+int dup3(int fd, int onto, int flags) noexcept {
+    static constinit Next<int(int, int, int)> next{"dup3"};
+    return Double(fd, onto, [&] { return next.Get()(fd, onto, flags); });
+}
+
+int fcntl(int fd, int command, ...) {
+    static constinit Next<FcntlFunction> next{"fcntl"};
+    QVSIM_ARGUMENT(command);
+    return Control(next, fd, command, argument);
+}
+
+#ifndef fcntl64
+int fcntl64(int fd, int command, ...) {
+    static constinit Next<FcntlFunction> next{"fcntl64"};
+    QVSIM_ARGUMENT(command);
+    return Control(next, fd, command, argument);
+}
+#endif
+
+int ioctl(int fd, unsigned long code, ...) noexcept {
+    QVSIM_ARGUMENT(code);
+    return IoctlWith(g_ioctl, fd, code, argument);
+}
+
+// What fcntl and ioctl are called in 32-bit programs built with a 64-bit time_t. No request of the
+// simulated driver carries a time, and those of others reach the kernel unconverted only when libc
+// has no function of that name.
+int __fcntl_time64(int fd, int command, ...) {
+    static constinit Next<FcntlFunction> next{"__fcntl_time64"};
+    QVSIM_ARGUMENT(command);
+    return Control(next, fd, command, argument);
+}
+
+int __ioctl_time64(int fd, unsigned long code, ...) {
+    static constinit Next<IoctlFunction> next{"__ioctl_time64"};
+    QVSIM_ARGUMENT(code);
+    return IoctlWith(next, fd, code, argument);
 }
 
 }  // extern "C"

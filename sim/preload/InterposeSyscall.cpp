@@ -5,6 +5,7 @@
 // without sanitizers: their run-time libraries come through here before they are set up, so only
 // code of this unit may run until then.
 #include <fcntl.h>
+#include <sys/ioctl.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -19,27 +20,73 @@ using qvsim::door::Next;
 
 constinit Next<long(long, ...)> g_syscall{"syscall"};
 
-// The cheap half of Model::Answers(), for a moment at which that cannot be called yet.
-bool InDev(const char* path) {
-    const char* prefix = "/dev/";
-    while (*prefix && *prefix == *path) ++prefix, ++path;
-    return *prefix == '\0';
+// The cheap half of Model::Answers(), for a moment at which that cannot be called yet: the last
+// name begins like a node's.
+bool EndsLikeNode(const char* path) {
+    const char* name = path;
+    for (const char* at = path; *at; ++at)
+        if (*at == '/' && at[1] != '\0' && at[1] != '/') name = at + 1;
+    return (name[0] == 'v' && name[1] == 'i') || (name[0] == 'q' && name[1] == 'v');
 }
 
-bool Opens(long number, const long* arguments, const char*& path, int& flags) {
+bool Opens(long number, const long* arguments) {
 #ifdef SYS_open
     if (number == SYS_open) {
-        path = reinterpret_cast<const char*>(arguments[0]);
-        flags = static_cast<int>(arguments[1]);
-        return path && InDev(path);
+        const auto* path = reinterpret_cast<const char*>(arguments[0]);
+        return path && EndsLikeNode(path);
     }
 #endif
-    if (number == SYS_openat) {
-        path = reinterpret_cast<const char*>(arguments[1]);
-        flags = static_cast<int>(arguments[2]);
-        return path && InDev(path);
+    const auto* path = reinterpret_cast<const char*>(arguments[1]);
+    return number == SYS_openat && path && EndsLikeNode(path);
+}
+
+// What concerns descriptors that are open already.
+bool IsOfDescriptors(long number) {
+    switch (number) {
+        case SYS_ioctl:
+        case SYS_close:
+        case SYS_dup:
+        case SYS_dup3:
+#ifdef SYS_dup2
+        case SYS_dup2:
+#endif
+        case SYS_fcntl:
+#ifdef SYS_fcntl64
+        case SYS_fcntl64:
+#endif
+#ifdef SYS_close_range
+        case SYS_close_range:
+#endif
+            return true;
+        default:
+            return false;
     }
-    return false;
+}
+
+// The interposed function of the same name.
+long CallOfDescriptors(long number, const long* a) {
+    const int fd = static_cast<int>(a[0]);
+    switch (number) {
+        case SYS_ioctl:
+            return ioctl(fd, static_cast<unsigned long>(a[1]), reinterpret_cast<void*>(a[2]));
+        case SYS_close:
+            return close(fd);
+        case SYS_dup:
+            return dup(fd);
+        case SYS_dup3:
+            return dup3(fd, static_cast<int>(a[1]), static_cast<int>(a[2]));
+#ifdef SYS_dup2
+        case SYS_dup2:
+            return dup2(fd, static_cast<int>(a[1]));
+#endif
+#ifdef SYS_close_range
+        case SYS_close_range:
+            return close_range(static_cast<unsigned>(a[0]), static_cast<unsigned>(a[1]),
+                               static_cast<int>(a[2]));
+#endif
+        default:
+            return fcntl(fd, static_cast<int>(a[1]), a[2]);
+    }
 }
 
 }  // namespace
@@ -51,19 +98,16 @@ extern "C" long syscall(long number, ...) noexcept {
     for (long& argument : a) argument = va_arg(arguments, long);
     va_end(arguments);
 
-    const char* path = nullptr;
-    int flags = 0;
-    if (Opens(number, a, path, flags) && qvsim::Model::Answers(path)) {
-        if (const auto model = qvsim::CurrentModel())
-            return qvsim::door::OpenNode(model, path, flags);
+    if (Opens(number, a)) {
+#ifdef SYS_open
+        if (number == SYS_open)
+            return open(reinterpret_cast<const char*>(a[0]), static_cast<int>(a[1]),
+                        static_cast<mode_t>(a[2]));
+#endif
+        return openat(static_cast<int>(a[0]), reinterpret_cast<const char*>(a[1]),
+                      static_cast<int>(a[2]), static_cast<mode_t>(a[3]));
     }
-    const bool mayBeNode = (number == SYS_ioctl || number == SYS_close) &&
-                           qvsim::door::g_openNodes.load(std::memory_order_acquire) != 0;
-    if (!mayBeNode) return g_syscall.Get()(number, a[0], a[1], a[2], a[3], a[4], a[5]);
-    const int fd = static_cast<int>(a[0]);
-    if (number == SYS_ioctl && qvsim::door::IsNode(fd))
-        return qvsim::door::Request(fd, static_cast<unsigned long>(a[1]),
-                                    reinterpret_cast<void*>(a[2]));
-    if (number == SYS_close && qvsim::door::IsNode(fd)) return qvsim::door::CloseNode(fd);
+    if (IsOfDescriptors(number) && qvsim::door::g_openNodes.load(std::memory_order_acquire) != 0)
+        return CallOfDescriptors(number, a);
     return g_syscall.Get()(number, a[0], a[1], a[2], a[3], a[4], a[5]);
 }

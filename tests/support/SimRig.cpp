@@ -7,6 +7,7 @@
 #include <sstream>
 
 #include "Door.h"
+#include "OpenRecord.h"
 
 namespace qvsim {
 namespace {
@@ -198,6 +199,7 @@ Model& SimRig::Cards() {
 
 std::vector<JournalLine> SimRig::JournalLines() {
     if (serving_) serving_->Settle();
+    CloseForTheDead(Dir());
     std::vector<JournalLine> lines;
     for (const JournalLine& line : ReadJournal(Dir()))
         if (line.sequence > journalFrom_) lines.push_back(line);

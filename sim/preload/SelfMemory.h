@@ -1,0 +1,16 @@
+// The memory of this very process, asked as the kernel asks it: a bad address is an answer and no
+// crash. Any thread.
+#pragma once
+
+#include "CallerMemory.h"
+
+namespace qvsim::door {
+
+class SelfMemory : public CallerMemory {
+  public:
+    bool Read(uint64_t address, void* data, uint32_t size) override;
+    bool Write(uint64_t address, const void* data, uint32_t size) override;
+    std::shared_ptr<CallerMemory> Keep() const override { return std::make_shared<SelfMemory>(); }
+};
+
+}  // namespace qvsim::door

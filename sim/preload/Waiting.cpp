@@ -1,0 +1,95 @@
+#include "Waiting.h"
+
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <chrono>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "Files.h"
+
+namespace qvsim::door {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// What wakes each sleeping thread: a descriptor, because ppoll() alone lets signals through and
+// begins to sleep in one step. Covered by the model's lock; there is one model at a time.
+std::vector<int>& Bells() {
+    static std::vector<int>& bells = *new std::vector<int>;
+    return bells;
+}
+
+void RingAll() {
+    const uint64_t one = 1;
+    for (const int bell : Bells())
+        if (write(bell, &one, sizeof one) < 0) continue;  // full: it rings already
+}
+
+// 1 when something may have changed, 0 when the time is up, -1 when a signal came.
+int SleepUntil(int bell, const std::optional<Clock::time_point>& deadline, const sigset_t& outer) {
+    timespec time{};
+    if (deadline) {
+        const auto left = std::max(*deadline - Clock::now(), Clock::duration::zero());
+        const auto count = std::chrono::duration_cast<std::chrono::nanoseconds>(left).count();
+        time.tv_sec = static_cast<time_t>(count / 1000000000);
+        time.tv_nsec = static_cast<long>(count % 1000000000);
+    }
+    pollfd waiting{bell, POLLIN, 0};
+    const int ready = ppoll(&waiting, 1, deadline ? &time : nullptr, &outer);
+    uint64_t rung = 0;
+    if (ready > 0 && read(bell, &rung, sizeof rung) < 0) return 1;
+    return ready;
+}
+
+Answer SleepOn(Model& model, const ParkedWait& wait, const sigset_t& outer) {
+    Answer answer = Refused(EINTR);
+    std::optional<Clock::time_point> deadline;
+    if (wait.timeout > 0) deadline = Clock::now() + std::chrono::milliseconds(wait.timeout);
+    const int bell = OutOfTheWay(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (bell < 0) {
+        AskAgain(model, wait, true, ENOMEM, answer);
+        return answer;
+    }
+    {
+        const Model::Lock lock(model.Mutex());
+        Bells().push_back(bell);
+        model.Events().Listen([](uint64_t) { RingAll(); });
+    }
+    for (bool late = false; !AskAgain(model, wait, late, 0, answer);) {
+        const int came = SleepUntil(bell, deadline, outer);
+        if (came < 0 && AskAgain(model, wait, true, EINTR, answer)) break;
+        late = came == 0;
+    }
+    {
+        const Model::Lock lock(model.Mutex());
+        std::erase(Bells(), bell);
+    }
+    CloseOwn(bell);
+    return answer;
+}
+
+}  // namespace
+
+Answer Serve(Model& model, OpenFile& file, uint32_t code, uint64_t address, CallerMemory& memory,
+             const sigset_t* outer) {
+    if (!outer) return ServeRequest(model, file, code, address, memory);
+    ParkedWait wait;
+    Answer answer = ServeRequest(model, file, code, address, memory, &wait);
+    // A card at work is not interrupted.
+    while (wait.ForCard()) {
+        std::this_thread::sleep_for(wait.delay);
+        wait.DelayOver();
+        answer = ServeRequest(model, file, code, address, memory, &wait);
+    }
+    return wait.ForEvent() ? SleepOn(model, wait, *outer) : answer;
+}
+
+void ForgetSleepers() { Bells().clear(); }
+
+}  // namespace qvsim::door

@@ -1,0 +1,17 @@
+// Requests of a thread whose waits a signal may end.
+#pragma once
+
+#include <csignal>
+
+#include "Protocol.h"
+
+namespace qvsim::door {
+
+// `outer`: the signals that end a wait are those that this mask lets through; null when the program
+// handles none, and a wait sleeps until its end. Any thread inside the door.
+Answer Serve(Model& model, OpenFile& file, uint32_t code, uint64_t address, CallerMemory& memory,
+             const sigset_t* outer);
+// In a child after fork(), with the model's lock held: nobody sleeps here.
+void ForgetSleepers();
+
+}  // namespace qvsim::door

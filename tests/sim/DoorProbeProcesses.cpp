@@ -1,0 +1,197 @@
+// The rows about memory, signals, threads and processes.
+#include <sys/mman.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include "DoorProbe.h"
+
+namespace probe {
+namespace {
+
+const char* const kNode = "/dev/video0";
+
+std::string AskAt(int fd, void* record) {
+    return Result(ioctl(fd, qv::kGetTemperature.code, record));
+}
+
+std::string WriteFrom(int fd, uint64_t address) {
+    qv::FirmwareDataRecord record{0x200000, 4096, address};
+    return Result(ioctl(fd, qv::kWriteFirmwareData.code, &record));
+}
+
+volatile sig_atomic_t g_signals = 0;
+int g_node = -1;
+volatile sig_atomic_t g_wrong = 0;
+
+void Count(int) { g_signals = g_signals + 1; }
+
+void AskInHandler(int) {
+    const int error = errno;
+    if (Ask(g_node) != "ok") g_wrong = 1;
+    g_signals = g_signals + 1;
+    errno = error;
+}
+
+void Handle(int number, void (*handler)(int), int flags) {
+    struct sigaction action {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    sigaction(number, &action, nullptr);
+}
+
+// In how many microseconds, and again every so often; 0: not any more.
+void Alarm(int microseconds, int every) {
+    const itimerval timer{{0, every}, {0, microseconds}};
+    setitimer(ITIMER_REAL, &timer, nullptr);
+}
+
+std::string WaitUnderAlarm(int events, int flags) {
+    uint64_t event = 0;
+    if (ioctl(events, qv::kCreateEvent.code, &event) != 0) return Error();
+    Handle(SIGALRM, Count, flags);
+    // More than one: the first may come before the wait begins.
+    Alarm(20000, 20000);
+    qv::WaitEventRecord record{event, -1};
+    const std::string result = Result(ioctl(events, qv::kWaitEvent.code, &record));
+    Alarm(0, 0);
+    ioctl(events, qv::kCloseEvent.code, &event);
+    return result;
+}
+
+// What a child says, by its exit status.
+template <class Body>
+std::string InChild(Body body) {
+    const pid_t child = fork();
+    if (child == 0) _exit(body() ? 0 : 1);
+    int status = 0;
+    if (waitpid(child, &status, 0) != child) return Error();
+    if (!WIFEXITED(status)) return "signal " + std::to_string(WTERMSIG(status));
+    return WEXITSTATUS(status) == 0 ? "ok" : "wrong";
+}
+
+std::string Exec(int fd) {
+    int ends[2];
+    if (pipe(ends) != 0) return Error();
+    const std::string number = std::to_string(fd);
+    const pid_t child = vfork();
+    if (child == 0) {
+        // In the parent's memory, but with descriptors of its own.
+        dup2(ends[1], STDOUT_FILENO);
+        close(ends[0]);
+        close(ends[1]);
+        execl("/proc/self/exe", "DoorProbe", number.c_str(), nullptr);
+        _exit(127);
+    }
+    close(ends[1]);
+    char said[64] = {};
+    ssize_t size = 0;
+    for (ssize_t n;
+         (n = read(ends[0], said + size, sizeof said - 1 - static_cast<size_t>(size))) > 0;)
+        size += n;
+    close(ends[0]);
+    waitpid(child, nullptr, 0);
+    if (size > 0 && said[size - 1] == '\n') said[size - 1] = '\0';
+    return said;
+}
+
+std::string ForkAmongThreads(int fd) {
+    std::atomic<bool> stop{false};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back([&] {
+            while (!stop) {
+                const int mine = open(kNode, O_RDWR);
+                Ask(mine);
+                close(mine);
+            }
+        });
+    std::string result = "ok";
+    for (int i = 0; i < 50 && result == "ok"; ++i)
+        result = InChild([&] {
+            const int mine = open(kNode, O_RDWR);
+            return Ask(fd) == "ok" && Ask(mine) == "ok" && close(mine) == 0;
+        });
+    stop = true;
+    for (std::thread& thread : threads) thread.join();
+    return result;
+}
+
+}  // namespace
+
+void BadPointers() {
+    const int fd = open(kNode, O_RDWR);
+    const int events = open("/dev/qv-event", O_RDWR);
+    auto* const pages = static_cast<char*>(
+        mmap(nullptr, 3 * 4096, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+    mprotect(pages + 4096, 4096, PROT_READ);
+    mprotect(pages + 8192, 4096, PROT_NONE);
+    Row("memory.null", AskAt(fd, nullptr));
+    Row("memory.low", AskAt(fd, reinterpret_cast<void*>(8)));
+    Row("memory.mapped", AskAt(fd, pages));
+    Row("memory.read_only", AskAt(fd, pages + 4096));
+    Row("memory.forbidden", AskAt(fd, pages + 8192));
+    Row("memory.over_the_end", AskAt(fd, pages + 8192 - 2));
+    Row("memory.static", [&] {
+        static uint32_t value = 0;
+        return AskAt(fd, &value);
+    }());
+    Row("memory.taken", Result(ioctl(fd, qv::kEraseFirmwareData.code, pages + 8192)));
+    Row("memory.data", WriteFrom(fd, reinterpret_cast<uintptr_t>(pages + 8192)));
+    Row("memory.data_over_the_end", WriteFrom(fd, reinterpret_cast<uintptr_t>(pages + 8192 - 100)));
+    const qv::MultiWaitEventRecord several{reinterpret_cast<uintptr_t>(pages + 8192), 2, 0};
+    Row("memory.list", Result(ioctl(events, qv::kMultiWaitEvent.code, &several)));
+    Row("memory.afterwards", Ask(fd));
+    munmap(pages, 3 * 4096);
+    close(events);
+    close(fd);
+}
+
+void Signals() {
+    const int events = open("/dev/qv-event", O_RDWR);
+    Row("signal.ends_wait", WaitUnderAlarm(events, 0));
+    Row("signal.ends_wait_restart", WaitUnderAlarm(events, SA_RESTART));
+    uint64_t event = 0;
+    ioctl(events, qv::kCreateEvent.code, &event);
+    qv::WaitEventRecord record{event, 30};
+    Row("wait.time_out", Result(ioctl(events, qv::kWaitEvent.code, &record)));
+    std::thread setter([&] {
+        usleep(20000);
+        ioctl(events, qv::kSetEvent.code, &event);
+    });
+    record.timeout = -1;
+    Row("wait.set", Result(ioctl(events, qv::kWaitEvent.code, &record)));
+    setter.join();
+    g_node = open(kNode, O_RDWR);
+    Handle(SIGALRM, AskInHandler, SA_RESTART);
+    g_signals = 0;
+    Alarm(1000, 500);
+    std::string asked = "ok";
+    while (g_signals < 100 && asked == "ok") asked = Ask(g_node);
+    Alarm(0, 0);
+    Row("signal.request_in_handler", g_wrong ? "wrong" : asked);
+    Handle(SIGALRM, SIG_DFL, 0);
+    close(g_node);
+    close(events);
+}
+
+void Processes() {
+    const int fd = open(kNode, O_RDWR);
+    Row("fork", InChild([&] { return Ask(fd) == "ok"; }));
+    Row("fork.child_closes", InChild([&] { return close(fd) == 0 && Ask(fd) == "EBADF"; }));
+    Row("fork.parent_keeps", Ask(fd));
+    Row("exec", Exec(fd));
+    Row("vfork.parent_keeps", Ask(fd));
+    fcntl(fd, F_SETFD, FD_CLOEXEC);
+    Row("exec.closes", Exec(fd));
+    Row("fork.among_threads", ForkAmongThreads(fd));
+    close(fd);
+}
+
+}  // namespace probe
