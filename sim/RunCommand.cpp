@@ -39,6 +39,19 @@ void Prepend(const char* variable, const std::string& value, char separator) {
     setenv(variable, whole.c_str(), 1);
 }
 
+// The folder by a name that the loader does not take apart: its own, or a link in the folder of
+// cards. Empty when there is none.
+std::string NamedForLoader(const std::string& folder, const std::string& cards) {
+    const auto whole = [](const std::string& name) {
+        return name.find_first_of(" :") == std::string::npos;
+    };
+    if (whole(folder)) return folder;
+    const std::string link = cards + "/run";
+    if (!whole(cards)) return {};
+    unlink(link.c_str());
+    return symlink(folder.c_str(), link.c_str()) == 0 || errno == EEXIST ? link : std::string();
+}
+
 }  // namespace
 
 int RunCommand(const std::string& dir, const std::vector<std::string>& command) {
@@ -51,9 +64,10 @@ int RunCommand(const std::string& dir, const std::vector<std::string>& command) 
     const std::string folder = SupportFolder(own);
     if (folder.empty()) return Fail("its door and stand-ins are not beside " + own);
 
-    if (folder.find_first_of(" :") != std::string::npos)
-        return Fail("run: " + folder + " has a space or a colon in its name, at which the loader " +
-                    "takes paths apart; install qvcap-sim in another folder");
+    const std::string named = NamedForLoader(folder, absolute);
+    if (named.empty())
+        return Fail("run: " + folder + " and " + absolute + " have a space or a colon in their " +
+                    "names, at which the loader takes paths apart; put one of them elsewhere");
     const std::string program = FindProgram(command[0]);
     if (std::string why = WhyNoDoor(program, folder + "/door"); !why.empty())
         return Fail("run: " + why);
@@ -62,8 +76,8 @@ int RunCommand(const std::string& dir, const std::vector<std::string>& command) 
     setenv("QVSIM_PROGRAM", own.c_str(), 1);
     // The loader puts each program's own library folder in place of $LIB: programs of the other
     // word size find an empty object there and not one that they would complain about.
-    Prepend("LD_PRELOAD", folder + "/door/$LIB/" + kPreloadName, ':');
-    Prepend("PATH", folder + "/standins", ':');
+    Prepend("LD_PRELOAD", named + "/door/$LIB/" + kPreloadName, ':');
+    Prepend("PATH", named + "/standins", ':');
     // In programs with the address sanitizer the door comes before its run-time library, which is
     // no harm; other programs do not look at this.
     Prepend("ASAN_OPTIONS", "verify_asan_link_order=0", ':');

@@ -25,7 +25,7 @@ void Before() {
 void LetGo() {
     const Inside* const inside = g_inside;
     const std::shared_ptr<Model>* const model = g_model;
-    if (*model) (*model)->Mutex().unlock();
+    if (model && *model) (*model)->Mutex().unlock();
     UnlockTable();
     ReleaseAttachment();
     delete model;

@@ -1,7 +1,9 @@
 // What a program can do with a node of simulated cards, one line each: "NAME: RESULT". Run as root,
 // or under the preload door; the same on served nodes. See door-probe.expected.
 //
-// Without arguments it makes the table. `DoorProbe FD` asks that descriptor for something.
+// Without arguments it makes the table. `DoorProbe FD` asks that descriptor for something,
+// `DoorProbe leave HOW` opens nodes and ends without closing them,
+// `DoorProbe daemon FILE` goes into the background and writes what it was answered there.
 #include "DoorProbe.h"
 
 #include <dirent.h>
@@ -287,10 +289,16 @@ void OtherCalls() {
 }  // namespace probe
 
 int main(int argc, char** argv) {
+    if (argc > 2 && std::string(argv[1]) == "daemon") return probe::Daemon(argv[2]);
+    if (argc > 2) return probe::Leave(argv[2]);
     if (argc > 1) {
         std::printf("%s\n", probe::Ask(std::atoi(argv[1])).c_str());
         return 0;
     }
+    // Without cards some of what follows would make files.
+    const int node = open("/dev/video0", O_RDWR);
+    if (probe::Ask(node) != "ok") return 2;
+    close(node);
     setvbuf(stdout, nullptr, _IOLBF, 0);
     probe::Opens();
     probe::Streams();

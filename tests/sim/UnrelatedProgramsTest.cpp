@@ -1,0 +1,146 @@
+// Programs that know nothing of cards, under `qvcap-sim run`: they see nodes as they see any. Those
+// of this machine are of one word size; a configuration of the other has the probes alone.
+#include <filesystem>
+#include <fstream>
+
+#include "gmock/gmock.h"
+#include "sim/Shell.h"
+
+namespace qvsim {
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+
+class UnrelatedProgramsTest : public CommandsTest {
+  protected:
+    void SetUp() override {
+        CommandsTest::SetUp();
+        ASSERT_EQ(0, Shell("qvcap-sim init " + cards_).status);
+    }
+    // Whether the machine has the program, for programs of this word size.
+    static std::string WhyNot(const std::string& program) {
+        if (sizeof(void*) == 4) return "this machine's programs are 64-bit ones";
+        if (Shell("command -v " + program).status != 0) return "there is no " + program;
+        return {};
+    }
+    Outcome Run(const std::string& command) {
+        return Shell("qvcap-sim run " + cards_ + " -- " + command);
+    }
+    std::string JournalOf() {
+        return Shell("qvcap-sim journal " + cards_ + " | cut -d' ' -f3-").output;
+    }
+};
+
+#define QVSIM_NEEDS(program) \
+    if (const std::string why = WhyNot(program); !why.empty()) GTEST_SKIP() << why
+
+TEST_F(UnrelatedProgramsTest, Bash) {
+    QVSIM_NEEDS("bash");
+    EXPECT_EQ("/dev/video0 /dev/video1\n", Run("bash -c 'echo /dev/video[01]'").output);
+    EXPECT_EQ(0, Run("bash -c '[ -c /dev/video0 -a -r /dev/video0 -a ! -e /dev/video9 ]'").status);
+    EXPECT_EQ(0, Run("bash -c 'exec 5</dev/video0; (exec 6<&5); exec 5<&-'").status);
+    EXPECT_THAT(JournalOf(), HasSubstr("open /dev/video0"));
+    EXPECT_THAT(JournalOf(), HasSubstr("close /dev/video0"));
+    EXPECT_EQ("crw-------\n", Run("bash -c 'ls -l /dev/video0 | cut -c1-10'").output);
+}
+
+TEST_F(UnrelatedProgramsTest, Find) {
+    QVSIM_NEEDS("find");
+    EXPECT_EQ("/dev/video0\n/dev/video1\n",
+              Run("find /dev -maxdepth 1 -type c -name 'video[01]' | sort").output);
+}
+
+TEST_F(UnrelatedProgramsTest, Tar) {
+    QVSIM_NEEDS("tar");
+    const std::string file = home_ + "/nodes.tar";
+    EXPECT_EQ(0, Run("tar cf " + file + " -C /dev video0 qv-event").status);
+    EXPECT_EQ("c video0\nc qv-event\n",
+              Shell("tar tvf " + file + " | awk '{ print substr($1, 1, 1), $NF }'").output);
+}
+
+TEST_F(UnrelatedProgramsTest, Python) {
+    QVSIM_NEEDS("python3");
+    std::ofstream(home_ + "/look.py") << R"py(
+import fcntl, os, stat, subprocess, sys
+print(stat.S_ISCHR(os.stat("/dev/video0").st_mode), "video0" in os.listdir("/dev"))
+fd = os.open("/dev/video0", os.O_RDWR)
+print(stat.S_ISCHR(os.fstat(fd).st_mode))
+other = fcntl.fcntl(fd, fcntl.F_DUPFD_CLOEXEC, 50)
+os.close(fd)
+record = bytearray(224)
+fcntl.ioctl(other, 0x80E05806, record)
+print(record[78:92].decode())
+try:
+    fcntl.ioctl(other, 0x80E05899, record)
+except OSError as error:
+    print(error.strerror)
+child = "import fcntl, sys; fcntl.ioctl(int(sys.argv[1]), 0x80E05806, bytearray(224)); print('child')"
+print(subprocess.run([sys.executable, "-c", child, str(other)], pass_fds=[other],
+                     stdout=subprocess.PIPE, text=True).stdout.strip())
+os.closerange(3, 2000)
+with open("/dev/video1", "rb", buffering=0) as node:
+    print(node.fileno())
+)py";
+    EXPECT_EQ("True True\nTrue\nPelix Duo HDMI\nInappropriate ioctl for device\nchild\n3\n",
+              Run("python3 " + home_ + "/look.py").output);
+}
+
+TEST_F(UnrelatedProgramsTest, Strace) {
+    QVSIM_NEEDS("strace");
+    EXPECT_EQ("3 Pelix Duo HDMI 65536\n",
+              Run("strace -f -o " + home_ + "/trace " SIM_PROBE " /dev/video0").output);
+    EXPECT_THAT(Shell("tail -n 1 " + home_ + "/trace").output, HasSubstr("exited with 0"));
+}
+
+TEST_F(UnrelatedProgramsTest, Gdb) {
+    QVSIM_NEEDS("gdb");
+    EXPECT_THAT(Run("gdb -q -batch -ex run --args " SIM_PROBE " /dev/video0").output,
+                HasSubstr("3 Pelix Duo HDMI 65536\n"));
+}
+
+TEST_F(UnrelatedProgramsTest, Valgrind) {
+    QVSIM_NEEDS("valgrind");
+    const Outcome outcome = Run("valgrind -q --error-exitcode=9 " SIM_PROBE " /dev/video0");
+    EXPECT_EQ("3 Pelix Duo HDMI 65536\n", outcome.output);
+    EXPECT_EQ(0, outcome.status);
+}
+
+// The parent ends at once; the daemon has closed all that it can think of before it asks.
+TEST_F(UnrelatedProgramsTest, ADaemonThatForksAndClosesEverything) {
+    const std::string said = home_ + "/said";
+    EXPECT_EQ(0, Run(DOOR_PROBE " daemon " + said).status);
+    // It has this test's output until it has ended.
+    EXPECT_EQ("ok\n", Shell("cat " + said).output);
+    const std::string journal = JournalOf();
+    EXPECT_THAT(journal, EndsWith("close /dev/video0 fd=3 = 0\n"));
+    // Who of the two let go of the first one last is open.
+    EXPECT_EQ("2\n", Shell("qvcap-sim journal " + cards_ + " | grep -c ' open '").output)
+        << journal;
+    EXPECT_EQ("2\n", Shell("qvcap-sim journal " + cards_ + " | grep -c ' close '").output)
+        << journal;
+}
+
+TEST_F(UnrelatedProgramsTest, SpacesAndColonsInTheNamesOfFolders) {
+    const std::string odd = home_ + "/a b:c";
+    std::filesystem::create_directory(odd);
+    EXPECT_EQ(0, Shell("qvcap-sim init '" + odd + "/cards'").status);
+    EXPECT_EQ("3 Pelix Duo HDMI 65536\n",
+              Shell("qvcap-sim run '" + odd + "/cards' -- " SIM_PROBE " /dev/video0").output);
+    const auto from = std::filesystem::path(QVCAP_SIM).parent_path();
+    for (const char* part : {"door", "standins", "libqvsim-preload.so", "libqvsim-empty.so"})
+        if (std::filesystem::exists(from / part))
+            std::filesystem::copy(from / part, odd + "/" + part,
+                                  std::filesystem::copy_options::recursive |
+                                      std::filesystem::copy_options::copy_symlinks);
+    std::filesystem::copy(QVCAP_SIM, odd + "/qvcap-sim");
+    const std::string run = "'" + odd + "/qvcap-sim' run ";
+    EXPECT_EQ("3 Pelix Duo HDMI 65536\n",
+              Shell(run + cards_ + " -- " SIM_PROBE " /dev/video0").output);
+    const Outcome refused = Shell(run + "'" + odd + "/cards' -- " SIM_PROBE " /dev/video0");
+    EXPECT_EQ(2, refused.status);
+    EXPECT_THAT(refused.output, HasSubstr("have a space or a colon in their names"));
+}
+
+}  // namespace
+}  // namespace qvsim
