@@ -11,6 +11,7 @@ namespace qvsim {
 namespace {
 
 constexpr uint32_t kMaxArrayBytes = 64u << 10;
+constexpr uint32_t kStreamInfoSize = 16;
 
 // Small records as a number, others by their checksum.
 void NoteRecord(Call& call) {
@@ -83,12 +84,25 @@ bool HasSource(const Call& call, const char* list) {
     return false;
 }
 
+// Streams are numbered from 0; the card says how many it has.
+bool HasStream(const Call& call) {
+    const Bytes* known = Known(*call.channel, "StreamInfos");
+    const size_t bytes = (known ? *known : DefaultArray("StreamInfos", kStreamInfoSize)).size();
+    const auto stream = call.As<int32_t>();
+    return stream >= 0 && static_cast<size_t>(stream) < bytes / kStreamInfoSize;
+}
+
+// Whether the card lists the value that it is told to take, where it lists any.
+bool IsListed(const Call& call) {
+    const std::string key = call.row.key;
+    if (key == "CtrlStreamID") return HasStream(call);
+    const bool isSource = key == "VideoInputSource" || key == "AudioInputSource";
+    return !isSource || HasSource(call, (key + "s").c_str());
+}
+
 Answer SetRecordValue(Call& call) {
     NoteRecord(call);
-    const std::string key = call.row.key;
-    const bool isSource = key == "VideoInputSource" || key == "AudioInputSource";
-    if (isSource && call.model.Ways().strictValues && !HasSource(call, (key + "s").c_str()))
-        return Refused(EINVAL);
+    if (call.model.Ways().strictValues && !IsListed(call)) return Refused(EINVAL);
     call.channel->settings.Put(call.row.key, Bytes(call.record, call.record + call.size));
     return Ok();
 }

@@ -57,6 +57,18 @@ TEST_F(CardAnswersTest, AStrictCardTakesTheSourcesThatItLists) {
     EXPECT_EQ(0, card_->Do(qv::kSetAudioInputSource, source));
 }
 
+TEST_F(CardAnswersTest, AStrictCardTakesTheStreamsThatItHas) {
+    Attach({.strictValues = true});
+    uint32_t count = 0;
+    ASSERT_EQ(0, card_->Do(qv::kGetStreamCount, count));
+    for (const int32_t stream : {0, static_cast<int32_t>(count) - 1})
+        EXPECT_EQ(0, card_->Do(qv::kSetCtrlStreamID, stream)) << stream;
+    for (const int32_t stream : {-1, static_cast<int32_t>(count)}) {
+        EXPECT_EQ(-1, card_->Do(qv::kSetCtrlStreamID, stream)) << stream;
+        EXPECT_EQ(EINVAL, errno);
+    }
+}
+
 TEST_F(CardAnswersTest, ABusyChannelRefusesASecondCapture) {
     Attach({.busyCapture = true});
     const Node other("/dev/video0");
