@@ -25,7 +25,7 @@ void ParseOutput(const uint8_t* data, size_t size) {
     const std::string_view text = Text(data, size);
     const qvo::ToolReport report = qvo::ParseToolOutput(text);
     Check(report.progress.percent <= 100, "more than all of a stage");
-    Check(report.lastWords.size() <= 4 * 300, "endless last words");
+    Check(report.lastWords.size() <= size_t{4} * 300, "endless last words");
     Check(IsHarmless(report.lastWords), "last words that steer a terminal");
     const bool failed = report.result == qvo::ToolResult::kEraseFailed ||
                         report.result == qvo::ToolResult::kWriteFailed ||
