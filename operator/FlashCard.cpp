@@ -140,7 +140,7 @@ void FlashCard::TryUntilDone() {
         }
         const bool trapped = mode == Mode::kSafe && IsMainUnfinished(m_job.verdict);
         if (trapped && BringBack()) return;
-        if (Attempt(contents, mode, m_job.plan.force) && !trapped) return;
+        if (Attempt(m_job.contents, mode, m_job.plan.force) && !trapped) return;
         if (!trapped) continue;
         m_job.outcome = Outcome::kFailed;
         m_job.reason = Advice();
@@ -182,10 +182,10 @@ bool FlashCard::BringBack() {
         event["package"] = earlier.name;
         event["to"] = qvf::VersionText(package.firmwareVersion);
         m_means.sink(event);
-        if (!Attempt(*earlier.contents, Mode::kNormal, true)) continue;
+        if (!Attempt(earlier.contents, Mode::kNormal, true)) continue;
         ReadBack(m_job, *m_job.contents);
         const Mode mode = ModeOf(m_job.contents->package, m_job.stored, m_job.card.runningVersion);
-        if (mode == Mode::kNormal && Attempt(*m_job.contents, mode, m_job.plan.force)) return true;
+        if (mode == Mode::kNormal && Attempt(m_job.contents, mode, m_job.plan.force)) return true;
     }
     return false;
 }
@@ -201,15 +201,17 @@ std::string FlashCard::Advice() const {
            m_job.card.path + " --packages FOLDER_OF_THE_NEW --earlier THAT_FOLDER";
 }
 
-bool FlashCard::Attempt(const PackageContents& contents, Mode mode, bool force) {
+bool FlashCard::Attempt(const std::shared_ptr<const PackageContents>& chosen, Mode mode,
+                        bool force) {
     ++m_job.attempts;
-    const PrivateFolder folder(m_means.folder, qvf::Serialize(contents.package));
+    const PackageContents& contents = *chosen;
+    const std::string folder = m_means.packages->FolderOf(chosen);
     std::string name = m_job.card.Name();
     std::replace(name.begin(), name.end(), ':', '-');
     std::replace(name.begin(), name.end(), '/', '-');
     m_job.toolFile = m_means.folder + "/tool-" + m_means.run + "-" + name + "-" +
                      std::to_string(m_job.attempts) + ".log";
-    ChildPlan plan{m_means.tool, {"-y"}, folder.Path(), m_job.toolFile, m_means.lock};
+    ChildPlan plan{m_means.tool, {"-y"}, folder, m_job.toolFile, m_means.lock};
     if (force) plan.arguments.push_back("-f");
     plan.arguments.insert(plan.arguments.end(), {"-d", m_job.card.path});
     ChildEnd end;

@@ -10,6 +10,7 @@
 #include "Child.h"
 #include "Events.h"
 #include "Plan.h"
+#include "PrivateFolder.h"
 #include "ToolOutput.h"
 
 namespace qvo {
@@ -53,8 +54,9 @@ struct Job {
 // What all flashes of a run have in common.
 struct Means {
     std::string tool;    // program
-    std::string folder;  // for packages and the tool's output
-    std::string run;     // name of the run
+    std::string folder;  // for the tool's output
+    PrivatePackages* packages = nullptr;
+    std::string run;  // name of the run
     int lock = -1;
     int retries = 1;
     std::string backup;     // folder; empty: nothing is saved
@@ -78,7 +80,7 @@ class FlashCard {
   private:
     void TryUntilDone();
     void BackUp();
-    bool Attempt(const PackageContents& contents, Mode mode, bool force);
+    bool Attempt(const std::shared_ptr<const PackageContents>& contents, Mode mode, bool force);
     bool BringBack();
     void Watch(Child& child, const std::string& output);
     void Judge(const PackageContents& contents, Mode mode);

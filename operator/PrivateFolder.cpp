@@ -63,4 +63,13 @@ void PrivateFolder::RemoveLeftOvers(const std::string& parent) {
     for (const std::string& path : old) Remove(path);
 }
 
+std::string PrivatePackages::FolderOf(const std::shared_ptr<const PackageContents>& contents) {
+    const std::lock_guard lock(m_lock);
+    for (const Made& made : m_made)
+        if (made.contents == contents) return made.folder->Path();
+    m_made.push_back(
+        {contents, std::make_unique<PrivateFolder>(m_parent, qvf::Serialize(contents->package))});
+    return m_made.back().folder->Path();
+}
+
 }  // namespace qvo

@@ -3,9 +3,12 @@
 // thread per object.
 #pragma once
 
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
-#include "Package.h"
+#include "Packages.h"
 
 namespace qvo {
 
@@ -24,6 +27,26 @@ class PrivateFolder {
 
   private:
     std::string m_path;
+};
+
+// The private folders of a run: one for each package, made when it is first wanted, gone at the end
+// of the run. Any thread.
+class PrivatePackages {
+  public:
+    explicit PrivatePackages(std::string parent) : m_parent(std::move(parent)) {}
+
+    // The folder that holds it alone.
+    std::string FolderOf(const std::shared_ptr<const PackageContents>& contents);
+
+  private:
+    struct Made {
+        std::shared_ptr<const PackageContents> contents;
+        std::unique_ptr<PrivateFolder> folder;
+    };
+
+    const std::string m_parent;
+    std::mutex m_lock;
+    std::vector<Made> m_made;
 };
 
 }  // namespace qvo

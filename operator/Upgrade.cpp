@@ -192,7 +192,9 @@ class Run {
         const HistoryLog history(m_options.log);
         PrivateFolder::RemoveLeftOvers(m_options.log);
         RemoveOldToolFiles(m_options.log);
+        PrivatePackages copies(m_options.log);
         Means means;
+        means.packages = &copies;
         means.tool = FindTool();
         means.folder = m_options.log;
         means.run = m_name;
