@@ -209,7 +209,8 @@ TEST_F(CommandsTest, PluggingInWhereTheKernelCannotSaysWhatIsMissing) {
     std::ofstream(home_ + "/s.toml") << "[[usb]]\nproduct = \"T\"\nserial = \"S\"\n";
     outcome = Shell("qvcap-sim usb --scenario " + home_ + "/s.toml");
     EXPECT_EQ(2, outcome.status);
-    EXPECT_THAT(outcome.output, HasSubstr("S has neither sound nor camera: 'T' is no model"));
+    EXPECT_THAT(outcome.output,
+                HasSubstr("S has neither sound, camera nor control: 'T' is no model"));
     outcome = Shell("qvcap-sim usb --played " + home_ + "/s.toml");
     EXPECT_EQ(2, outcome.status);
     EXPECT_THAT(outcome.output, HasSubstr("s.toml: is no folder"));
