@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include <utility>
+
 #include "Door.h"
 #include "Inside.h"
 #include "Waiting.h"
@@ -9,33 +11,34 @@
 namespace qvsim::door {
 namespace {
 
+struct Forking {
+    Inside inside;  // first: no handler runs while locks are held
+    std::shared_ptr<Model> model;
+};
+
 // One fork at a time: written with the table's lock held.
-Inside* g_inside = nullptr;
-std::shared_ptr<Model>* g_model = nullptr;
+Forking* g_forking = nullptr;
 
 void Before() {
-    auto* const inside = new Inside;
-    auto* const model = new std::shared_ptr<Model>(HoldAttachment());
+    auto* const forking = new Forking;
+    forking->model = HoldAttachment();
     LockTable();
-    if (*model) (*model)->Mutex().lock();
-    g_inside = inside;
-    g_model = model;
+    if (forking->model) forking->model->Mutex().lock();
+    g_forking = forking;
 }
 
 void LetGo() {
-    const Inside* const inside = g_inside;
-    const std::shared_ptr<Model>* const model = g_model;
-    if (model && *model) (*model)->Mutex().unlock();
+    const Forking* const forking = std::exchange(g_forking, nullptr);
+    if (forking->model) forking->model->Mutex().unlock();
     UnlockTable();
     ReleaseAttachment();
-    delete model;
-    delete inside;
+    delete forking;
 }
 
 void InChild() {
     BeginTableInChild();
     ForgetSleepers();
-    if (*g_model) (*g_model)->BeginInChild();
+    if (g_forking->model) g_forking->model->BeginInChild();
     LetGo();
 }
 
