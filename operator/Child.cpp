@@ -93,6 +93,7 @@ Child::Child(const ChildPlan& plan) {
     std::vector<std::string> texts = {plan.program};
     texts.insert(texts.end(), plan.arguments.begin(), plan.arguments.end());
     std::vector<char*> arguments;
+    arguments.reserve(texts.size() + 1);
     for (std::string& text : texts) arguments.push_back(text.data());
     arguments.push_back(nullptr);
     const Prepared prepared = {highInput.fd,  highOutput.fd, highLock.fd,
@@ -144,7 +145,7 @@ std::string FindTool() {
     const std::string places[] = {folder, folder + "/../sbin", folder + "/../tool",
                                   "/usr/local/sbin", "/usr/sbin"};
     for (const std::string& place : places) {
-        const std::string path = place + "/qvcap-upgrade";
+        std::string path = place + "/qvcap-upgrade";
         if (access(path.c_str(), X_OK) == 0) return path;
     }
     throw qvf::Mistake("qvcap-upgrade is neither beside this program nor in /usr/sbin: install it");
