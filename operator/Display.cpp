@@ -34,9 +34,9 @@ std::string Behind(const std::string& separator, const std::string& text) {
 
 std::string SizeText(uint64_t bytes) {
     char text[32];
-    if (bytes < 10 * 1024)
+    if (bytes < uint64_t{10} * 1024)
         std::snprintf(text, sizeof text, "%u B", static_cast<unsigned>(bytes));
-    else if (bytes < 10 * 1024 * 1024)
+    else if (bytes < uint64_t{10} * 1024 * 1024)
         std::snprintf(text, sizeof text, "%u KiB", static_cast<unsigned>(bytes / 1024));
     else
         std::snprintf(text, sizeof text, "%.1f MiB", static_cast<double>(bytes) / (1024 * 1024));

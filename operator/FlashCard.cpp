@@ -20,7 +20,7 @@ namespace qvo {
 namespace {
 
 constexpr size_t kTail = 400;  // bytes; a progress line has fewer
-constexpr uint64_t kMostOutput = 4 * 1024 * 1024;
+constexpr uint64_t kMostOutput = uint64_t{4} * 1024 * 1024;
 constexpr int kLookEvery = 100;  // milliseconds
 
 std::string Text(const qvf::Bytes& bytes) { return {bytes.begin(), bytes.end()}; }

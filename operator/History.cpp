@@ -153,7 +153,7 @@ std::string TimeText(std::time_t time) {
 
 std::string WhoRuns() {
     const passwd* user = getpwuid(geteuid());
-    const std::string name =
+    std::string name =
         user == nullptr ? "user " + std::to_string(geteuid()) : std::string(user->pw_name);
     const char* behind = std::getenv("SUDO_USER");
     if (behind == nullptr || name == behind) return name;
