@@ -67,7 +67,7 @@ std::vector<Process> MachineLock::Holders() const {
 }
 
 std::string MachineLock::HoldersText() const {
-    const std::string seen = ProcessesText(Holders());
+    std::string seen = ProcessesText(Holders());
     if (!seen.empty()) return seen;
     char text[32] = {};
     const ssize_t length = pread(m_fd, text, sizeof text - 1, 0);
