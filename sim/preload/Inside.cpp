@@ -3,6 +3,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <initializer_list>
 
 namespace qvsim::door {
 namespace {
