@@ -88,7 +88,7 @@ TEST_F(BackupE2eTest, ThePackageIsWhatTheFlashHolds) {
                   ".qvf\n00:00: the safe image has no valid header and is not saved\n",
               run.output);
     Bytes expected = Old().Header();
-    const Bytes& main = Old().Data(0);
+    const Bytes main = Old().Data(0);
     expected.insert(expected.end(), main.begin(), main.end());
     expected.resize(expected.size() + 5000, 0xFF);  // nothing is there of the other image
     const std::string file = folder / ("saved/" + kName + "/" + kName);

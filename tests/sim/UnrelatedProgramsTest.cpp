@@ -21,6 +21,10 @@ class UnrelatedProgramsTest : public CommandsTest {
     // Whether the machine has the program, for programs of this word size.
     static std::string WhyNot(const std::string& program) {
         if (sizeof(void*) == 4) return "this machine's programs are 64-bit ones";
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+        if (program == "strace" || program == "gdb" || program == "valgrind")
+            return program + " and a sanitizer's library watch the same things";
+#endif
         if (Shell("command -v " + program).status != 0) return "there is no " + program;
         return {};
     }
