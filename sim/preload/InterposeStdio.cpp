@@ -111,7 +111,7 @@ QVSIM_WEAK std::FILE* freopen64(const char* path, const char* mode, std::FILE* s
 
 QVSIM_WEAK int fclose(std::FILE* stream) {
     static constinit Next<int(std::FILE*)> next{"fclose"};
-    const Closing closing(stream ? fileno(stream) : -1);
+    const Closing closing(fileno(stream));
     return next.Get()(stream);
 }
 
