@@ -20,6 +20,9 @@ class UnrelatedProgramsTest : public CommandsTest {
     }
     // Whether the machine has the program, for programs of this word size.
     static std::string WhyNot(const std::string& program) {
+#if defined(__SANITIZE_THREAD__)
+        return "a door with the thread sanitizer in it goes into no other program";
+#endif
         if (sizeof(void*) == 4) return "this machine's programs are 64-bit ones";
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
         if (program == "strace" || program == "gdb" || program == "valgrind")
