@@ -87,7 +87,8 @@ typedef void (*QV_USB_STOP)(void* user);
 typedef int (*QV_USB_FIND)(_QVUSBCAP_CHANNEL_ENTRY* entries, int capacity, void* user);
 
 /** Opens the device of a path that a search gave. A path is open once at most: channels of the
- * same path share what this gave, until the last of them is closed. Another process must not reach
+ * same path share what this gave, until the last of them is closed: close the channels of a device
+ * that has left before you open the one that came in its place. Another process must not reach
  * the device meanwhile, or its 0xF2 and 0xF3 mix with those of this one: claim an interface, and
  * refuse a device that is claimed.
  * @param[out] device  all zeros; what @p device->handle names belongs to the transport until close

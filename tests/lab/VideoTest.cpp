@@ -361,7 +361,7 @@ TEST_F(LabVideoTest, PictureControlsAreTheCamerasOwn) {
 // ---- pulled out
 
 TEST_F(LabVideoTest, ACameraThatIsPulledOutEndsItsCaptureWithoutHarm) {
-    const Channel channel = Usb(lab::kSdi);
+    Channel channel = Usb(lab::kSdi);
     const std::string node = Camera(lab::kSdi);
     Frames frames(640 * 2);
     QV_VIDEO_CAPTURE capture = Capture(channel.get(), 640, 360, Code("YUY2"), 333333, &frames);
@@ -385,6 +385,7 @@ TEST_F(LabVideoTest, ACameraThatIsPulledOutEndsItsCaptureWithoutHarm) {
     EXPECT_EQ(nullptr, Capture(channel.get(), 640, 360, Code("YUY2"), 333333, &frames));
     AwaitGone(node);
 
+    channel.reset();  // of the device that has gone: who keeps it open shares it on
     Devices().Plug(lab::kSdi);
     const Channel again = Usb(lab::kSdi);
     Frames later(640 * 2);
