@@ -22,15 +22,16 @@ Forking* g_forking = nullptr;
 void Before() {
     auto* const forking = new Forking;
     forking->model = HoldAttachment();
-    LockTable();
+    // In the order of everybody else: a model that works opens and closes files of its own.
     if (forking->model) forking->model->Mutex().lock();
+    LockTable();
     g_forking = forking;
 }
 
 void LetGo() {
     const Forking* const forking = std::exchange(g_forking, nullptr);
-    if (forking->model) forking->model->Mutex().unlock();
     UnlockTable();
+    if (forking->model) forking->model->Mutex().unlock();
     ReleaseAttachment();
     delete forking;
 }
