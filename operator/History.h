@@ -61,6 +61,8 @@ nlohmann::ordered_json HistoryJson(const HistoryEntry& entry);
 std::string HistoryText(const History& history);  // a table for people
 
 std::string TimeText(std::time_t time);  // UTC, "2026-11-22T03:10:11Z"
-std::string WhoRuns();                   // "root", or "root (for anna)" through sudo
+// "root", or "root (for anna)" through sudo. Before other threads are started: it asks the system's
+// list of users, which answers one thread at a time.
+std::string WhoRuns();
 
 }  // namespace qvo

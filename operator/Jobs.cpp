@@ -217,11 +217,11 @@ Event EndEvent(const std::vector<Job>& jobs, ExitStatus status) {
     return event;
 }
 
-HistoryEntry EntryOf(const Job& job, const std::string& run) {
+HistoryEntry EntryOf(const Job& job, const std::string& run, const std::string& who) {
     HistoryEntry entry;
     entry.time = TimeText(std::time(nullptr));
     entry.run = run;
-    entry.who = WhoRuns();
+    entry.who = who;
     entry.card = job.card.Name();
     entry.product = job.card.product;
     entry.serial = job.card.serial;

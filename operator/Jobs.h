@@ -22,6 +22,6 @@ ExitStatus StatusOf(const std::vector<Job>& jobs);
 Event PlanEvent(const Job& job);
 // The closing report.
 Event EndEvent(const std::vector<Job>& jobs, ExitStatus status);
-HistoryEntry EntryOf(const Job& job, const std::string& run);
+HistoryEntry EntryOf(const Job& job, const std::string& run, const std::string& who);
 
 }  // namespace qvo

@@ -182,7 +182,7 @@ class Run {
         event["schema"] = "qvcap-upgrade";
         event["version"] = 1;
         event["run"] = m_name;
-        event["who"] = WhoRuns();
+        event["who"] = m_who;
         event["packages"] = m_options.packages;
         event["dry_run"] = m_options.dryRun;
         Tell(event);
@@ -218,7 +218,7 @@ class Run {
     }
 
     void FlashOne(Job& job, const Means& means, const HistoryLog& history) {
-        HistoryEntry begun = EntryOf(job, m_name);
+        HistoryEntry begun = EntryOf(job, m_name, m_who);
         begun.result = "begun";
         const std::string problem = Append(history, begun);
         if (!problem.empty()) {
@@ -233,7 +233,7 @@ class Run {
             return;
         }
         FlashCard(job, means).Run();
-        const std::string late = Append(history, EntryOf(job, m_name));
+        const std::string late = Append(history, EntryOf(job, m_name, m_who));
         if (!late.empty()) Tell(Notice(late));
     }
 
@@ -251,6 +251,7 @@ class Run {
     const UpgradeOptions& m_options;
     Display m_display;
     const std::string m_name;
+    const std::string m_who = WhoRuns();
     std::vector<Job> m_jobs;
     std::mutex m_historyLock;
 };
