@@ -184,6 +184,7 @@ TEST_F(CommandsTest, MessagesBeginWithTheProgramsName) {
 }
 
 TEST_F(CommandsTest, ServingWhereTheKernelCannotSaysWhatIsMissing) {
+    // What it says depends on the machine's kernel; most have no such node.
     if (access("/dev/cuse", F_OK) == 0)
         GTEST_SKIP() << "this kernel can serve nodes: CuseTest plays one that cannot";
     // Nodes that no machine has, so that none of them is taken.
@@ -198,6 +199,7 @@ TEST_F(CommandsTest, ServingWhereTheKernelCannotSaysWhatIsMissing) {
 }
 
 TEST_F(CommandsTest, PluggingInWhereTheKernelCannotSaysWhatIsMissing) {
+    // What it says depends on the machine's kernel; most have no such controller.
     if (access("/sys/devices/platform/vhci_hcd.0", F_OK) == 0)
         GTEST_SKIP() << "this kernel can: UsbServerTest plays one that cannot";
     Outcome outcome = Shell("qvcap-sim usb");

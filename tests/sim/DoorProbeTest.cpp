@@ -18,11 +18,6 @@ using testing::HasSubstr;
 
 class DoorProbeTest : public CommandsTest {
   protected:
-    void SetUp() override {
-#if defined(__SANITIZE_THREAD__)
-        GTEST_SKIP() << "the sanitizer's library holds up forks and signal handlers in its own way";
-#endif
-    }
     std::string Run(const std::string& command) {
         return Shell("qvcap-sim run " + cards_ + " -- " + command).output;
     }
@@ -39,6 +34,11 @@ std::string TextOf(const std::string& path) {
 }
 
 TEST_F(DoorProbeTest, TheTableIsThatOfServedNodesButForWhatIsListed) {
+#if defined(__SANITIZE_THREAD__)
+    // A limit that the document names, not the sanitizer's mistake; the table is compared in every
+    // other configuration.
+    GTEST_SKIP() << "a request in a signal handler takes memory, which the sanitizer reports";
+#endif
     Shell("qvcap-sim init " + cards_);
     const std::string document = TextOf(SIM_DOCUMENT);
     std::istringstream expected(TextOf(SIM_PROBE_TABLE));

@@ -234,6 +234,7 @@ TEST_F(FolderCommandsTest, AFullDiskRefusesRequestsAndTearsNoLine) {
         "/fill bs=4k 2>/dev/null; qvcap-sim run " + cards_ + " -- " SIM_PROBE " /dev/video0; rm " +
         home_ + "/fill; qvcap-sim run " + cards_ +
         " -- " SIM_PROBE " /dev/video0; qvcap-sim journal " + cards_ + "'";
+    // A machine may forbid namespaces to its users; nothing else can fill a disk without harm.
     if (Shell("unshare -rm mount -t tmpfs none " + home_).status != 0)
         GTEST_SKIP() << "this machine gives no file systems of its own to tests";
     const Outcome outcome = Shell(line);
