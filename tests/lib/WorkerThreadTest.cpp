@@ -226,25 +226,36 @@ class TestCommand : public ChannelEntity::Runnable {
     std::function<void()> m_body;
 };
 
+// Holds the worker of an entity in a command until it is let go.
+class HeldEntity {
+  public:
+    explicit HeldEntity(ChannelEntity* entity) {
+        EXPECT_TRUE(entity->PostItem(new TestCommand([this] {
+                                         m_held.Open();
+                                         m_free.Pass();
+                                     }),
+                                     false));
+        m_held.Pass();
+    }
+    void LetGo() { m_free.Open(); }
+
+  private:
+    Gate m_held;
+    Gate m_free;
+};
+
 // The commands queued before and after one whose wake-up is refused run; that one does not.
 TEST_F(WorkerThreadTest, ARefusedWakeUpTakesBackItsOwnCommandAndNoOther) {
     ChannelEntity entity(Pcie());
     ASSERT_EQ(0, entity.StartChannelThread());
-    Gate holding;
-    Gate held;
-    ASSERT_TRUE(entity.PostItem(new TestCommand([&] {
-                                    holding.Open();
-                                    held.Pass();
-                                }),
-                                false));
-    holding.Pass();
+    HeldEntity held(&entity);
     Recorder<int> ran;
     ASSERT_TRUE(entity.PostItem(new TestCommand([&] { ran.Add(1); }), false));
     RefuseFromNowOn("SetEvent");
     EXPECT_FALSE(entity.PostItem(new TestCommand([&] { ran.Add(2); }), true));
     rig.Cards().ClearFaults();
     ASSERT_TRUE(entity.PostItem(new TestCommand([&] { ran.Add(3); }), false));
-    held.Open();
+    held.LetGo();
     EXPECT_TRUE(entity.PostItem(new TestCommand([] {}), true));
     EXPECT_THAT(ran.Items(), ElementsAre(1, 3));
     EXPECT_EQ(0, entity.StopChannelThread());
@@ -254,19 +265,12 @@ TEST_F(WorkerThreadTest, ARefusedWakeUpTakesBackItsOwnCommandAndNoOther) {
 TEST_F(WorkerThreadTest, ACommandBehindAnotherRunsWhenTheWorkerCannotWakeItself) {
     ChannelEntity entity(Pcie());
     ASSERT_EQ(0, entity.StartChannelThread());
-    Gate holding;
-    Gate held;
-    ASSERT_TRUE(entity.PostItem(new TestCommand([&] {
-                                    holding.Open();
-                                    held.Pass();
-                                }),
-                                false));
-    holding.Pass();
+    HeldEntity held(&entity);
     Recorder<int> ran;
     for (int i = 1; i <= 3; ++i)
         ASSERT_TRUE(entity.PostItem(new TestCommand([&ran, i] { ran.Add(i); }), false));
     RefuseFromNowOn("SetEvent");
-    held.Open();
+    held.LetGo();
     EXPECT_THAT(ran.AwaitCount(3), ElementsAre(1, 2, 3));
     rig.Cards().ClearFaults();
     EXPECT_EQ(0, entity.StopChannelThread());
@@ -281,21 +285,14 @@ TEST_F(WorkerThreadTest, ADiscardedCommandIsMarkedBeforeItsEventIsClosed) {
     for (size_t round = 1; round <= 50 && !leftBeforeTheClose; ++round) {
         ChannelEntity entity(Pcie());
         ASSERT_EQ(0, entity.StartChannelThread());
-        Gate held;
-        Gate free;
-        ASSERT_TRUE(entity.PostItem(new TestCommand([&] {
-                                        held.Open();
-                                        free.Pass();
-                                    }),
-                                    false));
-        held.Pass();
+        HeldEntity held(&entity);
         rig.ClearJournal();
         std::thread poster([&] { EXPECT_FALSE(entity.PostItem(new TestCommand([] {}), true)); });
         while (CountRequests("SetEvent") < 1) std::this_thread::yield();
         std::thread stopper([&] { EXPECT_EQ(0, entity.StopChannelThread()); });
         while (CountRequests("SetEvent") < 2) std::this_thread::yield();
         rig.AddFault({.request = "CloseEvent", .effect = qvsim::Slow(300)});
-        free.Open();
+        held.LetGo();
         poster.join();
         leftBeforeTheClose = CountRequests("CloseEvent") == 0;
         stopper.join();
