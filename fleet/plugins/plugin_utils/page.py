@@ -59,12 +59,12 @@ class Failure:
 
 
 def age(seconds):
-    """A time span as people say it."""
+    """How long ago that was, as people say it."""
     if seconds < 60:
         return "just now"
     for unit, length in (("d", 86400), ("h", 3600), ("min", 60)):
         if seconds >= length:
-            return f"{seconds // length} {unit}"
+            return f"{seconds // length} {unit} ago"
     raise AssertionError
 
 

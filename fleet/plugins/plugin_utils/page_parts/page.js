@@ -118,7 +118,9 @@
   ];
 
   const detailsOf = (host) => {
-    const table = element("table", "", { "aria-label": `Cards of ${host.name}` });
+    const around = element("div", "", { role: "region", tabindex: "0", "aria-label": `Cards of ${host.name}` });
+    const table = element("table", "");
+    around.append(table);
     const head = table.createTHead().insertRow();
     columns.forEach(([name]) => head.append(element("th", name, { scope: "col" })));
     const rows = table.createTBody();
@@ -131,7 +133,7 @@
       });
     }
     const cell = element("td", "", { colspan: heads.length });
-    cell.append(host.cards.length ? table : element("p", "Nothing is known of its cards."));
+    cell.append(host.cards.length ? around : element("p", "Nothing is known of its cards."));
     const row = element("tr", "", { class: "details" });
     row.append(cell);
     return row;
@@ -172,8 +174,8 @@
 
   const ageText = (seconds) => {
     if (seconds < 60) return "just now";
-    if (seconds < 3600) return `${Math.floor(seconds / 60)} min`;
-    return seconds < 86400 ? `${Math.floor(seconds / 3600)} h` : `${Math.floor(seconds / 86400)} d`;
+    if (seconds < 3600) return `${Math.floor(seconds / 60)} min ago`;
+    return seconds < 86400 ? `${Math.floor(seconds / 3600)} h ago` : `${Math.floor(seconds / 86400)} d ago`;
   };
 
   const times = [...document.querySelectorAll("time")];
