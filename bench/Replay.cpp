@@ -93,9 +93,9 @@ int main(int argc, char** argv) {
     const std::vector<Step> steps = Load(argv[1]);
     static unsigned char data[65536];
     memset(data, 0x5A, sizeof data);
-    std::map<std::string, std::vector<int>> open_;
+    std::map<std::string, std::vector<int>> m_open;
     for (const Step& step : steps) {
-        std::vector<int>& descriptors = open_[step.node];
+        std::vector<int>& descriptors = m_open[step.node];
         if (step.kind == Step::Kind::kOpen) {
             const int fd = open(step.node.c_str(), O_RDWR | O_NONBLOCK);
             if (fd >= 0) descriptors.push_back(fd);

@@ -28,9 +28,9 @@ const std::string& Folder();
 // Takes bytes from the front; zeros when there are no more.
 class Taker {
   public:
-    Taker(const uint8_t* data, size_t size) : data_(data), left_(size) {}
-    size_t Left() const { return left_; }
-    const uint8_t* Rest() const { return data_; }
+    Taker(const uint8_t* data, size_t size) : m_data(data), m_left(size) {}
+    size_t Left() const { return m_left; }
+    const uint8_t* Rest() const { return m_data; }
     uint8_t Byte() {
         uint8_t byte = 0;
         Fill(&byte, 1);
@@ -39,14 +39,14 @@ class Taker {
     void Fill(void* out, size_t size) {
         auto* bytes = static_cast<uint8_t*>(out);
         for (size_t i = 0; i < size; ++i) {
-            bytes[i] = left_ > 0 ? *data_++ : uint8_t{0};
-            left_ -= left_ > 0;
+            bytes[i] = m_left > 0 ? *m_data++ : uint8_t{0};
+            m_left -= m_left > 0;
         }
     }
 
   private:
-    const uint8_t* data_;
-    size_t left_;
+    const uint8_t* m_data;
+    size_t m_left;
 };
 
 }  // namespace qvfuzz

@@ -37,15 +37,15 @@ namespace qvcapture {
 /** Result of an operation, with a text for people. */
 class Result {
   public:
-    Result(QV_RESULT code) : code_(code) {}
-    bool Ok() const { return code_ == QV_RESULT_OK; }
+    Result(QV_RESULT code) : m_code(code) {}
+    bool Ok() const { return m_code == QV_RESULT_OK; }
     explicit operator bool() const { return Ok(); }
-    QV_RESULT Code() const { return code_; }
+    QV_RESULT Code() const { return m_code; }
     /** Says what the code means; lives for ever. */
-    const char* Text() const { return QVResultText(code_); }
+    const char* Text() const { return QVResultText(m_code); }
 
   private:
-    QV_RESULT code_;
+    QV_RESULT m_code;
 };
 
 /** A text field of a device's record; ends at its terminator or, without one, at its end. */
@@ -96,42 +96,42 @@ class Instance {
 class Channel {
   public:
     Channel() = default;
-    explicit Channel(const std::string& path) : handle_(QVOpenChannelByPath(path.c_str())) {}
-    Channel(int board, int channel) : handle_(QVOpenChannel(board, channel)) {}
-    ~Channel() { QVCloseChannel(handle_); }
-    Channel(Channel&& other) noexcept : handle_(std::exchange(other.handle_, nullptr)) {}
+    explicit Channel(const std::string& path) : m_handle(QVOpenChannelByPath(path.c_str())) {}
+    Channel(int board, int channel) : m_handle(QVOpenChannel(board, channel)) {}
+    ~Channel() { QVCloseChannel(m_handle); }
+    Channel(Channel&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}
     /** Closes the channel that it was. */
     Channel& operator=(Channel&& other) noexcept {
         Channel taken(std::move(other));
-        std::swap(handle_, taken.handle_);
+        std::swap(m_handle, taken.m_handle);
         return *this;
     }
 
-    explicit operator bool() const { return handle_ != nullptr; }
+    explicit operator bool() const { return m_handle != nullptr; }
     /** For the functions of QVCapture.h. Not to be closed. */
-    QV_CHANNEL Handle() const { return handle_; }
-    Result GetInfo(_QVCAP_CHANNEL_INFO& info) const { return QVGetChannelInfo(handle_, &info); }
+    QV_CHANNEL Handle() const { return m_handle; }
+    Result GetInfo(_QVCAP_CHANNEL_INFO& info) const { return QVGetChannelInfo(m_handle, &info); }
 
   private:
-    QV_CHANNEL handle_ = nullptr;
+    QV_CHANNEL m_handle = nullptr;
 };
 
 /** A channel's worker thread, which calls back. Not to be destroyed in one of its callbacks. */
 class Worker {
   public:
     explicit Worker(const Channel& channel)
-        : channel_(channel.Handle()), status_(QVStartChannelThread(channel_)) {}
+        : m_channel(channel.Handle()), m_status(QVStartChannelThread(m_channel)) {}
     ~Worker() {
-        if (status_) QVStopChannelThread(channel_);
+        if (m_status) QVStopChannelThread(m_channel);
     }
     Worker(const Worker&) = delete;
     Worker& operator=(const Worker&) = delete;
     /** Whether it was started. */
-    Result Status() const { return status_; }
+    Result Status() const { return m_status; }
 
   private:
-    QV_CHANNEL channel_;
-    Result status_;
+    QV_CHANNEL m_channel;
+    Result m_status;
 };
 
 namespace detail {
@@ -142,31 +142,31 @@ template <class... Arguments>
 class Callee : public std::enable_shared_from_this<Callee<Arguments...>> {
   public:
     using Function = std::function<void(Arguments...)>;
-    explicit Callee(Function function) : function_(std::move(function)) {}
+    explicit Callee(Function function) : m_function(std::move(function)) {}
     static void Call(void* param, Arguments... arguments) noexcept {
         const auto kept = static_cast<Callee*>(param)->shared_from_this();
-        const std::lock_guard<std::recursive_mutex> guard(kept->lock_);
-        if (kept->armed_ && kept->function_) kept->function_(arguments...);
+        const std::lock_guard<std::recursive_mutex> guard(kept->m_lock);
+        if (kept->m_armed && kept->m_function) kept->m_function(arguments...);
     }
     /** A parameter that the library holds until it calls Release() with it. */
     void* Lend() {
-        lent_ = this->shared_from_this();
+        m_lent = this->shared_from_this();
         return this;
     }
     static void Release(void* param) {
-        const auto last = std::move(static_cast<Callee*>(param)->lent_);
+        const auto last = std::move(static_cast<Callee*>(param)->m_lent);
     }
     /** Waits for a call that is under way on another thread; there will be no other. */
     void Disarm() {
-        const std::lock_guard<std::recursive_mutex> guard(lock_);
-        armed_ = false;
+        const std::lock_guard<std::recursive_mutex> guard(m_lock);
+        m_armed = false;
     }
 
   private:
-    std::recursive_mutex lock_;
-    bool armed_ = true;
-    Function function_;
-    std::shared_ptr<Callee> lent_;  // while the library holds this
+    std::recursive_mutex m_lock;
+    bool m_armed = true;
+    Function m_function;
+    std::shared_ptr<Callee> m_lent;  // while the library holds this
 };
 
 }  // namespace detail
@@ -176,27 +176,27 @@ class Notification {
   public:
     using Function = std::function<void(uint32_t bits)>;
     Notification(const Channel& channel, uint32_t bits, Function function)
-        : channel_(channel.Handle()),
-          callee_(std::make_shared<Callee>(std::move(function))),
-          handle_(QVRegisterNotifyWithRelease(channel_, bits, OnNotify, callee_->Lend(),
-                                              Callee::Release)) {}
+        : m_channel(channel.Handle()),
+          m_callee(std::make_shared<Callee>(std::move(function))),
+          m_handle(QVRegisterNotifyWithRelease(m_channel, bits, OnNotify, m_callee->Lend(),
+                                               Callee::Release)) {}
     ~Notification() {
-        if (handle_ != 0) QVUnregisterNotify(channel_, handle_);
-        callee_->Disarm();
+        if (m_handle != 0) QVUnregisterNotify(m_channel, m_handle);
+        m_callee->Disarm();
     }
     Notification(const Notification&) = delete;
     Notification& operator=(const Notification&) = delete;
     /** Whether it was registered: it needs a Worker, which has room for 27. */
-    explicit operator bool() const { return handle_ != 0; }
+    explicit operator bool() const { return m_handle != 0; }
 
   private:
     using Callee = detail::Callee<uint32_t>;
     static void OnNotify(unsigned long long, unsigned int bits, void* param) noexcept {
         Callee::Call(param, bits);
     }
-    QV_CHANNEL channel_;
-    std::shared_ptr<Callee> callee_;
-    unsigned long long handle_;
+    QV_CHANNEL m_channel;
+    std::shared_ptr<Callee> m_callee;
+    unsigned long long m_handle;
 };
 
 /** Time of a device's clock: 100 ns on the cards known. */
@@ -208,27 +208,27 @@ class Timer {
     using Function = std::function<void()>;
     /** @param period  of 0: once */
     Timer(const Channel& channel, Ticks delay, Ticks period, Function function)
-        : channel_(channel.Handle()),
-          callee_(std::make_shared<Callee>(std::move(function))),
-          handle_(QVCreateTimerWithRelease(channel_, OnTimer, delay.count(), period.count(),
-                                           callee_->Lend(), Callee::Release)) {}
+        : m_channel(channel.Handle()),
+          m_callee(std::make_shared<Callee>(std::move(function))),
+          m_handle(QVCreateTimerWithRelease(m_channel, OnTimer, delay.count(), period.count(),
+                                            m_callee->Lend(), Callee::Release)) {}
     ~Timer() {
         // A failure, on purpose, for a channel's last timer and for one that fired for the last
         // time.
-        if (handle_ != 0) QVDestoryTimer(channel_, handle_);
-        callee_->Disarm();
+        if (m_handle != 0) QVDestoryTimer(m_channel, m_handle);
+        m_callee->Disarm();
     }
     Timer(const Timer&) = delete;
     Timer& operator=(const Timer&) = delete;
     /** Whether it was created; it needs a Worker. */
-    explicit operator bool() const { return handle_ != 0; }
+    explicit operator bool() const { return m_handle != 0; }
 
   private:
     using Callee = detail::Callee<>;
     static void OnTimer(unsigned long long, void* param) noexcept { Callee::Call(param); }
-    QV_CHANNEL channel_;
-    std::shared_ptr<Callee> callee_;
-    unsigned long long handle_;
+    QV_CHANNEL m_channel;
+    std::shared_ptr<Callee> m_callee;
+    unsigned long long m_handle;
 };
 
 /** A picture in memory that is the library's: valid while the callable runs. */
@@ -252,21 +252,21 @@ class VideoCapture {
   public:
     using Function = std::function<void(const VideoFrame&)>;
     VideoCapture(const Channel& channel, const VideoFormat& format, Function function)
-        : channel_(channel.Handle()),
-          callee_(std::make_shared<Callee>(std::move(function))),
-          status_(QVStartVideoCaptureWithRelease(channel_, format.fourcc, format.width,
-                                                 format.height, format.mode, OnFrame,
-                                                 callee_->Lend(), Callee::Release)) {}
+        : m_channel(channel.Handle()),
+          m_callee(std::make_shared<Callee>(std::move(function))),
+          m_status(QVStartVideoCaptureWithRelease(m_channel, format.fourcc, format.width,
+                                                  format.height, format.mode, OnFrame,
+                                                  m_callee->Lend(), Callee::Release)) {}
     ~VideoCapture() {
-        if (status_) QVStopVideoCaptureWithCallback(channel_);
-        callee_->Disarm();
+        if (m_status) QVStopVideoCaptureWithCallback(m_channel);
+        m_callee->Disarm();
     }
     VideoCapture(const VideoCapture&) = delete;
     VideoCapture& operator=(const VideoCapture&) = delete;
     /** Whether it was started; it needs a Worker. */
-    Result Status() const { return status_; }
+    Result Status() const { return m_status; }
     /** Whether the driver refused a request for a frame: none comes until a new capture is made. */
-    bool Stalled() const { return status_ && QVIsVideoCaptureStalled(channel_); }
+    bool Stalled() const { return m_status && QVIsVideoCaptureStalled(m_channel); }
 
   private:
     using Callee = detail::Callee<const VideoFrame&>;
@@ -275,9 +275,9 @@ class VideoCapture {
         const auto* data = reinterpret_cast<const uint8_t*>(static_cast<uintptr_t>(address));
         Callee::Call(param, VideoFrame{data, size, stride, *info});
     }
-    QV_CHANNEL channel_;
-    std::shared_ptr<Callee> callee_;
-    Result status_;
+    QV_CHANNEL m_channel;
+    std::shared_ptr<Callee> m_callee;
+    Result m_status;
 };
 
 /** Audio of a PCIe channel: every frame of the driver to a callable on the worker. One for each
@@ -286,27 +286,27 @@ class AudioCapture {
   public:
     using Function = std::function<void(const _QVCAP_AUDIO_CAPTURE_FRAME&)>;
     AudioCapture(const Channel& channel, Function function)
-        : channel_(channel.Handle()),
-          callee_(std::make_shared<Callee>(std::move(function))),
-          status_(QVStartAudioCaptureWithRelease(channel_, OnFrame, callee_->Lend(),
-                                                 Callee::Release)) {}
+        : m_channel(channel.Handle()),
+          m_callee(std::make_shared<Callee>(std::move(function))),
+          m_status(QVStartAudioCaptureWithRelease(m_channel, OnFrame, m_callee->Lend(),
+                                                  Callee::Release)) {}
     ~AudioCapture() {
-        if (status_) QVStopAudioCaptureWithCallback(channel_);
-        callee_->Disarm();
+        if (m_status) QVStopAudioCaptureWithCallback(m_channel);
+        m_callee->Disarm();
     }
     AudioCapture(const AudioCapture&) = delete;
     AudioCapture& operator=(const AudioCapture&) = delete;
     /** Whether it was started; it needs a Worker. */
-    Result Status() const { return status_; }
+    Result Status() const { return m_status; }
 
   private:
     using Callee = detail::Callee<const _QVCAP_AUDIO_CAPTURE_FRAME&>;
     static void OnFrame(_QVCAP_AUDIO_CAPTURE_FRAME* frame, void* param) noexcept {
         Callee::Call(param, *frame);
     }
-    QV_CHANNEL channel_;
-    std::shared_ptr<Callee> callee_;
-    Result status_;
+    QV_CHANNEL m_channel;
+    std::shared_ptr<Callee> m_callee;
+    Result m_status;
 };
 
 /** Bytes of the library's, valid while the callable runs. */
@@ -322,28 +322,28 @@ class NodeVideoCapture {
     /** @param frameDuration  wanted time per frame */
     NodeVideoCapture(const Channel& channel, const VideoFormat& format, Ticks frameDuration,
                      Function function)
-        : callee_(std::make_shared<Callee>(std::move(function))),
-          capture_(QVCreateVideoCapture(channel.Handle(), format.width, format.height,
-                                        format.fourcc, static_cast<int>(frameDuration.count()),
-                                        OnFrame, callee_.get())) {}
+        : m_callee(std::make_shared<Callee>(std::move(function))),
+          m_capture(QVCreateVideoCapture(channel.Handle(), format.width, format.height,
+                                         format.fourcc, static_cast<int>(frameDuration.count()),
+                                         OnFrame, m_callee.get())) {}
     ~NodeVideoCapture() {
-        if (capture_ != nullptr) QVDestoryVideoCapture(capture_);
+        if (m_capture != nullptr) QVDestoryVideoCapture(m_capture);
     }
     NodeVideoCapture(const NodeVideoCapture&) = delete;
     NodeVideoCapture& operator=(const NodeVideoCapture&) = delete;
     /** Whether the node was opened and configured. */
-    explicit operator bool() const { return capture_ != nullptr; }
+    explicit operator bool() const { return m_capture != nullptr; }
     /** The picture controls. There is no handle for the functions of QVCapture.h: one that is meant
      *  for a channel would take it, too. */
     Result SetControl(_QVCAP_VIDEO_PROC_PARAM_TYPE type, int value) {
-        return QVSetVideoProcParam(capture_, type, value);
+        return QVSetVideoProcParam(m_capture, type, value);
     }
     Result GetControl(_QVCAP_VIDEO_PROC_PARAM_TYPE type, int& value) const {
-        return QVGetVideoProcParam(capture_, type, &value);
+        return QVGetVideoProcParam(m_capture, type, &value);
     }
     Result GetControlRange(_QVCAP_VIDEO_PROC_PARAM_TYPE type, int& minimum, int& maximum,
                            int& defaultValue) const {
-        return QVGetVideoProcParamRange(capture_, type, &minimum, &maximum, &defaultValue);
+        return QVGetVideoProcParamRange(m_capture, type, &minimum, &maximum, &defaultValue);
     }
 
   private:
@@ -351,8 +351,8 @@ class NodeVideoCapture {
     static void OnFrame(const unsigned char* frame, unsigned int size, void* param) noexcept {
         Callee::Call(param, Chunk{frame, size});
     }
-    std::shared_ptr<Callee> callee_;
-    QV_VIDEO_CAPTURE capture_;
+    std::shared_ptr<Callee> m_callee;
+    QV_VIDEO_CAPTURE m_capture;
 };
 
 /** How to record from a sound card. */
@@ -369,24 +369,24 @@ class SoundCapture {
     /** @param node  of a USB device, see QVCreateAudioCapture() */
     SoundCapture(const Channel& channel, unsigned int node, const SoundFormat& format,
                  Function function)
-        : callee_(std::make_shared<Callee>(std::move(function))),
-          capture_(QVCreateAudioCapture(channel.Handle(), node, format.rate, format.bitsPerSample,
-                                        format.channels, OnChunk, callee_.get())) {}
+        : m_callee(std::make_shared<Callee>(std::move(function))),
+          m_capture(QVCreateAudioCapture(channel.Handle(), node, format.rate, format.bitsPerSample,
+                                         format.channels, OnChunk, m_callee.get())) {}
     ~SoundCapture() {
-        if (capture_ != nullptr) QVDestoryAudioCapture(capture_);
+        if (m_capture != nullptr) QVDestoryAudioCapture(m_capture);
     }
     SoundCapture(const SoundCapture&) = delete;
     SoundCapture& operator=(const SoundCapture&) = delete;
     /** Whether it runs. */
-    explicit operator bool() const { return capture_ != nullptr; }
+    explicit operator bool() const { return m_capture != nullptr; }
 
   private:
     using Callee = detail::Callee<const Chunk&>;
     static void OnChunk(const unsigned char* data, int bytes, long long, void* param) noexcept {
         Callee::Call(param, Chunk{data, static_cast<uint32_t>(bytes)});
     }
-    std::shared_ptr<Callee> callee_;
-    QV_AUDIO_CAPTURE capture_;
+    std::shared_ptr<Callee> m_callee;
+    QV_AUDIO_CAPTURE m_capture;
 };
 
 /** A file descriptor that becomes readable when somebody has rung: for poll() and its like. */
@@ -394,24 +394,24 @@ class Doorbell {
   public:
     /** Throws std::system_error when the system has no descriptor left; without exceptions Fd() is
      *  -1 then, and nothing rings. */
-    Doorbell() : fd_(QVOpenDoorbell()) {
+    Doorbell() : m_fd(QVOpenDoorbell()) {
 #if defined(__cpp_exceptions)
-        if (fd_ < 0) throw std::system_error(errno, std::generic_category(), "doorbell");
+        if (m_fd < 0) throw std::system_error(errno, std::generic_category(), "doorbell");
 #endif
     }
     ~Doorbell() {
-        if (fd_ >= 0) close(fd_);
+        if (m_fd >= 0) close(m_fd);
     }
     Doorbell(const Doorbell&) = delete;
     Doorbell& operator=(const Doorbell&) = delete;
-    int Fd() const { return fd_; }
+    int Fd() const { return m_fd; }
     /** Any thread; never blocks. */
-    void Ring() noexcept { QVRingDoorbell(fd_); }
+    void Ring() noexcept { QVRingDoorbell(m_fd); }
     /** How often it was rung since the last call; it is not readable then. */
-    uint64_t Answer() noexcept { return QVAnswerDoorbell(fd_); }
+    uint64_t Answer() noexcept { return QVAnswerDoorbell(m_fd); }
 
   private:
-    int fd_;
+    int m_fd;
 };
 
 /** A copy of a frame that is the caller's own. */
@@ -444,7 +444,7 @@ template <class Item>
 class Mailbox {
   public:
     /** @param length  items that may wait, at least 1 */
-    explicit Mailbox(size_t length) : slots_(length == 0 ? 1 : length) {}
+    explicit Mailbox(size_t length) : m_slots(length == 0 ? 1 : length) {}
 
     /** A callable for the constructors of captures. The mailbox must outlive them. */
     auto Sink() {
@@ -453,46 +453,46 @@ class Mailbox {
     /** Any thread. */
     template <class Delivered>
     void Put(const Delivered& delivered) {
-        const std::lock_guard<std::mutex> guard(lock_);
-        ++delivered_;
-        if (waiting_ == slots_.size()) {
-            ++dropped_;
+        const std::lock_guard<std::mutex> guard(m_lock);
+        ++m_delivered;
+        if (m_waiting == m_slots.size()) {
+            ++m_dropped;
             return;
         }
-        slots_[(first_ + waiting_) % slots_.size()] = delivered;
-        ++waiting_;
-        bell_.Ring();
+        m_slots[(m_first + m_waiting) % m_slots.size()] = delivered;
+        ++m_waiting;
+        m_bell.Ring();
     }
     /** Takes the oldest item; false when none waits. What @p item held is reused. */
     bool Take(Item& item) {
-        const std::lock_guard<std::mutex> guard(lock_);
-        if (waiting_ == 0) return false;
-        std::swap(item, slots_[first_]);
-        first_ = (first_ + 1) % slots_.size();
-        if (--waiting_ == 0) bell_.Answer();
+        const std::lock_guard<std::mutex> guard(m_lock);
+        if (m_waiting == 0) return false;
+        std::swap(item, m_slots[m_first]);
+        m_first = (m_first + 1) % m_slots.size();
+        if (--m_waiting == 0) m_bell.Answer();
         return true;
     }
     /** Readable while items wait. */
-    int Fd() const { return bell_.Fd(); }
+    int Fd() const { return m_bell.Fd(); }
     /** Items that came, the dropped ones included. */
     uint64_t Delivered() const {
-        const std::lock_guard<std::mutex> guard(lock_);
-        return delivered_;
+        const std::lock_guard<std::mutex> guard(m_lock);
+        return m_delivered;
     }
     /** Items lost because the queue was full. */
     uint64_t Dropped() const {
-        const std::lock_guard<std::mutex> guard(lock_);
-        return dropped_;
+        const std::lock_guard<std::mutex> guard(m_lock);
+        return m_dropped;
     }
 
   private:
-    mutable std::mutex lock_;
-    std::vector<Item> slots_;
-    size_t first_ = 0;
-    size_t waiting_ = 0;
-    uint64_t delivered_ = 0;
-    uint64_t dropped_ = 0;
-    Doorbell bell_;
+    mutable std::mutex m_lock;
+    std::vector<Item> m_slots;
+    size_t m_first = 0;
+    size_t m_waiting = 0;
+    uint64_t m_delivered = 0;
+    uint64_t m_dropped = 0;
+    Doorbell m_bell;
 };
 
 }  // namespace qvcapture

@@ -42,33 +42,33 @@ struct Candidate {
 class Group {
   public:
     Group(const CheckOptions& options, bool hasOrder, CheckReport& report)
-        : options_(options), hasOrder_(hasOrder), report_(report) {}
+        : m_options(options), m_hasOrder(hasOrder), m_report(report) {}
 
     void Judge(const std::vector<Candidate>& candidates) {
         for (const Candidate& candidate : candidates) JudgeOne(candidate);
-        for (const auto& [cards, names] : fitting_)
+        for (const auto& [cards, names] : m_fitting)
             if (names.size() > 1) AddSameCards(cards.first, cards.second, names);
-        report_.packages += candidates.size();
+        m_report.packages += candidates.size();
     }
 
   private:
     void Add(const std::string& name, Finding finding) {
         finding.file = name;
-        report_.findings.push_back(std::move(finding));
+        m_report.findings.push_back(std::move(finding));
     }
 
     void JudgeOne(const Candidate& candidate) {
         try {
             const Package package = ReadPackage(candidate.path, Read::kHeader);
-            for (Finding& finding : CheckPackage(package, options_.flash))
+            for (Finding& finding : CheckPackage(package, m_options.flash))
                 Add(candidate.name, std::move(finding));
-            fitting_[{package.productCode, package.hardwareVersion}].push_back(candidate.name);
+            m_fitting[{package.productCode, package.hardwareVersion}].push_back(candidate.name);
         } catch (const Mistake& mistake) {
             // The message begins with "PATH: ".
             const std::string message = mistake.what();
             Add(candidate.name, {"", kUnreadable, message.substr(candidate.path.size() + 2)});
         }
-        if (!options_.keys.empty()) JudgeSignature(candidate);
+        if (!m_options.keys.empty()) JudgeSignature(candidate);
     }
 
     void JudgeSignature(const Candidate& candidate) {
@@ -77,27 +77,27 @@ class Group {
         if (!fs::exists(place, missing))
             Add(candidate.name,
                 {"", kUnsigned, "there is no signature " + fs::path(place).filename().string()});
-        else if (!IsSignedBy(ReadFile(candidate.path), ReadFile(place), options_.keys))
+        else if (!IsSignedBy(ReadFile(candidate.path), ReadFile(place), m_options.keys))
             Add(candidate.name,
                 {"", kBadSignature,
                  fs::path(place).filename().string() +
-                     " was not made over these bytes by a key of " + options_.keys});
+                     " was not made over these bytes by a key of " + m_options.keys});
     }
 
     void AddSameCards(uint16_t product, uint8_t hardware, const std::vector<std::string>& names) {
         const std::string which =
-            hasOrder_ ? "in today's order of the directory " + names[0] + " is taken"
-                      : "the order of their directory decides which one is taken";
+            m_hasOrder ? "in today's order of the directory " + names[0] + " is taken"
+                       : "the order of their directory decides which one is taken";
         for (size_t i = 1; i < names.size(); ++i)
             Add(names[i], {"", kSameCards,
                            "for product " + HexNumber(product, 4) + ", hardware " +
                                HardwareText(hardware) + " as " + names[0] + " is; " + which});
     }
 
-    const CheckOptions& options_;
-    bool hasOrder_;
-    CheckReport& report_;
-    std::map<std::pair<uint16_t, uint8_t>, std::vector<std::string>> fitting_;
+    const CheckOptions& m_options;
+    bool m_hasOrder;
+    CheckReport& m_report;
+    std::map<std::pair<uint16_t, uint8_t>, std::vector<std::string>> m_fitting;
 };
 
 void CheckFolder(const std::string& folder, const CheckOptions& options, CheckReport& report) {

@@ -95,7 +95,7 @@ int SignPackages(const Arguments& arguments) {
 class Commands {
   public:
     Commands(CLI::App& app, Arguments& given, std::ostream& out, int& status)
-        : app_(app), given_(given), out_(out), status_(status) {}
+        : m_app(app), m_given(given), m_out(out), m_status(status) {}
 
     void AddAll() {
         AddCreate();
@@ -108,52 +108,52 @@ class Commands {
 
   private:
     void AddCreate() {
-        CLI::App* create = app_.add_subcommand("create", "make a package from a description");
-        create->add_option("DESCRIPTION", given_.input, "TOML file")->required();
-        create->add_option("-o,--output", given_.output, "package to write, - for standard output")
+        CLI::App* create = m_app.add_subcommand("create", "make a package from a description");
+        create->add_option("DESCRIPTION", m_given.input, "TOML file")->required();
+        create->add_option("-o,--output", m_given.output, "package to write, - for standard output")
             ->required();
-        create->callback([this] { status_ = Create(given_, out_); });
+        create->callback([this] { m_status = Create(m_given, m_out); });
     }
     void AddInfo() {
-        CLI::App* info = app_.add_subcommand("info", "show header, section table and digests");
-        info->add_option("FILE", given_.inputs, "packages")->required();
-        info->add_flag("--json", given_.json, "as JSON");
-        info->add_flag("--all", given_.all, "reserved fields too that are zero");
-        info->callback([this] { status_ = Info(given_, out_); });
+        CLI::App* info = m_app.add_subcommand("info", "show header, section table and digests");
+        info->add_option("FILE", m_given.inputs, "packages")->required();
+        info->add_flag("--json", m_given.json, "as JSON");
+        info->add_flag("--all", m_given.all, "reserved fields too that are zero");
+        info->callback([this] { m_status = Info(m_given, m_out); });
     }
     void AddCheck() {
-        CLI::App* check = app_.add_subcommand("check", "look for what wrecks or fools a card");
-        check->add_option("PATH", given_.inputs, "packages, or folders of packages")->required();
-        check->add_flag("--json", given_.json, "as JSON");
-        check->add_option("--key", given_.check.keys, "public keys that packages are signed by");
-        check->add_option("--flash-size", given_.check.flash.size, "bytes of the cards' flash");
-        check->add_option("--firmware-area", given_.check.flash.firmwareArea,
+        CLI::App* check = m_app.add_subcommand("check", "look for what wrecks or fools a card");
+        check->add_option("PATH", m_given.inputs, "packages, or folders of packages")->required();
+        check->add_flag("--json", m_given.json, "as JSON");
+        check->add_option("--key", m_given.check.keys, "public keys that packages are signed by");
+        check->add_option("--flash-size", m_given.check.flash.size, "bytes of the cards' flash");
+        check->add_option("--firmware-area", m_given.check.flash.firmwareArea,
                           "flash address of the header");
-        check->callback([this] { status_ = CheckAll(given_, out_); });
+        check->callback([this] { m_status = CheckAll(m_given, m_out); });
     }
     void AddDiff() {
-        CLI::App* diff = app_.add_subcommand("diff", "show how two packages differ");
-        diff->add_option("FILE", given_.input, "package")->required();
-        diff->add_option("OTHER", given_.other, "package")->required();
-        diff->callback([this] { status_ = Diff(given_, out_); });
+        CLI::App* diff = m_app.add_subcommand("diff", "show how two packages differ");
+        diff->add_option("FILE", m_given.input, "package")->required();
+        diff->add_option("OTHER", m_given.other, "package")->required();
+        diff->callback([this] { m_status = Diff(m_given, m_out); });
     }
     void AddSign() {
-        CLI::App* sign = app_.add_subcommand("sign", "make a detached signature for each package");
-        sign->add_option("FILE", given_.inputs, "packages")->required();
-        sign->add_option("--key", given_.key, "private key, made by ssh-keygen")->required();
-        sign->callback([this] { status_ = SignPackages(given_); });
+        CLI::App* sign = m_app.add_subcommand("sign", "make a detached signature for each package");
+        sign->add_option("FILE", m_given.inputs, "packages")->required();
+        sign->add_option("--key", m_given.key, "private key, made by ssh-keygen")->required();
+        sign->callback([this] { m_status = SignPackages(m_given); });
     }
     void AddExtract() {
-        CLI::App* extract = app_.add_subcommand("extract", "take a package apart");
-        extract->add_option("FILE", given_.input, "package")->required();
-        extract->add_option("-d,--directory", given_.output, "folder to make")->required();
-        extract->callback([this] { status_ = Extract(given_); });
+        CLI::App* extract = m_app.add_subcommand("extract", "take a package apart");
+        extract->add_option("FILE", m_given.input, "package")->required();
+        extract->add_option("-d,--directory", m_given.output, "folder to make")->required();
+        extract->callback([this] { m_status = Extract(m_given); });
     }
 
-    CLI::App& app_;
-    Arguments& given_;
-    std::ostream& out_;
-    int& status_;
+    CLI::App& m_app;
+    Arguments& m_given;
+    std::ostream& m_out;
+    int& m_status;
 };
 
 }  // namespace

@@ -21,8 +21,8 @@ constexpr char kTrailingName[] = "trailing.bin";
 class Table {
   public:
     Table(const std::string& path, const toml::table& table, const std::vector<std::string>& known)
-        : path_(path), table_(table) {
-        for (const auto& [key, node] : table_) {
+        : m_path(path), m_table(table) {
+        for (const auto& [key, node] : m_table) {
             const std::string word(key.str());
             if (std::find(known.begin(), known.end(), word) == known.end())
                 Fail(node, "'" + word + "' is not known here" + KnownWords(word, known));
@@ -30,13 +30,13 @@ class Table {
     }
 
     [[noreturn]] void Fail(const toml::node& at, const std::string& what) const {
-        throw Mistake(path_ + ":" + std::to_string(at.source().begin.line) + ": " + what);
+        throw Mistake(m_path + ":" + std::to_string(at.source().begin.line) + ": " + what);
     }
 
-    const toml::node* Find(const std::string& key) const { return table_.get(key); }
+    const toml::node* Find(const std::string& key) const { return m_table.get(key); }
     const toml::node& Need(const std::string& key) const {
         const toml::node* node = Find(key);
-        if (node == nullptr) Fail(table_, "'" + key + "' is missing");
+        if (node == nullptr) Fail(m_table, "'" + key + "' is missing");
         return *node;
     }
 
@@ -72,7 +72,7 @@ class Table {
 
     // The bytes of a file that a text names, beside the description.
     Bytes Content(const toml::node& node, const std::string& key) const {
-        const std::filesystem::path folder = std::filesystem::path(path_).parent_path();
+        const std::filesystem::path folder = std::filesystem::path(m_path).parent_path();
         const std::string file = (folder / Text(node, key)).string();
         try {
             return ReadFile(file);
@@ -82,8 +82,8 @@ class Table {
     }
 
   private:
-    const std::string& path_;
-    const toml::table& table_;
+    const std::string& m_path;
+    const toml::table& m_table;
 };
 
 // "1.2", both from 0 to 65535.

@@ -26,27 +26,28 @@ std::FILE* OpenForReading(const std::string& path) {
 
 }  // namespace
 
-InputFile::InputFile(const std::string& path) : path_(path), file_(OpenForReading(path)) {
+InputFile::InputFile(const std::string& path) : m_path(path), m_file(OpenForReading(path)) {
     struct stat status;
-    if (!file_ || fstat(fileno(file_.get()), &status) != 0) Fail(path, "cannot be opened");
+    if (!m_file || fstat(fileno(m_file.get()), &status) != 0) Fail(path, "cannot be opened");
     if (!S_ISREG(status.st_mode)) throw Mistake(path + ": is not a regular file");
-    left_ = static_cast<uint64_t>(status.st_size);
+    m_left = static_cast<uint64_t>(status.st_size);
 }
 
 Bytes InputFile::Take(uint64_t size) {
-    const uint64_t wanted = size < left_ ? size : left_;
+    const uint64_t wanted = size < m_left ? size : m_left;
     if (wanted > std::numeric_limits<size_t>::max() / 4)
-        throw Mistake(path_ + ": is too large for this computer's memory");
+        throw Mistake(m_path + ": is too large for this computer's memory");
     Bytes bytes(static_cast<size_t>(wanted));
-    if (std::fread(bytes.data(), 1, bytes.size(), file_.get()) != bytes.size())
-        Fail(path_, "cannot be read");
-    left_ -= wanted;
+    if (std::fread(bytes.data(), 1, bytes.size(), m_file.get()) != bytes.size())
+        Fail(m_path, "cannot be read");
+    m_left -= wanted;
     return bytes;
 }
 
 void InputFile::Skip(uint64_t size) {
-    if (fseeko(file_.get(), static_cast<off_t>(size), SEEK_CUR) != 0) Fail(path_, "cannot be read");
-    left_ -= size;
+    if (fseeko(m_file.get(), static_cast<off_t>(size), SEEK_CUR) != 0)
+        Fail(m_path, "cannot be read");
+    m_left -= size;
 }
 
 Bytes ReadFile(const std::string& path) {

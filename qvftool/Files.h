@@ -14,7 +14,7 @@ namespace qvf {
 class InputFile {
   public:
     explicit InputFile(const std::string& path);
-    uint64_t Left() const { return left_; }
+    uint64_t Left() const { return m_left; }
     // The next bytes; fewer only at the end of the file.
     Bytes Take(uint64_t size);
     void Skip(uint64_t size);
@@ -23,9 +23,9 @@ class InputFile {
     struct Close {
         void operator()(std::FILE* file) const { std::fclose(file); }
     };
-    std::string path_;
-    std::unique_ptr<std::FILE, Close> file_;
-    uint64_t left_ = 0;
+    std::string m_path;
+    std::unique_ptr<std::FILE, Close> m_file;
+    uint64_t m_left = 0;
 };
 
 Bytes ReadFile(const std::string& path);

@@ -82,35 +82,35 @@ void SyncFolder(const std::string& folder) {
 class BesideFile {
   public:
     explicit BesideFile(const std::string& place)
-        : place_(place), temporary_(FolderOf(place) + "/.new-package-XXXXXX") {
-        fd_ = mkostemp(temporary_.data(), O_CLOEXEC);
-        if (fd_ < 0) Fail(place, "cannot be written");
+        : m_place(place), m_temporary(FolderOf(place) + "/.new-package-XXXXXX") {
+        m_fd = mkostemp(m_temporary.data(), O_CLOEXEC);
+        if (m_fd < 0) Fail(place, "cannot be written");
     }
     ~BesideFile() {
-        if (fd_ >= 0) close(fd_);
-        if (!moved_) unlink(temporary_.c_str());
+        if (m_fd >= 0) close(m_fd);
+        if (!m_moved) unlink(m_temporary.c_str());
     }
     BesideFile(const BesideFile&) = delete;
     BesideFile& operator=(const BesideFile&) = delete;
 
     void Fill(const Bytes& bytes, mode_t mode) {
-        if (!WriteAll(fd_, bytes) || fchmod(fd_, mode) != 0 || fsync(fd_) != 0)
-            Fail(place_, "cannot be written");
-        const int fd = fd_;
-        fd_ = -1;
-        if (close(fd) != 0) Fail(place_, "cannot be written");
+        if (!WriteAll(m_fd, bytes) || fchmod(m_fd, mode) != 0 || fsync(m_fd) != 0)
+            Fail(m_place, "cannot be written");
+        const int fd = m_fd;
+        m_fd = -1;
+        if (close(fd) != 0) Fail(m_place, "cannot be written");
     }
     void Move() {
-        if (rename(temporary_.c_str(), place_.c_str()) != 0) Fail(place_, "cannot be written");
-        moved_ = true;
-        SyncFolder(FolderOf(place_));
+        if (rename(m_temporary.c_str(), m_place.c_str()) != 0) Fail(m_place, "cannot be written");
+        m_moved = true;
+        SyncFolder(FolderOf(m_place));
     }
 
   private:
-    std::string place_;
-    std::string temporary_;
-    int fd_ = -1;
-    bool moved_ = false;
+    std::string m_place;
+    std::string m_temporary;
+    int m_fd = -1;
+    bool m_moved = false;
 };
 
 // Signals end the program here as ever: a FIFO may wait for its reader, and nothing is left behind.
@@ -132,10 +132,10 @@ HeldSignals::HeldSignals() {
     // An ignored signal that waits could not be told from one that must end the program.
     for (const int signal : kEndingSignals)
         if (!IsIgnored(signal)) sigaddset(&held, signal);
-    sigprocmask(SIG_BLOCK, &held, &before_);
+    sigprocmask(SIG_BLOCK, &held, &m_before);
 }
 
-HeldSignals::~HeldSignals() { sigprocmask(SIG_SETMASK, &before_, nullptr); }
+HeldSignals::~HeldSignals() { sigprocmask(SIG_SETMASK, &m_before, nullptr); }
 
 void HeldSignals::StopIfOneWaits() {
     sigset_t waiting;
@@ -160,28 +160,29 @@ void WriteFile(const std::string& path, const Bytes& bytes) {
 NewFolder::NewFolder(const std::string& place) {
     std::string plain = place;
     while (plain.size() > 1 && plain.back() == '/') plain.pop_back();
-    place_ = Followed(plain);
+    m_place = Followed(plain);
     std::error_code error;
-    const std::optional<struct stat> there = StatusOf(place_);
-    if (there && !(S_ISDIR(there->st_mode) && fs::is_empty(place_, error)))
-        throw Mistake(place_ + ": is there already and not an empty folder; name a new one");
-    mode_ = there ? there->st_mode & 07777 : NewFileMode() | 0111;
-    temporary_ = FolderOf(place_) + "/.new-folder-XXXXXX";
-    if (mkdtemp(temporary_.data()) == nullptr) Fail(place_, "cannot be made");
+    const std::optional<struct stat> there = StatusOf(m_place);
+    if (there && !(S_ISDIR(there->st_mode) && fs::is_empty(m_place, error)))
+        throw Mistake(m_place + ": is there already and not an empty folder; name a new one");
+    m_mode = there ? there->st_mode & 07777 : NewFileMode() | 0111;
+    m_temporary = FolderOf(m_place) + "/.new-folder-XXXXXX";
+    if (mkdtemp(m_temporary.data()) == nullptr) Fail(m_place, "cannot be made");
 }
 
 NewFolder::~NewFolder() {
     std::error_code ignored;  // what cannot be removed has a name that tells what it is
-    if (!committed_) fs::remove_all(temporary_, ignored);
+    if (!m_committed) fs::remove_all(m_temporary, ignored);
 }
 
 void NewFolder::Commit() {
     HeldSignals::StopIfOneWaits();
-    SyncFolder(temporary_);
-    if (chmod(temporary_.c_str(), mode_) != 0 || rename(temporary_.c_str(), place_.c_str()) != 0)
-        Fail(place_, "cannot be made");
-    committed_ = true;
-    SyncFolder(FolderOf(place_));
+    SyncFolder(m_temporary);
+    if (chmod(m_temporary.c_str(), m_mode) != 0 ||
+        rename(m_temporary.c_str(), m_place.c_str()) != 0)
+        Fail(m_place, "cannot be made");
+    m_committed = true;
+    SyncFolder(FolderOf(m_place));
 }
 
 }  // namespace qvf

@@ -23,7 +23,7 @@ class HeldSignals {
     static void StopIfOneWaits();
 
   private:
-    sigset_t before_;
+    sigset_t m_before;
 };
 
 // Follows links. A regular file is replaced as a whole and keeps its mode: an older one stays whole
@@ -39,15 +39,15 @@ class NewFolder {
     NewFolder(const NewFolder&) = delete;
     NewFolder& operator=(const NewFolder&) = delete;
 
-    std::string operator/(const std::string& name) const { return temporary_ + "/" + name; }
+    std::string operator/(const std::string& name) const { return m_temporary + "/" + name; }
     void Commit();
 
   private:
-    HeldSignals held_;
-    std::string place_;
-    std::string temporary_;
-    unsigned mode_ = 0;
-    bool committed_ = false;
+    HeldSignals m_held;
+    std::string m_place;
+    std::string m_temporary;
+    unsigned m_mode = 0;
+    bool m_committed = false;
 };
 
 }  // namespace qvf

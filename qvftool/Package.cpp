@@ -16,10 +16,10 @@ bool IsPrintable(uint8_t c) { return c >= 0x20 && c < 0x7F; }
 // Takes fields off the front of a block; the caller has made sure that it is long enough.
 class Fields {
   public:
-    explicit Fields(const uint8_t* at) : at_(at) {}
+    explicit Fields(const uint8_t* at) : m_at(at) {}
     uint64_t Number(int bytes) {
         uint64_t value = 0;
-        for (int i = 0; i < bytes; ++i) value |= uint64_t{*at_++} << (8 * i);
+        for (int i = 0; i < bytes; ++i) value |= uint64_t{*m_at++} << (8 * i);
         return value;
     }
     uint8_t U8() { return static_cast<uint8_t>(Number(1)); }
@@ -27,12 +27,12 @@ class Fields {
     uint32_t U32() { return static_cast<uint32_t>(Number(4)); }
     template <size_t kSize>
     void Raw(std::array<uint8_t, kSize>& out) {
-        std::copy_n(at_, kSize, out.begin());
-        at_ += kSize;
+        std::copy_n(m_at, kSize, out.begin());
+        m_at += kSize;
     }
 
   private:
-    const uint8_t* at_;
+    const uint8_t* m_at;
 };
 
 void Put(Bytes& out, uint64_t value, int bytes) {

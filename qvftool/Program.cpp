@@ -48,23 +48,23 @@ int WaitFor(pid_t pid) {
 
 }  // namespace
 
-MemoryFile::MemoryFile(const Bytes& bytes) : fd_(NewMemoryFile()) {
+MemoryFile::MemoryFile(const Bytes& bytes) : m_fd(NewMemoryFile()) {
     for (size_t done = 0; done < bytes.size();) {
-        const ssize_t n = write(fd_, bytes.data() + done, bytes.size() - done);
+        const ssize_t n = write(m_fd, bytes.data() + done, bytes.size() - done);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
             const int error = errno;
-            close(fd_);
+            close(m_fd);
             Fail("a file in memory cannot be written", error);
         }
         done += static_cast<size_t>(n);
     }
-    lseek(fd_, 0, SEEK_SET);
+    lseek(m_fd, 0, SEEK_SET);
 }
 
-MemoryFile::~MemoryFile() { close(fd_); }
+MemoryFile::~MemoryFile() { close(m_fd); }
 
-std::string MemoryFile::Path() const { return "/proc/self/fd/" + std::to_string(fd_); }
+std::string MemoryFile::Path() const { return "/proc/self/fd/" + std::to_string(m_fd); }
 
 ProgramRun RunProgram(const std::vector<std::string>& arguments, const MemoryFile& input,
                       const std::string& package) {

@@ -17,11 +17,11 @@ class MemoryFile {
     MemoryFile(const MemoryFile&) = delete;
     MemoryFile& operator=(const MemoryFile&) = delete;
 
-    int Descriptor() const { return fd_; }
+    int Descriptor() const { return m_fd; }
     std::string Path() const;  // for a program that this one starts
 
   private:
-    int fd_;
+    int m_fd;
 };
 
 struct ProgramRun {

@@ -19,25 +19,25 @@ std::string Numbered(size_t i, const Section& section) {
 // Collects the findings of one package.
 class Findings {
   public:
-    explicit Findings(const Package& package) : package_(package) {}
+    explicit Findings(const Package& package) : m_package(package) {}
 
     void Add(const Rule& rule, std::string message) {
-        all_.push_back({"", rule, std::move(message)});
+        m_all.push_back({"", rule, std::move(message)});
     }
     // For each section for which `message` gives a text.
     template <class Message>
     void AddForEach(const Rule& rule, Message message) {
-        for (size_t i = 0; i < package_.sections.size(); ++i) {
-            const Section& section = package_.sections[i];
+        for (size_t i = 0; i < m_package.sections.size(); ++i) {
+            const Section& section = m_package.sections[i];
             const std::string text = message(section, i);
             if (!text.empty()) Add(rule, Numbered(i, section) + text);
         }
     }
-    std::vector<Finding> Take() { return std::move(all_); }
+    std::vector<Finding> Take() { return std::move(m_all); }
 
   private:
-    const Package& package_;
-    std::vector<Finding> all_;
+    const Package& m_package;
+    std::vector<Finding> m_all;
 };
 
 // Whether an upgrade of this kind writes more than the header.

@@ -16,21 +16,21 @@ namespace {
 class OpenState {
   public:
     explicit OpenState(const std::string& dir)
-        : folder_(Folder::Open(dir, error_)), lock_(folder_.get()) {
-        if (folder_) error_ = LoadState(dir, state_);
+        : m_folder(Folder::Open(dir, m_error)), m_lock(m_folder.get()) {
+        if (m_folder) m_error = LoadState(dir, m_state);
     }
-    const std::string& Error() const { return error_; }
-    CardsState& State() { return state_; }
-    std::string Save() { return SaveState(*folder_, state_); }
+    const std::string& Error() const { return m_error; }
+    CardsState& State() { return m_state; }
+    std::string Save() { return SaveState(*m_folder, m_state); }
     uint32_t Seen(const Fault& fault) const {
-        return LoadShared(folder_->Page().faultSeen[fault.slot]);
+        return LoadShared(m_folder->Page().faultSeen[fault.slot]);
     }
 
   private:
-    std::string error_;
-    std::unique_ptr<Folder> folder_;
-    Folder::Lock lock_;
-    CardsState state_;
+    std::string m_error;
+    std::unique_ptr<Folder> m_folder;
+    Folder::Lock m_lock;
+    CardsState m_state;
 };
 
 std::string ValueText(const FaultEffect& effect) {

@@ -32,15 +32,15 @@ struct Mistake : std::runtime_error {
 // A table that has no keys but the known ones.
 class Table {
   public:
-    Table(const toml::table& table, const std::vector<std::string>& known) : table_(table) {
-        for (const auto& [key, node] : table_) {
+    Table(const toml::table& table, const std::vector<std::string>& known) : m_table(table) {
+        for (const auto& [key, node] : m_table) {
             const std::string word(key.str());
             if (std::find(known.begin(), known.end(), word) == known.end())
                 throw Mistake(node, "unknown key '" + word + "'" + KnownWords(word, known));
         }
     }
 
-    const toml::node* Find(const char* key) const { return table_.get(key); }
+    const toml::node* Find(const char* key) const { return m_table.get(key); }
     void Text(const char* key, std::string& out) {
         if (const toml::node* node = Find(key)) out = TextOf(*node, key);
     }
@@ -98,7 +98,7 @@ class Table {
     }
 
   private:
-    const toml::table& table_;
+    const toml::table& m_table;
 };
 
 const toml::table& TableOf(const toml::node& node, const char* key) {

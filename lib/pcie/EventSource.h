@@ -48,21 +48,21 @@ struct WorkerScope {
 
     // Deletes a record, once the callback that is running has returned.
     void Retire(CallbackRecord* record) {
-        if (!inCallback) {
+        if (!m_inCallback) {
             delete record;
             return;
         }
-        record->nextRetired = retired;
-        retired = record;
+        record->nextRetired = m_retired;
+        m_retired = record;
     }
     // Runs one callback; `call` is the last user of what it gives to it.
     template <class Call>
     void CallBack(Call call) {
-        inCallback = true;
+        m_inCallback = true;
         call();
-        inCallback = false;
-        while (CallbackRecord* const record = retired) {
-            retired = record->nextRetired;
+        m_inCallback = false;
+        while (CallbackRecord* const record = m_retired) {
+            m_retired = record->nextRetired;
             delete record;
         }
     }
@@ -73,8 +73,8 @@ struct WorkerScope {
     bool ending = false;  // a callback has closed the channel: no other is called
 
   private:
-    bool inCallback = false;
-    CallbackRecord* retired = nullptr;
+    bool m_inCallback = false;
+    CallbackRecord* m_retired = nullptr;
 };
 
 // An event that a duty waits for. The driver may give the handle of a closed event to the next one;

@@ -28,23 +28,23 @@ class KeptMemory : public CallerMemory {
         if (fd < 0) return nullptr;
         return std::make_shared<KeptMemory>(fd);
     }
-    explicit KeptMemory(int fd) : fd_(fd) {}
-    ~KeptMemory() override { close(fd_); }
+    explicit KeptMemory(int fd) : m_fd(fd) {}
+    ~KeptMemory() override { close(m_fd); }
     KeptMemory(const KeptMemory&) = delete;
     KeptMemory& operator=(const KeptMemory&) = delete;
 
     bool Read(uint64_t address, void* data, uint32_t size) override {
         return Move(address, size, [&](uint32_t done, off_t at) {
-            return pread(fd_, static_cast<char*>(data) + done, size - done, at);
+            return pread(m_fd, static_cast<char*>(data) + done, size - done, at);
         });
     }
     bool Write(uint64_t address, const void* data, uint32_t size) override {
         return Move(address, size, [&](uint32_t done, off_t at) {
-            return pwrite(fd_, static_cast<const char*>(data) + done, size - done, at);
+            return pwrite(m_fd, static_cast<const char*>(data) + done, size - done, at);
         });
     }
     std::shared_ptr<CallerMemory> Keep() const override {
-        return Of(fcntl(fd_, F_DUPFD_CLOEXEC, 0));
+        return Of(fcntl(m_fd, F_DUPFD_CLOEXEC, 0));
     }
 
   private:
@@ -59,7 +59,7 @@ class KeptMemory : public CallerMemory {
         }
         return true;
     }
-    int fd_;
+    int m_fd;
 };
 
 }  // namespace
@@ -69,7 +69,7 @@ bool ClientMemory::Read(uint64_t address, void* data, uint32_t size) {
     if (!Nameable(address, size)) return false;
     const iovec local{data, size};
     const iovec remote = Range(address, size);
-    return process_vm_readv(thread_, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
+    return process_vm_readv(m_thread, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
 }
 
 bool ClientMemory::Write(uint64_t address, const void* data, uint32_t size) {
@@ -77,11 +77,11 @@ bool ClientMemory::Write(uint64_t address, const void* data, uint32_t size) {
     if (!Nameable(address, size)) return false;
     const iovec local{const_cast<void*>(data), size};
     const iovec remote = Range(address, size);
-    return process_vm_writev(thread_, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
+    return process_vm_writev(m_thread, &local, 1, &remote, 1, 0) == static_cast<ssize_t>(size);
 }
 
 std::shared_ptr<CallerMemory> ClientMemory::Keep() const {
-    const std::string path = "/proc/" + std::to_string(thread_) + "/mem";
+    const std::string path = "/proc/" + std::to_string(m_thread) + "/mem";
     return KeptMemory::Of(open(path.c_str(), O_RDWR | O_CLOEXEC));
 }
 

@@ -13,13 +13,13 @@ namespace qvsim {
 class ClientMemory : public CallerMemory {
   public:
     // `thread` is the one that waits in the request.
-    explicit ClientMemory(pid_t thread) : thread_(thread) {}
+    explicit ClientMemory(pid_t thread) : m_thread(thread) {}
     bool Read(uint64_t address, void* data, uint32_t size) override;
     bool Write(uint64_t address, const void* data, uint32_t size) override;
     std::shared_ptr<CallerMemory> Keep() const override;
 
   private:
-    pid_t thread_;
+    pid_t m_thread;
 };
 
 }  // namespace qvsim

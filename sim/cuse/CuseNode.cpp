@@ -24,19 +24,19 @@ bool CuseMessage::Get(void* record, size_t size) const {
 }
 
 CuseNode::~CuseNode() {
-    if (fd_ >= 0) close(fd_);
+    if (m_fd >= 0) close(m_fd);
 }
 
 CuseNode::Received CuseNode::Receive(CuseMessage& message) {
-    buffer_.resize(kLargestMessage);
-    const ssize_t n = read(fd_, buffer_.data(), buffer_.size());
+    m_buffer.resize(kLargestMessage);
+    const ssize_t n = read(m_fd, m_buffer.data(), m_buffer.size());
     // ENOENT: the request was given up before it was read.
     if (n < 0 && (errno == EAGAIN || errno == EINTR || errno == ENOENT)) return Received::kNothing;
     if (n <= 0) return Received::kGone;
     const auto size = static_cast<size_t>(n);
     if (size < sizeof message.header) return Received::kNothing;
-    std::memcpy(&message.header, buffer_.data(), sizeof message.header);
-    message.body.assign(buffer_.begin() + sizeof message.header, buffer_.begin() + n);
+    std::memcpy(&message.header, m_buffer.data(), sizeof message.header);
+    message.body.assign(m_buffer.begin() + sizeof message.header, m_buffer.begin() + n);
     return Received::kMessage;
 }
 
@@ -54,12 +54,12 @@ bool CuseNode::AnswerInit(const CuseMessage& message) {
     wanted.flags = CUSE_UNRESTRICTED_IOCTL;
     wanted.max_read = kLargestTransfer;
     wanted.max_write = kLargestTransfer;
-    const std::string info = "DEVNAME=" + name_;
+    const std::string info = "DEVNAME=" + m_name;
     std::vector<uint8_t> answer(sizeof wanted + info.size() + 1);
     std::memcpy(answer.data(), &wanted, sizeof wanted);
     std::memcpy(answer.data() + sizeof wanted, info.c_str(), info.size() + 1);
     Answer(message.header.unique, 0, answer.data(), answer.size());
-    greeted_ = true;
+    m_greeted = true;
     return true;
 }
 
@@ -71,7 +71,7 @@ void CuseNode::Answer(uint64_t unique, int error, const void* data, size_t size)
     const iovec parts[] = {{&header, sizeof header}, {const_cast<void*>(data), size}};
     // What cannot be delivered has nobody who waits for it: the caller was killed, or the node is
     // gone, which the next read tells.
-    while (writev(fd_, parts, size ? 2 : 1) < 0 && errno == EINTR) {
+    while (writev(m_fd, parts, size ? 2 : 1) < 0 && errno == EINTR) {
     }
 }
 

@@ -25,20 +25,20 @@ class CuseNode {
     enum class Received { kMessage, kNothing, kGone };
 
     // `name` as it is in the folder of devices; takes the descriptor over.
-    CuseNode(std::string name, int fd) : name_(std::move(name)), fd_(fd) {}
+    CuseNode(std::string name, int fd) : m_name(std::move(name)), m_fd(fd) {}
     ~CuseNode();
     CuseNode(const CuseNode&) = delete;
     CuseNode& operator=(const CuseNode&) = delete;
 
-    int Fd() const { return fd_; }
-    const std::string& Name() const { return name_; }
-    std::string Path() const { return "/dev/" + name_; }
+    int Fd() const { return m_fd; }
+    const std::string& Name() const { return m_name; }
+    std::string Path() const { return "/dev/" + m_name; }
 
     Received Receive(CuseMessage& message);
     // Answers the kernel's first message; false when it speaks another version.
     bool AnswerInit(const CuseMessage& message);
     // The kernel has asked for the node and was answered.
-    bool Greeted() const { return greeted_; }
+    bool Greeted() const { return m_greeted; }
     // `error` is an errno, 0: none. One that no kernel passes on arrives as EIO. A request that has
     // ended meanwhile needs no answer.
     void Answer(uint64_t unique, int error, const void* data = nullptr, size_t size = 0) const;
@@ -48,10 +48,10 @@ class CuseNode {
     }
 
   private:
-    std::string name_;
-    int fd_;
-    bool greeted_ = false;
-    std::vector<uint8_t> buffer_;
+    std::string m_name;
+    int m_fd;
+    bool m_greeted = false;
+    std::vector<uint8_t> m_buffer;
 };
 
 }  // namespace qvsim

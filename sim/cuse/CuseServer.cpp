@@ -41,24 +41,24 @@ CuseWays KernelWays() {
 }
 
 CuseServer::CuseServer(std::shared_ptr<Model> model, CuseWays ways)
-    : model_(std::move(model)),
-      ways_(std::move(ways)),
-      epoll_(epoll_create1(EPOLL_CLOEXEC)),
-      changed_(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-    const std::lock_guard lock(model_->Mutex());
-    model_->Events().Listen([this](uint64_t event) {
-        const std::lock_guard guard(changing_);
-        if (changedEvents_.empty()) Wake(changed_);
-        changedEvents_.insert(event);
+    : m_model(std::move(model)),
+      m_ways(std::move(ways)),
+      m_epoll(epoll_create1(EPOLL_CLOEXEC)),
+      m_changed(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
+    const std::lock_guard lock(m_model->Mutex());
+    m_model->Events().Listen([this](uint64_t event) {
+        const std::lock_guard guard(m_changing);
+        if (m_changedEvents.empty()) Wake(m_changed);
+        m_changedEvents.insert(event);
     });
 }
 
 CuseServer::~CuseServer() {
     {
-        const std::lock_guard lock(model_->Mutex());
-        model_->Events().Listen(nullptr);
+        const std::lock_guard lock(m_model->Mutex());
+        m_model->Events().Listen(nullptr);
     }
-    for (const int fd : {epoll_, changed_})
+    for (const int fd : {m_epoll, m_changed})
         if (fd >= 0) close(fd);
 }
 
@@ -66,14 +66,14 @@ bool CuseServer::Watch(int fd, void* what) {
     epoll_event event{};
     event.events = EPOLLIN;
     event.data.ptr = what;
-    return epoll_ctl(epoll_, EPOLL_CTL_ADD, fd, &event) == 0;
+    return epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &event) == 0;
 }
 
 std::string CuseServer::Start(int stop) {
-    stop_ = stop;
-    if (epoll_ < 0 || changed_ < 0 || !Watch(changed_, &changed_) || !Watch(stop, &stop_))
+    m_stop = stop;
+    if (m_epoll < 0 || m_changed < 0 || !Watch(m_changed, &m_changed) || !Watch(stop, &m_stop))
         return std::string("no descriptors to serve with: ") + std::strerror(errno);
-    const std::vector<std::string> names = model_->NodeNames();
+    const std::vector<std::string> names = m_model->NodeNames();
     if (names.empty()) return "there is no node to serve: these cards have none";
     for (const std::string& name : names)
         if (std::string error = AddNode(name); !error.empty()) return error;
@@ -81,13 +81,13 @@ std::string CuseServer::Start(int stop) {
 }
 
 std::string CuseServer::AddNode(const std::string& name) {
-    const std::string place = ways_.deviceFolder + "/" + name;
+    const std::string place = m_ways.deviceFolder + "/" + name;
     // The kernel itself would let the older node stand and say nothing.
     if (access(place.c_str(), F_OK) == 0)
         return place +
                " exists already: unload the driver or end the server that it belongs to, "
                "or give the cards other nodes (first_node in the scenario)";
-    const int fd = ways_.openControl();
+    const int fd = m_ways.openControl();
     if (fd < 0) {
         std::string why = std::string(kControl) + ": " + std::strerror(errno);
         if (errno == ENOENT || errno == ENODEV || errno == ENXIO)
@@ -97,23 +97,23 @@ std::string CuseServer::AddNode(const std::string& name) {
         if (errno == EACCES || errno == EPERM) return why + ": serving nodes needs root";
         return why;
     }
-    nodes_.push_back(std::make_unique<CuseNode>(name, fd));
-    if (!Watch(fd, nodes_.back().get()))
+    m_nodes.push_back(std::make_unique<CuseNode>(name, fd));
+    if (!Watch(fd, m_nodes.back().get()))
         return name + " cannot be watched: " + std::strerror(errno);
     return {};
 }
 
 // A name alone proves nothing: somebody else may have made it meanwhile.
 std::string CuseServer::AwaitNodes() {
-    const Clock::time_point end = Clock::now() + ways_.patience;
-    while (!stopped_) {
-        const auto missing = std::find_if(nodes_.begin(), nodes_.end(), [this](const auto& node) {
+    const Clock::time_point end = Clock::now() + m_ways.patience;
+    while (!m_stopped) {
+        const auto missing = std::find_if(m_nodes.begin(), m_nodes.end(), [this](const auto& node) {
             return !node->Greeted() ||
-                   access((ways_.deviceFolder + "/" + node->Name()).c_str(), F_OK) != 0;
+                   access((m_ways.deviceFolder + "/" + node->Name()).c_str(), F_OK) != 0;
         });
-        if (missing == nodes_.end()) return {};
+        if (missing == m_nodes.end()) return {};
         if (Clock::now() >= end) {
-            const std::string place = ways_.deviceFolder + "/" + (*missing)->Name();
+            const std::string place = m_ways.deviceFolder + "/" + (*missing)->Name();
             return (*missing)->Greeted()
                        ? "the kernel has not made " + place + ": is devtmpfs mounted there?"
                        : "the kernel has not asked for " + place + ": is " + kControl +
@@ -126,22 +126,22 @@ std::string CuseServer::AwaitNodes() {
 
 std::string CuseServer::Run() {
     std::string error;
-    while (error.empty() && !stopped_) error = ServeOnce(TimeToDeadline());
+    while (error.empty() && !m_stopped) error = ServeOnce(TimeToDeadline());
     EndWaiters(ENODEV);
-    for (const auto& [number, open] : files_) model_->Close(open.file, open.number);
-    files_.clear();
-    nodes_.clear();
-    const std::lock_guard lock(settling_);
-    settleDone_ = UINT64_MAX;
-    settled_.notify_all();
+    for (const auto& [number, open] : m_files) m_model->Close(open.file, open.number);
+    m_files.clear();
+    m_nodes.clear();
+    const std::lock_guard lock(m_settling);
+    m_settleDone = UINT64_MAX;
+    m_settled.notify_all();
     return error;
 }
 
 void CuseServer::Settle() {
-    std::unique_lock lock(settling_);
-    const uint64_t mine = ++settleAsked_;
-    Wake(changed_);
-    settled_.wait(lock, [&] { return settleDone_ >= mine; });
+    std::unique_lock lock(m_settling);
+    const uint64_t mine = ++m_settleAsked;
+    Wake(m_changed);
+    m_settled.wait(lock, [&] { return m_settleDone >= mine; });
 }
 
 std::string CuseServer::ServeOnce(int timeout) {
@@ -149,8 +149,8 @@ std::string CuseServer::ServeOnce(int timeout) {
     std::string error = Collect(timeout, sent);
     uint64_t asked = 0;
     {
-        const std::lock_guard lock(settling_);
-        asked = settleAsked_;
+        const std::lock_guard lock(m_settling);
+        asked = m_settleAsked;
     }
     // A close returns before its release is read, so what its process asks of another node next may
     // have been read first.
@@ -163,9 +163,9 @@ std::string CuseServer::ServeOnce(int timeout) {
     }
     AskWaiters();
     TakeNodesAway();
-    const std::lock_guard lock(settling_);
-    settleDone_ = std::max(settleDone_, asked);
-    settled_.notify_all();
+    const std::lock_guard lock(m_settling);
+    m_settleDone = std::max(m_settleDone, asked);
+    m_settled.notify_all();
     return error;
 }
 
@@ -174,18 +174,18 @@ std::string CuseServer::ServeOnce(int timeout) {
 std::string CuseServer::Collect(int timeout, std::vector<Sent>& sent) {
     epoll_event events[16];
     for (;; timeout = 0) {
-        const int count = epoll_wait(epoll_, events, 16, timeout);
+        const int count = epoll_wait(m_epoll, events, 16, timeout);
         if (count < 0 && errno != EINTR)
             return std::string("waiting failed: ") + std::strerror(errno);
         if (count <= 0) return {};
         for (int i = 0; i < count; ++i) {
             void* const what = events[i].data.ptr;
-            if (what == &stop_) {
-                stopped_ = true;
-                epoll_ctl(epoll_, EPOLL_CTL_DEL, stop_, nullptr);  // it stays readable
-            } else if (what == &changed_) {
+            if (what == &m_stop) {
+                m_stopped = true;
+                epoll_ctl(m_epoll, EPOLL_CTL_DEL, m_stop, nullptr);  // it stays readable
+            } else if (what == &m_changed) {
                 uint64_t changes = 0;
-                if (read(changed_, &changes, sizeof changes) < 0) continue;
+                if (read(m_changed, &changes, sizeof changes) < 0) continue;
             } else {
                 CuseNode* const node = static_cast<CuseNode*>(what);
                 Sent one{node, {}};
@@ -231,14 +231,14 @@ std::string CuseServer::Serve(CuseNode& node, const CuseMessage& message) {
 
 void CuseServer::ServeOpen(CuseNode& node, const CuseMessage& message) {
     int error = 0;
-    const std::shared_ptr<OpenFile> file = model_->Open(node.Path(), error);
-    const uint64_t number = nextFile_++;
-    model_->JournalOpen(node.Path(), file ? static_cast<int>(number) : -1, error);
+    const std::shared_ptr<OpenFile> file = m_model->Open(node.Path(), error);
+    const uint64_t number = m_nextFile++;
+    m_model->JournalOpen(node.Path(), file ? static_cast<int>(number) : -1, error);
     if (!file) {
         NoteIfGone(node, error);
         return node.Answer(message.header.unique, error);
     }
-    files_[number] = {file, static_cast<int>(number)};
+    m_files[number] = {file, static_cast<int>(number)};
     fuse_open_out opened{};
     opened.fh = number;
     opened.open_flags = FOPEN_DIRECT_IO | FOPEN_NONSEEKABLE;
@@ -248,10 +248,10 @@ void CuseServer::ServeOpen(CuseNode& node, const CuseMessage& message) {
 void CuseServer::ServeRelease(CuseNode& node, const CuseMessage& message) {
     fuse_release_in release{};
     const auto found =
-        message.Get(&release, sizeof release) ? files_.find(release.fh) : files_.end();
-    if (found == files_.end()) return node.Answer(message.header.unique, EBADF);
-    model_->Close(found->second.file, found->second.number);
-    files_.erase(found);
+        message.Get(&release, sizeof release) ? m_files.find(release.fh) : m_files.end();
+    if (found == m_files.end()) return node.Answer(message.header.unique, EBADF);
+    m_model->Close(found->second.file, found->second.number);
+    m_files.erase(found);
     node.Answer(message.header.unique, 0);
 }
 
@@ -260,8 +260,8 @@ void CuseServer::ServeIoctl(CuseNode& node, const CuseMessage& message) {
     if (!message.Get(&request, sizeof request)) return node.Answer(message.header.unique, EBADF);
     // Addresses of this process's own size reach no further.
     if (sizeof(void*) == 4 && (request.flags & FUSE_IOCTL_32BIT) == 0) {
-        if (!std::exchange(complained_, true))
-            ways_.complain(
+        if (!std::exchange(m_complained, true))
+            m_ways.complain(
                 "process " + std::to_string(message.header.pid) +
                 " is a 64-bit program, which a 32-bit qvcap-sim cannot serve: its requests "
                 "fail with EFAULT. Serve with a 64-bit qvcap-sim, which serves both");
@@ -274,11 +274,11 @@ void CuseServer::ServeIoctl(CuseNode& node, const CuseMessage& message) {
 
 // Serves a request, or parks it until it can be.
 void CuseServer::Try(const Request& request, ParkedWait wait) {
-    const auto open = files_.find(request.file);
-    if (open == files_.end()) return request.node->Answer(request.unique, EBADF);
+    const auto open = m_files.find(request.file);
+    if (open == m_files.end()) return request.node->Answer(request.unique, EBADF);
     ClientMemory memory(request.thread);
     const Answer answer =
-        ServeRequest(*model_, *open->second.file, request.code, request.address, memory, &wait);
+        ServeRequest(*m_model, *open->second.file, request.code, request.address, memory, &wait);
     if (!wait.ForEvent() && !wait.ForCard()) {
         NoteIfGone(*request.node, answer.error);
         return AnswerRequest(*request.node, request.unique, answer);
@@ -290,12 +290,12 @@ void CuseServer::Try(const Request& request, ParkedWait wait) {
         waiter.deadline = Clock::now() + waiter.wait.delay;
     else if (waiter.wait.timeout > 0)
         waiter.deadline = Clock::now() + std::chrono::milliseconds(waiter.wait.timeout);
-    waiters_.push_back(std::move(waiter));
+    m_waiters.push_back(std::move(waiter));
 }
 
 void CuseServer::EndWait(const Request& request, const ParkedWait& wait, int error) {
     Answer answer = Refused(error);
-    if (wait.ForEvent()) AskAgain(*model_, wait, true, error, answer);
+    if (wait.ForEvent()) AskAgain(*m_model, wait, true, error, answer);
     AnswerRequest(*request.node, request.unique, answer);
 }
 
@@ -305,7 +305,7 @@ void CuseServer::EndWait(const Request& request, const ParkedWait& wait, int err
 void CuseServer::Interrupt(CuseNode& node, const CuseMessage& message) {
     fuse_interrupt_in interrupt{};
     if (!message.Get(&interrupt, sizeof interrupt)) return;
-    std::erase_if(waiters_, [&](Waiter& waiter) {
+    std::erase_if(m_waiters, [&](Waiter& waiter) {
         if (waiter.request.node != &node || waiter.request.unique != interrupt.unique) return false;
         waiter.request.interrupted = true;
         if (waiter.wait.ForCard()) return false;
@@ -318,8 +318,8 @@ void CuseServer::Interrupt(CuseNode& node, const CuseMessage& message) {
 void CuseServer::AskWaiters() {
     std::set<uint64_t> changed;
     {
-        const std::lock_guard guard(changing_);
-        changed.swap(changedEvents_);
+        const std::lock_guard guard(m_changing);
+        changed.swap(m_changedEvents);
     }
     const auto concerns = [&](const ParkedWait& wait) {
         return changed.count(EventTable::kAnyEvent) != 0 ||
@@ -328,7 +328,7 @@ void CuseServer::AskWaiters() {
     };
     const Clock::time_point now = Clock::now();
     std::vector<Waiter> asked;
-    asked.swap(waiters_);
+    asked.swap(m_waiters);
     for (Waiter& waiter : asked) {
         const bool late = waiter.deadline && *waiter.deadline <= now;
         if (waiter.wait.ForCard() && late) {
@@ -338,44 +338,44 @@ void CuseServer::AskWaiters() {
         }
         Answer answer;
         if (waiter.wait.ForEvent() && (late || concerns(waiter.wait)) &&
-            AskAgain(*model_, waiter.wait, late, 0, answer))
+            AskAgain(*m_model, waiter.wait, late, 0, answer))
             AnswerRequest(*waiter.request.node, waiter.request.unique, answer);
         else
-            waiters_.push_back(std::move(waiter));
+            m_waiters.push_back(std::move(waiter));
     }
 }
 
 void CuseServer::NoteIfGone(CuseNode& node, int error) {
-    if (error != ENODEV || model_->Exists(node.Path())) return;
-    gone_.insert(&node);
+    if (error != ENODEV || m_model->Exists(node.Path())) return;
+    m_gone.insert(&node);
     // Whoever has the answer finds no name any more; the kernel takes it away only later, when the
     // control device is closed, through which the answer still has to go.
-    unlink((ways_.deviceFolder + "/" + node.Name()).c_str());
+    unlink((m_ways.deviceFolder + "/" + node.Name()).c_str());
 }
 
 // As when a card is pulled out: the kernel removes the node and fails whatever still comes from the
 // programs that have it open.
 void CuseServer::TakeNodesAway() {
-    for (CuseNode* const node : gone_) {
-        std::erase_if(waiters_, [&](const Waiter& one) { return one.request.node == node; });
-        std::erase_if(files_, [&](const auto& item) {
+    for (CuseNode* const node : m_gone) {
+        std::erase_if(m_waiters, [&](const Waiter& one) { return one.request.node == node; });
+        std::erase_if(m_files, [&](const auto& item) {
             if (item.second.file->path != node->Path()) return false;
-            model_->Close(item.second.file, item.second.number);
+            m_model->Close(item.second.file, item.second.number);
             return true;
         });
-        std::erase_if(nodes_, [&](const auto& one) { return one.get() == node; });
+        std::erase_if(m_nodes, [&](const auto& one) { return one.get() == node; });
     }
-    gone_.clear();
+    m_gone.clear();
 }
 
 void CuseServer::EndWaiters(int error) {
-    for (const Waiter& waiter : waiters_) EndWait(waiter.request, waiter.wait, error);
-    waiters_.clear();
+    for (const Waiter& waiter : m_waiters) EndWait(waiter.request, waiter.wait, error);
+    m_waiters.clear();
 }
 
 int CuseServer::TimeToDeadline() const {
     std::optional<Clock::time_point> first;
-    for (const Waiter& waiter : waiters_)
+    for (const Waiter& waiter : m_waiters)
         if (waiter.deadline && (!first || *waiter.deadline < *first)) first = waiter.deadline;
     if (!first) return -1;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(*first - Clock::now()).count();

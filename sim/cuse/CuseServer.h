@@ -48,7 +48,7 @@ class CuseServer {
     // have ended and all files are closed when it returns.
     std::string Run();
     // `stop` was readable.
-    bool Stopped() const { return stopped_; }
+    bool Stopped() const { return m_stopped; }
 
     // Returns when all that was asked before is served, also what nobody waits for: the release of
     // a file comes after its close() has returned. Any other thread, while Run() runs.
@@ -98,25 +98,25 @@ class CuseServer {
     int TimeToDeadline() const;
     bool Watch(int fd, void* what);
 
-    std::shared_ptr<Model> model_;
-    CuseWays ways_;
-    int epoll_;
-    int changed_;  // written to when the model's events change, or somebody waits in Settle()
-    int stop_ = -1;
-    bool stopped_ = false;
-    bool complained_ = false;  // of callers that cannot be served
-    std::vector<std::unique_ptr<CuseNode>> nodes_;
-    std::map<uint64_t, OpenNode> files_;
-    uint64_t nextFile_ = 1;
-    std::vector<Waiter> waiters_;
-    std::set<CuseNode*> gone_;  // taken away by a fault, and not served from now on
-    std::mutex changing_;
-    std::set<uint64_t> changedEvents_;  // since the waiters were asked last
+    std::shared_ptr<Model> m_model;
+    CuseWays m_ways;
+    int m_epoll;
+    int m_changed;  // written to when the model's events change, or somebody waits in Settle()
+    int m_stop = -1;
+    bool m_stopped = false;
+    bool m_complained = false;  // of callers that cannot be served
+    std::vector<std::unique_ptr<CuseNode>> m_nodes;
+    std::map<uint64_t, OpenNode> m_files;
+    uint64_t m_nextFile = 1;
+    std::vector<Waiter> m_waiters;
+    std::set<CuseNode*> m_gone;  // taken away by a fault, and not served from now on
+    std::mutex m_changing;
+    std::set<uint64_t> m_changedEvents;  // since the waiters were asked last
 
-    std::mutex settling_;
-    std::condition_variable settled_;
-    uint64_t settleAsked_ = 0;
-    uint64_t settleDone_ = 0;
+    std::mutex m_settling;
+    std::condition_variable m_settled;
+    uint64_t m_settleAsked = 0;
+    uint64_t m_settleDone = 0;
 };
 
 }  // namespace qvsim

@@ -11,7 +11,7 @@ namespace qvsim {
 
 class ByteStore {
   public:
-    explicit ByteStore(uint8_t filler) : filler_(filler) {}
+    explicit ByteStore(uint8_t filler) : m_filler(filler) {}
     ByteStore(const ByteStore&) = delete;
     ByteStore& operator=(const ByteStore&) = delete;
     ~ByteStore();
@@ -30,10 +30,10 @@ class ByteStore {
   private:
     bool FillTo(size_t offset);
 
-    uint8_t filler_;
-    int fd_ = -1;
-    bool missing_ = false;  // no file, and none is to be made
-    std::vector<uint8_t> memory_;
+    uint8_t m_filler;
+    int m_fd = -1;
+    bool m_missing = false;  // no file, and none is to be made
+    std::vector<uint8_t> m_memory;
 };
 
 }  // namespace qvsim

@@ -132,16 +132,16 @@ class Made {
   public:
     ~Made() {
         // The last one first: folders are empty by then.
-        for (; !paths_.empty(); paths_.pop_back()) std::remove(paths_.back().c_str());
+        for (; !m_paths.empty(); m_paths.pop_back()) std::remove(m_paths.back().c_str());
     }
     // To be told before it is made: what is there already is somebody else's.
     void Add(const std::string& path) {
-        if (access(path.c_str(), F_OK) != 0) paths_.push_back(path);
+        if (access(path.c_str(), F_OK) != 0) m_paths.push_back(path);
     }
-    void Keep() { paths_.clear(); }
+    void Keep() { m_paths.clear(); }
 
   private:
-    std::vector<std::string> paths_;
+    std::vector<std::string> m_paths;
 };
 
 std::string MakeFolder(const std::string& dir, Made& made) {

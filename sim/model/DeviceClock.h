@@ -13,15 +13,15 @@ inline constexpr int64_t kClockUnitsPerSecond = 10'000'000;
 // Time since the model was made, in device-clock units; the same for all boards.
 class TimeSource {
   public:
-    int64_t Now() const { return frozen_ ? frozenAt_ : Units(Clock::now() - start_); }
-    bool Frozen() const { return frozen_; }
+    int64_t Now() const { return m_frozen ? m_frozenAt : Units(Clock::now() - m_start); }
+    bool Frozen() const { return m_frozen; }
     void Freeze() {
-        frozenAt_ = Now();
-        frozen_ = true;
+        m_frozenAt = Now();
+        m_frozen = true;
     }
-    void Advance(int64_t units) { frozenAt_ += units; }
+    void Advance(int64_t units) { m_frozenAt += units; }
     // When the model was made, in time that all processes of the machine have.
-    int64_t Start() const { return Units(start_.time_since_epoch()); }
+    int64_t Start() const { return Units(m_start.time_since_epoch()); }
 
   private:
     using Clock = std::chrono::steady_clock;
@@ -29,9 +29,9 @@ class TimeSource {
         using Ticks = std::chrono::duration<int64_t, std::ratio<1, kClockUnitsPerSecond>>;
         return std::chrono::duration_cast<Ticks>(time).count();
     }
-    Clock::time_point start_ = Clock::now();
-    bool frozen_ = false;
-    int64_t frozenAt_ = 0;
+    Clock::time_point m_start = Clock::now();
+    bool m_frozen = false;
+    int64_t m_frozenAt = 0;
 };
 
 // A clock is known by its difference to a time that runs: that of the source or, where processes
@@ -44,16 +44,16 @@ class DeviceClock {
 
     // From now on the difference to the machine's time is in `difference`.
     void Share(int64_t* difference, int64_t sourceStart) {
-        difference_ = difference;
-        sourceStart_ = sourceStart;
+        m_difference = difference;
+        m_sourceStart = sourceStart;
     }
     int64_t At(int64_t sourceTime) const {
-        const int64_t difference = std::atomic_ref<int64_t>(*difference_).load();
-        return Wrap(Wrap(sourceTime, sourceStart_), difference);
+        const int64_t difference = std::atomic_ref<int64_t>(*m_difference).load();
+        return Wrap(Wrap(sourceTime, m_sourceStart), difference);
     }
     void Set(int64_t sourceTime, int64_t deviceTime) {
-        const int64_t machineTime = Wrap(sourceTime, sourceStart_);
-        std::atomic_ref<int64_t>(*difference_)
+        const int64_t machineTime = Wrap(sourceTime, m_sourceStart);
+        std::atomic_ref<int64_t>(*m_difference)
             .store(static_cast<int64_t>(static_cast<uint64_t>(deviceTime) -
                                         static_cast<uint64_t>(machineTime)));
     }
@@ -62,9 +62,9 @@ class DeviceClock {
     static int64_t Wrap(int64_t a, int64_t b) {
         return static_cast<int64_t>(static_cast<uint64_t>(a) + static_cast<uint64_t>(b));
     }
-    alignas(8) int64_t own_ = 0;
-    int64_t* difference_ = &own_;
-    int64_t sourceStart_ = 0;
+    alignas(8) int64_t m_own = 0;
+    int64_t* m_difference = &m_own;
+    int64_t m_sourceStart = 0;
 };
 
 }  // namespace qvsim

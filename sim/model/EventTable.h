@@ -43,7 +43,7 @@ class EventTable {
     // Sets an event from the driver's side; `signal` and `channel` name the occasion, for the veto.
     // An event that was closed meanwhile has nobody to wake.
     void Signal(const char* signal, const Channel* channel, uint64_t event) {
-        if (!veto_ || !veto_(signal, channel)) Set(event);
+        if (!m_veto || !m_veto(signal, channel)) Set(event);
     }
     Answer IsSet(uint64_t event) const;  // 1 or 0
     Answer TryWait(uint64_t event);      // 1 when it was set, and is not any more
@@ -52,21 +52,21 @@ class EventTable {
     // The number of set events, 0 after the time-out.
     Answer WaitSeveral(Lock& lock, const std::vector<uint64_t>& events, int timeout);
 
-    bool Exists(uint64_t event) const { return events_.count(event) != 0; }
-    size_t Count() const { return events_.size(); }
+    bool Exists(uint64_t event) const { return m_events.count(event) != 0; }
+    size_t Count() const { return m_events.size(); }
 
     // Wakes every waiter with ENODEV, now and in future.
     void ShutDown();
     // Called with the lock held after every change that can end a wait, with the event that changed
     // or kAnyEvent; must not block.
     static constexpr uint64_t kAnyEvent = 0;
-    void Listen(std::function<void(uint64_t)> listener) { listener_ = std::move(listener); }
+    void Listen(std::function<void(uint64_t)> listener) { m_listener = std::move(listener); }
     // Asked before each signal, with the lock held: true loses it.
     using Veto = std::function<bool(const char* signal, const Channel* channel)>;
-    void SetVeto(Veto veto) { veto_ = std::move(veto); }
-    HandlePool& Handles() { return handles_; }
+    void SetVeto(Veto veto) { m_veto = std::move(veto); }
+    HandlePool& Handles() { return m_handles; }
     // In a child after fork(): who waits, waits in the parent.
-    void BeginInChild() { new (&changed_) std::condition_variable; }
+    void BeginInChild() { new (&m_changed) std::condition_variable; }
 
   private:
     Answer Poll(const std::vector<uint64_t>& events) const;
@@ -76,12 +76,12 @@ class EventTable {
         const void* owner;
         bool set;
     };
-    std::map<uint64_t, Event> events_;
-    HandlePool handles_{0x1001};
-    std::condition_variable changed_;
-    std::function<void(uint64_t)> listener_;
-    Veto veto_;
-    bool shutDown_ = false;
+    std::map<uint64_t, Event> m_events;
+    HandlePool m_handles{0x1001};
+    std::condition_variable m_changed;
+    std::function<void(uint64_t)> m_listener;
+    Veto m_veto;
+    bool m_shutDown = false;
 };
 
 }  // namespace qvsim

@@ -16,25 +16,25 @@ namespace qvsim {
 
 class FaultSet {
   public:
-    void Add(const Fault& fault) { armed_.push_back({fault, 0}); }
-    void Clear() { armed_.clear(); }
+    void Add(const Fault& fault) { m_armed.push_back({fault, 0}); }
+    void Clear() { m_armed.clear(); }
     // Those of a folder, with its counts. One that was there before keeps its own.
     void Take(const std::vector<Fault>& faults, uint32_t (&counts)[kMaxFaults]) {
-        std::vector<Armed> before = std::move(armed_);
-        armed_.clear();
+        std::vector<Armed> before = std::move(m_armed);
+        m_armed.clear();
         for (const Fault& fault : faults) {
             Armed armed{fault, 0, fault.perProcess ? nullptr : &counts[fault.slot]};
             for (const Armed& old : before)
                 if (old.fault.slot == fault.slot && old.fault.request == fault.request)
                     armed.seen = old.seen;
-            armed_.push_back(armed);
+            m_armed.push_back(armed);
         }
     }
 
     // Counts this request on every fault it matches; the effects that hit it, in order of adding.
     std::vector<FaultEffect> Hits(const std::string& request, int board, int channel) {
         std::vector<FaultEffect> effects;
-        for (Armed& armed : armed_) {
+        for (Armed& armed : m_armed) {
             const Fault& fault = armed.fault;
             if (!Names(fault, request) || (fault.board != -1 && fault.board != board) ||
                 (fault.channel != -1 && fault.channel != channel))
@@ -69,7 +69,7 @@ class FaultSet {
         uint32_t seen = 0;
         uint32_t* shared = nullptr;
     };
-    std::vector<Armed> armed_;
+    std::vector<Armed> m_armed;
 };
 
 // The value of the first effect of a kind.

@@ -31,11 +31,11 @@ std::string Folder::Make(const std::string& dir) {
 std::unique_ptr<Folder> Folder::Open(const std::string& dir, std::string& error) {
     std::unique_ptr<Folder> folder(new Folder);
     const std::string path = PagePath(dir);
-    folder->dir_ = dir;
-    folder->owner_ = getpid();
-    folder->fd_ = OpenOutOfTheWay(path, O_RDWR);
+    folder->m_dir = dir;
+    folder->m_owner = getpid();
+    folder->m_fd = OpenOutOfTheWay(path, O_RDWR);
     struct stat status {};
-    if (folder->fd_ < 0 || fstat(folder->fd_, &status) != 0) {
+    if (folder->m_fd < 0 || fstat(folder->m_fd, &status) != 0) {
         error = path + ": " + std::strerror(errno) + "; make the folder with `qvcap-sim init`";
         return nullptr;
     }
@@ -45,13 +45,13 @@ std::unique_ptr<Folder> Folder::Open(const std::string& dir, std::string& error)
         return nullptr;
     }
     void* const page =
-        mmap(nullptr, sizeof(LivePage), PROT_READ | PROT_WRITE, MAP_SHARED, folder->fd_, 0);
+        mmap(nullptr, sizeof(LivePage), PROT_READ | PROT_WRITE, MAP_SHARED, folder->m_fd, 0);
     if (page == MAP_FAILED) {
         error = path + ": " + std::strerror(errno);
         return nullptr;
     }
-    folder->page_ = static_cast<LivePage*>(page);
-    if (std::memcmp(folder->page_->magic, kPageMagic, sizeof kPageMagic) != 0) {
+    folder->m_page = static_cast<LivePage*>(page);
+    if (std::memcmp(folder->m_page->magic, kPageMagic, sizeof kPageMagic) != 0) {
         error = path + ": is not of this version; make the folder anew with `qvcap-sim init`";
         return nullptr;
     }
@@ -59,26 +59,26 @@ std::unique_ptr<Folder> Folder::Open(const std::string& dir, std::string& error)
 }
 
 Folder::~Folder() {
-    if (page_) munmap(page_, sizeof *page_);
-    if (fd_ >= 0) CloseOwn(fd_);
+    if (m_page) munmap(m_page, sizeof *m_page);
+    if (m_fd >= 0) CloseOwn(m_fd);
 }
 
 void Folder::Acquire() {
-    if (depth_++ > 0) return;
-    if (const int me = getpid(); me != owner_) {
-        const int mine = OpenOutOfTheWay(PagePath(dir_), O_RDWR);
+    if (m_depth++ > 0) return;
+    if (const int me = getpid(); me != m_owner) {
+        const int mine = OpenOutOfTheWay(PagePath(m_dir), O_RDWR);
         if (mine >= 0) {
-            CloseOwn(fd_);
-            fd_ = mine;
-            owner_ = me;
+            CloseOwn(m_fd);
+            m_fd = mine;
+            m_owner = me;
         }
     }
-    while (flock(fd_, LOCK_EX) != 0 && errno == EINTR) {
+    while (flock(m_fd, LOCK_EX) != 0 && errno == EINTR) {
     }
 }
 
 void Folder::Release() {
-    if (--depth_ == 0) flock(fd_, LOCK_UN);
+    if (--m_depth == 0) flock(m_fd, LOCK_UN);
 }
 
 }  // namespace qvsim

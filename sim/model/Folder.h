@@ -60,23 +60,23 @@ class Folder {
     Folder& operator=(const Folder&) = delete;
     ~Folder();
 
-    const std::string& Dir() const { return dir_; }
-    LivePage& Page() const { return *page_; }
+    const std::string& Dir() const { return m_dir; }
+    LivePage& Page() const { return *m_page; }
 
     // While one exists, no other process changes a file of the folder. Nests.
     class Lock {
       public:
-        explicit Lock(Folder* folder) : folder_(folder) {
-            if (folder_) folder_->Acquire();
+        explicit Lock(Folder* folder) : m_folder(folder) {
+            if (m_folder) m_folder->Acquire();
         }
         ~Lock() {
-            if (folder_) folder_->Release();
+            if (m_folder) m_folder->Release();
         }
         Lock(const Lock&) = delete;
         Lock& operator=(const Lock&) = delete;
 
       private:
-        Folder* folder_;
+        Folder* m_folder;
     };
 
   private:
@@ -84,11 +84,11 @@ class Folder {
     void Acquire();
     void Release();
 
-    std::string dir_;
-    int fd_ = -1;
-    int owner_ = 0;  // the process whose lock it is: a child must not share its parent's
-    int depth_ = 0;
-    LivePage* page_ = nullptr;
+    std::string m_dir;
+    int m_fd = -1;
+    int m_owner = 0;  // the process whose lock it is: a child must not share its parent's
+    int m_depth = 0;
+    LivePage* m_page = nullptr;
 };
 
 }  // namespace qvsim

@@ -22,57 +22,57 @@ std::thread QuietThread(std::function<void()> body) {
 }
 
 void FrameWriter::Add(Channel& channel, FrameRequest request, uint32_t number) {
-    if (stopping_) return;
-    jobs_.push_back({&channel, std::move(request), number});
-    if (!thread_.joinable()) thread_ = QuietThread([this] { Work(); });
-    changed_.notify_all();
+    if (m_stopping) return;
+    m_jobs.push_back({&channel, std::move(request), number});
+    if (!m_thread.joinable()) m_thread = QuietThread([this] { Work(); });
+    m_changed.notify_all();
 }
 
 void FrameWriter::Cancel(Lock& lock, const Channel& channel) {
-    std::erase_if(jobs_, [&](const Job& job) { return job.channel == &channel; });
-    if (drawing_ == &channel) cancelled_ = true;
-    changed_.wait(lock, [&] { return drawing_ != &channel; });
+    std::erase_if(m_jobs, [&](const Job& job) { return job.channel == &channel; });
+    if (m_drawing == &channel) m_cancelled = true;
+    m_changed.wait(lock, [&] { return m_drawing != &channel; });
 }
 
 size_t FrameWriter::InWork(const Channel& channel) const {
-    const auto queued = std::count_if(jobs_.begin(), jobs_.end(),
+    const auto queued = std::count_if(m_jobs.begin(), m_jobs.end(),
                                       [&](const Job& job) { return job.channel == &channel; });
-    return static_cast<size_t>(queued) + (drawing_ == &channel ? 1 : 0);
+    return static_cast<size_t>(queued) + (m_drawing == &channel ? 1 : 0);
 }
 
 void FrameWriter::Stop() {
     {
-        const std::lock_guard lock(mutex_);
-        stopping_ = true;
-        changed_.notify_all();
+        const std::lock_guard lock(m_mutex);
+        m_stopping = true;
+        m_changed.notify_all();
     }
-    if (thread_.joinable()) thread_.join();
+    if (m_thread.joinable()) m_thread.join();
 }
 
 void FrameWriter::BeginInChild() {
-    new (&changed_) std::condition_variable;
-    new (&thread_) std::thread;
-    jobs_.clear();
-    drawing_ = nullptr;
+    new (&m_changed) std::condition_variable;
+    new (&m_thread) std::thread;
+    m_jobs.clear();
+    m_drawing = nullptr;
 }
 
 void FrameWriter::Work() {
-    Lock lock(mutex_);
-    while (!stopping_) {
-        if (jobs_.empty()) {
-            changed_.wait(lock);
+    Lock lock(m_mutex);
+    while (!m_stopping) {
+        if (m_jobs.empty()) {
+            m_changed.wait(lock);
             continue;
         }
-        const Job job = std::move(jobs_.front());
-        jobs_.pop_front();
-        drawing_ = job.channel;
-        cancelled_ = false;
+        const Job job = std::move(m_jobs.front());
+        m_jobs.pop_front();
+        m_drawing = job.channel;
+        m_cancelled = false;
         lock.unlock();
         const bool drawn = DrawPicture(job.request, job.number);
         lock.lock();
-        drawing_ = nullptr;
-        changed_.notify_all();
-        if (!cancelled_) done_(*job.channel, {job.number, job.request.context, drawn});
+        m_drawing = nullptr;
+        m_changed.notify_all();
+        if (!m_cancelled) m_done(*job.channel, {job.number, job.request.context, drawn});
     }
 }
 

@@ -25,7 +25,7 @@ class FrameWriter {
     // not be put there.
     using Done = std::function<void(Channel&, const FrameCompletion&)>;
 
-    FrameWriter(std::mutex& mutex, Done done) : mutex_(mutex), done_(std::move(done)) {}
+    FrameWriter(std::mutex& mutex, Done done) : m_mutex(mutex), m_done(std::move(done)) {}
     ~FrameWriter() { Stop(); }
 
     void Add(Channel& channel, FrameRequest request, uint32_t number);
@@ -45,14 +45,14 @@ class FrameWriter {
     };
     void Work();
 
-    std::mutex& mutex_;
-    Done done_;
-    std::deque<Job> jobs_;
-    const Channel* drawing_ = nullptr;
-    bool cancelled_ = false;  // the picture in work is for nobody any more
-    bool stopping_ = false;
-    std::condition_variable changed_;
-    std::thread thread_;
+    std::mutex& m_mutex;
+    Done m_done;
+    std::deque<Job> m_jobs;
+    const Channel* m_drawing = nullptr;
+    bool m_cancelled = false;  // the picture in work is for nobody any more
+    bool m_stopping = false;
+    std::condition_variable m_changed;
+    std::thread m_thread;
 };
 
 // Runs `body` on a new thread that takes none of the process's signals.

@@ -10,23 +10,23 @@ namespace qvsim {
 
 class HandlePool {
   public:
-    explicit HandlePool(uint64_t first) : next_(first) {}
-    void UseAgain(bool again) { again_ = again; }
+    explicit HandlePool(uint64_t first) : m_next(first) {}
+    void UseAgain(bool again) { m_again = again; }
 
     uint64_t Take() {
-        if (freed_.empty()) return next_++;
-        const uint64_t handle = freed_.back();
-        freed_.pop_back();
+        if (m_freed.empty()) return m_next++;
+        const uint64_t handle = m_freed.back();
+        m_freed.pop_back();
         return handle;
     }
     void Give(uint64_t handle) {
-        if (again_) freed_.push_back(handle);
+        if (m_again) m_freed.push_back(handle);
     }
 
   private:
-    uint64_t next_;
-    bool again_ = false;
-    std::vector<uint64_t> freed_;
+    uint64_t m_next;
+    bool m_again = false;
+    std::vector<uint64_t> m_freed;
 };
 
 }  // namespace qvsim

@@ -163,51 +163,51 @@ std::string ClearJournal(Folder& folder) {
 }
 
 Journal::~Journal() {
-    if (fd_ >= 0) CloseOwn(fd_);
+    if (m_fd >= 0) CloseOwn(m_fd);
 }
 
 std::string Journal::Open(Folder& folder, uint32_t limit) {
-    folder_ = &folder;
-    limit_ = limit;
+    m_folder = &folder;
+    m_limit = limit;
     if (!Reopen()) return JournalPath(folder.Dir()) + ": " + std::strerror(errno);
     return {};
 }
 
 bool Journal::Reopen() {
-    const Folder::Lock lock(folder_);
-    const int fd = OpenOutOfTheWay(JournalPath(folder_->Dir()), O_WRONLY | O_CREAT | O_APPEND);
+    const Folder::Lock lock(m_folder);
+    const int fd = OpenOutOfTheWay(JournalPath(m_folder->Dir()), O_WRONLY | O_CREAT | O_APPEND);
     struct stat status {};
     if (fd < 0 || fstat(fd, &status) != 0) return false;
-    if (fd_ >= 0) CloseOwn(fd_);
-    fd_ = fd;
-    epoch_ = LoadShared(folder_->Page().journalEpoch);
-    if (status.st_size == 0 && !WriteAll(fd_, kHead, kHeadSize)) return false;
-    if (status.st_size == 0) StoreShared<uint64_t>(folder_->Page().journalBytes, kHeadSize);
+    if (m_fd >= 0) CloseOwn(m_fd);
+    m_fd = fd;
+    m_epoch = LoadShared(m_folder->Page().journalEpoch);
+    if (status.st_size == 0 && !WriteAll(m_fd, kHead, kHeadSize)) return false;
+    if (status.st_size == 0) StoreShared<uint64_t>(m_folder->Page().journalBytes, kHeadSize);
     return true;
 }
 
 // The lock is held. Who still writes to the older file is read there.
 void Journal::BeginAnew() {
-    const std::string path = JournalPath(folder_->Dir());
-    if (rename(path.c_str(), OldPath(folder_->Dir()).c_str()) != 0) return;
-    StoreShared<uint64_t>(folder_->Page().journalReserved, 0);
-    CountShared<uint32_t>(folder_->Page().journalEpoch);
+    const std::string path = JournalPath(m_folder->Dir());
+    if (rename(path.c_str(), OldPath(m_folder->Dir()).c_str()) != 0) return;
+    StoreShared<uint64_t>(m_folder->Page().journalReserved, 0);
+    CountShared<uint32_t>(m_folder->Page().journalEpoch);
     Reopen();
 }
 
 bool Journal::HasRoom() {
-    if (fd_ < 0) return true;
-    LivePage& page = folder_->Page();
+    if (m_fd < 0) return true;
+    LivePage& page = m_folder->Page();
     const bool fits =
         LoadShared(page.journalBytes) + kLinesAtOnce <= LoadShared(page.journalReserved);
-    if (fits && epoch_ == LoadShared(page.journalEpoch)) return true;
-    if (epoch_ != LoadShared(page.journalEpoch) && !Reopen()) return false;
-    const Folder::Lock lock(folder_);
-    if (limit_ > 0 && LoadShared(page.journalBytes) > limit_ / 2) BeginAnew();
+    if (fits && m_epoch == LoadShared(page.journalEpoch)) return true;
+    if (m_epoch != LoadShared(page.journalEpoch) && !Reopen()) return false;
+    const Folder::Lock lock(m_folder);
+    if (m_limit > 0 && LoadShared(page.journalBytes) > m_limit / 2) BeginAnew();
     const uint64_t bytes = LoadShared(page.journalBytes);
     if (bytes + kLinesAtOnce <= LoadShared(page.journalReserved)) return true;
-    const uint64_t room = limit_ > 0 ? kLinesAtOnce * 2 : kRoomAtOnce;
-    if (fallocate(fd_, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(bytes), static_cast<off_t>(room)) !=
+    const uint64_t room = m_limit > 0 ? kLinesAtOnce * 2 : kRoomAtOnce;
+    if (fallocate(m_fd, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(bytes), static_cast<off_t>(room)) !=
         0) {
         if (errno != EOPNOTSUPP && errno != ENOSYS && errno != EINTR) return false;
         // A file system that cannot promise: what is written is what there was room for.
@@ -217,9 +217,9 @@ bool Journal::HasRoom() {
 }
 
 void Journal::Write(const std::string& what, const Answer& answer, int pid) {
-    if (fd_ < 0) return;
-    LivePage& page = folder_->Page();
-    if (epoch_ != LoadShared(page.journalEpoch)) Reopen();
+    if (m_fd < 0) return;
+    LivePage& page = m_folder->Page();
+    if (m_epoch != LoadShared(page.journalEpoch)) Reopen();
     const uint64_t sequence = CountShared<uint64_t>(page.sequence);
     std::string line = std::to_string(sequence) + " " + std::to_string(pid ? pid : getpid()) + " " +
                        what + " = " + std::to_string(answer.error ? -1 : answer.value);
@@ -228,7 +228,7 @@ void Journal::Write(const std::string& what, const Answer& answer, int pid) {
     CountShared<uint64_t>(page.journalBytes, line.size());
     // One write per line, for which there is room.
     ssize_t written = 0;
-    do written = write(fd_, line.data(), line.size());
+    do written = write(m_fd, line.data(), line.size());
     while (written < 0 && errno == EINTR);
 }
 

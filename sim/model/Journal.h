@@ -51,7 +51,7 @@ class Journal {
 
     // An empty text or what went wrong.
     std::string Open(Folder& folder, uint32_t limit);
-    bool IsOpen() const { return fd_ >= 0; }
+    bool IsOpen() const { return m_fd >= 0; }
     // Room for what one request can write. False: the disk is full, see errno.
     bool HasRoom();
     // `what` is everything between process and result.
@@ -62,10 +62,10 @@ class Journal {
     bool Reopen();
     void BeginAnew();
 
-    Folder* folder_ = nullptr;
-    int fd_ = -1;
-    uint32_t epoch_ = 0;
-    uint32_t limit_ = 0;  // bytes, 0: none
+    Folder* m_folder = nullptr;
+    int m_fd = -1;
+    uint32_t m_epoch = 0;
+    uint32_t m_limit = 0;  // bytes, 0: none
 };
 
 }  // namespace qvsim

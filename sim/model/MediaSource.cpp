@@ -58,7 +58,7 @@ void MediaSource::StartVideo(Lock& lock, Channel& channel, const OpenFile* owner
 
 void MediaSource::StopVideo(Lock& lock, Channel& channel) {
     channel.video.waiting.clear();
-    writer_.Cancel(lock, channel);
+    m_writer.Cancel(lock, channel);
     channel.video = VideoCapture();
 }
 
@@ -66,11 +66,11 @@ void MediaSource::StopVideo(Lock& lock, Channel& channel) {
 Answer MediaSource::QueueAfterStop(Channel& channel, FrameRequest request) {
     constexpr uint32_t kFirstFrame = 1;
     VideoCapture& video = channel.video;
-    if (afterStop_ == AfterStop::kRefuse) return Refused(EINVAL);
-    if (video.late.size() + writer_.InWork(channel) >= VideoCapture::kMaxInWork)
+    if (m_afterStop == AfterStop::kRefuse) return Refused(EINVAL);
+    if (video.late.size() + m_writer.InWork(channel) >= VideoCapture::kMaxInWork)
         return Refused(EBUSY);
-    if (afterStop_ == AfterStop::kWriteAtOnce)
-        writer_.Add(channel, std::move(request), kFirstFrame);
+    if (m_afterStop == AfterStop::kWriteAtOnce)
+        m_writer.Add(channel, std::move(request), kFirstFrame);
     else
         video.late.push_back(std::move(request));
     return Ok();
@@ -88,7 +88,7 @@ Answer MediaSource::RequestFrame(Channel& channel, FrameRequest request, int32_t
     } else if (selector < qv::kFrameNextLowLatency) {
         return Refused(EINVAL);
     }
-    if (video.waiting.size() + writer_.InWork(channel) >= VideoCapture::kMaxInWork)
+    if (video.waiting.size() + m_writer.InWork(channel) >= VideoCapture::kMaxInWork)
         return Refused(EBUSY);
     ForgetReadCompletion(video);
     const bool unpaced = !Paced(channel.state->video.framesPerSecond);
@@ -99,7 +99,7 @@ Answer MediaSource::RequestFrame(Channel& channel, FrameRequest request, int32_t
         video.waiting.push_back(std::move(request));
         return Ok();
     }
-    writer_.Add(channel, std::move(request), number);
+    m_writer.Add(channel, std::move(request), number);
     return Ok();
 }
 
@@ -109,7 +109,7 @@ void MediaSource::Buffer(Channel& channel, int64_t now) {
     video.buffers[video.newest % VideoCapture::kBuffers] = {video.newest,
                                                             channel.board->clock.At(now)};
     while (!video.waiting.empty()) {
-        writer_.Add(channel, std::move(video.waiting.front()), video.newest);
+        m_writer.Add(channel, std::move(video.waiting.front()), video.newest);
         video.waiting.pop_front();
     }
 }
@@ -121,9 +121,9 @@ void MediaSource::Complete(Channel& channel, const FrameCompletion& completion) 
     video.completions.push_back(completion);
     if (video.completions.size() > VideoCapture::kMaxInWork) video.completions.pop_front();
     if (completion.complete) video.lastCaptured = completion.number;
-    events_.Signal(kFrameSignal, &channel, video.event);
+    m_events.Signal(kFrameSignal, &channel, video.event);
     if (!Paced(channel.state->video.framesPerSecond))
-        notifications_.Raise(&channel, qv::kNotifyVideoFrame, events_);
+        m_notifications.Raise(&channel, qv::kNotifyVideoFrame, m_events);
 }
 
 FrameCompletion MediaSource::TakeCompletion(Channel& channel) {
@@ -133,7 +133,7 @@ FrameCompletion MediaSource::TakeCompletion(Channel& channel) {
     if (video.completions.size() > 1) {
         // Two completions may have met in one signal of the event: the other asks for its own.
         video.completions.pop_front();
-        events_.Set(video.event);
+        m_events.Set(video.event);
     } else {
         video.completionRead = true;
     }
@@ -144,7 +144,7 @@ void MediaSource::Interrupt(Channel& channel) {
     if (!channel.video.running) return;
     channel.video.completions.clear();
     channel.video.completionRead = false;
-    events_.Set(channel.video.event);
+    m_events.Set(channel.video.event);
 }
 
 void MediaSource::StartAudio(Channel& channel, const OpenFile* owner, int64_t now) {
@@ -159,7 +159,7 @@ void MediaSource::StartAudio(Channel& channel, const OpenFile* owner, int64_t no
 std::optional<uint32_t> MediaSource::TakeAudio(Channel& channel) {
     AudioCapture& audio = channel.audio;
     if (!Paced(channel.state->audio.framesPerSecond) && Alive(channel)) {
-        notifications_.Raise(&channel, qv::kNotifyAudioFrame, events_);
+        m_notifications.Raise(&channel, qv::kNotifyAudioFrame, m_events);
         return ++audio.newest;
     }
     if (audio.ready.empty()) return std::nullopt;
@@ -171,7 +171,7 @@ std::optional<uint32_t> MediaSource::TakeAudio(Channel& channel) {
 void MediaSource::SetSignal(Channel& channel, bool present, int64_t now) {
     if (channel.signal == present) return;
     channel.signal = present;
-    notifications_.Raise(&channel, kNotifySignalChange, events_);
+    m_notifications.Raise(&channel, kNotifySignalChange, m_events);
     if (!present) return;
     Registered(channel, qv::kNotifyVideoFrame | qv::kNotifyAudioFrame);
     if (Paced(channel.state->video.framesPerSecond)) return;
@@ -186,11 +186,11 @@ void MediaSource::Registered(Channel& channel, uint64_t enableBits) {
         bits |= qv::kNotifyVideoFrame;
     if (channel.audio.running && !Paced(channel.state->audio.framesPerSecond))
         bits |= qv::kNotifyAudioFrame;
-    if (bits & enableBits) notifications_.Raise(&channel, bits & enableBits, events_);
+    if (bits & enableBits) m_notifications.Raise(&channel, bits & enableBits, m_events);
 }
 
 void MediaSource::DropOwner(Lock& lock, Channel& channel, const OpenFile* owner) {
-    const bool mayBeQueued = !channel.video.running && afterStop_ != AfterStop::kRefuse;
+    const bool mayBeQueued = !channel.video.running && m_afterStop != AfterStop::kRefuse;
     if (channel.video.owner == owner || mayBeQueued) StopVideo(lock, channel);
     if (channel.audio.owner == owner) StopAudio(channel);
 }
@@ -203,7 +203,7 @@ void MediaSource::RunVideo(Channel& channel, int64_t now) {
         video.nextFrameAt += period;
         if (!Alive(channel)) continue;
         Buffer(channel, now);
-        notifications_.Raise(&channel, qv::kNotifyVideoFrame, events_);
+        m_notifications.Raise(&channel, qv::kNotifyVideoFrame, m_events);
     }
 }
 
@@ -216,7 +216,7 @@ void MediaSource::RunAudio(Channel& channel, int64_t now) {
         if (!Alive(channel)) continue;
         audio.ready.push_back(++audio.newest);
         if (audio.ready.size() > AudioCapture::kBuffers) audio.ready.pop_front();
-        notifications_.Raise(&channel, qv::kNotifyAudioFrame, events_);
+        m_notifications.Raise(&channel, qv::kNotifyAudioFrame, m_events);
     }
 }
 

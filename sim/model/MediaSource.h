@@ -27,16 +27,16 @@ class MediaSource {
     using Lock = EventTable::Lock;
 
     MediaSource(std::mutex& mutex, EventTable& events, Notifications& notifications)
-        : events_(events),
-          notifications_(notifications),
-          writer_(mutex, [this](Channel& channel, const FrameCompletion& completion) {
+        : m_events(events),
+          m_notifications(notifications),
+          m_writer(mutex, [this](Channel& channel, const FrameCompletion& completion) {
               Complete(channel, completion);
           }) {}
 
-    void SetAfterStop(AfterStop afterStop) { afterStop_ = afterStop; }
+    void SetAfterStop(AfterStop afterStop) { m_afterStop = afterStop; }
     // Requests that may still write into their callers' memory.
     size_t InWork(const Channel& channel) const {
-        return channel.video.waiting.size() + channel.video.late.size() + writer_.InWork(channel);
+        return channel.video.waiting.size() + channel.video.late.size() + m_writer.InWork(channel);
     }
     // A second start replaces the first.
     void StartVideo(Lock& lock, Channel& channel, const OpenFile* owner, uint64_t event,
@@ -61,9 +61,9 @@ class MediaSource {
 
     // Lets everything happen that is due; clock units until the next such thing, if any.
     std::optional<int64_t> Run(const std::vector<std::unique_ptr<Channel>>& channels, int64_t now);
-    void BeginInChild() { writer_.BeginInChild(); }
+    void BeginInChild() { m_writer.BeginInChild(); }
     // Without the lock.
-    void Stop() { writer_.Stop(); }
+    void Stop() { m_writer.Stop(); }
 
   private:
     static bool Alive(const Channel& channel);
@@ -73,10 +73,10 @@ class MediaSource {
     void RunAudio(Channel& channel, int64_t now);
     void Complete(Channel& channel, const FrameCompletion& completion);
 
-    EventTable& events_;
-    Notifications& notifications_;
-    FrameWriter writer_;
-    AfterStop afterStop_ = AfterStop::kRefuse;
+    EventTable& m_events;
+    Notifications& m_notifications;
+    FrameWriter m_writer;
+    AfterStop m_afterStop = AfterStop::kRefuse;
 };
 
 }  // namespace qvsim

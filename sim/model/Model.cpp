@@ -47,24 +47,24 @@ uint64_t BootOfMachine() {
 
 std::shared_ptr<Model> Model::Load(const std::string& dir, std::string& error) {
     std::shared_ptr<Model> model(new Model);
-    error = LoadState(dir, model->state_);
+    error = LoadState(dir, model->m_state);
     if (!error.empty()) return nullptr;
-    model->folder_ = Folder::Open(dir, error);
-    if (!model->folder_) return nullptr;
-    const Folder::Lock lock(model->folder_.get());
+    model->m_folder = Folder::Open(dir, error);
+    if (!model->m_folder) return nullptr;
+    const Folder::Lock lock(model->m_folder.get());
     // Now that nobody else changes anything.
-    model->generation_ = LoadShared(model->folder_->Page().generation);
-    error = LoadState(dir, model->state_);
+    model->m_generation = LoadShared(model->m_folder->Page().generation);
+    error = LoadState(dir, model->m_state);
     if (error.empty()) error = model->Build();
-    if (error.empty()) error = model->journal_.Open(*model->folder_, model->state_.journalLimit);
+    if (error.empty()) error = model->m_journal.Open(*model->m_folder, model->m_state.journalLimit);
     if (!error.empty()) return nullptr;
-    if (model->journal_.HasRoom()) CloseForTheDead(*model->folder_, model->journal_);
+    if (model->m_journal.HasRoom()) CloseForTheDead(*model->m_folder, model->m_journal);
     return model;
 }
 
 std::shared_ptr<Model> Model::InMemory(CardsState state, std::string& error) {
     std::shared_ptr<Model> model(new Model);
-    model->state_ = std::move(state);
+    model->m_state = std::move(state);
     error = model->Build();
     return error.empty() ? model : nullptr;
 }
@@ -72,31 +72,31 @@ std::shared_ptr<Model> Model::InMemory(CardsState state, std::string& error) {
 Model::~Model() { ShutDown(); }
 
 std::string Model::Build() {
-    for (BoardState& board : state_.boards)
+    for (BoardState& board : m_state.boards)
         if (std::string error = BuildBoard(board); !error.empty()) return error;
     TakeOnDriverWays();
-    if (!folder_) {
-        for (const Fault& fault : state_.faults) faults_.Add(fault);
+    if (!m_folder) {
+        for (const Fault& fault : m_state.faults) m_faults.Add(fault);
         return {};
     }
-    LivePage& page = folder_->Page();
-    faults_.Take(state_.faults, page.faultSeen);
+    LivePage& page = m_folder->Page();
+    m_faults.Take(m_state.faults, page.faultSeen);
     const uint64_t boot = BootOfMachine();
     const bool newBoot = page.boot != boot;
     page.boot = boot;
-    for (const auto& board : boards_) {
-        board->clock.Share(&page.clocks[board->state->index], time_.Start());
-        if (newBoot) board->clock.Set(time_.Now(), 0);
+    for (const auto& board : m_boards) {
+        board->clock.Share(&page.clocks[board->state->index], m_time.Start());
+        if (newBoot) board->clock.Set(m_time.Now(), 0);
     }
     return {};
 }
 
 void Model::TakeOnDriverWays() {
     for (HandlePool* pool :
-         {&events_.Handles(), &notifications_.Handles(), &timers_.Handles(), &imageHandles_})
-        pool->UseAgain(state_.driver.reuseHandles);
-    media_.SetAfterStop(state_.driver.afterStop);
-    events_.SetVeto([this](const char* signal, const Channel* channel) {
+         {&m_events.Handles(), &m_notifications.Handles(), &m_timers.Handles(), &m_imageHandles})
+        pool->UseAgain(m_state.driver.reuseHandles);
+    m_media.SetAfterStop(m_state.driver.afterStop);
+    m_events.SetVeto([this](const char* signal, const Channel* channel) {
         return EffectOf(MeetFaults(signal, channel), FaultKind::kPretend).has_value();
     });
 }
@@ -106,11 +106,11 @@ std::string Model::BuildBoard(BoardState& state) {
     board->state = &state;
     for (size_t i = 0; i < state.channels.size(); ++i) {
         if (i == 0 || !state.sharedFlash) {
-            auto flash = folder_ ? std::make_unique<NorFlash>()
-                                 : std::make_unique<NorFlash>(state.flashSize);
+            auto flash = m_folder ? std::make_unique<NorFlash>()
+                                  : std::make_unique<NorFlash>(state.flashSize);
             const std::string name = FlashFileName(state, static_cast<int>(i));
             std::string error;
-            if (folder_) error = flash->Open(folder_->Dir() + "/" + name, state.flashSize);
+            if (m_folder) error = flash->Open(m_folder->Dir() + "/" + name, state.flashSize);
             if (!error.empty()) return error;
             board->flashes.push_back(std::move(flash));
         }
@@ -119,21 +119,21 @@ std::string Model::BuildBoard(BoardState& state) {
         channel->state = &state.channels[i];
         channel->index = static_cast<int>(i);
         channel->flash = board->flashes.back().get();
-        if (folder_)
+        if (m_folder)
             if (std::string error = LoadSettings(*channel); !error.empty()) return error;
-        channels_.push_back(std::move(channel));
+        m_channels.push_back(std::move(channel));
     }
-    boards_.push_back(std::move(board));
+    m_boards.push_back(std::move(board));
     return {};
 }
 
 std::string Model::SettingsPath(const Channel& channel) const {
-    return folder_->Dir() + "/settings-b" + std::to_string(channel.board->state->index) + "-c" +
+    return m_folder->Dir() + "/settings-b" + std::to_string(channel.board->state->index) + "-c" +
            std::to_string(channel.index);
 }
 
 uint32_t& Model::SettingsGeneration(const Channel& channel) const {
-    return folder_->Page().settings[channel.board->state->index][channel.index];
+    return m_folder->Page().settings[channel.board->state->index][channel.index];
 }
 
 // An empty text or what is wrong; the folder's lock is held, here and below.
@@ -166,8 +166,8 @@ bool Model::OpenSettings(Channel& channel) const {
 bool Model::KeepSettings(Channel* channel) {
     if (!channel) return true;
     const std::string changes = channel->settings.TakeChanges();
-    if (changes.empty() || !folder_) return true;
-    const Folder::Lock lock(folder_.get());
+    if (changes.empty() || !m_folder) return true;
+    const Folder::Lock lock(m_folder.get());
     const bool stale = channel->settingsSeen != LoadShared(SettingsGeneration(*channel));
     // Another process may have put another file in its place.
     if (stale && channel->settingsFile >= 0) CloseOwn(std::exchange(channel->settingsFile, -1));
@@ -192,40 +192,40 @@ bool Model::KeepSettings(Channel* channel) {
 }
 
 void Model::Complain(const std::string& what, int error) {
-    if (std::exchange(complained_, true)) return;
+    if (std::exchange(m_complained, true)) return;
     std::fprintf(stderr, "qvcap-sim: %s: %s; requests fail until that is mended\n", what.c_str(),
                  std::strerror(error));
 }
 
 bool Model::HasRoom() {
-    if (!folder_ || journal_.HasRoom()) return true;
-    Complain(JournalPath(folder_->Dir()), errno);
+    if (!m_folder || m_journal.HasRoom()) return true;
+    Complain(JournalPath(m_folder->Dir()), errno);
     return false;
 }
 
 void Model::CatchUp(Channel* channel) {
-    if (!folder_) return;
-    if (LoadShared(folder_->Page().generation) != generation_) {
-        const Folder::Lock lock(folder_.get());
-        generation_ = LoadShared(folder_->Page().generation);
+    if (!m_folder) return;
+    if (LoadShared(m_folder->Page().generation) != m_generation) {
+        const Folder::Lock lock(m_folder.get());
+        m_generation = LoadShared(m_folder->Page().generation);
         CardsState fresh;
         // A file that cannot be read leaves this process with what it knows.
-        if (const std::string error = LoadState(folder_->Dir(), fresh); error.empty())
+        if (const std::string error = LoadState(m_folder->Dir(), fresh); error.empty())
             TakeOverState(fresh);
     }
     if (!channel || LoadShared(SettingsGeneration(*channel)) == channel->settingsSeen) return;
-    const Folder::Lock lock(folder_.get());
+    const Folder::Lock lock(m_folder.get());
     LoadSettings(*channel);
 }
 
 // What can change while cards are in use; cards that were laid out anew are others.
 void Model::TakeOverState(const CardsState& fresh) {
-    if (fresh.boards.size() != state_.boards.size()) return;
-    state_.eventNodeGone = fresh.eventNodeGone;
-    state_.faults = fresh.faults;
-    faults_.Take(state_.faults, folder_->Page().faultSeen);
+    if (fresh.boards.size() != m_state.boards.size()) return;
+    m_state.eventNodeGone = fresh.eventNodeGone;
+    m_state.faults = fresh.faults;
+    m_faults.Take(m_state.faults, m_folder->Page().faultSeen);
     for (size_t b = 0; b < fresh.boards.size(); ++b) {
-        BoardState& board = state_.boards[b];
+        BoardState& board = m_state.boards[b];
         if (fresh.boards[b].channels.size() != board.channels.size()) continue;
         board.powerLost = fresh.boards[b].powerLost;
         for (size_t c = 0; c < board.channels.size(); ++c) {
@@ -237,14 +237,14 @@ void Model::TakeOverState(const CardsState& fresh) {
 
 template <class Change>
 bool Model::ChangeState(Change change) {
-    const Folder::Lock lock(folder_.get());
+    const Folder::Lock lock(m_folder.get());
     CatchUp(nullptr);
     change();
-    if (!folder_) return true;
-    const std::string error = SaveState(*folder_, state_);
-    generation_ = LoadShared(folder_->Page().generation);
+    if (!m_folder) return true;
+    const std::string error = SaveState(*m_folder, m_state);
+    m_generation = LoadShared(m_folder->Page().generation);
     if (error.empty()) return true;
-    Complain(StatePath(folder_->Dir()), errno);
+    Complain(StatePath(m_folder->Dir()), errno);
     return false;
 }
 
@@ -262,43 +262,43 @@ bool Model::AnswersName(const char* name) {
 
 Channel* Model::ChannelOfNode(const std::string& path) {
     const std::optional<int> node = NodeOf(path);
-    for (const auto& channel : channels_)
+    for (const auto& channel : m_channels)
         if (channel->state->node == node) return channel.get();
     return nullptr;
 }
 
 bool Model::IsForeign(const std::string& path) const {
     const std::optional<int> wanted = NodeOf(path);
-    return std::any_of(state_.foreignNodes.begin(), state_.foreignNodes.end(),
+    return std::any_of(m_state.foreignNodes.begin(), m_state.foreignNodes.end(),
                        [&](int node) { return node == wanted; });
 }
 
 bool Model::Exists(const std::string& path) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     CatchUp(nullptr);
-    if (path == kEventPath) return state_.eventNode && !state_.eventNodeGone;
+    if (path == kEventPath) return m_state.eventNode && !m_state.eventNodeGone;
     if (const Channel* channel = ChannelOfNode(path)) return !channel->state->gone;
     return IsForeign(path);
 }
 
 std::vector<std::string> Model::NodeNames() {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     CatchUp(nullptr);
     std::vector<std::string> names;
-    for (const auto& channel : channels_)
+    for (const auto& channel : m_channels)
         if (!channel->state->gone) names.push_back("video" + std::to_string(channel->state->node));
-    for (const int node : state_.foreignNodes) names.push_back("video" + std::to_string(node));
-    if (state_.eventNode && !state_.eventNodeGone) names.push_back("qv-event");
+    for (const int node : m_state.foreignNodes) names.push_back("video" + std::to_string(node));
+    if (m_state.eventNode && !m_state.eventNodeGone) names.push_back("qv-event");
     return names;
 }
 
 int Model::OpenError(const std::string& path, const Channel* owner) const {
     if (path == kEventPath) {
-        if (!state_.eventNode) return ENOENT;
+        if (!m_state.eventNode) return ENOENT;
     } else if (!owner) {
         return IsForeign(path) ? 0 : ENOENT;
     }
-    return shutDown_ || IsGone(owner) ? ENODEV : 0;
+    return m_shutDown || IsGone(owner) ? ENODEV : 0;
 }
 
 int Model::OpenFault(const std::vector<FaultEffect>& effects, Channel* owner) {
@@ -307,14 +307,14 @@ int Model::OpenFault(const std::vector<FaultEffect>& effects, Channel* owner) {
         if (effect.kind == FaultKind::kRefuse) error = static_cast<int>(effect.value);
         if (effect.kind == FaultKind::kNodeGone) LoseNode(owner);
         if (effect.kind != FaultKind::kPowerLoss) continue;
-        for (const auto& board : boards_)
+        for (const auto& board : m_boards)
             if (!owner || board.get() == owner->board) LosePower(*board);
     }
     return IsGone(owner) ? ENODEV : error;
 }
 
 std::shared_ptr<OpenFile> Model::Open(const std::string& path, int& error) {
-    Lock lock(mutex_);
+    Lock lock(m_mutex);
     CatchUp(nullptr);
     Channel* const owner = ChannelOfNode(path);
     const NodeKind kind = path == kEventPath ? NodeKind::kEvents
@@ -333,108 +333,108 @@ std::shared_ptr<OpenFile> Model::Open(const std::string& path, int& error) {
     error = kind == NodeKind::kForeign
                 ? static_cast<int>(EffectOf(effects, FaultKind::kRefuse).value_or(0))
                 : OpenFault(effects, owner);
-    if (shutDown_) error = ENODEV;
+    if (m_shutDown) error = ENODEV;
     if (error) return nullptr;
-    files_.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, path, {}}));
-    std::shared_ptr<OpenFile> file = files_.back();
+    m_files.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, path, {}}));
+    std::shared_ptr<OpenFile> file = m_files.back();
     Kick();  // a signal's script may have begun
     return file;
 }
 
 std::vector<FaultEffect> Model::MeetFaults(const std::string& request, const Channel* channel) {
     const int board = channel ? channel->board->state->index : -1;
-    std::vector<FaultEffect> effects = faults_.Hits(request, board, channel ? channel->index : -1);
+    std::vector<FaultEffect> effects = m_faults.Hits(request, board, channel ? channel->index : -1);
     for (const FaultEffect& effect : effects)
         if (effect.kind != FaultKind::kSlow) NoteMet(effect.kind, request, channel);
     return effects;
 }
 
 void Model::NoteMet(FaultKind kind, const std::string& request, const Channel* channel) const {
-    if (!folder_) return;
-    AppendText(MetFaultsPath(folder_->Dir()),
+    if (!m_folder) return;
+    AppendText(MetFaultsPath(m_folder->Dir()),
                std::string(FaultKindName(kind)) + " " + request +
                    " board=" + std::to_string(channel ? channel->board->state->index : -1) +
                    " channel=" + std::to_string(channel ? channel->index : -1) + "\n");
 }
 
 void Model::JournalOpen(const std::string& path, int descriptor, int error) {
-    const std::lock_guard lock(mutex_);
-    if (!journal_.IsOpen() || !journal_.HasRoom()) return;
+    const std::lock_guard lock(m_mutex);
+    if (!m_journal.IsOpen() || !m_journal.HasRoom()) return;
     if (error)
-        journal_.Write("open " + path, Refused(error));
+        m_journal.Write("open " + path, Refused(error));
     else
-        journal_.Write("open " + path + " fd=" + std::to_string(descriptor), Ok());
+        m_journal.Write("open " + path + " fd=" + std::to_string(descriptor), Ok());
 }
 
 int Model::MakeDescriptor(int flags, std::string& record) {
-    const std::lock_guard lock(mutex_);
-    if (folder_) return MakeOpenRecord(*folder_, flags, record);
+    const std::lock_guard lock(m_mutex);
+    if (m_folder) return MakeOpenRecord(*m_folder, flags, record);
     return open("/dev/null", flags & (O_ACCMODE | O_NONBLOCK | O_CLOEXEC | O_APPEND));
 }
 
 void Model::DropDescriptor(const std::string& record) {
-    const std::lock_guard lock(mutex_);
-    if (folder_) EndOpenRecord(*folder_, record);
+    const std::lock_guard lock(m_mutex);
+    if (m_folder) EndOpenRecord(*m_folder, record);
 }
 
 void Model::JournalOpen(OpenFile& file, const std::string& record, int descriptor) {
     JournalOpen(file.path, descriptor, 0);
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     file.record = record;
-    if (folder_) NameOpenRecord(*folder_, file.record, {file.path, getpid(), descriptor});
+    if (m_folder) NameOpenRecord(*m_folder, file.record, {file.path, getpid(), descriptor});
 }
 
 std::shared_ptr<OpenFile> Model::Adopt(const std::string& link) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     OpenRecord record;
-    if (!folder_ || !ParseOpenRecord(folder_->Dir(), link, record)) return nullptr;
-    for (const auto& file : files_)
+    if (!m_folder || !ParseOpenRecord(m_folder->Dir(), link, record)) return nullptr;
+    for (const auto& file : m_files)
         if (file->record == link) return file;
     Channel* const owner = ChannelOfNode(record.node);
     const NodeKind kind = record.node == kEventPath ? NodeKind::kEvents
                           : owner                   ? NodeKind::kChannel
                                                     : NodeKind::kForeign;
-    files_.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, record.node, link}));
-    return files_.back();
+    m_files.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, record.node, link}));
+    return m_files.back();
 }
 
 void Model::BeginInChild() {
     // None of them is in use, and none of what they know is true here.
-    new (&timeChanged_) std::condition_variable;
-    new (&timekeeper_) std::thread;
-    events_.BeginInChild();
-    media_.BeginInChild();
-    for (const auto& channel : channels_) {
+    new (&m_timeChanged) std::condition_variable;
+    new (&m_timekeeper) std::thread;
+    m_events.BeginInChild();
+    m_media.BeginInChild();
+    for (const auto& channel : m_channels) {
         channel->video.waiting.clear();
         channel->video.late.clear();
     }
 }
 
 void Model::Close(const std::shared_ptr<OpenFile>& file, int descriptor) {
-    Lock lock(mutex_);
-    if (file->channel) media_.DropOwner(lock, *file->channel, file.get());
-    notifications_.DropOwner(file.get());
-    timers_.DropOwner(file.get());
-    events_.DropOwner(file.get());
-    std::erase(files_, file);
-    if (!journal_.IsOpen() || !EndOpenRecord(*folder_, file->record)) return;
-    journal_.Write("close " + file->path + " fd=" + std::to_string(descriptor), Ok());
+    Lock lock(m_mutex);
+    if (file->channel) m_media.DropOwner(lock, *file->channel, file.get());
+    m_notifications.DropOwner(file.get());
+    m_timers.DropOwner(file.get());
+    m_events.DropOwner(file.get());
+    std::erase(m_files, file);
+    if (!m_journal.IsOpen() || !EndOpenRecord(*m_folder, file->record)) return;
+    m_journal.Write("close " + file->path + " fd=" + std::to_string(descriptor), Ok());
 }
 
 Channel* Model::FindChannel(int board, int channel) {
-    for (const auto& candidate : channels_)
+    for (const auto& candidate : m_channels)
         if (candidate->board->state->index == board && candidate->index == channel)
             return candidate.get();
     return nullptr;
 }
 
 void Model::PowerCycle() {
-    const std::lock_guard lock(mutex_);
-    const Folder::Lock folderLock(folder_.get());
+    const std::lock_guard lock(m_mutex);
+    const Folder::Lock folderLock(m_folder.get());
     ChangeState([this] {
-        state_.eventNodeGone = false;
-        for (const auto& board : boards_) board->clock.Set(time_.Now(), 0);
-        for (const auto& channel : channels_) {
+        m_state.eventNodeGone = false;
+        for (const auto& board : m_boards) board->clock.Set(m_time.Now(), 0);
+        for (const auto& channel : m_channels) {
             channel->state->info.firmwareVersion =
                 LoadFirmware(*channel->flash, channel->state->storage.firmwareOffset,
                              channel->board->state->goldenVersion);
@@ -442,7 +442,7 @@ void Model::PowerCycle() {
             channel->state->gone = false;
         }
     });
-    for (const auto& channel : channels_) {
+    for (const auto& channel : m_channels) {
         CatchUp(channel.get());
         channel->settings.Reset();
         KeepSettings(channel.get());
@@ -455,55 +455,55 @@ void Model::LosePower(Board& board) {
 
 void Model::LoseNode(Channel* channel) {
     if (IsGone(channel)) return;
-    ChangeState([&] { (channel ? channel->state->gone : state_.eventNodeGone) = true; });
+    ChangeState([&] { (channel ? channel->state->gone : m_state.eventNodeGone) = true; });
 }
 
 void Model::AddFault(const Fault& fault) {
-    const std::lock_guard lock(mutex_);
-    if (!folder_) return faults_.Add(fault);
-    ChangeState([&] { state_.faults.push_back(fault); });
-    faults_.Take(state_.faults, folder_->Page().faultSeen);
+    const std::lock_guard lock(m_mutex);
+    if (!m_folder) return m_faults.Add(fault);
+    ChangeState([&] { m_state.faults.push_back(fault); });
+    m_faults.Take(m_state.faults, m_folder->Page().faultSeen);
 }
 
 void Model::ClearFaults() {
-    const std::lock_guard lock(mutex_);
-    ChangeState([&] { state_.faults.clear(); });
-    faults_.Clear();
+    const std::lock_guard lock(m_mutex);
+    ChangeState([&] { m_state.faults.clear(); });
+    m_faults.Clear();
 }
 
 void Model::RaiseNotification(int board, int channel, uint64_t bits) {
-    const std::lock_guard lock(mutex_);
-    if (Channel* found = FindChannel(board, channel)) notifications_.Raise(found, bits, events_);
+    const std::lock_guard lock(m_mutex);
+    if (Channel* found = FindChannel(board, channel)) m_notifications.Raise(found, bits, m_events);
 }
 
 void Model::SetSignal(int board, int channel, bool present) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     if (Channel* found = FindChannel(board, channel))
-        media_.SetSignal(*found, present, time_.Now());
+        m_media.SetSignal(*found, present, m_time.Now());
 }
 
 void Model::InterruptFrame(int board, int channel) {
-    const std::lock_guard lock(mutex_);
-    if (Channel* found = FindChannel(board, channel)) media_.Interrupt(*found);
+    const std::lock_guard lock(m_mutex);
+    if (Channel* found = FindChannel(board, channel)) m_media.Interrupt(*found);
 }
 
 Bytes Model::LastRecord(int board, int channel, const std::string& request) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     const Channel* found = FindChannel(board, channel);
     if (!found && board != -1) return {};
-    const auto& records = found ? found->lastRecord : eventRecords_;
+    const auto& records = found ? found->lastRecord : m_eventRecords;
     const auto record = records.find(request);
     return record == records.end() ? Bytes() : record->second;
 }
 
 NorFlash* Model::Flash(int board, int channel) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     const Channel* found = FindChannel(board, channel);
     return found ? found->flash : nullptr;
 }
 
 void Model::SetRecord(int board, int channel, const std::string& key, const Bytes& record) {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     Channel* const found = FindChannel(board, channel);
     if (!found) return;
     CatchUp(found);
@@ -512,69 +512,69 @@ void Model::SetRecord(int board, int channel, const std::string& key, const Byte
 }
 
 Alive Model::CountAlive() {
-    const std::lock_guard lock(mutex_);
+    const std::lock_guard lock(m_mutex);
     Alive alive;
-    alive.files = files_.size();
-    alive.events = events_.Count();
-    alive.notifications = notifications_.Count();
-    alive.timers = timers_.Count();
-    for (const auto& channel : channels_) {
+    alive.files = m_files.size();
+    alive.events = m_events.Count();
+    alive.notifications = m_notifications.Count();
+    alive.timers = m_timers.Count();
+    for (const auto& channel : m_channels) {
         alive.images += channel->images.size();
         alive.pinnedBuffers += channel->pinned.size();
-        alive.frames += media_.InWork(*channel);
+        alive.frames += m_media.InWork(*channel);
         alive.captures += (channel->video.running ? 1u : 0u) + (channel->audio.running ? 1u : 0u);
     }
     return alive;
 }
 
 void Model::FreezeClock() {
-    const std::lock_guard lock(mutex_);
-    time_.Freeze();
+    const std::lock_guard lock(m_mutex);
+    m_time.Freeze();
 }
 
 void Model::AdvanceClock(int64_t units) {
-    const std::lock_guard lock(mutex_);
-    time_.Advance(units);
+    const std::lock_guard lock(m_mutex);
+    m_time.Advance(units);
     Kick();
 }
 
 std::optional<int64_t> Model::RunDue() {
-    const int64_t now = time_.Now();
-    const std::optional<int64_t> timer = timers_.Run(now, events_);
-    const std::optional<int64_t> media = media_.Run(channels_, now);
+    const int64_t now = m_time.Now();
+    const std::optional<int64_t> timer = m_timers.Run(now, m_events);
+    const std::optional<int64_t> media = m_media.Run(m_channels, now);
     return timer && media ? std::min(*timer, *media) : timer ? timer : media;
 }
 
 void Model::Kick() {
     const bool somethingComes = RunDue().has_value();
-    if (somethingComes && !timekeeper_.joinable() && !time_.Frozen() && !shutDown_)
-        timekeeper_ = QuietThread([this] { KeepTime(); });
-    timeChanged_.notify_all();
+    if (somethingComes && !m_timekeeper.joinable() && !m_time.Frozen() && !m_shutDown)
+        m_timekeeper = QuietThread([this] { KeepTime(); });
+    m_timeChanged.notify_all();
 }
 
 void Model::KeepTime() {
     constexpr int64_t kLongestSleep = 60 * kClockUnitsPerSecond;
-    Lock lock(mutex_);
-    while (!shutDown_) {
+    Lock lock(m_mutex);
+    while (!m_shutDown) {
         const std::optional<int64_t> next = RunDue();
-        if (!next || time_.Frozen()) {
-            timeChanged_.wait(lock);
+        if (!next || m_time.Frozen()) {
+            m_timeChanged.wait(lock);
         } else {
             const int64_t units = std::min(*next, kLongestSleep);
-            timeChanged_.wait_for(lock, std::chrono::nanoseconds(units * 100));
+            m_timeChanged.wait_for(lock, std::chrono::nanoseconds(units * 100));
         }
     }
 }
 
 void Model::ShutDown() {
     {
-        const std::lock_guard lock(mutex_);
-        shutDown_ = true;
-        events_.ShutDown();
-        timeChanged_.notify_all();
+        const std::lock_guard lock(m_mutex);
+        m_shutDown = true;
+        m_events.ShutDown();
+        m_timeChanged.notify_all();
     }
-    if (timekeeper_.joinable()) timekeeper_.join();
-    media_.Stop();
+    if (m_timekeeper.joinable()) m_timekeeper.join();
+    m_media.Stop();
 }
 
 }  // namespace qvsim

@@ -75,7 +75,7 @@ class Model {
     // the parent's, and so is the frame memory.
     void BeginInChild();
     // Empty: in memory alone.
-    std::string Dir() const { return folder_ ? folder_->Dir() : std::string(); }
+    std::string Dir() const { return m_folder ? m_folder->Dir() : std::string(); }
     // The last descriptor of the file in this process is closed.
     void Close(const std::shared_ptr<OpenFile>& file, int descriptor);
 
@@ -102,13 +102,13 @@ class Model {
     // Ends every wait with ENODEV and stops what runs on its own; the model stays readable.
     void ShutDown();
 
-    const CardsState& State() const { return state_; }
+    const CardsState& State() const { return m_state; }
 
     // --- for the protocol, lock held -------------------------------------------------------
-    std::mutex& Mutex() { return mutex_; }
-    EventTable& Events() { return events_; }
-    Notifications& Notifies() { return notifications_; }
-    Timers& DriverTimers() { return timers_; }
+    std::mutex& Mutex() { return m_mutex; }
+    EventTable& Events() { return m_events; }
+    Notifications& Notifies() { return m_notifications; }
+    Timers& DriverTimers() { return m_timers; }
     // Counts a request, or an "open", on every fault; what hits it. Null: the event node. What is
     // met is written down in the folder of the cards, except for kSlow: only when the caller has
     // let the time pass, by NoteMet().
@@ -117,7 +117,7 @@ class Model {
     // A node vanishes until the next power cycle. Null: the event node.
     void LoseNode(Channel* channel);
     bool IsGone(const Channel* channel) const {
-        return channel ? channel->state->gone : state_.eventNodeGone;
+        return channel ? channel->state->gone : m_state.eventNodeGone;
     }
     // Takes over what other processes on the folder have changed since the last look. Null: nothing
     // of a channel.
@@ -127,17 +127,17 @@ class Model {
     // Whether a request can be written down. False, and said once, when the disk is full.
     bool HasRoom();
     // Held while files of the folder change.
-    Folder::Lock LockFolder() { return Folder::Lock(folder_.get()); }
-    Journal& Lines() { return journal_; }
-    const Latencies& Delays() const { return state_.latencies; }
-    const DriverWays& Ways() const { return state_.driver; }
-    std::map<std::string, Bytes>& EventRecords() { return eventRecords_; }
-    int64_t Now() const { return time_.Now(); }
-    bool IsShutDown() const { return shutDown_; }
-    HandlePool& ImageHandles() { return imageHandles_; }
+    Folder::Lock LockFolder() { return Folder::Lock(m_folder.get()); }
+    Journal& RequestJournal() { return m_journal; }
+    const Latencies& Delays() const { return m_state.latencies; }
+    const DriverWays& Ways() const { return m_state.driver; }
+    std::map<std::string, Bytes>& EventRecords() { return m_eventRecords; }
+    int64_t Now() const { return m_time.Now(); }
+    bool IsShutDown() const { return m_shutDown; }
+    HandlePool& ImageHandles() { return m_imageHandles; }
     // The board is dead from now on, for every process.
     void LosePower(Board& board);
-    MediaSource& Media() { return media_; }
+    MediaSource& Media() { return m_media; }
     // Something with a time changed: lets happen what is due, and sees to it that the rest will.
     void Kick();
 
@@ -165,26 +165,26 @@ class Model {
     std::string LoadSettings(Channel& channel) const;
     std::string SettingsPath(const Channel& channel) const;
 
-    std::mutex mutex_;
-    std::unique_ptr<Folder> folder_;  // null: in memory alone
-    CardsState state_;
-    uint32_t generation_ = 0;  // of the state file that is in `state_`
-    std::vector<std::unique_ptr<Board>> boards_;
-    std::vector<std::unique_ptr<Channel>> channels_;
-    std::vector<std::shared_ptr<OpenFile>> files_;
-    TimeSource time_;
-    EventTable events_;
-    Notifications notifications_;
-    Timers timers_;
-    MediaSource media_{mutex_, events_, notifications_};
-    FaultSet faults_;
-    Journal journal_;
-    std::map<std::string, Bytes> eventRecords_;
-    HandlePool imageHandles_{0x4001};
-    bool shutDown_ = false;
-    bool complained_ = false;
-    std::condition_variable timeChanged_;
-    std::thread timekeeper_;  // started when something is due for the first time
+    std::mutex m_mutex;
+    std::unique_ptr<Folder> m_folder;  // null: in memory alone
+    CardsState m_state;
+    uint32_t m_generation = 0;  // of the state file that is in `m_state`
+    std::vector<std::unique_ptr<Board>> m_boards;
+    std::vector<std::unique_ptr<Channel>> m_channels;
+    std::vector<std::shared_ptr<OpenFile>> m_files;
+    TimeSource m_time;
+    EventTable m_events;
+    Notifications m_notifications;
+    Timers m_timers;
+    MediaSource m_media{m_mutex, m_events, m_notifications};
+    FaultSet m_faults;
+    Journal m_journal;
+    std::map<std::string, Bytes> m_eventRecords;
+    HandlePool m_imageHandles{0x4001};
+    bool m_shutDown = false;
+    bool m_complained = false;
+    std::condition_variable m_timeChanged;
+    std::thread m_timekeeper;  // started when something is due for the first time
 };
 
 }  // namespace qvsim

@@ -22,23 +22,23 @@ std::string NorFlash::Open(const std::string& path, uint32_t size, bool readOnly
     // Sizes stay below 2 GiB, so that a 32-bit off_t reaches every byte.
     if (size == 0 || size > 0x7FFFF000u || size % kSector != 0)
         return path + ": flash size " + std::to_string(size) + " is not a multiple of 4096";
-    size_ = size;
+    m_size = size;
     const std::string marks = path + ".marks";
-    if (std::string error = cells_.Open(path, readOnly); !error.empty()) return error;
-    if (std::string error = marks_.Open(marks, readOnly); !error.empty()) return error;
-    if (cells_.Length() > size)
+    if (std::string error = m_cells.Open(path, readOnly); !error.empty()) return error;
+    if (std::string error = m_marks.Open(marks, readOnly); !error.empty()) return error;
+    if (m_cells.Length() > size)
         return path + ": is larger than the chip, which has " + std::to_string(size) + " bytes";
     uint8_t head[sizeof kMarksHead];
-    if (!marks_.Read(head, sizeof head, 0)) return marks + ": cannot be read";
-    if (marks_.Length() > 0 && std::memcmp(head, kMarksHead, sizeof head) != 0)
+    if (!m_marks.Read(head, sizeof head, 0)) return marks + ": cannot be read";
+    if (m_marks.Length() > 0 && std::memcmp(head, kMarksHead, sizeof head) != 0)
         return marks + ": is no file of marks; `qvcap-sim flash write` makes it anew";
     return {};
 }
 
 bool NorFlash::WriteSector(const uint8_t (&bytes)[kSector], uint32_t at) {
     // What is blank at the end is not kept: the file of a mostly empty flash stays small.
-    if (at + kSector >= cells_.Length() && AllBlank(bytes, kSector)) return cells_.Cut(at);
-    return cells_.Write(bytes, kSector, at);
+    if (at + kSector >= m_cells.Length() && AllBlank(bytes, kSector)) return m_cells.Cut(at);
+    return m_cells.Write(bytes, kSector, at);
 }
 
 bool NorFlash::Erase(uint32_t offset, uint32_t size) {
@@ -52,7 +52,7 @@ bool NorFlash::Erase(uint32_t offset, uint32_t size) {
     std::memset(blank, 0xFF, sizeof blank);
     // From behind, so that the file gets shorter step by step.
     for (uint32_t at = end; at > begin; at -= kSector)
-        if (at - kSector < cells_.Length() && !WriteSector(blank, at - kSector)) return false;
+        if (at - kSector < m_cells.Length() && !WriteSector(blank, at - kSector)) return false;
     return true;
 }
 
@@ -62,20 +62,20 @@ bool NorFlash::Program(uint32_t offset, const uint8_t* data, uint32_t size, uint
     for (uint32_t done = 0; done < size;) {
         const uint32_t at = offset + done;
         const uint32_t n = std::min(size - done, kSector - at % kSector);
-        if (!cells_.Read(cells, n, at)) return false;
+        if (!m_cells.Read(cells, n, at)) return false;
         bool exact = true;
         for (uint32_t i = 0; i < n; ++i) {
             cells[i] = static_cast<uint8_t>(cells[i] & (data[done + i] | stuck));
             exact = exact && cells[i] == data[done + i];
         }
-        if (!cells_.Write(cells, n, at) || (exact && !Mark(at, n, true))) return false;
+        if (!m_cells.Write(cells, n, at) || (exact && !Mark(at, n, true))) return false;
         done += n;
     }
     return true;
 }
 
 bool NorFlash::Read(uint32_t offset, uint8_t* data, uint32_t size) const {
-    return InRange(offset, size) && cells_.Read(data, size, offset);
+    return InRange(offset, size) && m_cells.Read(data, size, offset);
 }
 
 bool NorFlash::Garble(uint32_t offset) {
@@ -96,7 +96,7 @@ bool NorFlash::Blank(uint32_t offset, uint32_t size) const {
     uint8_t cells[kSector];
     for (uint32_t done = 0; done < size;) {
         const uint32_t n = std::min(size - done, kSector);
-        if (!cells_.Read(cells, n, offset + done) || !AllBlank(cells, n)) return false;
+        if (!m_cells.Read(cells, n, offset + done) || !AllBlank(cells, n)) return false;
         done += n;
     }
     return true;
@@ -107,7 +107,7 @@ bool NorFlash::Programmed(uint32_t offset, uint32_t size) const {
     if (size == 0) return true;
     const uint32_t first = offset / 8;
     std::vector<uint8_t> bits((offset + size - 1) / 8 - first + 1);
-    if (!marks_.Read(bits.data(), bits.size(), kBitsAt + first)) return false;
+    if (!m_marks.Read(bits.data(), bits.size(), kBitsAt + first)) return false;
     // What the range does not touch of its first and last byte counts as there.
     bits.front() = static_cast<uint8_t>(bits.front() | ((1u << offset % 8) - 1));
     if (const uint32_t end = (offset + size) % 8; end != 0)
@@ -121,9 +121,9 @@ bool NorFlash::Mark(uint32_t offset, uint32_t size, bool programmed) {
     const uint32_t first = offset / 8;
     const size_t at = kBitsAt + first;
     // What was never marked needs no taking back.
-    if (!programmed && marks_.Length() <= at) return true;
+    if (!programmed && m_marks.Length() <= at) return true;
     std::vector<uint8_t> bits((offset + size - 1) / 8 - first + 1);
-    if (!marks_.Read(bits.data(), bits.size(), at)) return false;
+    if (!m_marks.Read(bits.data(), bits.size(), at)) return false;
     for (uint32_t bit = offset; bit < offset + size;) {
         uint8_t& byte = bits[bit / 8 - first];
         const bool whole = bit % 8 == 0 && offset + size - bit >= 8;
@@ -131,13 +131,13 @@ bool NorFlash::Mark(uint32_t offset, uint32_t size, bool programmed) {
         byte = static_cast<uint8_t>(programmed ? byte | mask : byte & ~mask);
         bit += whole ? 8 : 1;
     }
-    if (marks_.Length() == 0 && !SetBootAddress(0)) return false;
-    return marks_.Write(bits.data(), bits.size(), at);
+    if (m_marks.Length() == 0 && !SetBootAddress(0)) return false;
+    return m_marks.Write(bits.data(), bits.size(), at);
 }
 
 uint32_t NorFlash::BootAddress() const {
     uint8_t bytes[4];
-    if (!marks_.Read(bytes, sizeof bytes, kBootAt)) return 0;
+    if (!m_marks.Read(bytes, sizeof bytes, kBootAt)) return 0;
     return static_cast<uint32_t>(bytes[0] | bytes[1] << 8 | bytes[2] << 16) |
            static_cast<uint32_t>(bytes[3]) << 24;
 }
@@ -146,7 +146,7 @@ bool NorFlash::SetBootAddress(uint32_t address) {
     uint8_t head[kBitsAt] = {};
     std::copy(std::begin(kMarksHead), std::end(kMarksHead), head);
     for (size_t i = 0; i < 4; ++i) head[kBootAt + i] = static_cast<uint8_t>(address >> (8 * i));
-    return marks_.Write(head, sizeof head, 0);
+    return m_marks.Write(head, sizeof head, 0);
 }
 
 }  // namespace qvsim

@@ -23,7 +23,7 @@ class NorFlash {
 
     NorFlash() = default;
     // A blank chip in memory; whole sectors.
-    explicit NorFlash(uint32_t size) : size_(size) {}
+    explicit NorFlash(uint32_t size) : m_size(size) {}
     NorFlash(const NorFlash&) = delete;
     NorFlash& operator=(const NorFlash&) = delete;
 
@@ -31,9 +31,9 @@ class NorFlash {
     // what went wrong.
     std::string Open(const std::string& path, uint32_t size, bool readOnly = false);
 
-    uint32_t Size() const { return size_; }
+    uint32_t Size() const { return m_size; }
     bool InRange(uint32_t offset, uint32_t size) const {
-        return offset <= size_ && size <= size_ - offset;
+        return offset <= m_size && size <= m_size - offset;
     }
 
     // All are false when the range lies outside the chip or the file cannot be read or written.
@@ -60,9 +60,9 @@ class NorFlash {
   private:
     bool WriteSector(const uint8_t (&bytes)[kSector], uint32_t at);
 
-    ByteStore cells_{0xFF};
-    ByteStore marks_{0};  // a head, and then a bit for each byte
-    uint32_t size_ = 0;
+    ByteStore m_cells{0xFF};
+    ByteStore m_marks{0};  // a head, and then a bit for each byte
+    uint32_t m_size = 0;
 };
 
 }  // namespace qvsim

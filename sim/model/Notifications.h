@@ -24,8 +24,8 @@ class Notifications {
     // Gathers the enabled ones of `bits` on the channel's registrations and signals their events.
     void Raise(const Channel* channel, uint64_t bits, EventTable& events);
     void DropOwner(const OpenFile* owner);
-    size_t Count() const { return entries_.size(); }
-    HandlePool& Handles() { return handles_; }
+    size_t Count() const { return m_entries.size(); }
+    HandlePool& Handles() { return m_handles; }
 
   private:
     struct Entry {
@@ -35,8 +35,8 @@ class Notifications {
         uint64_t event;
         uint64_t status;
     };
-    std::map<uint64_t, Entry> entries_;
-    HandlePool handles_{0x2001};
+    std::map<uint64_t, Entry> m_entries;
+    HandlePool m_handles{0x2001};
 };
 
 }  // namespace qvsim

@@ -18,28 +18,28 @@ std::string Settings::ValueLine(char kind, const std::string& key, const Bytes& 
 std::string Settings::Save() const {
     std::string out = kSettingsFirstLine;
     out += '\n';
-    for (const auto& [key, value] : preset_) out += ValueLine('p', key, value);
-    for (const auto& [key, value] : values_) out += ValueLine('v', key, value);
+    for (const auto& [key, value] : m_preset) out += ValueLine('p', key, value);
+    for (const auto& [key, value] : m_values) out += ValueLine('v', key, value);
     return out;
 }
 
 bool Settings::LoadLine(const std::string& line) {
-    if (line == "save") return preset_ = values_, true;
-    if (line == "reload") return values_ = preset_, true;
-    if (line == "off") return values_.clear(), true;
+    if (line == "save") return m_preset = m_values, true;
+    if (line == "reload") return m_values = m_preset, true;
+    if (line == "off") return m_values.clear(), true;
     const size_t space = line.find(' ', 2);
     if (line.size() < 4 || line[1] != ' ' || space == std::string::npos) return false;
     Bytes value((line.size() - space - 1) / 2);
     if (!FromHex(line.substr(space + 1), value.data(), value.size())) return false;
     if (line[0] != 'p' && line[0] != 'v') return false;
-    (line[0] == 'p' ? preset_ : values_)[line.substr(2, space - 2)] = std::move(value);
+    (line[0] == 'p' ? m_preset : m_values)[line.substr(2, space - 2)] = std::move(value);
     return true;
 }
 
 int Settings::Load(const std::string& text) {
-    values_.clear();
-    preset_.clear();
-    changes_.clear();
+    m_values.clear();
+    m_preset.clear();
+    m_changes.clear();
     int number = 1;
     for (size_t at = 0; at < text.size(); ++number) {
         const size_t end = text.find('\n', at);

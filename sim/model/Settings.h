@@ -16,28 +16,28 @@ using Bytes = std::vector<uint8_t>;
 class Settings {
   public:
     void Put(const std::string& key, Bytes value) {
-        values_[key] = std::move(value);
-        changes_ += ValueLine('v', key, values_[key]);
+        m_values[key] = std::move(value);
+        m_changes += ValueLine('v', key, m_values[key]);
     }
     // Null when it was never set.
     const Bytes* Find(const std::string& key) const {
-        const auto found = values_.find(key);
-        return found == values_.end() ? nullptr : &found->second;
+        const auto found = m_values.find(key);
+        return found == m_values.end() ? nullptr : &found->second;
     }
     void SavePreset() {
-        preset_ = values_;
-        changes_ += "save\n";
+        m_preset = m_values;
+        m_changes += "save\n";
     }
     void ReloadPreset() {
-        values_ = preset_;
-        changes_ += "reload\n";
+        m_values = m_preset;
+        m_changes += "reload\n";
     }
     void Reset() {  // power-on: presets stay
-        values_.clear();
-        changes_ += "off\n";
+        m_values.clear();
+        m_changes += "off\n";
     }
     // As lines, since the last look.
-    std::string TakeChanges() { return std::exchange(changes_, {}); }
+    std::string TakeChanges() { return std::exchange(m_changes, {}); }
 
     // The whole as a text: its version, and as few lines as can be.
     std::string Save() const;
@@ -49,9 +49,9 @@ class Settings {
     static std::string ValueLine(char kind, const std::string& key, const Bytes& value);
     bool LoadLine(const std::string& line);
 
-    std::map<std::string, Bytes> values_;
-    std::map<std::string, Bytes> preset_;  // empty: the defaults
-    std::string changes_;
+    std::map<std::string, Bytes> m_values;
+    std::map<std::string, Bytes> m_preset;  // empty: the defaults
+    std::string m_changes;
 };
 
 // Bytes of a record that only a driver could fill: recognisable, and different for every request.

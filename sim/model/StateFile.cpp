@@ -35,21 +35,21 @@ class Line {
             const std::string item = text.substr(at, end - at);
             const size_t equals = item.find('=');
             if (at == 0)
-                word_ = item;
+                m_word = item;
             else if (equals == std::string::npos)
-                good_ = false;
+                m_good = false;
             else
-                good_ &= values_.emplace(item.substr(0, equals), item.substr(equals + 1)).second;
+                m_good &= m_values.emplace(item.substr(0, equals), item.substr(equals + 1)).second;
             at = end + 1;
         }
     }
-    const std::string& Word() const { return word_; }
+    const std::string& Word() const { return m_word; }
     // Everything that was asked for was there and right, and nothing else was there.
-    bool Good() const { return good_ && values_.empty(); }
+    bool Good() const { return m_good && m_values.empty(); }
 
     std::string Text(const char* key) {
-        const auto found = values_.extract(key);
-        good_ = good_ && !found.empty();
+        const auto found = m_values.extract(key);
+        m_good = m_good && !found.empty();
         return found.empty() ? std::string() : found.mapped();
     }
     template <class Number>
@@ -62,7 +62,7 @@ class Line {
         const auto [last, error] = std::from_chars(text.data(), end, value, hex ? 16 : 10);
         if (error == std::errc() && last == end && value >= low && value <= high)
             return static_cast<Number>(value);
-        good_ = false;
+        m_good = false;
         return static_cast<Number>(low);
     }
     uint32_t Number(const char* key) {
@@ -78,14 +78,14 @@ class Line {
         const double value = std::strtod(text.c_str(), &end);
         const bool right = !text.empty() && *end == '\0' && std::isfinite(value);
         if (right && value >= 0 && value <= 10000) return value;
-        good_ = false;
+        m_good = false;
         return 1;
     }
     std::vector<uint8_t> Bytes(const char* key) {
         const std::string hex = Text(key);
         std::vector<uint8_t> bytes(hex.size() / 2);
         if (bytes.size() > kLargestValue || !FromHex(hex, bytes.data(), bytes.size()))
-            good_ = false;
+            m_good = false;
         return bytes;
     }
     std::string HexText(const char* key) {
@@ -94,14 +94,14 @@ class Line {
     }
     template <class Record>
     void Fill(const char* key, Record& record) {
-        good_ &= FromHex(Text(key), &record, sizeof record);
+        m_good &= FromHex(Text(key), &record, sizeof record);
     }
-    void Wrong() { good_ = false; }
+    void Wrong() { m_good = false; }
 
   private:
-    std::string word_;
-    std::map<std::string, std::string> values_;
-    bool good_ = true;
+    std::string m_word;
+    std::map<std::string, std::string> m_values;
+    bool m_good = true;
 };
 
 template <class Record>

@@ -9,29 +9,29 @@
 namespace qvsim {
 
 uint64_t Timers::Register(const Channel* channel, const OpenFile* owner, uint64_t event) {
-    const uint64_t timer = handles_.Take();
-    entries_[timer] = {channel, owner, event, std::nullopt};
+    const uint64_t timer = m_handles.Take();
+    m_entries[timer] = {channel, owner, event, std::nullopt};
     return timer;
 }
 
 bool Timers::Unregister(const Channel* channel, uint64_t timer) {
-    const auto found = entries_.find(timer);
-    if (found == entries_.end() || found->second.channel != channel) return false;
-    entries_.erase(found);
-    handles_.Give(timer);
+    const auto found = m_entries.find(timer);
+    if (found == m_entries.end() || found->second.channel != channel) return false;
+    m_entries.erase(found);
+    m_handles.Give(timer);
     return true;
 }
 
 bool Timers::Schedule(const Channel* channel, uint64_t timer, int64_t expiry) {
-    const auto found = entries_.find(timer);
-    if (found == entries_.end() || found->second.channel != channel) return false;
+    const auto found = m_entries.find(timer);
+    if (found == m_entries.end() || found->second.channel != channel) return false;
     found->second.expiry = expiry;
     return true;
 }
 
 std::optional<int64_t> Timers::Run(int64_t sourceTime, EventTable& events) {
     std::optional<int64_t> next;
-    for (auto& [timer, entry] : entries_) {
+    for (auto& [timer, entry] : m_entries) {
         if (!entry.expiry) continue;
         const int64_t now = entry.channel->board->clock.At(sourceTime);
         if (*entry.expiry <= now) {
@@ -49,9 +49,9 @@ std::optional<int64_t> Timers::Run(int64_t sourceTime, EventTable& events) {
 }
 
 void Timers::DropOwner(const OpenFile* owner) {
-    std::erase_if(entries_, [&](const auto& item) {
+    std::erase_if(m_entries, [&](const auto& item) {
         if (item.second.owner != owner) return false;
-        handles_.Give(item.first);
+        m_handles.Give(item.first);
         return true;
     });
 }

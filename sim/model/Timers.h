@@ -25,8 +25,8 @@ class Timers {
     // from it the next expiry lies, nothing when no timer is scheduled.
     std::optional<int64_t> Run(int64_t sourceTime, EventTable& events);
     void DropOwner(const OpenFile* owner);
-    size_t Count() const { return entries_.size(); }
-    HandlePool& Handles() { return handles_; }
+    size_t Count() const { return m_entries.size(); }
+    HandlePool& Handles() { return m_handles; }
 
   private:
     struct Entry {
@@ -35,8 +35,8 @@ class Timers {
         uint64_t event;
         std::optional<int64_t> expiry;
     };
-    std::map<uint64_t, Entry> entries_;
-    HandlePool handles_{0x3001};
+    std::map<uint64_t, Entry> m_entries;
+    HandlePool m_handles{0x3001};
 };
 
 }  // namespace qvsim

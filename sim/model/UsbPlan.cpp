@@ -13,21 +13,21 @@ constexpr size_t kMostRates = 16;
 constexpr size_t kLongestProduct = 63;
 constexpr size_t kLongestName = 31;
 
-struct Model {
+struct Family {
     const char* name;  // part of a product name
     std::vector<std::string> captures;
     std::vector<std::string> playbacks;
 };
 
 // The models of the family with a camera; of the others, what they capture is their last word.
-const std::vector<Model>& Models() {
-    static const std::vector<Model> models{
+const std::vector<Family>& Families() {
+    static const std::vector<Family> families{
         {"Tavo Capture HDMI", {"HDMI", "Mic", "Computer"}, {"Headphone", "HDMI", "Computer"}},
         {"Tavo Capture SDI", {"SDI", "Line In"}, {}},
         {"Tavo Capture DVI", {"HDMI", "Line In"}, {}},
         {"Tavo Capture AIO", {"Digital", "Analog"}, {}},
     };
-    return models;
+    return families;
 }
 
 bool Contains(const std::string& product, const char* part) {
@@ -38,10 +38,10 @@ void ApplyModel(UsbPlan& device) {
     std::vector<std::string> captures;
     std::vector<std::string> playbacks;
     std::vector<CameraSize> camera;
-    for (const Model& model : Models())
-        if (Contains(device.product, model.name)) {
-            captures = model.captures;
-            playbacks = model.playbacks;
+    for (const Family& family : Families())
+        if (Contains(device.product, family.name)) {
+            captures = family.captures;
+            playbacks = family.playbacks;
             camera = {{640, 360, {30, 60, 15}}, {1280, 720, {30, 15}}, {320, 180, {30}}};
         }
     if (Contains(device.product, "Pelix Capture") || Contains(device.product, "Lumo Capture"))

@@ -164,28 +164,28 @@ bool Request(int fd, unsigned long code, void* argument, int& result) {
 Closing::Closing(int fd) {
     if (g_openNodes.load(std::memory_order_acquire) == 0 || Inside::Is()) return;
     const Inside inside;
-    if (Held held = Put(fd, nullptr)) held_.emplace_back(fd, std::move(held));
+    if (Held held = Put(fd, nullptr)) m_held.emplace_back(fd, std::move(held));
 }
 
 Closing::Closing(unsigned first, unsigned last) {
     if (g_openNodes.load(std::memory_order_acquire) == 0 || Inside::Is()) return;
     const Inside inside;
-    held_ = TakeRange(first, last);
+    m_held = TakeRange(first, last);
 }
 
 void Closing::TakeBack() {
-    if (held_.empty()) return;
+    if (m_held.empty()) return;
     const Inside inside;
-    for (auto& [fd, held] : held_) Put(fd, std::move(held));
-    held_.clear();
+    for (auto& [fd, held] : m_held) Put(fd, std::move(held));
+    m_held.clear();
 }
 
 Closing::~Closing() {
-    if (held_.empty()) return;
+    if (m_held.empty()) return;
     const int error = errno;
     {
         const Inside inside;
-        held_.clear();
+        m_held.clear();
     }
     errno = error;
 }

@@ -67,7 +67,7 @@ class Closing {
     void TakeBack();
 
   private:
-    std::vector<std::pair<int, Held>> held_;
+    std::vector<std::pair<int, Held>> m_held;
 };
 // `made` is a further descriptor of what `fd` is; it may have been another's before.
 void Doubled(int fd, int made);

@@ -26,16 +26,16 @@ Inside::Inside() {
         // Those that say that something is wrong here cannot wait.
         for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT})
             sigdelset(&all, fault);
-        held_ = pthread_sigmask(SIG_BLOCK, &all, &outer_) == 0;
+        m_held = pthread_sigmask(SIG_BLOCK, &all, &m_outer) == 0;
     }
     ++t_depth;
-    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &cancel_);
+    pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &m_cancel);
 }
 
 Inside::~Inside() {
-    pthread_setcancelstate(cancel_, nullptr);
+    pthread_setcancelstate(m_cancel, nullptr);
     --t_depth;
-    if (held_) pthread_sigmask(SIG_SETMASK, &outer_, nullptr);
+    if (m_held) pthread_sigmask(SIG_SETMASK, &m_outer, nullptr);
 }
 
 }  // namespace qvsim::door

@@ -21,12 +21,12 @@ class Inside {
     // What the calling thread is in, if anything.
     static bool Is();
     // The mask of the thread outside; null when signals are not held off.
-    const sigset_t* OuterMask() const { return held_ ? &outer_ : nullptr; }
+    const sigset_t* OuterMask() const { return m_held ? &m_outer : nullptr; }
 
   private:
-    sigset_t outer_;
-    bool held_ = false;
-    int cancel_ = 0;
+    sigset_t m_outer;
+    bool m_held = false;
+    int m_cancel = 0;
 };
 
 }  // namespace qvsim::door

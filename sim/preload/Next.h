@@ -12,20 +12,20 @@ namespace qvsim::door {
 template <class Function>
 class Next {
   public:
-    constexpr explicit Next(const char* name) : name_(name) {}
+    constexpr explicit Next(const char* name) : m_name(name) {}
     Function* Get() {
-        void* found = found_.load(std::memory_order_acquire);
+        void* found = m_found.load(std::memory_order_acquire);
         if (!found) {
-            found = dlsym(RTLD_NEXT, name_);
+            found = dlsym(RTLD_NEXT, m_name);
             if (!found) std::abort();  // a libc without it: nothing here can work
-            found_.store(found, std::memory_order_release);
+            m_found.store(found, std::memory_order_release);
         }
         return reinterpret_cast<Function*>(found);
     }
 
   private:
-    const char* name_;
-    std::atomic<void*> found_{nullptr};
+    const char* m_name;
+    std::atomic<void*> m_found{nullptr};
 };
 
 }  // namespace qvsim::door

@@ -102,7 +102,7 @@ Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t addres
     const char letter = file.kind == NodeKind::kEvents ? 'E' : 'X';
     if (!row || LetterOf(code) != letter || file.kind == NodeKind::kForeign) {
         const Answer answer = Refused(ENOTTY);
-        model.Lines().Write(head + (row ? row->name : HexText(code)), answer);
+        model.RequestJournal().Write(head + (row ? row->name : HexText(code)), answer);
         return answer;
     }
     model.CatchUp(file.channel);
@@ -122,7 +122,7 @@ Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t addres
     else if (parked && parked->ForEvent())
         parked->line = line;
     else
-        model.Lines().Write(line, answer);
+        model.RequestJournal().Write(line, answer);
     return answer;
 }
 
@@ -133,7 +133,7 @@ bool AskAgain(Model& model, const ParkedWait& parked, bool last, int error, Answ
              : parked.takes ? events.Wait(lock, parked.events[0], 0)
                             : events.WaitSeveral(lock, parked.events, 0);
     if (!last && answer.error == 0 && answer.value == 0) return false;
-    model.Lines().Write(parked.line, answer);
+    model.RequestJournal().Write(parked.line, answer);
     return true;
 }
 

@@ -71,7 +71,7 @@ std::array<int32_t, 2> CapturedFrame(int place, uint64_t number) {
 
 AudioFunction::AudioFunction(const std::vector<StreamSpec>& streams, Numbers& numbers,
                              Listener listener)
-    : control_(numbers.Interface()), listener_(std::move(listener)) {
+    : m_control(numbers.Interface()), m_listener(std::move(listener)) {
     uint8_t entity = 0;
     int place = 0;
     for (const StreamSpec& spec : streams) {
@@ -84,29 +84,29 @@ AudioFunction::AudioFunction(const std::vector<StreamSpec>& streams, Numbers& nu
         stream.inputTerminal = ++entity;
         stream.unit = ++entity;
         stream.outputTerminal = ++entity;
-        streams_.push_back(std::move(stream));
+        m_streams.push_back(std::move(stream));
     }
 }
 
 // ---- what it says it is
 
 void AudioFunction::Describe(Bytes& configuration) const {
-    const auto interfaces = static_cast<uint8_t>(1 + streams_.size());
+    const auto interfaces = static_cast<uint8_t>(1 + m_streams.size());
     AppendDescriptor(configuration, kAssociationDescriptor,
-                     {control_, interfaces, kAudioClass, kControlSubclass, 0, 0});
+                     {m_control, interfaces, kAudioClass, kControlSubclass, 0, 0});
     DescribeControl(configuration);
-    for (const Stream& stream : streams_) DescribeStream(stream, configuration);
+    for (const Stream& stream : m_streams) DescribeStream(stream, configuration);
 }
 
 void AudioFunction::DescribeControl(Bytes& out) const {
     AppendDescriptor(out, kInterfaceDescriptor,
-                     {control_, 0, 0, kAudioClass, kControlSubclass, 0, 0});
+                     {m_control, 0, 0, kAudioClass, kControlSubclass, 0, 0});
     Bytes inner;
     constexpr size_t kTotalAt = 5;
-    std::vector<Field> header{0x01, Half(0x0100), Half(0), streams_.size()};
-    for (const Stream& stream : streams_) header.push_back(stream.interface);
+    std::vector<Field> header{0x01, Half(0x0100), Half(0), m_streams.size()};
+    for (const Stream& stream : m_streams) header.push_back(stream.interface);
     AppendDescriptor(inner, kClassInterface, header);
-    for (const Stream& stream : streams_) {
+    for (const Stream& stream : m_streams) {
         const bool capture = stream.spec.capture;
         // terminal in: number, kind, associated, channels, left and right, names
         AppendDescriptor(inner, kClassInterface,
@@ -146,24 +146,24 @@ void AudioFunction::DescribeStream(const Stream& stream, Bytes& out) {
 // ---- controls
 
 bool AudioFunction::HasInterface(uint8_t interface) const {
-    return interface >= control_ && interface <= control_ + streams_.size();
+    return interface >= m_control && interface <= m_control + m_streams.size();
 }
 
 bool AudioFunction::HasEndpoint(uint8_t address) const {
-    return std::any_of(streams_.begin(), streams_.end(),
+    return std::any_of(m_streams.begin(), m_streams.end(),
                        [=](const Stream& stream) { return stream.endpoint == address; });
 }
 
 uint8_t AudioFunction::Alternate(uint8_t interface) const {
-    for (const Stream& stream : streams_)
+    for (const Stream& stream : m_streams)
         if (stream.interface == interface) return stream.alternate;
     return 0;
 }
 
 bool AudioFunction::SetAlternate(uint8_t interface, uint8_t alternate) {
-    if (interface == control_) return alternate == 0;
+    if (interface == m_control) return alternate == 0;
     if (alternate > kLastAlternate) return false;
-    Stream& stream = streams_[interface - control_ - 1u];
+    Stream& stream = m_streams[interface - m_control - 1u];
     stream.alternate = alternate;
     stream.packet = 0;
     stream.running = false;
@@ -175,10 +175,10 @@ bool AudioFunction::SetAlternate(uint8_t interface, uint8_t alternate) {
 std::optional<Bytes> AudioFunction::Control(const Setup& setup, const Bytes& data) {
     const auto low = static_cast<uint8_t>(setup.index);
     const auto entity = static_cast<uint8_t>(setup.index >> 8);
-    for (Stream& stream : streams_) {
+    for (Stream& stream : m_streams) {
         if ((setup.type & 0x1F) == 2) {
             if (stream.endpoint == low) return RateControl(stream, setup, data);
-        } else if (low == control_ && stream.unit == entity) {
+        } else if (low == m_control && stream.unit == entity) {
             return UnitControl(stream, setup, data);
         }
     }
@@ -232,19 +232,19 @@ std::optional<Bytes> AudioFunction::UnitControl(Stream& stream, const Setup& set
 
 bool AudioFunction::Submit(Urb urb) {
     const auto address = static_cast<uint8_t>(urb.endpoint | (urb.in ? 0x80 : 0));
-    for (Stream& stream : streams_)
+    for (Stream& stream : m_streams)
         if (stream.endpoint == address) return stream.waiting.Add(std::move(urb));
     return false;
 }
 
 bool AudioFunction::Unlink(uint32_t sequence) {
-    return std::any_of(streams_.begin(), streams_.end(),
+    return std::any_of(m_streams.begin(), m_streams.end(),
                        [=](Stream& stream) { return stream.waiting.Remove(sequence); });
 }
 
 Micros AudioFunction::NextDue() const {
     Micros next = kNever;
-    for (const Stream& stream : streams_)
+    for (const Stream& stream : m_streams)
         if (!stream.waiting.Empty())
             next =
                 std::min(next, stream.running ? stream.clock + TimeOf(stream.waiting.Front()) : 0);
@@ -252,7 +252,7 @@ Micros AudioFunction::NextDue() const {
 }
 
 void AudioFunction::Advance(Micros now, Bytes& out) {
-    for (Stream& stream : streams_) AdvanceStream(stream, now, out);
+    for (Stream& stream : m_streams) AdvanceStream(stream, now, out);
 }
 
 // A transfer is answered when the time of its last packet has come.
@@ -292,7 +292,7 @@ void AudioFunction::Answer(Stream& stream, const Urb& urb, Bytes& out) {
         data.resize(std::min<size_t>(data.size(), start + packet.length));
         lengths.push_back(static_cast<uint32_t>(data.size() - start));
     }
-    if (!urb.in) listener_(stream.spec.name, data.data(), data.size());
+    if (!urb.in) m_listener(stream.spec.name, data.data(), data.size());
     AppendIsoAnswer(urb, lengths, data, out);
 }
 

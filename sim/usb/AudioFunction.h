@@ -76,9 +76,9 @@ class AudioFunction : public UsbFunction {
     void AdvanceStream(Stream& stream, Micros now, Bytes& out);
     void Answer(Stream& stream, const Urb& urb, Bytes& out);
 
-    uint8_t control_;  // interface
-    std::vector<Stream> streams_;
-    Listener listener_;
+    uint8_t m_control;  // interface
+    std::vector<Stream> m_streams;
+    Listener m_listener;
 };
 
 }  // namespace qvsim::usb

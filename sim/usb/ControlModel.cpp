@@ -100,18 +100,18 @@ std::unique_ptr<ControlModel> ControlModel::Make(const UsbPlan& plan, int number
                                                  const std::string& folder, std::string& error) {
     std::unique_ptr<ControlModel> model(new ControlModel);
     const UsbControl& control = *plan.control;
-    model->serial_ = plan.serial;
-    Put(model->info_.familyName, "Tavo Capture");
-    Put(model->info_.productName, plan.product);
-    Put(model->info_.boardSerialNumber, plan.serial);
-    model->info_.productCode = plan.productCode;
-    model->info_.hardwareVersion = plan.hardware[0];
-    model->info_.boardIndex = static_cast<uint8_t>(number);
-    model->info_.firmwareVersion = control.firmware;
-    model->storage_.firmwareOffset = control.firmwareOffset;
-    model->golden_ = control.golden;
-    model->busyPolls_ = control.busyPolls;
-    for (const Fault& fault : control.faults) model->faults_.Add(fault);
+    model->m_serial = plan.serial;
+    Put(model->m_info.familyName, "Tavo Capture");
+    Put(model->m_info.productName, plan.product);
+    Put(model->m_info.boardSerialNumber, plan.serial);
+    model->m_info.productCode = plan.productCode;
+    model->m_info.hardwareVersion = plan.hardware[0];
+    model->m_info.boardIndex = static_cast<uint8_t>(number);
+    model->m_info.firmwareVersion = control.firmware;
+    model->m_storage.firmwareOffset = control.firmwareOffset;
+    model->m_golden = control.golden;
+    model->m_busyPolls = control.busyPolls;
+    for (const Fault& fault : control.faults) model->m_faults.Add(fault);
     error = model->OpenFiles(plan, folder);
     return error.empty() ? std::move(model) : nullptr;
 }
@@ -119,49 +119,49 @@ std::unique_ptr<ControlModel> ControlModel::Make(const UsbPlan& plan, int number
 std::string ControlModel::OpenFiles(const UsbPlan& plan, const std::string& folder) {
     std::string state;
     if (!folder.empty()) {
-        flashPath_ = folder + "/" + serial_ + ".flash";
-        statePath_ = folder + "/" + serial_ + ".state";
-        transfersPath_ = folder + "/" + serial_ + ".transfers";
-        state = ReadText(statePath_);
+        m_flashPath = folder + "/" + m_serial + ".flash";
+        m_statePath = folder + "/" + m_serial + ".state";
+        m_transfersPath = folder + "/" + m_serial + ".transfers";
+        state = ReadText(m_statePath);
     }
     const uint32_t size = plan.control->flashSize;
-    flash_ = flashPath_.empty() ? std::make_unique<NorFlash>(size) : std::make_unique<NorFlash>();
-    if (!flashPath_.empty())
-        if (std::string error = flash_->Open(flashPath_, size); !error.empty()) return error;
+    m_flash = m_flashPath.empty() ? std::make_unique<NorFlash>(size) : std::make_unique<NorFlash>();
+    if (!m_flashPath.empty())
+        if (std::string error = m_flash->Open(m_flashPath, size); !error.empty()) return error;
     if (state.empty()) return FillNew(*plan.control);
     int lost = 0;
-    if (std::sscanf(state.c_str(), "version=0x%x lost=%d\n", &info_.firmwareVersion, &lost) != 2)
-        return statePath_ + ": is no state of a USB device";
-    lost_ = lost != 0;
+    if (std::sscanf(state.c_str(), "version=0x%x lost=%d\n", &m_info.firmwareVersion, &lost) != 2)
+        return m_statePath + ": is no state of a USB device";
+    m_lost = lost != 0;
     return {};
 }
 
 std::string ControlModel::FillNew(const UsbControl& control) {
-    const Bytes header = MakeHeader(control.firmware, control.storedCode, info_.productCode,
-                                    static_cast<uint8_t>(info_.hardwareVersion));
+    const Bytes header = MakeHeader(control.firmware, control.storedCode, m_info.productCode,
+                                    static_cast<uint8_t>(m_info.hardwareVersion));
     const uint32_t at = control.firmwareOffset;
-    if (!flash_->Program(at, header.data(), static_cast<uint32_t>(header.size())) ||
-        !flash_->SetBootAddress(at))
-        return serial_ + ": its flash cannot be written";
+    if (!m_flash->Program(at, header.data(), static_cast<uint32_t>(header.size())) ||
+        !m_flash->SetBootAddress(at))
+        return m_serial + ": its flash cannot be written";
     Save();
     return {};
 }
 
 void ControlModel::Save() const {
-    if (statePath_.empty()) return;
+    if (m_statePath.empty()) return;
     char text[64];
-    std::snprintf(text, sizeof text, "version=0x%08x lost=%d\n", info_.firmwareVersion,
-                  lost_ ? 1 : 0);
-    ReplaceFile(statePath_, text);
+    std::snprintf(text, sizeof text, "version=0x%08x lost=%d\n", m_info.firmwareVersion,
+                  m_lost ? 1 : 0);
+    ReplaceFile(m_statePath, text);
 }
 
 void ControlModel::PowerCycle() {
-    gone_ = lost_ = false;
-    busy_ = 0;
-    answer_.reset();
-    readAddress_.reset();
-    settings_ = saved_;
-    info_.firmwareVersion = LoadFirmware(*flash_, storage_.firmwareOffset, golden_);
+    m_gone = m_lost = false;
+    m_busy = 0;
+    m_answer.reset();
+    m_readAddress.reset();
+    m_settings = m_saved;
+    m_info.firmwareVersion = LoadFirmware(*m_flash, m_storage.firmwareOffset, m_golden);
     Save();
 }
 
@@ -169,16 +169,16 @@ void ControlModel::PowerCycle() {
 
 bool ControlModel::Meet(const std::string& name, const std::string& line) {
     if (!Present()) return false;
-    transfers_.push_back(line);
-    if (!transfersPath_.empty()) AppendText(transfersPath_, line + "\n");
-    effects_ = faults_.Hits(name, -1, -1);
-    if (Has(FaultKind::kNodeGone)) gone_ = true;
-    return !gone_ && !Has(FaultKind::kRefuse);
+    m_transfers.push_back(line);
+    if (!m_transfersPath.empty()) AppendText(m_transfersPath, line + "\n");
+    m_effects = m_faults.Hits(name, -1, -1);
+    if (Has(FaultKind::kNodeGone)) m_gone = true;
+    return !m_gone && !Has(FaultKind::kRefuse);
 }
 
 uint32_t ControlModel::Share(uint32_t size) const {
     if (Has(FaultKind::kHalf)) return size / 2;
-    const auto cut = EffectOf(effects_, FaultKind::kPowerLoss);
+    const auto cut = EffectOf(m_effects, FaultKind::kPowerLoss);
     if (!cut) return size;
     switch (static_cast<CutPoint>(*cut)) {
         case CutPoint::kStart:
@@ -192,11 +192,11 @@ uint32_t ControlModel::Share(uint32_t size) const {
 
 bool ControlModel::Finish() {
     if (Has(FaultKind::kPowerLoss)) {
-        lost_ = true;
+        m_lost = true;
         Save();
     }
-    if (!lost_ && !Has(FaultKind::kRefuseLate)) return true;
-    answer_.reset();
+    if (!m_lost && !Has(FaultKind::kRefuseLate)) return true;
+    m_answer.reset();
     return false;
 }
 
@@ -205,13 +205,13 @@ bool ControlModel::Finish() {
 bool ControlModel::Open() { return Meet(kOpen, "open") && Finish(); }
 
 std::optional<Bytes> ControlModel::Payload(uint8_t command, size_t size) const {
-    if (command == 0x01) return BytesOf(info_);
-    if (command == 0xF0) return BytesOf(storage_);
-    if (command == kReadAddress) return WordBytes(lastAddress_);
+    if (command == 0x01) return BytesOf(m_info);
+    if (command == 0xF0) return BytesOf(m_storage);
+    if (command == kReadAddress) return WordBytes(m_lastAddress);
     if (!Takes(command, size, false)) return std::nullopt;
     // What nobody has set is zeros.
-    const auto found = settings_.find(command);
-    Bytes payload = found == settings_.end() ? Bytes() : found->second;
+    const auto found = m_settings.find(command);
+    Bytes payload = found == m_settings.end() ? Bytes() : found->second;
     payload.resize(size);
     return payload;
 }
@@ -221,20 +221,20 @@ std::optional<Bytes> ControlModel::Get(uint8_t command, size_t size) {
     if (!Meet(name, "get " + name) || !Takes(command, size, false)) return std::nullopt;
     std::optional<Bytes> payload = Payload(command, size);
     if (!Finish()) return std::nullopt;
-    if (const auto shortened = EffectOf(effects_, FaultKind::kShortRead))
+    if (const auto shortened = EffectOf(m_effects, FaultKind::kShortRead))
         payload->resize(std::min<size_t>(payload->size(), *shortened));
     return payload;
 }
 
 bool ControlModel::Set(uint8_t command, const Bytes& payload) {
-    answer_.reset();
+    m_answer.reset();
     if (!Takes(command, payload.size(), true)) return false;
     switch (command) {
         case kErase:
             return Erase(payload);
         case kReadAddress:
             if (!Meet("address", Hex("address ", Word(payload.data()), 1))) return false;
-            if (!Has(FaultKind::kPretend)) readAddress_ = lastAddress_ = Word(payload.data());
+            if (!Has(FaultKind::kPretend)) m_readAddress = m_lastAddress = Word(payload.data());
             return Finish();
         case kFirmware:
             return Firmware(payload);
@@ -246,26 +246,26 @@ bool ControlModel::Set(uint8_t command, const Bytes& payload) {
     const std::string name = Hex("", command, 2);
     if (!Meet(name, "set " + name)) return false;
     if (command == kOptions) return Option(payload[0]) && Finish();
-    if (!Has(FaultKind::kPretend)) settings_[command] = payload;
+    if (!Has(FaultKind::kPretend)) m_settings[command] = payload;
     return Finish();
 }
 
 std::optional<Bytes> ControlModel::Answer() {
     if (!Present()) return std::nullopt;
-    return std::exchange(answer_, std::nullopt);
+    return std::exchange(m_answer, std::nullopt);
 }
 
 bool ControlModel::Option(uint8_t option) {
-    if (option == 0) settings_.clear();
-    if (option == 1) settings_ = saved_;
-    if (option == 2) saved_ = settings_;
+    if (option == 0) m_settings.clear();
+    if (option == 1) m_settings = m_saved;
+    if (option == 2) m_saved = m_settings;
     return option <= 2;
 }
 
 bool ControlModel::Poll() {
     if (!Meet("poll", "poll")) return false;
-    answer_ = Bytes{static_cast<uint8_t>(busy_ > 0 ? 1 : 0)};
-    busy_ = std::max(busy_ - 1, 0);
+    m_answer = Bytes{static_cast<uint8_t>(m_busy > 0 ? 1 : 0)};
+    m_busy = std::max(m_busy - 1, 0);
     return Finish();
 }
 
@@ -275,49 +275,50 @@ bool ControlModel::Erase(const Bytes& payload) {
     const uint32_t address = Word(payload.data());
     const uint32_t size = Word(payload.data() + 4);
     if (!Meet("erase", Range("erase ", address, size))) return false;
-    if (busy_ > 0 || !flash_->InRange(address, size)) return false;
+    if (m_busy > 0 || !m_flash->InRange(address, size)) return false;
     if (Has(FaultKind::kPretend)) return Finish();
     const uint32_t done = Share(size);
-    if (!flash_->Erase(address, done)) return false;
+    if (!m_flash->Erase(address, done)) return false;
     constexpr uint8_t kLeft = 0x5A;
-    if (Has(FaultKind::kNotBlank) && size > 0) flash_->Program(address, &kLeft, 1);
-    busy_ = busyPolls_;
+    if (Has(FaultKind::kNotBlank) && size > 0) m_flash->Program(address, &kLeft, 1);
+    m_busy = m_busyPolls;
     return Finish();
 }
 
 bool ControlModel::Firmware(const Bytes& payload) {
     const uint32_t address = Word(payload.data());
     const uint32_t size = Word(payload.data() + 4);
-    const bool reads = readAddress_.has_value();
-    const bool right = !reads || *readAddress_ == address;
-    readAddress_.reset();
+    const bool reads = m_readAddress.has_value();
+    const bool right = !reads || *m_readAddress == address;
+    m_readAddress.reset();
     if (!Meet(reads ? "read" : "write", Range(reads ? "read " : "write ", address, size)))
         return false;
-    if (busy_ > 0 || !right || size > kPacketData || !flash_->InRange(address, size)) return false;
+    if (m_busy > 0 || !right || size > kPacketData || !m_flash->InRange(address, size))
+        return false;
     return reads ? ReadFirmware(address, size, payload)
                  : WriteFirmware(address, size, payload.data() + kPacketHead);
 }
 
 bool ControlModel::ReadFirmware(uint32_t address, uint32_t size, const Bytes& payload) {
-    answer_ = payload;
-    uint8_t* const data = answer_->data() + kPacketHead;
-    if (!flash_->Read(address, data, size)) return false;
-    const auto flip = EffectOf(effects_, FaultKind::kFlipBit);
+    m_answer = payload;
+    uint8_t* const data = m_answer->data() + kPacketHead;
+    if (!m_flash->Read(address, data, size)) return false;
+    const auto flip = EffectOf(m_effects, FaultKind::kFlipBit);
     if (flip && *flip / 8 < size)
         data[*flip / 8] = static_cast<uint8_t>(data[*flip / 8] ^ 1 << *flip % 8);
-    if (const auto shortened = EffectOf(effects_, FaultKind::kShortRead))
-        answer_->resize(std::min<size_t>(answer_->size(), *shortened));
+    if (const auto shortened = EffectOf(m_effects, FaultKind::kShortRead))
+        m_answer->resize(std::min<size_t>(m_answer->size(), *shortened));
     return Finish();
 }
 
 bool ControlModel::WriteFirmware(uint32_t address, uint32_t size, const uint8_t* data) {
-    const auto stuck = static_cast<uint8_t>(EffectOf(effects_, FaultKind::kStuckBits).value_or(0));
+    const auto stuck = static_cast<uint8_t>(EffectOf(m_effects, FaultKind::kStuckBits).value_or(0));
     const uint32_t done = Has(FaultKind::kPretend) ? 0 : Share(size);
-    if (!flash_->Program(address, data, done, stuck)) return false;
-    const uint32_t main = storage_.firmwareOffset;
+    if (!m_flash->Program(address, data, done, stuck)) return false;
+    const uint32_t main = m_storage.firmwareOffset;
     const bool isHeader = address == main || address == main + kSafeHeaderDistance;
-    if (isHeader && done > 0 && !flash_->SetBootAddress(address)) return false;
-    busy_ = busyPolls_;
+    if (isHeader && done > 0 && !m_flash->SetBootAddress(address)) return false;
+    m_busy = m_busyPolls;
     return Finish();
 }
 

@@ -28,15 +28,15 @@ class ControlModel {
     static std::unique_ptr<ControlModel> Make(const UsbPlan& plan, int number,
                                               const std::string& folder, std::string& error);
 
-    const std::string& Serial() const { return serial_; }
+    const std::string& Serial() const { return m_serial; }
     // The file of the flash; "" in memory.
-    const std::string& FlashPath() const { return flashPath_; }
-    NorFlash& Flash() { return *flash_; }
-    uint32_t Version() const { return info_.firmwareVersion; }
-    _QVCAP_CHANNEL_INFO Info() const { return info_; }
+    const std::string& FlashPath() const { return m_flashPath; }
+    NorFlash& Flash() { return *m_flash; }
+    uint32_t Version() const { return m_info.firmwareVersion; }
+    _QVCAP_CHANNEL_INFO Info() const { return m_info; }
 
     // False when it has gone from the bus or lost its power.
-    bool Present() const { return !gone_ && !lost_; }
+    bool Present() const { return !m_gone && !m_lost; }
     // Plugged in again after it was pulled out or lost its power: what is in the flash runs.
     void PowerCycle();
 
@@ -50,7 +50,7 @@ class ControlModel {
 
     // Every transfer, one a line: "erase 0x1000+4096", "poll", "get 0x01". With a folder they are
     // in the file SERIAL.transfers, too.
-    const std::vector<std::string>& Transfers() const { return transfers_; }
+    const std::vector<std::string>& Transfers() const { return m_transfers; }
 
   private:
     ControlModel() = default;
@@ -59,7 +59,7 @@ class ControlModel {
     void Save() const;
     // What hits this transfer. False when the device does not even see it.
     bool Meet(const std::string& name, const std::string& line);
-    bool Has(FaultKind kind) const { return EffectOf(effects_, kind).has_value(); }
+    bool Has(FaultKind kind) const { return EffectOf(m_effects, kind).has_value(); }
     // Of `size` bytes, how many are done before the power goes or the work stops half-way.
     uint32_t Share(uint32_t size) const;
     // The end of a transfer that was carried out: whether it is said to have succeeded.
@@ -72,26 +72,26 @@ class ControlModel {
     bool Poll();
     bool Option(uint8_t option);
 
-    std::string serial_;
-    std::string flashPath_;
-    std::string statePath_;
-    std::string transfersPath_;
-    _QVCAP_CHANNEL_INFO info_{};
-    _QVCAP_FIRMWARE_STORAGE storage_{};
-    uint32_t golden_ = 0;
-    int busyPolls_ = 0;
-    std::unique_ptr<NorFlash> flash_;
-    FaultSet faults_;
-    std::vector<FaultEffect> effects_;  // of the transfer in work
-    std::map<uint8_t, Bytes> settings_;
-    std::map<uint8_t, Bytes> saved_;
-    std::optional<Bytes> answer_;
-    std::optional<uint32_t> readAddress_;  // the next firmware packet is a read
-    uint32_t lastAddress_ = 0;
-    int busy_ = 0;
-    bool gone_ = false;
-    bool lost_ = false;
-    std::vector<std::string> transfers_;
+    std::string m_serial;
+    std::string m_flashPath;
+    std::string m_statePath;
+    std::string m_transfersPath;
+    _QVCAP_CHANNEL_INFO m_info{};
+    _QVCAP_FIRMWARE_STORAGE m_storage{};
+    uint32_t m_golden = 0;
+    int m_busyPolls = 0;
+    std::unique_ptr<NorFlash> m_flash;
+    FaultSet m_faults;
+    std::vector<FaultEffect> m_effects;  // of the transfer in work
+    std::map<uint8_t, Bytes> m_settings;
+    std::map<uint8_t, Bytes> m_saved;
+    std::optional<Bytes> m_answer;
+    std::optional<uint32_t> m_readAddress;  // the next firmware packet is a read
+    uint32_t m_lastAddress = 0;
+    int m_busy = 0;
+    bool m_gone = false;
+    bool m_lost = false;
+    std::vector<std::string> m_transfers;
 };
 
 }  // namespace qvsim::usb

@@ -29,36 +29,37 @@ constexpr uint8_t kSetInterface = 11;
 }  // namespace
 
 EmulatedDevice::EmulatedDevice(DeviceSpec spec, AudioFunction::Listener listener)
-    : spec_(std::move(spec)) {
-    numbers_.Text(kMaker);
-    numbers_.Text(spec_.product);
-    numbers_.Text(spec_.serial);
-    if (!spec_.streams.empty())
-        functions_.push_back(
-            std::make_unique<AudioFunction>(spec_.streams, numbers_, std::move(listener)));
-    if (!spec_.sizes.empty())
-        functions_.push_back(std::make_unique<VideoFunction>(spec_.sizes, spec_.product, numbers_));
-    const uint8_t control = spec_.control ? numbers_.Interface() : uint8_t{0};
+    : m_spec(std::move(spec)) {
+    m_numbers.Text(kMaker);
+    m_numbers.Text(m_spec.product);
+    m_numbers.Text(m_spec.serial);
+    if (!m_spec.streams.empty())
+        m_functions.push_back(
+            std::make_unique<AudioFunction>(m_spec.streams, m_numbers, std::move(listener)));
+    if (!m_spec.sizes.empty())
+        m_functions.push_back(
+            std::make_unique<VideoFunction>(m_spec.sizes, m_spec.product, m_numbers));
+    const uint8_t control = m_spec.control ? m_numbers.Interface() : uint8_t{0};
     Bytes inner;
     constexpr size_t kTotalAt = 2;
     AppendDescriptor(inner, kConfigurationDescriptor,
-                     {Half(0), numbers_.Interfaces(), 1, 0, 0x80, 50});
-    for (const auto& function : functions_) function->Describe(inner);
-    if (spec_.control) DescribeControl(control, inner);
-    AppendWithTotal(described_, std::move(inner), kTotalAt);
+                     {Half(0), m_numbers.Interfaces(), 1, 0, 0x80, 50});
+    for (const auto& function : m_functions) function->Describe(inner);
+    if (m_spec.control) DescribeControl(control, inner);
+    AppendWithTotal(m_described, std::move(inner), kTotalAt);
 }
 
 bool EmulatedDevice::Receive(const uint8_t* bytes, size_t size, Micros now, Bytes& out) {
-    received_.insert(received_.end(), bytes, bytes + size);
+    m_received.insert(m_received.end(), bytes, bytes + size);
     size_t done = 0;
     Message message;
     Decoded decoded = Decoded::kMessage;
     for (size_t used = 0; decoded == Decoded::kMessage; done += used) {
         used = 0;
-        decoded = Decode(received_.data() + done, received_.size() - done, message, used);
+        decoded = Decode(m_received.data() + done, m_received.size() - done, message, used);
         if (decoded == Decoded::kMessage) Serve(message, out);
     }
-    received_.erase(received_.begin(), received_.begin() + static_cast<std::ptrdiff_t>(done));
+    m_received.erase(m_received.begin(), m_received.begin() + static_cast<std::ptrdiff_t>(done));
     Advance(now, out);
     return decoded != Decoded::kMalformed;
 }
@@ -66,7 +67,7 @@ bool EmulatedDevice::Receive(const uint8_t* bytes, size_t size, Micros now, Byte
 void EmulatedDevice::Serve(Message& message, Bytes& out) {
     Urb& urb = message.urb;
     if (message.unlink) {
-        const bool found = std::any_of(functions_.begin(), functions_.end(), [&](auto& function) {
+        const bool found = std::any_of(m_functions.begin(), m_functions.end(), [&](auto& function) {
             return function->Unlink(message.victim);
         });
         return AppendUnlinked(urb.sequence, found ? kUnlinked : 0, out);
@@ -76,7 +77,7 @@ void EmulatedDevice::Serve(Message& message, Bytes& out) {
         return AppendAnswer(urb, answer ? 0 : kStall, answer.value_or(Bytes{}), out);
     }
     const auto address = static_cast<uint8_t>(urb.endpoint | (urb.in ? 0x80 : 0));
-    for (const auto& function : functions_) {
+    for (const auto& function : m_functions) {
         if (!function->HasEndpoint(address)) continue;
         Urb refused = urb;
         refused.data.clear();
@@ -87,12 +88,12 @@ void EmulatedDevice::Serve(Message& message, Bytes& out) {
 }
 
 void EmulatedDevice::Advance(Micros now, Bytes& out) {
-    for (const auto& function : functions_) function->Advance(now, out);
+    for (const auto& function : m_functions) function->Advance(now, out);
 }
 
 Micros EmulatedDevice::NextDue() const {
     Micros next = kNever;
-    for (const auto& function : functions_) next = std::min(next, function->NextDue());
+    for (const auto& function : m_functions) next = std::min(next, function->NextDue());
     return next;
 }
 
@@ -100,7 +101,7 @@ Micros EmulatedDevice::NextDue() const {
 
 UsbFunction* EmulatedDevice::FunctionOf(const Setup& setup) const {
     const auto low = static_cast<uint8_t>(setup.index);
-    for (const auto& function : functions_)
+    for (const auto& function : m_functions)
         if ((setup.type & kRecipient) == kToEndpoint ? function->HasEndpoint(low)
                                                      : function->HasInterface(low))
             return function.get();
@@ -118,8 +119,8 @@ std::optional<Bytes> EmulatedDevice::Control(const Setup& setup, const Bytes& da
         // Setting and getting have different numbers; a request that says both is neither.
         if (function && reads == ((setup.request & 0x80) != 0))
             answer = function->Control(setup, data);
-    } else if ((setup.type & kKind) == kVendorRequest && spec_.control) {
-        answer = ControlRequest(*spec_.control, setup, data);
+    } else if ((setup.type & kKind) == kVendorRequest && m_spec.control) {
+        answer = ControlRequest(*m_spec.control, setup, data);
     }
     if (answer && answer->size() > setup.length) answer->resize(setup.length);
     return answer;
@@ -139,10 +140,10 @@ std::optional<Bytes> EmulatedDevice::Standard(const Setup& setup) {
         case kGetDescriptor:
             return Descriptor(setup);
         case kGetConfiguration:
-            return Bytes{configuration_};
+            return Bytes{m_configuration};
         case kSetConfiguration:
             if (setup.value > 1) return std::nullopt;
-            configuration_ = static_cast<uint8_t>(setup.value);
+            m_configuration = static_cast<uint8_t>(setup.value);
             return Bytes{};
         case kGetInterface:
         case kSetInterface:
@@ -174,11 +175,11 @@ std::optional<Bytes> EmulatedDevice::Descriptor(const Setup& setup) const {
             return out;
         }
         case kConfigurationDescriptor:
-            return described_;
+            return m_described;
         case kStringDescriptor:
             if (index == 0) return LanguagesDescriptor();
-            if (index > numbers_.Texts().size()) return std::nullopt;
-            return StringDescriptor(numbers_.Texts()[index - 1]);
+            if (index > m_numbers.Texts().size()) return std::nullopt;
+            return StringDescriptor(m_numbers.Texts()[index - 1]);
         default:
             return std::nullopt;
     }

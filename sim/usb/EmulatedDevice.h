@@ -34,9 +34,9 @@ class EmulatedDevice {
     void Advance(Micros now, Bytes& out);
     Micros NextDue() const;
 
-    bool Configured() const { return configuration_ != 0; }
-    const DeviceSpec& Spec() const { return spec_; }
-    const Bytes& ConfigurationDescriptor() const { return described_; }
+    bool Configured() const { return m_configuration != 0; }
+    const DeviceSpec& Spec() const { return m_spec; }
+    const Bytes& ConfigurationDescriptor() const { return m_described; }
 
   private:
     void Serve(Message& message, Bytes& out);
@@ -47,12 +47,12 @@ class EmulatedDevice {
     std::optional<Bytes> InterfaceRequest(const Setup& setup);
     UsbFunction* FunctionOf(const Setup& setup) const;
 
-    DeviceSpec spec_;
-    Numbers numbers_;
-    std::vector<std::unique_ptr<UsbFunction>> functions_;
-    Bytes described_;
-    Bytes received_;
-    uint8_t configuration_ = 0;
+    DeviceSpec m_spec;
+    Numbers m_numbers;
+    std::vector<std::unique_ptr<UsbFunction>> m_functions;
+    Bytes m_described;
+    Bytes m_received;
+    uint8_t m_configuration = 0;
 };
 
 }  // namespace qvsim::usb

@@ -19,10 +19,11 @@ std::string ProcessTransport::Fill(const std::vector<UsbPlan>& devices, const st
         if (!plan.control) continue;
         std::string error;
         auto socket = std::make_unique<Socket>();
-        socket->device = ControlModel::Make(plan, static_cast<int>(sockets_.size()), folder, error);
+        socket->device =
+            ControlModel::Make(plan, static_cast<int>(m_sockets.size()), folder, error);
         if (!socket->device) return error;
         socket->path = folder.empty() ? "usb:" + plan.serial : socket->device->FlashPath();
-        sockets_.push_back(std::move(socket));
+        m_sockets.push_back(std::move(socket));
     }
     return {};
 }
@@ -30,8 +31,8 @@ std::string ProcessTransport::Fill(const std::vector<UsbPlan>& devices, const st
 const QV_USB_TRANSPORT& ProcessTransport::Table() {
     static const QV_USB_TRANSPORT kTable = {
         sizeof(QV_USB_TRANSPORT),
-        [](void* user) { return Me(user).started_++; },
-        [](void* user) { --Me(user).started_; },
+        [](void* user) { return Me(user).m_started++; },
+        [](void* user) { --Me(user).m_started; },
         [](_QVUSBCAP_CHANNEL_ENTRY* entries, int capacity, void* user) {
             return Me(user).List(entries, capacity);
         },
@@ -55,7 +56,7 @@ const QV_USB_TRANSPORT& ProcessTransport::Table() {
 // ---- plugging --------------------------------------------------------------------------------
 
 ProcessTransport::Socket* ProcessTransport::Find(const std::string& serial) {
-    for (const auto& socket : sockets_)
+    for (const auto& socket : m_sockets)
         if (socket->device->Serial() == serial) return socket.get();
     return nullptr;
 }
@@ -66,40 +67,41 @@ ControlModel* ProcessTransport::Device(const std::string& serial) {
 }
 
 void ProcessTransport::Unplug(const std::string& serial) {
-    const std::lock_guard guard(mutex_);
+    const std::lock_guard guard(m_mutex);
     Socket& socket = *Find(serial);
     socket.plugged = false;
-    events_.emplace_back(QVUSB_HOT_PLUG_LEFT, socket.path);
-    happened_.notify_all();
+    m_events.emplace_back(QVUSB_HOT_PLUG_LEFT, socket.path);
+    m_happened.notify_all();
 }
 
 void ProcessTransport::Plug(const std::string& serial) {
-    const std::lock_guard guard(mutex_);
+    const std::lock_guard guard(m_mutex);
     Socket& socket = *Find(serial);
     socket.plugged = true;
     ++socket.plugs;
     socket.device->PowerCycle();
-    events_.emplace_back(QVUSB_HOT_PLUG_ARRIVED, socket.path);
-    happened_.notify_all();
+    m_events.emplace_back(QVUSB_HOT_PLUG_ARRIVED, socket.path);
+    m_happened.notify_all();
 }
 
 int ProcessTransport::Wait(int milliseconds, _QVUSBHOT_PLUG_EVETN* event, char* path) {
-    std::unique_lock lock(mutex_);
-    if (!happened_.wait_for(lock, std::chrono::milliseconds(milliseconds),
-                            [this] { return !events_.empty(); }))
+    std::unique_lock lock(m_mutex);
+    if (!m_happened.wait_for(lock, std::chrono::milliseconds(milliseconds),
+                             [this] { return !m_events.empty(); }))
         return 0;
-    *event = events_.front().first;
-    std::snprintf(path, sizeof _QVUSBCAP_CHANNEL_ENTRY::path, "%s", events_.front().second.c_str());
-    events_.pop_front();
+    *event = m_events.front().first;
+    std::snprintf(path, sizeof _QVUSBCAP_CHANNEL_ENTRY::path, "%s",
+                  m_events.front().second.c_str());
+    m_events.pop_front();
     return 1;
 }
 
 // ---- devices ---------------------------------------------------------------------------------
 
 int ProcessTransport::List(_QVUSBCAP_CHANNEL_ENTRY* entries, int capacity) {
-    const std::lock_guard guard(mutex_);
+    const std::lock_guard guard(m_mutex);
     int count = 0;
-    for (const auto& socket : sockets_) {
+    for (const auto& socket : m_sockets) {
         if (!socket->plugged || !socket->device->Present()) continue;
         _QVUSBCAP_CHANNEL_ENTRY entry{};
         const auto info = socket->device->Get(0x01, sizeof entry.info);
@@ -117,22 +119,22 @@ int ProcessTransport::List(_QVUSBCAP_CHANNEL_ENTRY* entries, int capacity) {
 }
 
 int ProcessTransport::Open(const std::string& path, QV_USB_DEVICE* device) {
-    const std::lock_guard guard(mutex_);
-    for (const auto& socket : sockets_) {
+    const std::lock_guard guard(m_mutex);
+    for (const auto& socket : m_sockets) {
         if (socket->path != path || !socket->plugged || !socket->device->Open()) continue;
         device->handle = new Handle{socket.get(), socket->plugs};
         std::snprintf(device->serial, sizeof device->serial, "%s",
                       socket->device->Serial().c_str());
-        ++opened_;
+        ++m_opened;
         return 0;
     }
     return kFailed;
 }
 
 void ProcessTransport::Close(void* handle) {
-    const std::lock_guard guard(mutex_);
+    const std::lock_guard guard(m_mutex);
     delete static_cast<Handle*>(handle);
-    --opened_;
+    --m_opened;
 }
 
 // The device behind a handle, unless it was pulled out since.
@@ -142,7 +144,7 @@ ControlModel* ProcessTransport::Alive(void* handle) {
 }
 
 int ProcessTransport::Get(void* handle, unsigned char command, void* data, size_t size) {
-    const std::lock_guard guard(mutex_);
+    const std::lock_guard guard(m_mutex);
     ControlModel* const device = Alive(handle);
     const auto payload = device ? device->Get(command, size) : std::nullopt;
     if (!payload || payload->size() != size) return kFailed;
@@ -152,7 +154,7 @@ int ProcessTransport::Get(void* handle, unsigned char command, void* data, size_
 
 int ProcessTransport::Set(void* handle, unsigned char command, void* data, size_t size,
                           size_t answered) {
-    const std::lock_guard guard(mutex_);
+    const std::lock_guard guard(m_mutex);
     ControlModel* const device = Alive(handle);
     const auto* bytes = static_cast<const uint8_t*>(data);
     if (!device || !device->Set(command, Bytes(bytes, bytes + size))) return kFailed;

@@ -28,8 +28,8 @@ class ProcessTransport {
     void Plug(const std::string& serial);
     // Null when there is no such device. Not while the library works on it.
     ControlModel* Device(const std::string& serial);
-    int Opened() const { return opened_; }
-    int Started() const { return started_; }
+    int Opened() const { return m_opened; }
+    int Started() const { return m_started; }
 
   private:
     struct Socket {
@@ -51,12 +51,12 @@ class ProcessTransport {
     int Set(void* handle, unsigned char command, void* data, size_t size, size_t answered);
     int Wait(int milliseconds, _QVUSBHOT_PLUG_EVETN* event, char* path);
 
-    std::mutex mutex_;
-    std::condition_variable happened_;
-    std::vector<std::unique_ptr<Socket>> sockets_;
-    std::deque<std::pair<_QVUSBHOT_PLUG_EVETN, std::string>> events_;
-    int opened_ = 0;
-    int started_ = 0;
+    std::mutex m_mutex;
+    std::condition_variable m_happened;
+    std::vector<std::unique_ptr<Socket>> m_sockets;
+    std::deque<std::pair<_QVUSBHOT_PLUG_EVETN, std::string>> m_events;
+    int m_opened = 0;
+    int m_started = 0;
 };
 
 }  // namespace qvsim::usb

@@ -47,21 +47,21 @@ Bytes LanguagesDescriptor();
 // What the functions of a device share: numbers of interfaces and endpoints, and texts.
 class Numbers {
   public:
-    uint8_t Interface() { return interfaces_++; }
-    uint8_t InEndpoint() { return static_cast<uint8_t>(0x80 | ++inEndpoints_); }
-    uint8_t OutEndpoint() { return ++outEndpoints_; }
+    uint8_t Interface() { return m_interfaces++; }
+    uint8_t InEndpoint() { return static_cast<uint8_t>(0x80 | ++m_inEndpoints); }
+    uint8_t OutEndpoint() { return ++m_outEndpoints; }
     uint8_t Text(const std::string& text) {
-        texts_.push_back(text);
-        return static_cast<uint8_t>(texts_.size());
+        m_texts.push_back(text);
+        return static_cast<uint8_t>(m_texts.size());
     }
-    uint8_t Interfaces() const { return interfaces_; }
-    const std::vector<std::string>& Texts() const { return texts_; }  // text n is at n - 1
+    uint8_t Interfaces() const { return m_interfaces; }
+    const std::vector<std::string>& Texts() const { return m_texts; }  // text n is at n - 1
 
   private:
-    uint8_t interfaces_ = 0;
-    uint8_t inEndpoints_ = 0;
-    uint8_t outEndpoints_ = 0;
-    std::vector<std::string> texts_;
+    uint8_t m_interfaces = 0;
+    uint8_t m_inEndpoints = 0;
+    uint8_t m_outEndpoints = 0;
+    std::vector<std::string> m_texts;
 };
 
 }  // namespace qvsim::usb

@@ -53,19 +53,19 @@ class UrbQueue {
   public:
     bool Add(Urb urb) {
         constexpr size_t kMost = 256;
-        if (urbs_.size() >= kMost) return false;
-        urbs_.push_back(std::move(urb));
+        if (m_urbs.size() >= kMost) return false;
+        m_urbs.push_back(std::move(urb));
         return true;
     }
     bool Remove(uint32_t sequence) {
-        return std::erase_if(urbs_, [=](const Urb& urb) { return urb.sequence == sequence; }) > 0;
+        return std::erase_if(m_urbs, [=](const Urb& urb) { return urb.sequence == sequence; }) > 0;
     }
-    bool Empty() const { return urbs_.empty(); }
-    const Urb& Front() const { return urbs_.front(); }
-    void Pop() { urbs_.pop_front(); }
+    bool Empty() const { return m_urbs.empty(); }
+    const Urb& Front() const { return m_urbs.front(); }
+    void Pop() { m_urbs.pop_front(); }
 
   private:
-    std::deque<Urb> urbs_;
+    std::deque<Urb> m_urbs;
 };
 
 }  // namespace qvsim::usb

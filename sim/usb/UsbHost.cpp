@@ -92,7 +92,7 @@ std::vector<PortStatus> ReadPortStatus(const std::string& text) {
 }
 
 std::string VhciHost::StatusText(int controller) const {
-    std::string path = folders_.controller + "/status";
+    std::string path = m_folders.controller + "/status";
     if (controller > 0) path += "." + std::to_string(controller);
     std::ifstream file(path);
     std::ostringstream text;
@@ -101,7 +101,7 @@ std::string VhciHost::StatusText(int controller) const {
 }
 
 int VhciHost::Attach(int controller, int socket, std::string& error) {
-    const std::string attach = folders_.controller + "/attach";
+    const std::string attach = m_folders.controller + "/attach";
     if (access(attach.c_str(), F_OK) != 0) {
         error = attach + ": " + std::strerror(errno) +
                 ": the kernel's virtual host controller is not loaded (modprobe vhci-hcd)";
@@ -129,22 +129,22 @@ int VhciHost::Attach(int controller, int socket, std::string& error) {
         if (failed == EACCES || failed == EPERM) error += ": plugging in devices needs root";
         return -1;
     }
-    controllerOf_[free->port] = controller;
-    lastDeviceOf_.erase(free->port);
+    m_controllerOf[free->port] = controller;
+    m_lastDeviceOf.erase(free->port);
     return free->port;
 }
 
 void VhciHost::Detach(int port) {
     // Before: the controller forgets the name of a device at once.
     if (const auto status = StatusOf(port); status && !status->device.empty())
-        lastDeviceOf_[port] = status->device;
+        m_lastDeviceOf[port] = status->device;
     // A port that is free already refuses, which is as good.
-    WriteFile(folders_.controller + "/detach", std::to_string(port));
+    WriteFile(m_folders.controller + "/detach", std::to_string(port));
 }
 
 std::optional<PortStatus> VhciHost::StatusOf(int port) const {
-    const auto known = controllerOf_.find(port);
-    if (known == controllerOf_.end()) return std::nullopt;
+    const auto known = m_controllerOf.find(port);
+    if (known == m_controllerOf.end()) return std::nullopt;
     for (PortStatus& status : ReadPortStatus(StatusText(known->second)))
         if (status.port == port) return std::move(status);
     return std::nullopt;
@@ -153,17 +153,17 @@ std::optional<PortStatus> VhciHost::StatusOf(int port) const {
 std::optional<Place> VhciHost::Find(int port, bool wantsCard, bool wantsCamera) {
     const std::optional<PortStatus> status = StatusOf(port);
     if (!status || status->device.empty()) return std::nullopt;
-    lastDeviceOf_[port] = status->device;
-    const fs::path device = fs::path(folders_.devices) / status->device;
+    m_lastDeviceOf[port] = status->device;
+    const fs::path device = fs::path(m_folders.devices) / status->device;
     const int bus = std::atoi(FirstLine(device / "busnum").c_str());
     const int number = std::atoi(FirstLine(device / "devnum").c_str());
     if (bus <= 0 || number <= 0) return std::nullopt;
     char text[32];
     std::snprintf(text, sizeof text, "%03d/%03d", bus, number);
-    Place place{text, wantsCard ? CardOnBus(folders_.sound, text) : -1, {}};
+    Place place{text, wantsCard ? CardOnBus(m_folders.sound, text) : -1, {}};
     if (wantsCamera)
         place.nodes =
-            NodesOf(folders_.devices, status->device, access(folders_.media.c_str(), F_OK) == 0);
+            NodesOf(m_folders.devices, status->device, access(m_folders.media.c_str(), F_OK) == 0);
     if ((wantsCard && place.card < 0) || (wantsCamera && place.nodes.empty())) return std::nullopt;
     return place;
 }
@@ -174,9 +174,9 @@ bool VhciHost::IsFree(int port) {
 }
 
 bool VhciHost::IsLeaving(int port) const {
-    const auto last = lastDeviceOf_.find(port);
-    if (last == lastDeviceOf_.end()) return false;
-    return access((folders_.devices + "/" + last->second).c_str(), F_OK) == 0;
+    const auto last = m_lastDeviceOf.find(port);
+    if (last == m_lastDeviceOf.end()) return false;
+    return access((m_folders.devices + "/" + last->second).c_str(), F_OK) == 0;
 }
 
 }  // namespace qvsim::usb

@@ -48,7 +48,7 @@ class VhciHost : public UsbHost {
         std::string media = "/sys/bus/media";  // not there: this kernel makes no media devices
     };
     VhciHost() = default;
-    explicit VhciHost(Folders folders) : folders_(std::move(folders)) {}
+    explicit VhciHost(Folders folders) : m_folders(std::move(folders)) {}
 
     int Attach(int controller, int socket, std::string& error) override;
     void Detach(int port) override;
@@ -62,9 +62,9 @@ class VhciHost : public UsbHost {
     // The port is free, but the kernel still has its last device. Another one that came now would
     // be overlooked: the kernel finds the port in use, as it was.
     bool IsLeaving(int port) const;
-    Folders folders_;
-    std::map<int, int> controllerOf_;          // by port
-    std::map<int, std::string> lastDeviceOf_;  // by port: "1-1"
+    Folders m_folders;
+    std::map<int, int> m_controllerOf;          // by port
+    std::map<int, std::string> m_lastDeviceOf;  // by port: "1-1"
 };
 
 }  // namespace qvsim::usb

@@ -31,20 +31,20 @@ Micros Now() {
 
 UsbServer::UsbServer(std::vector<PluggedSpec> specs, UsbHost& host, std::string played,
                      Report report)
-    : host_(host), played_(std::move(played)), report_(std::move(report)) {
+    : m_host(host), m_played(std::move(played)), m_report(std::move(report)) {
     for (PluggedSpec& spec : specs) {
-        plugs_.emplace_back();
-        plugs_.back().spec = std::move(spec);
+        m_plugs.emplace_back();
+        m_plugs.back().spec = std::move(spec);
     }
 }
 
 UsbServer::~UsbServer() {
-    for (Plug& plug : plugs_) Unplug(plug);
+    for (Plug& plug : m_plugs) Unplug(plug);
 }
 
 AudioFunction::Listener UsbServer::ListenerFor(const DeviceSpec& spec) const {
-    if (played_.empty()) return [](const std::string&, const uint8_t*, size_t) {};
-    const std::string start = played_ + "/" + spec.serial + "-";
+    if (m_played.empty()) return [](const std::string&, const uint8_t*, size_t) {};
+    const std::string start = m_played + "/" + spec.serial + "-";
     const auto files = std::make_shared<std::map<std::string, std::ofstream>>();
     return [start, files](const std::string& stream, const uint8_t* data, size_t size) {
         const auto [file, isNew] = files->try_emplace(stream);
@@ -58,10 +58,10 @@ AudioFunction::Listener UsbServer::ListenerFor(const DeviceSpec& spec) const {
 // ---- plugging in and out
 
 std::string UsbServer::Start(int stop) {
-    stop_ = stop;
-    if (plugs_.empty()) return "there is no device to plug in: the scenario has no [[usb]]";
-    for (Plug& plug : plugs_)
-        if (std::string error = PlugIn(plug); !error.empty()) return stopped_ ? "" : error;
+    m_stop = stop;
+    if (m_plugs.empty()) return "there is no device to plug in: the scenario has no [[usb]]";
+    for (Plug& plug : m_plugs)
+        if (std::string error = PlugIn(plug); !error.empty()) return m_stopped ? "" : error;
     return {};
 }
 
@@ -72,7 +72,7 @@ std::string UsbServer::PlugIn(Plug& plug) {
     const timeval limit{kSendSeconds, 0};
     setsockopt(ends[0], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
     std::string error;
-    plug.port = host_.Attach(plug.spec.controller, ends[1], error);
+    plug.port = m_host.Attach(plug.spec.controller, ends[1], error);
     close(ends[1]);  // the kernel has its own reference
     if (plug.port < 0) {
         close(ends[0]);
@@ -83,9 +83,9 @@ std::string UsbServer::PlugIn(Plug& plug) {
     plug.plugged = true;
     plug.device = std::make_unique<EmulatedDevice>(plug.spec.device, ListenerFor(plug.spec.device));
     // One order at a time: what comes meanwhile waits.
-    const int orders = std::exchange(orders_, -1);
+    const int orders = std::exchange(m_orders, -1);
     error = Announce(plug);
-    orders_ = orders;
+    m_orders = orders;
     return error;
 }
 
@@ -98,12 +98,12 @@ std::string UsbServer::Announce(Plug& plug) {
     const Clock::time_point end = Clock::now() + patience;
     while (plug.device) {
         if (plug.device->Configured())
-            if (const std::optional<Place> place = host_.Find(plug.port, card, camera)) {
+            if (const std::optional<Place> place = m_host.Find(plug.port, card, camera)) {
                 std::string line =
                     "plugged " + spec.serial + ": " + spec.product + ", bus " + place->bus;
                 if (card) line += ", sound card " + std::to_string(place->card);
                 for (const std::string& node : place->nodes) line += ", " + node;
-                report_(line);
+                m_report(line);
                 return {};
             }
         if (Clock::now() >= end) {
@@ -114,14 +114,14 @@ std::string UsbServer::Announce(Plug& plug) {
             return spec.serial + ": " + missing;
         }
         if (!ServeOnce(5)) break;
-        if (stopped_) return spec.serial + ": ended while it was plugged in";
+        if (m_stopped) return spec.serial + ": ended while it was plugged in";
     }
     return spec.serial + ": the kernel has given the device up";
 }
 
 void UsbServer::Unplug(Plug& plug) {
     if (!plug.device) return;
-    host_.Detach(plug.port);
+    m_host.Detach(plug.port);
     close(plug.socket);
     plug.socket = -1;
     plug.device.reset();
@@ -155,49 +155,49 @@ void UsbServer::ServeSocket(Plug& plug) {
 
 void UsbServer::GiveUp(Plug& plug, const char* why) {
     Unplug(plug);
-    report_(std::string(why) + ", unplugged " + plug.spec.device.serial);
+    m_report(std::string(why) + ", unplugged " + plug.spec.device.serial);
 }
 
-bool UsbServer::OrdersRest() const { return orders_ >= 0 && Now() < ordersFrom_; }
+bool UsbServer::OrdersRest() const { return m_orders >= 0 && Now() < m_ordersFrom; }
 
 int UsbServer::TimeToNext() const {
-    Micros next = OrdersRest() ? ordersFrom_ : kNever;
-    for (const Plug& plug : plugs_)
+    Micros next = OrdersRest() ? m_ordersFrom : kNever;
+    for (const Plug& plug : m_plugs)
         if (plug.device) next = std::min(next, plug.device->NextDue());
     if (next == kNever) return -1;
     return static_cast<int>(std::clamp<Micros>((next - Now() + 999) / 1000, 0, 1000));
 }
 
 bool UsbServer::ServeOnce(int timeout) {
-    std::vector<pollfd> waiting{{stop_, POLLIN, 0}, {OrdersRest() ? -1 : orders_, POLLIN, 0}};
-    for (const Plug& plug : plugs_) waiting.push_back({plug.socket, POLLIN, 0});  // -1: left out
+    std::vector<pollfd> waiting{{m_stop, POLLIN, 0}, {OrdersRest() ? -1 : m_orders, POLLIN, 0}};
+    for (const Plug& plug : m_plugs) waiting.push_back({plug.socket, POLLIN, 0});  // -1: left out
     const int next = TimeToNext();
     if (next >= 0 && (timeout < 0 || next < timeout)) timeout = next;
     if (poll(waiting.data(), waiting.size(), timeout) < 0 && errno != EINTR) return false;
-    stopped_ = stopped_ || waiting[0].revents != 0;
-    for (size_t i = 0; i < plugs_.size(); ++i) {
-        if (waiting[i + 2].revents != 0) ServeSocket(plugs_[i]);
-        if (!plugs_[i].device) continue;
+    m_stopped = m_stopped || waiting[0].revents != 0;
+    for (size_t i = 0; i < m_plugs.size(); ++i) {
+        if (waiting[i + 2].revents != 0) ServeSocket(m_plugs[i]);
+        if (!m_plugs[i].device) continue;
         Bytes out;
-        plugs_[i].device->Advance(Now(), out);
-        if (!Send(plugs_[i], out)) GiveUp(plugs_[i], "given up by the kernel");
+        m_plugs[i].device->Advance(Now(), out);
+        if (!Send(m_plugs[i], out)) GiveUp(m_plugs[i], "given up by the kernel");
     }
     if (waiting[1].revents != 0) TakeOrders();
     return true;
 }
 
 std::string UsbServer::Run(int orders) {
-    orders_ = orders;
+    m_orders = orders;
     std::string error;
-    while (!stopped_)
+    while (!m_stopped)
         if (!ServeOnce(-1)) {
             error = std::string("waiting failed: ") + std::strerror(errno);
             break;
         }
-    for (Plug& plug : plugs_) Unplug(plug);
+    for (Plug& plug : m_plugs) Unplug(plug);
     const Clock::time_point end = Clock::now() + kDetachPatience;
-    for (const Plug& plug : plugs_)
-        while (error.empty() && plug.port >= 0 && !host_.IsFree(plug.port)) {
+    for (const Plug& plug : m_plugs)
+        while (error.empty() && plug.port >= 0 && !m_host.IsFree(plug.port)) {
             if (Clock::now() >= end)
                 error = plug.spec.device.serial + ": the kernel still holds its port " +
                         std::to_string(plug.port);
@@ -210,24 +210,24 @@ std::string UsbServer::Run(int orders) {
 
 void UsbServer::TakeOrders() {
     char text[256];
-    const ssize_t n = read(orders_, text, sizeof text);
+    const ssize_t n = read(m_orders, text, sizeof text);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
     // What is typed on a terminal is not for programs in its background; they may be fetched again.
     if (n < 0 && errno == EIO) {
-        ordersFrom_ = Now() + kOrdersPause;
+        m_ordersFrom = Now() + kOrdersPause;
         return;
     }
     if (n <= 0) {
-        orders_ = -1;  // nobody orders any more; the devices stay
+        m_orders = -1;  // nobody orders any more; the devices stay
         return;
     }
     for (const char letter : std::string(text, static_cast<size_t>(n))) {
         if (letter != '\n') {
-            if (order_.size() < kLongestOrder) order_ += letter;
+            if (m_order.size() < kLongestOrder) m_order += letter;
             continue;
         }
         std::string line;
-        std::swap(line, order_);
+        std::swap(line, m_order);
         Obey(line);
     }
 }
@@ -236,23 +236,23 @@ void UsbServer::Obey(const std::string& line) {
     const size_t space = line.find(' ');
     const std::string verb = line.substr(0, space);
     const std::string serial = space == std::string::npos ? "" : line.substr(space + 1);
-    const auto plug = std::find_if(plugs_.begin(), plugs_.end(), [&](const Plug& entry) {
+    const auto plug = std::find_if(m_plugs.begin(), m_plugs.end(), [&](const Plug& entry) {
         return entry.spec.device.serial == serial;
     });
-    if ((verb != "plug" && verb != "unplug") || plug == plugs_.end())
-        return report_("not understood: '" + line +
-                       "'; orders are `plug SERIAL` and `unplug SERIAL`");
+    if ((verb != "plug" && verb != "unplug") || plug == m_plugs.end())
+        return m_report("not understood: '" + line +
+                        "'; orders are `plug SERIAL` and `unplug SERIAL`");
     if ((verb == "plug") == (plug->device != nullptr))
-        return report_(serial + " is " + verb + "ged already");
+        return m_report(serial + " is " + verb + "ged already");
     if (verb == "plug") {
         if (const std::string error = PlugIn(*plug); !error.empty()) {
             Unplug(*plug);
-            report_("not plugged, " + error);
+            m_report("not plugged, " + error);
         }
         return;
     }
     Unplug(*plug);
-    report_("unplugged " + serial);
+    m_report("unplugged " + serial);
 }
 
 }  // namespace qvsim::usb

@@ -39,7 +39,7 @@ class UsbServer {
     // that ends. All devices are unplugged when it returns. An empty text, or what ended it before.
     std::string Run(int orders);
     // `stop` was readable.
-    bool Stopped() const { return stopped_; }
+    bool Stopped() const { return m_stopped; }
 
     // How long a device may take to become known.
     std::chrono::milliseconds patience{20000};
@@ -67,15 +67,15 @@ class UsbServer {
     int TimeToNext() const;
     AudioFunction::Listener ListenerFor(const DeviceSpec& spec) const;
 
-    std::vector<Plug> plugs_;
-    UsbHost& host_;
-    std::string played_;
-    Report report_;
-    int stop_ = -1;
-    bool stopped_ = false;
-    int orders_ = -1;
-    Micros ordersFrom_ = 0;  // not looked for before that time
-    std::string order_;      // the part of a line that has come
+    std::vector<Plug> m_plugs;
+    UsbHost& m_host;
+    std::string m_played;
+    Report m_report;
+    int m_stop = -1;
+    bool m_stopped = false;
+    int m_orders = -1;
+    Micros m_ordersFrom = 0;  // not looked for before that time
+    std::string m_order;      // the part of a line that has come
 };
 
 }  // namespace qvsim::usb

@@ -51,18 +51,18 @@ Bytes Little(uint32_t value, int bytes) {
 }  // namespace
 
 VideoFunction::VideoFunction(std::vector<SizeSpec> sizes, const std::string& name, Numbers& numbers)
-    : sizes_(std::move(sizes)),
-      control_(numbers.Interface()),
-      streaming_(numbers.Interface()),
-      endpoint_(numbers.InEndpoint()),
-      text_(numbers.Text(name)) {
+    : m_sizes(std::move(sizes)),
+      m_control(numbers.Interface()),
+      m_streaming(numbers.Interface()),
+      m_endpoint(numbers.InEndpoint()),
+      m_text(numbers.Text(name)) {
     for (int i = 0; i < kPictureControls; ++i)
-        values_[static_cast<size_t>(i)] = kControlRanges[i].first;
-    probed_ = committed_ = Nearest(1, 0);
+        m_values[static_cast<size_t>(i)] = kControlRanges[i].first;
+    m_probed = m_committed = Nearest(1, 0);
 }
 
 uint32_t VideoFunction::FrameBytes(const Choice& choice) const {
-    const SizeSpec& size = sizes_[choice.frame - 1u];
+    const SizeSpec& size = m_sizes[choice.frame - 1u];
     return static_cast<uint32_t>(size.width * size.height * kBytesPerPixel);
 }
 
@@ -70,18 +70,18 @@ uint32_t VideoFunction::FrameBytes(const Choice& choice) const {
 
 void VideoFunction::Describe(Bytes& configuration) const {
     AppendDescriptor(configuration, kAssociationDescriptor,
-                     {control_, 2, kVideoClass, kCollection, 0, text_});
+                     {m_control, 2, kVideoClass, kCollection, 0, m_text});
     DescribeControl(configuration);
     DescribeStream(configuration);
 }
 
 void VideoFunction::DescribeControl(Bytes& out) const {
     AppendDescriptor(out, kInterfaceDescriptor,
-                     {control_, 0, 0, kVideoClass, kControlSubclass, 0, text_});
+                     {m_control, 0, 0, kVideoClass, kControlSubclass, 0, m_text});
     Bytes inner;
     constexpr size_t kTotalAt = 5;
     AppendDescriptor(inner, kClassInterface,
-                     {0x01, Half(0x0100), Half(0), Whole(kClock), 1, streaming_});
+                     {0x01, Half(0x0100), Half(0), Whole(kClock), 1, m_streaming});
     // camera without controls of its own
     AppendDescriptor(inner, kClassInterface,
                      {0x02, kCamera, Half(0x0201), 0, 0, Half(0), Half(0), Half(0), 3, Three(0)});
@@ -94,17 +94,17 @@ void VideoFunction::DescribeControl(Bytes& out) const {
 
 void VideoFunction::DescribeStream(Bytes& out) const {
     AppendDescriptor(out, kInterfaceDescriptor,
-                     {streaming_, 0, 1, kVideoClass, kStreamingSubclass, 0, 0});
+                     {m_streaming, 0, 1, kVideoClass, kStreamingSubclass, 0, 0});
     Bytes inner;
     constexpr size_t kTotalAt = 4;
     AppendDescriptor(inner, kClassInterface,
-                     {0x01, 1, Half(0), endpoint_, 0, kOutput, 0, 0, 0, 1, 0});
+                     {0x01, 1, Half(0), m_endpoint, 0, kOutput, 0, 0, 0, 1, 0});
     // YUY2 and the rest of its name, 16 bits a pixel
     AppendDescriptor(inner, kClassInterface,
-                     {0x04, 1, sizes_.size(), Whole(0x32595559), Whole(0x00100000),
+                     {0x04, 1, m_sizes.size(), Whole(0x32595559), Whole(0x00100000),
                       Whole(0xAA000080), Whole(0x719B3800), 16, 1, 0, 0, 0, 0});
     uint8_t index = 0;
-    for (const SizeSpec& size : sizes_) {
+    for (const SizeSpec& size : m_sizes) {
         const uint32_t bytes = FrameBytes({++index, 0});
         std::vector<int> rates = size.fps;
         std::sort(rates.rbegin(), rates.rend());  // hosts take for granted: the shortest first
@@ -127,13 +127,13 @@ void VideoFunction::DescribeStream(Bytes& out) const {
     }
     AppendDescriptor(inner, kClassInterface, {0x0D, 1, 1, 4});  // colours
     AppendWithTotal(out, std::move(inner), kTotalAt);
-    AppendDescriptor(out, kEndpointDescriptor, {endpoint_, kBulk, Half(kBulkPacket), 0});
+    AppendDescriptor(out, kEndpointDescriptor, {m_endpoint, kBulk, Half(kBulkPacket), 0});
 }
 
 // ---- controls
 
 bool VideoFunction::HasInterface(uint8_t interface) const {
-    return interface == control_ || interface == streaming_;
+    return interface == m_control || interface == m_streaming;
 }
 
 bool VideoFunction::SetAlternate(uint8_t, uint8_t alternate) {
@@ -143,15 +143,15 @@ bool VideoFunction::SetAlternate(uint8_t, uint8_t alternate) {
 }
 
 void VideoFunction::ClearHalt(uint8_t address) {
-    if (address == endpoint_) Stop();  // how a host ends a bulk stream
+    if (address == m_endpoint) Stop();  // how a host ends a bulk stream
 }
 
 std::optional<Bytes> VideoFunction::Control(const Setup& setup, const Bytes& data) {
     if ((setup.type & 0x1F) != 1) return std::nullopt;
     const auto interface = static_cast<uint8_t>(setup.index);
     const auto entity = static_cast<uint8_t>(setup.index >> 8);
-    if (interface == control_ && entity == kProcessing) return UnitControl(setup, data);
-    if (interface == streaming_ && entity == 0) return StreamControl(setup, data);
+    if (interface == m_control && entity == kProcessing) return UnitControl(setup, data);
+    if (interface == m_streaming && entity == 0) return StreamControl(setup, data);
     return std::nullopt;
 }
 
@@ -160,7 +160,7 @@ std::optional<Bytes> VideoFunction::UnitControl(const Setup& setup, const Bytes&
         std::find_if(std::begin(kControlRanges), std::end(kControlRanges),
                      [&](const ControlRange& entry) { return entry.selector == setup.value >> 8; });
     if (range == std::end(kControlRanges)) return std::nullopt;
-    int& value = values_[static_cast<size_t>(range - kControlRanges)];
+    int& value = m_values[static_cast<size_t>(range - kControlRanges)];
     const auto half = [](int number) { return Little(static_cast<uint32_t>(number), 2); };
     switch (setup.request) {
         case kGetCurrent:
@@ -192,8 +192,8 @@ std::optional<Bytes> VideoFunction::UnitControl(const Setup& setup, const Bytes&
 // The size asked for, or the first; of its rates the nearest.
 VideoFunction::Choice VideoFunction::Nearest(uint8_t frame, uint32_t interval) const {
     Choice choice;
-    if (frame >= 1 && frame <= sizes_.size()) choice.frame = frame;
-    const std::vector<int>& rates = sizes_[choice.frame - 1u].fps;
+    if (frame >= 1 && frame <= m_sizes.size()) choice.frame = frame;
+    const std::vector<int>& rates = m_sizes[choice.frame - 1u].fps;
     choice.interval = IntervalOf(rates.front());
     if (interval == 0) return choice;
     const auto distance = [interval](uint32_t other) {
@@ -215,7 +215,7 @@ Bytes VideoFunction::ProbeRecord(const Choice& choice) const {
 std::optional<Bytes> VideoFunction::StreamControl(const Setup& setup, const Bytes& data) {
     const int selector = setup.value >> 8;
     if (selector != kProbe && selector != kCommit) return std::nullopt;
-    Choice& choice = selector == kProbe ? probed_ : committed_;
+    Choice& choice = selector == kProbe ? m_probed : m_committed;
     switch (setup.request) {
         case kGetCurrent:
             return ProbeRecord(choice);
@@ -240,59 +240,59 @@ std::optional<Bytes> VideoFunction::StreamControl(const Setup& setup, const Byte
 
 // ---- the stream
 
-bool VideoFunction::Submit(Urb urb) { return waiting_.Add(std::move(urb)); }
+bool VideoFunction::Submit(Urb urb) { return m_waiting.Add(std::move(urb)); }
 
 void VideoFunction::Stop() {
-    sent_ = picture_.size();
-    running_ = false;
+    m_sent = m_picture.size();
+    m_running = false;
 }
 
 Micros VideoFunction::NextDue() const {
-    if (waiting_.Empty()) return kNever;
-    return !running_ || sent_ < picture_.size() ? 0 : next_;
+    if (m_waiting.Empty()) return kNever;
+    return !m_running || m_sent < m_picture.size() ? 0 : m_next;
 }
 
 void VideoFunction::BeginFrame(Micros now) {
-    const Micros interval = committed_.interval / 10;
+    const Micros interval = m_committed.interval / 10;
     // A camera that was held up goes on from now.
-    if (!running_ || next_ < now - interval) next_ = now;
-    next_ += interval;
-    running_ = true;
-    toggle_ = !toggle_;
-    ++number_;
-    const SizeSpec& size = sizes_[committed_.frame - 1u];
-    picture_.resize(FrameBytes(committed_));
-    sent_ = 0;
+    if (!m_running || m_next < now - interval) m_next = now;
+    m_next += interval;
+    m_running = true;
+    m_toggle = !m_toggle;
+    ++m_number;
+    const SizeSpec& size = m_sizes[m_committed.frame - 1u];
+    m_picture.resize(FrameBytes(m_committed));
+    m_sent = 0;
     FrameRequest request;
-    request.size = static_cast<uint32_t>(picture_.size());
+    request.size = static_cast<uint32_t>(m_picture.size());
     request.stride = static_cast<uint32_t>(size.width * kBytesPerPixel);
     request.sink = [this](uint64_t offset, const void* data, uint32_t bytes) {
-        std::memcpy(picture_.data() + offset, data, bytes);
+        std::memcpy(m_picture.data() + offset, data, bytes);
         return true;
     };
-    DrawPicture(request, number_);
+    DrawPicture(request, m_number);
 }
 
 void VideoFunction::Advance(Micros now, Bytes& out) {
-    while (!waiting_.Empty() && NextDue() <= now) {
-        const Urb& urb = waiting_.Front();
+    while (!m_waiting.Empty() && NextDue() <= now) {
+        const Urb& urb = m_waiting.Front();
         if (urb.length <= kPayloadHeader) {
             AppendAnswer(urb, kStall, {}, out);
-            waiting_.Pop();
+            m_waiting.Pop();
             continue;
         }
-        if (!running_ || sent_ == picture_.size()) BeginFrame(now);
+        if (!m_running || m_sent == m_picture.size()) BeginFrame(now);
         const size_t room = std::min(urb.length, kPayload) - kPayloadHeader;
-        const size_t part = std::min(room, picture_.size() - sent_);
-        const bool last = sent_ + part == picture_.size();
+        const size_t part = std::min(room, m_picture.size() - m_sent);
+        const bool last = m_sent + part == m_picture.size();
         Bytes payload(kPayloadHeader + part);
         payload[0] = kPayloadHeader;
         payload[1] =
-            static_cast<uint8_t>(kEndOfHeader | (toggle_ ? 1 : 0) | (last ? kEndOfFrame : 0));
-        std::memcpy(payload.data() + kPayloadHeader, picture_.data() + sent_, part);
-        sent_ += part;
+            static_cast<uint8_t>(kEndOfHeader | (m_toggle ? 1 : 0) | (last ? kEndOfFrame : 0));
+        std::memcpy(payload.data() + kPayloadHeader, m_picture.data() + m_sent, part);
+        m_sent += part;
         AppendAnswer(urb, 0, payload, out);
-        waiting_.Pop();
+        m_waiting.Pop();
     }
 }
 

@@ -37,13 +37,13 @@ class VideoFunction : public UsbFunction {
 
     void Describe(Bytes& configuration) const override;
     bool HasInterface(uint8_t interface) const override;
-    bool HasEndpoint(uint8_t address) const override { return address == endpoint_; }
+    bool HasEndpoint(uint8_t address) const override { return address == m_endpoint; }
     uint8_t Alternate(uint8_t) const override { return 0; }
     bool SetAlternate(uint8_t interface, uint8_t alternate) override;
     void ClearHalt(uint8_t address) override;
     std::optional<Bytes> Control(const Setup& setup, const Bytes& data) override;
     bool Submit(Urb urb) override;
-    bool Unlink(uint32_t sequence) override { return waiting_.Remove(sequence); }
+    bool Unlink(uint32_t sequence) override { return m_waiting.Remove(sequence); }
     void Advance(Micros now, Bytes& out) override;
     Micros NextDue() const override;
 
@@ -63,22 +63,22 @@ class VideoFunction : public UsbFunction {
     void BeginFrame(Micros now);
     void Stop();
 
-    std::vector<SizeSpec> sizes_;
-    uint8_t control_;  // interfaces
-    uint8_t streaming_;
-    uint8_t endpoint_;
-    uint8_t text_;
-    std::array<int, kPictureControls> values_;
-    Choice probed_;
-    Choice committed_;
+    std::vector<SizeSpec> m_sizes;
+    uint8_t m_control;  // interfaces
+    uint8_t m_streaming;
+    uint8_t m_endpoint;
+    uint8_t m_text;
+    std::array<int, kPictureControls> m_values;
+    Choice m_probed;
+    Choice m_committed;
 
-    UrbQueue waiting_;
-    Bytes picture_;
-    size_t sent_ = 0;       // of the picture; all of it: none is on its way
-    uint32_t number_ = 0;   // of the picture; since the camera was plugged in
-    bool toggle_ = false;   // changes with every picture
-    bool running_ = false;  // `next_` is valid
-    Micros next_ = 0;       // when the next picture begins
+    UrbQueue m_waiting;
+    Bytes m_picture;
+    size_t m_sent = 0;       // of the picture; all of it: none is on its way
+    uint32_t m_number = 0;   // of the picture; since the camera was plugged in
+    bool m_toggle = false;   // changes with every picture
+    bool m_running = false;  // `m_next` is valid
+    Micros m_next = 0;       // when the next picture begins
 };
 
 }  // namespace qvsim::usb

@@ -48,8 +48,8 @@ Companion::Companion(const std::vector<std::string>& command) {
     int out[2];
     EXPECT_EQ(0, pipe2(in, O_CLOEXEC));
     EXPECT_EQ(0, pipe2(out, O_CLOEXEC));
-    child_ = fork();
-    if (child_ == 0) {
+    m_child = fork();
+    if (m_child == 0) {
         dup2(in[0], 0);
         dup2(out[1], 1);
         dup2(out[1], 2);
@@ -61,48 +61,48 @@ Companion::Companion(const std::vector<std::string>& command) {
     }
     close(in[0]);
     close(out[1]);
-    in_ = in[1];
-    out_ = out[0];
+    m_in = in[1];
+    m_out = out[0];
 }
 
 Companion::~Companion() {
-    kill(child_, SIGTERM);
+    kill(m_child, SIGTERM);
     int status = -1;
-    for (int waited = 0; waitpid(child_, &status, WNOHANG) == 0; waited += 10) {
-        if (waited > kPatienceMs) kill(child_, SIGKILL);
+    for (int waited = 0; waitpid(m_child, &status, WNOHANG) == 0; waited += 10) {
+        if (waited > kPatienceMs) kill(m_child, SIGKILL);
         usleep(10000);
     }
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-        << "it ended with status " << status << ", its last words: " << text_;
-    close(in_);
-    close(out_);
+        << "it ended with status " << status << ", its last words: " << m_text;
+    close(m_in);
+    close(m_out);
 }
 
 bool Companion::ReadMore() {
-    pollfd waiting{out_, POLLIN, 0};
+    pollfd waiting{m_out, POLLIN, 0};
     if (poll(&waiting, 1, kPatienceMs) <= 0) return false;
     char more[4096];
-    const ssize_t n = read(out_, more, sizeof more);
-    if (n > 0) text_.append(more, static_cast<size_t>(n));
+    const ssize_t n = read(m_out, more, sizeof more);
+    if (n > 0) m_text.append(more, static_cast<size_t>(n));
     return n > 0;
 }
 
 std::string Companion::Await(const std::string& start) {
     for (;;) {
-        for (size_t end; (end = text_.find('\n')) != std::string::npos;) {
-            const std::string line = text_.substr(0, end);
-            text_.erase(0, end + 1);
+        for (size_t end; (end = m_text.find('\n')) != std::string::npos;) {
+            const std::string line = m_text.substr(0, end);
+            m_text.erase(0, end + 1);
             if (line.rfind(start, 0) == 0) return line;
         }
         if (ReadMore()) continue;
-        ADD_FAILURE() << "no line '" << start << "', but: '" << text_ << "'";
+        ADD_FAILURE() << "no line '" << start << "', but: '" << m_text << "'";
         return "";
     }
 }
 
 void Companion::Tell(const std::string& line) {
     const std::string text = line + "\n";
-    EXPECT_EQ(static_cast<ssize_t>(text.size()), write(in_, text.data(), text.size()));
+    EXPECT_EQ(static_cast<ssize_t>(text.size()), write(m_in, text.data(), text.size()));
 }
 
 std::string Output(const std::string& command) {

@@ -25,10 +25,10 @@ class Companion {
 
   private:
     bool ReadMore();
-    pid_t child_ = -1;
-    int in_ = -1;
-    int out_ = -1;
-    std::string text_;
+    pid_t m_child = -1;
+    int m_in = -1;
+    int m_out = -1;
+    std::string m_text;
 };
 
 // What a program prints; it must end with 0.

@@ -16,32 +16,32 @@ class Chunks {
   public:
     static void OnChunk(const unsigned char* data, int bytes, long long reserved, void* param) {
         auto* chunks = static_cast<Chunks*>(param);
-        const std::lock_guard lock(chunks->mutex_);
-        if (reserved != 0) chunks->reserved_ = true;
-        if (chunks->all_.size() < kMost) chunks->all_.emplace_back(data, data + bytes);
-        ++chunks->count_;
-        chunks->changed_.notify_all();
+        const std::lock_guard lock(chunks->m_mutex);
+        if (reserved != 0) chunks->m_reserved = true;
+        if (chunks->m_all.size() < kMost) chunks->m_all.emplace_back(data, data + bytes);
+        ++chunks->m_count;
+        chunks->m_changed.notify_all();
     }
 
     // Waits for so many more chunks; false when they do not come.
     bool AwaitMore(size_t count) {
-        std::unique_lock lock(mutex_);
-        const size_t wanted = count_ + count;
-        return changed_.wait_for(lock, kPatience, [&] { return count_ >= wanted; });
+        std::unique_lock lock(m_mutex);
+        const size_t wanted = m_count + count;
+        return m_changed.wait_for(lock, kPatience, [&] { return m_count >= wanted; });
     }
     std::vector<std::vector<unsigned char>> Take() {
-        const std::lock_guard lock(mutex_);
-        return std::move(all_);
+        const std::lock_guard lock(m_mutex);
+        return std::move(m_all);
     }
-    bool Reserved() const { return reserved_; }
+    bool Reserved() const { return m_reserved; }
 
   private:
     static constexpr size_t kMost = 1000;
-    std::mutex mutex_;
-    std::condition_variable changed_;
-    std::vector<std::vector<unsigned char>> all_;
-    size_t count_ = 0;
-    bool reserved_ = false;
+    std::mutex m_mutex;
+    std::condition_variable m_changed;
+    std::vector<std::vector<unsigned char>> m_all;
+    size_t m_count = 0;
+    bool m_reserved = false;
 };
 
 // Samples of a chunk as 16 bits; of 32-bit ones the upper halves.

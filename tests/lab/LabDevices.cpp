@@ -33,13 +33,13 @@ LabDevices& LabDevices::Get() {
 
 bool LabDevices::Start() {
     std::filesystem::create_directories(kPlayed);
-    server_ = std::make_unique<Companion>(
+    m_server = std::make_unique<Companion>(
         std::vector<std::string>{"qvcap-sim", "usb", "--scenario", kScenario, "--played", kPlayed});
-    for (int i = 0; i < kDeviceCount; ++i) Note(server_->Await("plugged "));
-    return server_->Await("ready") == "ready";
+    for (int i = 0; i < kDeviceCount; ++i) Note(m_server->Await("plugged "));
+    return m_server->Await("ready") == "ready";
 }
 
-void LabDevices::Stop() { server_.reset(); }
+void LabDevices::Stop() { m_server.reset(); }
 
 // "plugged SERIAL: PRODUCT, bus 001/002, sound card 0, /dev/video0, /dev/video1"
 void LabDevices::Note(const std::string& line) {
@@ -54,17 +54,17 @@ void LabDevices::Note(const std::string& line) {
         device.card = std::atoi(line.c_str() + at + 11);
     for (size_t at = line.find("/dev/"); at != std::string::npos; at = line.find("/dev/", at + 1))
         device.nodes.push_back(line.substr(at, line.find(',', at) - at));
-    devices_[serial] = device;
+    m_devices[serial] = device;
 }
 
 void LabDevices::Unplug(const std::string& serial) {
-    server_->Tell("unplug " + serial);
-    EXPECT_EQ("unplugged " + serial, server_->Await("unplugged "));
+    m_server->Tell("unplug " + serial);
+    EXPECT_EQ("unplugged " + serial, m_server->Await("unplugged "));
 }
 
 void LabDevices::Plug(const std::string& serial) {
-    server_->Tell("plug " + serial);
-    Note(server_->Await("plugged " + serial));
+    m_server->Tell("plug " + serial);
+    Note(m_server->Await("plugged " + serial));
 }
 
 void* LabDevices::OpenChannel(const std::string& serial) {

@@ -26,7 +26,7 @@ class LabDevices {
     bool Start();
     void Stop();
 
-    const LabDevice& operator[](const std::string& serial) const { return devices_.at(serial); }
+    const LabDevice& operator[](const std::string& serial) const { return m_devices.at(serial); }
     void Unplug(const std::string& serial);
     void Plug(const std::string& serial);
 
@@ -38,8 +38,8 @@ class LabDevices {
 
   private:
     void Note(const std::string& line);
-    std::unique_ptr<Companion> server_;
-    std::map<std::string, LabDevice> devices_;
+    std::unique_ptr<Companion> m_server;
+    std::map<std::string, LabDevice> m_devices;
 };
 
 // Serials of tests/lab/usb.toml.

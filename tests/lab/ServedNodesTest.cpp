@@ -36,29 +36,29 @@ void AwaitAsleep(pid_t thread) {
 class Waiter {
   public:
     explicit Waiter(unsigned long long event)
-        : thread_([this, event] {
-              id_ = gettid();
-              answer_ = QVWaitEvent(event, -1);
+        : m_thread([this, event] {
+              m_id = gettid();
+              m_answer = QVWaitEvent(event, -1);
           }) {
-        while (id_ == 0) std::this_thread::yield();
-        AwaitAsleep(id_);
+        while (m_id == 0) std::this_thread::yield();
+        AwaitAsleep(m_id);
     }
     // Ends a system call that may be interrupted.
     void Interrupt() {
         struct sigaction act {};
         act.sa_handler = [](int) {};
         EXPECT_EQ(0, sigaction(SIGUSR1, &act, nullptr));
-        EXPECT_EQ(0, pthread_kill(thread_.native_handle(), SIGUSR1));
+        EXPECT_EQ(0, pthread_kill(m_thread.native_handle(), SIGUSR1));
     }
     int Answer() {
-        thread_.join();
-        return answer_;
+        m_thread.join();
+        return m_answer;
     }
 
   private:
-    std::atomic<pid_t> id_ = 0;
-    int answer_ = 1;
-    std::thread thread_;
+    std::atomic<pid_t> m_id = 0;
+    int m_answer = 1;
+    std::thread m_thread;
 };
 
 class ServedNodesTest : public testing::Test {

@@ -55,17 +55,17 @@ class Wire {
     Wire& U32(uint64_t value) { return Put(value, 4); }
     Wire& U64(uint64_t value) { return Put(value, 8); }
     Wire& Zeros(size_t count) {
-        bytes_.resize(bytes_.size() + count);
+        m_bytes.resize(m_bytes.size() + count);
         return *this;
     }
-    operator Bytes() const { return bytes_; }
+    operator Bytes() const { return m_bytes; }
 
   private:
     Wire& Put(uint64_t value, int width) {
-        for (int i = 0; i < width; ++i) bytes_.push_back(static_cast<uint8_t>(value >> 8 * i));
+        for (int i = 0; i < width; ++i) m_bytes.push_back(static_cast<uint8_t>(value >> 8 * i));
         return *this;
     }
-    Bytes bytes_;
+    Bytes m_bytes;
 };
 
 class ChannelTest : public testing::Test {

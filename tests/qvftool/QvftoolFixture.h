@@ -26,10 +26,10 @@ struct QvftoolRun {
 
 class QvftoolFixture : public testing::Test {
   protected:
-    QvftoolFixture() : before_(std::filesystem::current_path()) {
-        std::filesystem::current_path(folder_);
+    QvftoolFixture() : m_before(std::filesystem::current_path()) {
+        std::filesystem::current_path(m_folder);
     }
-    ~QvftoolFixture() override { std::filesystem::current_path(before_); }
+    ~QvftoolFixture() override { std::filesystem::current_path(m_before); }
 
     static QvftoolRun Run(const std::vector<std::string>& arguments) {
         std::ostringstream out;
@@ -61,9 +61,9 @@ class QvftoolFixture : public testing::Test {
     }
 
   private:
-    std::filesystem::path before_;
-    const qvtest::TempFolder temporary_{"qvftool"};
-    const std::filesystem::path folder_ = temporary_.Path();
+    std::filesystem::path m_before;
+    const qvtest::TempFolder m_temporary{"qvftool"};
+    const std::filesystem::path m_folder = m_temporary.Path();
 };
 
 }  // namespace qvtest

@@ -19,52 +19,52 @@ using testing::StartsWith;
 class CardAnswersTest : public testing::Test {
   protected:
     void Attach(const DriverWays& ways = {}) {
-        rig_.Add(Pelix().Video(16, 4, 0).Audio(0)).Driver(ways);
-        rig_.AttachInMemory();
-        card_ = std::make_unique<Node>("/dev/video0");
-        events_ = std::make_unique<Node>("/dev/qv-event");
+        m_rig.Add(Pelix().Video(16, 4, 0).Audio(0)).Driver(ways);
+        m_rig.AttachInMemory();
+        m_card = std::make_unique<Node>("/dev/video0");
+        m_events = std::make_unique<Node>("/dev/qv-event");
     }
-    SimRig rig_;
-    std::unique_ptr<Node> card_;
-    std::unique_ptr<Node> events_;
+    SimRig m_rig;
+    std::unique_ptr<Node> m_card;
+    std::unique_ptr<Node> m_events;
 };
 
 TEST_F(CardAnswersTest, AStrictChipErasesWholeSectorsAlone) {
     Attach({.strictErase = true});
-    EXPECT_EQ(0, card_->Write(0x3000, std::vector<uint8_t>(4096, 0x12)));
+    EXPECT_EQ(0, m_card->Write(0x3000, std::vector<uint8_t>(4096, 0x12)));
     for (const auto& [offset, size] :
          {std::pair{0x3001u, 4096u}, {0x3000u, 4095u}, {0x3800u, 1u}}) {
-        EXPECT_EQ(-1, card_->Erase(offset, size));
+        EXPECT_EQ(-1, m_card->Erase(offset, size));
         EXPECT_EQ(EINVAL, errno);
     }
-    EXPECT_EQ(std::vector<uint8_t>(4096, 0x12), card_->Read(0x3000, 4096));
-    EXPECT_EQ(0, card_->Erase(0x3000, 4096));
-    EXPECT_EQ(std::vector<uint8_t>(4096, 0xFF), card_->Read(0x3000, 4096));
+    EXPECT_EQ(std::vector<uint8_t>(4096, 0x12), m_card->Read(0x3000, 4096));
+    EXPECT_EQ(0, m_card->Erase(0x3000, 4096));
+    EXPECT_EQ(std::vector<uint8_t>(4096, 0xFF), m_card->Read(0x3000, 4096));
 }
 
 TEST_F(CardAnswersTest, AStrictCardTakesTheSourcesThatItLists) {
     Attach({.strictValues = true});
     uint32_t source = 0x201;
-    EXPECT_EQ(0, card_->Do(qv::kSetVideoInputSource, source));
+    EXPECT_EQ(0, m_card->Do(qv::kSetVideoInputSource, source));
     source = 0x202;
-    EXPECT_EQ(-1, card_->Do(qv::kSetVideoInputSource, source));
+    EXPECT_EQ(-1, m_card->Do(qv::kSetVideoInputSource, source));
     EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ(0, card_->Do(qv::kGetVideoInputSource, source));
+    EXPECT_EQ(0, m_card->Do(qv::kGetVideoInputSource, source));
     EXPECT_EQ(0x201u, source);
     source = 0x201;
-    EXPECT_EQ(-1, card_->Do(qv::kSetAudioInputSource, source));
+    EXPECT_EQ(-1, m_card->Do(qv::kSetAudioInputSource, source));
     source = 0x601;
-    EXPECT_EQ(0, card_->Do(qv::kSetAudioInputSource, source));
+    EXPECT_EQ(0, m_card->Do(qv::kSetAudioInputSource, source));
 }
 
 TEST_F(CardAnswersTest, AStrictCardTakesTheStreamsThatItHas) {
     Attach({.strictValues = true});
     uint32_t count = 0;
-    ASSERT_EQ(0, card_->Do(qv::kGetStreamCount, count));
+    ASSERT_EQ(0, m_card->Do(qv::kGetStreamCount, count));
     for (const int32_t stream : {0, static_cast<int32_t>(count) - 1})
-        EXPECT_EQ(0, card_->Do(qv::kSetCtrlStreamID, stream)) << stream;
+        EXPECT_EQ(0, m_card->Do(qv::kSetCtrlStreamID, stream)) << stream;
     for (const int32_t stream : {-1, static_cast<int32_t>(count)}) {
-        EXPECT_EQ(-1, card_->Do(qv::kSetCtrlStreamID, stream)) << stream;
+        EXPECT_EQ(-1, m_card->Do(qv::kSetCtrlStreamID, stream)) << stream;
         EXPECT_EQ(EINVAL, errno);
     }
 }
@@ -72,37 +72,37 @@ TEST_F(CardAnswersTest, AStrictCardTakesTheStreamsThatItHas) {
 TEST_F(CardAnswersTest, ABusyChannelRefusesASecondCapture) {
     Attach({.busyCapture = true});
     const Node other("/dev/video0");
-    uint64_t event = events_->CreateEvent();
-    ASSERT_EQ(0, card_->Do(qv::kStartVideoCapture, event));
+    uint64_t event = m_events->CreateEvent();
+    ASSERT_EQ(0, m_card->Do(qv::kStartVideoCapture, event));
     EXPECT_EQ(-1, other.Do(qv::kStartVideoCapture, event));
     EXPECT_EQ(EBUSY, errno);
-    EXPECT_EQ(0, card_->Do(qv::kStopVideoCapture));
+    EXPECT_EQ(0, m_card->Do(qv::kStopVideoCapture));
     EXPECT_EQ(0, other.Do(qv::kStartVideoCapture, event));
-    ASSERT_EQ(0, card_->Do(qv::kStartAudioCapture));
+    ASSERT_EQ(0, m_card->Do(qv::kStartAudioCapture));
     EXPECT_EQ(-1, other.Do(qv::kStartAudioCapture));
     EXPECT_EQ(EBUSY, errno);
 }
 
 TEST_F(CardAnswersTest, AnEraseOrAWriteIsDoneByHalfAndSaidToBeWhole) {
-    rig_.AddFault({.request = "EraseFirmwareData", .effect = Half()});
-    rig_.AddFault({.request = "WriteFirmwareData", .nth = 2, .effect = Half()});
+    m_rig.AddFault({.request = "EraseFirmwareData", .effect = Half()});
+    m_rig.AddFault({.request = "WriteFirmwareData", .nth = 2, .effect = Half()});
     Attach();
-    ASSERT_EQ(0, card_->Write(0, std::vector<uint8_t>(8192, 0)));
-    ASSERT_EQ(0, card_->Erase(0, 8192));
+    ASSERT_EQ(0, m_card->Write(0, std::vector<uint8_t>(8192, 0)));
+    ASSERT_EQ(0, m_card->Erase(0, 8192));
     std::vector<uint8_t> expected(8192, 0);
     std::fill_n(expected.begin(), 4096, 0xFF);
-    EXPECT_EQ(expected, card_->Read(0, 8192));
-    ASSERT_EQ(0, card_->Write(0, std::vector<uint8_t>(4096, 0x33)));
+    EXPECT_EQ(expected, m_card->Read(0, 8192));
+    ASSERT_EQ(0, m_card->Write(0, std::vector<uint8_t>(4096, 0x33)));
     std::fill_n(expected.begin(), 2048, 0x33);
-    EXPECT_EQ(expected, card_->Read(0, 8192));
-    EXPECT_FALSE(rig_.Cards().Flash(0, 0)->Programmed(0, 4096));
+    EXPECT_EQ(expected, m_card->Read(0, 8192));
+    EXPECT_FALSE(m_rig.Cards().Flash(0, 0)->Programmed(0, 4096));
 }
 
 TEST_F(CardAnswersTest, ATornFrameKeepsWhatWasInItsSecondHalf) {
-    rig_.AddFault({.request = "CaptureVideoFrame", .effect = Half()});
+    m_rig.AddFault({.request = "CaptureVideoFrame", .effect = Half()});
     Attach();
-    uint64_t event = events_->CreateEvent();
-    ASSERT_EQ(0, card_->Do(qv::kStartVideoCapture, event));
+    uint64_t event = m_events->CreateEvent();
+    ASSERT_EQ(0, m_card->Do(qv::kStartVideoCapture, event));
     std::vector<uint8_t> memory(128, 0xCC);
     qv::VideoCaptureFrameRecord record{};
     record.address = qv::WireAddress(memory.data());
@@ -112,10 +112,10 @@ TEST_F(CardAnswersTest, ATornFrameKeepsWhatWasInItsSecondHalf) {
     record.height = 4;
     record.fourcc = 0x32595559;
     record.frameIndex = qv::kFrameNextLowLatency;
-    ASSERT_EQ(0, card_->Do(qv::kCaptureVideoFrame, record));
-    ASSERT_EQ(1, events_->Wait(event, -1));
+    ASSERT_EQ(0, m_card->Do(qv::kCaptureVideoFrame, record));
+    ASSERT_EQ(1, m_events->Wait(event, -1));
     _QVCAP_VIDEO_CAPTURE_STATUS status{};
-    ASSERT_EQ(0, card_->Do(qv::kGetVideoCaptureStatus, status));
+    ASSERT_EQ(0, m_card->Do(qv::kGetVideoCaptureStatus, status));
     EXPECT_EQ(1, status.frameCompleted);
     EXPECT_EQ(1, memory[0]) << "the number of the frame";
     EXPECT_EQ(std::vector<uint8_t>(64, 0xCC),
@@ -123,22 +123,22 @@ TEST_F(CardAnswersTest, ATornFrameKeepsWhatWasInItsSecondHalf) {
 }
 
 TEST_F(CardAnswersTest, AnAudioFrameHasAWrongMarkerAndTextsHaveNoEnd) {
-    rig_.AddFault({.request = "CaptureAudioFrame", .effect = WrongMarker()});
-    rig_.AddFault({.request = "GetChannelInfo", .effect = NoEnd()});
+    m_rig.AddFault({.request = "CaptureAudioFrame", .effect = WrongMarker()});
+    m_rig.AddFault({.request = "GetChannelInfo", .effect = NoEnd()});
     Attach();
-    ASSERT_EQ(0, card_->Do(qv::kStartAudioCapture));
+    ASSERT_EQ(0, m_card->Do(qv::kStartAudioCapture));
     auto frame = std::make_unique<_QVCAP_AUDIO_CAPTURE_FRAME>();
-    ASSERT_EQ(0, card_->Do(qv::kCaptureAudioFrame, *frame));
+    ASSERT_EQ(0, m_card->Do(qv::kCaptureAudioFrame, *frame));
     EXPECT_EQ(~QV_AUDIO_FRAME_MARKER, uint32_t{frame->marker});
-    ASSERT_EQ(0, card_->Do(qv::kCaptureAudioFrame, *frame));
+    ASSERT_EQ(0, m_card->Do(qv::kCaptureAudioFrame, *frame));
     EXPECT_EQ(QV_AUDIO_FRAME_MARKER, uint32_t{frame->marker});
     _QVCAP_CHANNEL_INFO info{};
-    ASSERT_EQ(0, card_->Do(qv::kGetChannelInfo, info));
+    ASSERT_EQ(0, m_card->Do(qv::kGetChannelInfo, info));
     EXPECT_EQ(nullptr, std::memchr(info.productName, 0, sizeof info.productName));
     EXPECT_EQ(nullptr, std::memchr(info.boardSerialNumber, 0, sizeof info.boardSerialNumber));
     EXPECT_THAT(std::string(info.familyName, sizeof info.familyName),
                 StartsWith("Pelix Capture##"));
-    ASSERT_EQ(0, card_->Do(qv::kGetChannelInfo, info));
+    ASSERT_EQ(0, m_card->Do(qv::kGetChannelInfo, info));
     EXPECT_STREQ("Pelix Capture", info.familyName);
 }
 
@@ -147,7 +147,7 @@ class RecordsTest : public testing::Test {
     std::string Make(const std::string& text) {
         CardsPlan plan;
         std::string error = ParseScenario(text, "s", plan);
-        if (error.empty()) model_ = MakeInMemory(plan, error);
+        if (error.empty()) m_model = MakeInMemory(plan, error);
         return error;
     }
     template <class Row>
@@ -158,15 +158,15 @@ class RecordsTest : public testing::Test {
     }
     void OwnAnswer(uint32_t code, void* record) {
         int error = 0;
-        const auto file = model_->Open("/dev/video0", error);
+        const auto file = m_model->Open("/dev/video0", error);
         OwnMemory memory;
         EXPECT_EQ(0,
-                  ServeRequest(*model_, *file, code,
+                  ServeRequest(*m_model, *file, code,
                                static_cast<uint64_t>(reinterpret_cast<uintptr_t>(record)), memory)
                       .error);
-        model_->Close(file, -1);
+        m_model->Close(file, -1);
     }
-    std::shared_ptr<Model> model_;
+    std::shared_ptr<Model> m_model;
 };
 
 TEST_F(RecordsTest, AScenarioSetsThemByName) {

@@ -20,49 +20,50 @@ using testing::HasSubstr;
 using testing::StartsWith;
 
 TEST_F(CommandsTest, InitLaysOutCardsOnceAndStatusShowsThem) {
-    EXPECT_EQ(0, Shell("qvcap-sim init " + cards_).status);
-    const Outcome status = Shell("qvcap-sim status " + cards_);
+    EXPECT_EQ(0, Shell("qvcap-sim init " + m_cards).status);
+    const Outcome status = Shell("qvcap-sim status " + m_cards);
     EXPECT_EQ(0, status.status);
     EXPECT_THAT(status.output, HasSubstr("board 1: Lumo Capture, Lumo Quad SDI, serial LM20110001, "
                                          "hardware B, powered\n"));
     EXPECT_THAT(status.output,
                 HasSubstr("/dev/video6 channel 0: running 2.0, stored 2.0 code 7 complete, "
                           "safe none, flash-b2-c0.bin\n"));
-    const Outcome again = Shell("qvcap-sim init " + cards_);
+    const Outcome again = Shell("qvcap-sim init " + m_cards);
     EXPECT_EQ(2, again.status);
     EXPECT_THAT(again.output, HasSubstr("there are cards already"));
 }
 
 TEST_F(CommandsTest, AWrongScenarioWritesNothing) {
-    std::ofstream(home_ + "/s.toml") << "[[board]]\nchannels = 0\n";
-    const Outcome outcome = Shell("qvcap-sim init " + cards_ + " --scenario " + home_ + "/s.toml");
+    std::ofstream(m_home + "/s.toml") << "[[board]]\nchannels = 0\n";
+    const Outcome outcome =
+        Shell("qvcap-sim init " + m_cards + " --scenario " + m_home + "/s.toml");
     EXPECT_EQ(2, outcome.status);
     EXPECT_THAT(outcome.output, HasSubstr("/s.toml:2: channels is a whole number from 1 to 16"));
-    EXPECT_FALSE(std::filesystem::exists(cards_));
+    EXPECT_FALSE(std::filesystem::exists(m_cards));
 }
 
 TEST_F(CommandsTest, WrongArgumentsAndFoldersEndWithTwo) {
     EXPECT_EQ(2, Shell("qvcap-sim").status);
     EXPECT_EQ(2, Shell("qvcap-sim polish").status);
     EXPECT_EQ(2, Shell("qvcap-sim init").status);
-    EXPECT_EQ(2, Shell("qvcap-sim init " + cards_ + " --scenario " + home_ + "/none").status);
-    EXPECT_EQ(2, Shell("qvcap-sim status " + home_).status);
-    EXPECT_EQ(2, Shell("qvcap-sim journal " + home_).status);
-    EXPECT_EQ(2, Shell("qvcap-sim power-cycle " + home_).status);
-    EXPECT_EQ(2, Shell("qvcap-sim run " + home_ + " -- true").status);
-    EXPECT_EQ(2, Shell("qvcap-sim serve " + home_).status);
+    EXPECT_EQ(2, Shell("qvcap-sim init " + m_cards + " --scenario " + m_home + "/none").status);
+    EXPECT_EQ(2, Shell("qvcap-sim status " + m_home).status);
+    EXPECT_EQ(2, Shell("qvcap-sim journal " + m_home).status);
+    EXPECT_EQ(2, Shell("qvcap-sim power-cycle " + m_home).status);
+    EXPECT_EQ(2, Shell("qvcap-sim run " + m_home + " -- true").status);
+    EXPECT_EQ(2, Shell("qvcap-sim serve " + m_home).status);
 }
 
 TEST_F(CommandsTest, AProgramUnderTheDoorSeesTheCardsAndNothingElseChanges) {
-    Shell("qvcap-sim init " + cards_);
-    const Outcome outcome = Shell("qvcap-sim run " + cards_ + " -- " SIM_PROBE " /dev/video2");
+    Shell("qvcap-sim init " + m_cards);
+    const Outcome outcome = Shell("qvcap-sim run " + m_cards + " -- " SIM_PROBE " /dev/video2");
     EXPECT_EQ("3 Lumo Quad SDI 65538\n", outcome.output);
     EXPECT_EQ(0, outcome.status);
     EXPECT_EQ("No such file or directory\n",
-              Shell("qvcap-sim run " + cards_ + " -- " SIM_PROBE " /dev/video7").output);
+              Shell("qvcap-sim run " + m_cards + " -- " SIM_PROBE " /dev/video7").output);
     EXPECT_EQ("no channel\n",
-              Shell("qvcap-sim run " + cards_ + " -- " SIM_PROBE " /dev/null").output);
-    EXPECT_THAT(Shell("qvcap-sim journal " + cards_).output,
+              Shell("qvcap-sim run " + m_cards + " -- " SIM_PROBE " /dev/null").output);
+    EXPECT_THAT(Shell("qvcap-sim journal " + m_cards).output,
                 testing::MatchesRegex("1 [0-9]+ open /dev/video2 fd=3 = 0\n"
                                       "2 [0-9]+ ioctl /dev/video2 GetChannelInfo = 0\n"
                                       "3 [0-9]+ close /dev/video2 fd=3 = 0\n"
@@ -70,40 +71,40 @@ TEST_F(CommandsTest, AProgramUnderTheDoorSeesTheCardsAndNothingElseChanges) {
 }
 
 TEST_F(CommandsTest, TheCardsTakeTheDescriptorThatAProgramWouldHaveBeenGiven) {
-    Shell("qvcap-sim init " + cards_);
-    EXPECT_THAT(Shell("qvcap-sim run " + cards_ + " -- " SIM_PROBE " /dev/video0 <&-").output,
+    Shell("qvcap-sim init " + m_cards);
+    EXPECT_THAT(Shell("qvcap-sim run " + m_cards + " -- " SIM_PROBE " /dev/video0 <&-").output,
                 StartsWith("0 "));
 }
 
 TEST_F(CommandsTest, CommandsKeepTheirOptionsTheirStatusAndTheirShell) {
-    Shell("qvcap-sim init " + cards_);
-    EXPECT_EQ(7, Shell("qvcap-sim run --state " + cards_ + " -- sh -c 'exit 7'").status);
+    Shell("qvcap-sim init " + m_cards);
+    EXPECT_EQ(7, Shell("qvcap-sim run --state " + m_cards + " -- sh -c 'exit 7'").status);
     const Outcome nested =
-        Shell("qvcap-sim run " + cards_ + " -- sh -c '" SIM_PROBE " /dev/video0; echo done'");
+        Shell("qvcap-sim run " + m_cards + " -- sh -c '" SIM_PROBE " /dev/video0; echo done'");
     EXPECT_EQ("3 Pelix Duo HDMI 65536\ndone\n", nested.output);
-    EXPECT_EQ(127, Shell("qvcap-sim run " + cards_ + " -- /no/such/program").status);
-    const Outcome none = Shell("qvcap-sim run " + cards_);
+    EXPECT_EQ(127, Shell("qvcap-sim run " + m_cards + " -- /no/such/program").status);
+    const Outcome none = Shell("qvcap-sim run " + m_cards);
     EXPECT_EQ(2, none.status);
     EXPECT_THAT(none.output, HasSubstr("no command"));
 }
 
 TEST_F(CommandsTest, ProgramsWithTheAddressSanitizerRun) {
-    Shell("qvcap-sim init " + cards_);
+    Shell("qvcap-sim init " + m_cards);
     const Outcome probe =
-        Shell("qvcap-sim run " + cards_ + " -- " SIM_PROBE_SANITIZED " /dev/video0");
+        Shell("qvcap-sim run " + m_cards + " -- " SIM_PROBE_SANITIZED " /dev/video0");
     EXPECT_EQ("3 Pelix Duo HDMI 65536\n", probe.output);
     EXPECT_EQ(0, probe.status);
 }
 
 TEST_F(CommandsTest, PoweringOffMeansPowerCyclingTheCards) {
-    Shell("qvcap-sim init " + cards_);
+    Shell("qvcap-sim init " + m_cards);
     CardsState state;
-    ASSERT_EQ("", LoadState(cards_, state));
+    ASSERT_EQ("", LoadState(m_cards, state));
     state.boards[0].powerLost = true;
-    ASSERT_EQ("", SaveState(cards_, state));
-    EXPECT_THAT(Shell("qvcap-sim status " + cards_).output, HasSubstr("power lost"));
+    ASSERT_EQ("", SaveState(m_cards, state));
+    EXPECT_THAT(Shell("qvcap-sim status " + m_cards).output, HasSubstr("power lost"));
     // The line that the upgrade tool gives to the shell.
-    const Outcome outcome = Shell("qvcap-sim run " + cards_ +
+    const Outcome outcome = Shell("qvcap-sim run " + m_cards +
                                   " -- sh -c 'sync; if [ `id -u` -ne 0 ]; then  sudo poweroff; "
                                   "echo; else poweroff; echo; fi; sudo poweroff'");
     const std::string said =
@@ -111,58 +112,58 @@ TEST_F(CommandsTest, PoweringOffMeansPowerCyclingTheCards) {
         "stays on\n";
     EXPECT_EQ(said + "\n" + said, outcome.output);
     EXPECT_EQ(0, outcome.status);
-    EXPECT_THAT(Shell("qvcap-sim status " + cards_).output, testing::Not(HasSubstr("power lost")));
+    EXPECT_THAT(Shell("qvcap-sim status " + m_cards).output, testing::Not(HasSubstr("power lost")));
 }
 
 TEST_F(CommandsTest, ABrokenMainImageShowsByTheFactorysFirmware) {
-    Shell("qvcap-sim init " + cards_);
-    std::filesystem::resize_file(cards_ + "/flash-b0-c0.bin", 0);
-    Shell("qvcap-sim power-cycle " + cards_);
-    const Outcome status = Shell("qvcap-sim status " + cards_);
+    Shell("qvcap-sim init " + m_cards);
+    std::filesystem::resize_file(m_cards + "/flash-b0-c0.bin", 0);
+    Shell("qvcap-sim power-cycle " + m_cards);
+    const Outcome status = Shell("qvcap-sim status " + m_cards);
     EXPECT_THAT(status.output, HasSubstr("/dev/video0 channel 0: running 0.9, stored none"));
     EXPECT_THAT(status.output, HasSubstr("/dev/video1 channel 1: running 1.0"));
 }
 
 TEST_F(CommandsTest, InitMakesPackagesForTheCards) {
-    const Outcome made = Shell("qvcap-sim init " + cards_ + " --packages");
+    const Outcome made = Shell("qvcap-sim init " + m_cards + " --packages");
     EXPECT_EQ("", made.output);
     EXPECT_EQ("lumo-quad-sdi-1.3.qvf\npelix-duo-hdmi-1.1.qvf\npelix-safe-hdmi-2.1.qvf\n",
-              Shell("ls " + cards_ + "/packages").output);
+              Shell("ls " + m_cards + "/packages").output);
     // Header, one or two entries of the table, and their sections.
     EXPECT_EQ(157u + 28 + (256 << 10),
-              std::filesystem::file_size(cards_ + "/packages/pelix-duo-hdmi-1.1.qvf"));
+              std::filesystem::file_size(m_cards + "/packages/pelix-duo-hdmi-1.1.qvf"));
     EXPECT_EQ(157u + 2 * 28 + 2 * (256 << 10),
-              std::filesystem::file_size(cards_ + "/packages/pelix-safe-hdmi-2.1.qvf"));
+              std::filesystem::file_size(m_cards + "/packages/pelix-safe-hdmi-2.1.qvf"));
 }
 
 TEST_F(CommandsTest, CardsOfTheSameNameGetPackagesOfTheirOwn) {
-    std::ofstream(home_ + "/s.toml") << "[[board]]\n[[board]]\n[[board]]\nhardware = \"B\"\n";
-    Shell("qvcap-sim init " + cards_ + " --packages --scenario " + home_ + "/s.toml");
+    std::ofstream(m_home + "/s.toml") << "[[board]]\n[[board]]\n[[board]]\nhardware = \"B\"\n";
+    Shell("qvcap-sim init " + m_cards + " --packages --scenario " + m_home + "/s.toml");
     EXPECT_EQ("pelix-sim-1.1-x.qvf\npelix-sim-1.1.qvf\n",
-              Shell("LC_ALL=C ls " + cards_ + "/packages").output);
+              Shell("LC_ALL=C ls " + m_cards + "/packages").output);
 }
 
 TEST_F(CommandsTest, AFailedInitLeavesNothing) {
     // The flash of the second board leaves no room for a package: everything else stands by then.
-    std::ofstream(home_ + "/s.toml")
+    std::ofstream(m_home + "/s.toml")
         << "[[board]]\n[[board]]\nproduct_code = 2\nflash_size = 0x102000\n";
-    const std::string init = "qvcap-sim init " + cards_ + " --scenario " + home_ + "/s.toml";
+    const std::string init = "qvcap-sim init " + m_cards + " --scenario " + m_home + "/s.toml";
     const Outcome failed = Shell(init + " --packages");
     EXPECT_EQ(2, failed.status);
     EXPECT_THAT(failed.output, HasSubstr("its flash has no room for the sections of a package"));
-    EXPECT_FALSE(std::filesystem::exists(cards_));
+    EXPECT_FALSE(std::filesystem::exists(m_cards));
     // What was there before stays.
-    std::filesystem::create_directory(cards_);
-    std::ofstream(cards_ + "/mine") << "text";
+    std::filesystem::create_directory(m_cards);
+    std::ofstream(m_cards + "/mine") << "text";
     EXPECT_EQ(2, Shell(init + " --packages").status);
-    EXPECT_EQ("mine\n", Shell("ls -A " + cards_).output);
+    EXPECT_EQ("mine\n", Shell("ls -A " + m_cards).output);
     EXPECT_EQ(0, Shell(init).status);
 }
 
 TEST_F(CommandsTest, AFullDiskOfTheHostIsNoBrokenCard) {
-    Shell("qvcap-sim init " + cards_);
+    Shell("qvcap-sim init " + m_cards);
     // Beyond so many blocks no file can be written, as on a disk that is full.
-    const Outcome outcome = Shell("trap '' XFSZ; ulimit -f 100; qvcap-sim run " + cards_ +
+    const Outcome outcome = Shell("trap '' XFSZ; ulimit -f 100; qvcap-sim run " + m_cards +
                                   " -- " SIM_PROBE " /dev/video0 0x200000; echo status $?");
     EXPECT_EQ(
         "\nqvcap-sim: the files of the cards cannot be read and written: File too large; the "
@@ -188,9 +189,9 @@ TEST_F(CommandsTest, ServingWhereTheKernelCannotSaysWhatIsMissing) {
     if (access("/dev/cuse", F_OK) == 0)
         GTEST_SKIP() << "this kernel can serve nodes: CuseTest plays one that cannot";
     // Nodes that no machine has, so that none of them is taken.
-    std::ofstream(home_ + "/s.toml") << "event_node = false\n[[board]]\nfirst_node = 7007\n";
-    Shell("qvcap-sim init " + cards_ + " --scenario " + home_ + "/s.toml");
-    const Outcome outcome = Shell("qvcap-sim serve " + cards_);
+    std::ofstream(m_home + "/s.toml") << "event_node = false\n[[board]]\nfirst_node = 7007\n";
+    Shell("qvcap-sim init " + m_cards + " --scenario " + m_home + "/s.toml");
+    const Outcome outcome = Shell("qvcap-sim serve " + m_cards);
     EXPECT_EQ(1, outcome.status);
     EXPECT_EQ(
         "qvcap-sim: serve: /dev/cuse: No such file or directory: this kernel has no devices in "
@@ -208,12 +209,12 @@ TEST_F(CommandsTest, PluggingInWhereTheKernelCannotSaysWhatIsMissing) {
         "qvcap-sim: usb: /sys/devices/platform/vhci_hcd.0/attach: No such file or directory: the "
         "kernel's virtual host controller is not loaded (modprobe vhci-hcd)\n",
         outcome.output);
-    std::ofstream(home_ + "/s.toml") << "[[usb]]\nproduct = \"T\"\nserial = \"S\"\n";
-    outcome = Shell("qvcap-sim usb --scenario " + home_ + "/s.toml");
+    std::ofstream(m_home + "/s.toml") << "[[usb]]\nproduct = \"T\"\nserial = \"S\"\n";
+    outcome = Shell("qvcap-sim usb --scenario " + m_home + "/s.toml");
     EXPECT_EQ(2, outcome.status);
     EXPECT_THAT(outcome.output,
                 HasSubstr("S has neither sound, camera nor control: 'T' is no model"));
-    outcome = Shell("qvcap-sim usb --played " + home_ + "/s.toml");
+    outcome = Shell("qvcap-sim usb --played " + m_home + "/s.toml");
     EXPECT_EQ(2, outcome.status);
     EXPECT_THAT(outcome.output, HasSubstr("s.toml: is no folder"));
 }
@@ -244,23 +245,23 @@ void WriteProgram(const std::string& path, bool loader) {
 }
 
 TEST_F(CommandsTest, AProgramThatLoadsNoDoorIsNotStartedAndItIsSaidWhy) {
-    Shell("qvcap-sim init " + cards_);
-    WriteProgram(home_ + "/static", false);
-    const std::string said = "qvcap-sim: run: " + home_ +
+    Shell("qvcap-sim init " + m_cards);
+    WriteProgram(m_home + "/static", false);
+    const std::string said = "qvcap-sim: run: " + m_home +
                              "/static is linked statically and loads no door; `qvcap-sim "
                              "serve` makes nodes for any program\n";
-    Outcome outcome = Shell("qvcap-sim run " + cards_ + " -- " + home_ + "/static");
+    Outcome outcome = Shell("qvcap-sim run " + m_cards + " -- " + m_home + "/static");
     EXPECT_EQ(2, outcome.status);
     EXPECT_EQ(said, outcome.output);
-    outcome = Shell("PATH=" + home_ + ":$PATH; qvcap-sim run " + cards_ + " -- static");
+    outcome = Shell("PATH=" + m_home + ":$PATH; qvcap-sim run " + m_cards + " -- static");
     EXPECT_EQ(said, outcome.output) << "found as the shell finds it";
-    std::ofstream(home_ + "/script") << "#! " << home_ << "/static -x\n";
-    std::filesystem::permissions(home_ + "/script", std::filesystem::perms::owner_all);
-    outcome = Shell("qvcap-sim run " + cards_ + " -- " + home_ + "/script");
+    std::ofstream(m_home + "/script") << "#! " << m_home << "/static -x\n";
+    std::filesystem::permissions(m_home + "/script", std::filesystem::perms::owner_all);
+    outcome = Shell("qvcap-sim run " + m_cards + " -- " + m_home + "/script");
     EXPECT_EQ(said, outcome.output) << "by its interpreter";
     // What has a loader is tried; this one is no program at all.
-    WriteProgram(home_ + "/broken", true);
-    outcome = Shell("qvcap-sim run " + cards_ + " -- " + home_ + "/broken");
+    WriteProgram(m_home + "/broken", true);
+    outcome = Shell("qvcap-sim run " + m_cards + " -- " + m_home + "/broken");
     EXPECT_THAT(outcome.output, testing::Not(HasSubstr("linked statically")));
 }
 

@@ -7,7 +7,7 @@ namespace {
 // --- cards that take their time ----------------------------------------------------------------
 
 TEST_F(CuseTest, ASlowCardHoldsUpNobodyButItsCaller) {
-    rig_.AddFault({.request = "GetTemperature", .effect = Slow(300)});
+    m_rig.AddFault({.request = "GetTemperature", .effect = Slow(300)});
     Serve();
     const uint64_t video = Open(kVideo);
     uint32_t temperature = 0;
@@ -15,7 +15,7 @@ TEST_F(CuseTest, ASlowCardHoldsUpNobodyButItsCaller) {
     uint64_t slow = 0;
     uint64_t quick = 0;
     {
-        const std::lock_guard both(model_->Mutex());  // are there before either is served
+        const std::lock_guard both(m_model->Mutex());  // are there before either is served
         slow = Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kGetTemperature.code, &temperature));
         quick = Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kGetChannelInfo.code, &info));
     }
@@ -26,15 +26,15 @@ TEST_F(CuseTest, ASlowCardHoldsUpNobodyButItsCaller) {
     EXPECT_EQ(0, late.Error());
     EXPECT_NE(0u, temperature);
     EXPECT_EQ(0, Do(kVideo, video, qv::kGetTemperature, &temperature).Error());
-    EXPECT_THAT(rig_.Journal(),
+    EXPECT_THAT(m_rig.Journal(),
                 ElementsAre("open /dev/video0 = 0", "ioctl /dev/video0 GetChannelInfo = 0",
                             HasSubstr("GetTemperature"), HasSubstr("GetTemperature")));
 }
 
 TEST_F(CuseTest, FlashWorkIsDoneWhenItsTimeHasPassed) {
-    rig_.Delays({.erasePerSector = 100'000});
-    rig_.AddFault({.request = "EraseFirmwareData", .effect = Slow(100)});
-    rig_.AddFault({.request = "EraseFirmwareData", .nth = 2, .effect = Refuse(EPERM)});
+    m_rig.Delays({.erasePerSector = 100'000});
+    m_rig.AddFault({.request = "EraseFirmwareData", .effect = Slow(100)});
+    m_rig.AddFault({.request = "EraseFirmwareData", .nth = 2, .effect = Refuse(EPERM)});
     Serve();
     const uint64_t video = Open(kVideo);
     uint8_t byte = 0;
@@ -46,7 +46,7 @@ TEST_F(CuseTest, FlashWorkIsDoneWhenItsTimeHasPassed) {
     uint64_t erasing = 0;
     uint64_t reading = 0;
     {
-        const std::lock_guard both(model_->Mutex());  // are there before either is served
+        const std::lock_guard both(m_model->Mutex());  // are there before either is served
         erasing = Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kEraseFirmwareData.code, &erase));
         reading = Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kReadFirmwareData.code, &read));
     }
@@ -61,15 +61,15 @@ TEST_F(CuseTest, FlashWorkIsDoneWhenItsTimeHasPassed) {
 }
 
 TEST_F(CuseTest, APowerCutComesWhenTheFlashIsAtWork) {
-    rig_.Delays({.erasePerSector = 100'000});
-    rig_.AddFault({.request = "EraseFirmwareData", .effect = PowerLoss()});
+    m_rig.Delays({.erasePerSector = 100'000});
+    m_rig.AddFault({.request = "EraseFirmwareData", .effect = PowerLoss()});
     Serve();
     const uint64_t video = Open(kVideo);
     const qv::FirmwareEraseRecord erase{0x200000, 1};
     _QVCAP_CHANNEL_INFO info{};
     uint64_t erasing = 0;
     {
-        const std::lock_guard both(model_->Mutex());  // are there before either is served
+        const std::lock_guard both(m_model->Mutex());  // are there before either is served
         erasing = Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kEraseFirmwareData.code, &erase));
         Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kGetChannelInfo.code, &info));
     }
@@ -81,7 +81,7 @@ TEST_F(CuseTest, APowerCutComesWhenTheFlashIsAtWork) {
 }
 
 TEST_F(CuseTest, ACardAtWorkIsNotInterrupted) {
-    rig_.AddFault({.request = "GetTemperature", .effect = Slow(300)});
+    m_rig.AddFault({.request = "GetTemperature", .effect = Slow(300)});
     Serve();
     const uint64_t video = Open(kVideo);
     uint32_t temperature = 0;
@@ -96,11 +96,11 @@ TEST_F(CuseTest, ACardAtWorkIsNotInterrupted) {
 }
 
 TEST_F(CuseTest, AnInterruptDuringADelayEndsTheWaitBehindIt) {
-    rig_.AddFault({.request = "WaitEvent", .count = 2, .effect = Slow(300)});
+    m_rig.AddFault({.request = "WaitEvent", .count = 2, .effect = Slow(300)});
     Serve();
     const uint64_t events = Open(kEvents);
     uint64_t event = CreateEvent(events);
-    rig_.ClearJournal();
+    m_rig.ClearJournal();
     const qv::WaitEventRecord forever{event, -1};
     fuse_interrupt_in interrupt{};
     interrupt.unique = SendWait(events, forever);
@@ -108,7 +108,7 @@ TEST_F(CuseTest, AnInterruptDuringADelayEndsTheWaitBehindIt) {
     const Reply reply = Receive(kEvents);
     EXPECT_EQ(interrupt.unique, reply.header.unique);
     EXPECT_EQ(EINTR, reply.Error()) << "the kernel does not interrupt again";
-    EXPECT_THAT(rig_.Journal(),
+    EXPECT_THAT(m_rig.Journal(),
                 ElementsAre("ioctl /dev/qv-event WaitEvent event=0x1001 timeout=-1 = -1 EINTR"));
     // What need not wait is served, interrupted or not.
     EXPECT_EQ(0, Do(kEvents, events, qv::kSetEvent, &event).Error());
@@ -118,7 +118,7 @@ TEST_F(CuseTest, AnInterruptDuringADelayEndsTheWaitBehindIt) {
 }
 
 TEST_F(CuseTest, TheEndOfTheServerRefusesWhatACardHasNotDone) {
-    rig_.AddFault({.request = "EraseFirmwareData", .effect = Slow(1'000'000)});
+    m_rig.AddFault({.request = "EraseFirmwareData", .effect = Slow(1'000'000)});
     Serve();
     const uint64_t video = Open(kVideo);
     const qv::FirmwareEraseRecord erase{0x200000, 1};
@@ -127,7 +127,7 @@ TEST_F(CuseTest, TheEndOfTheServerRefusesWhatACardHasNotDone) {
     _QVCAP_CHANNEL_INFO info{};
     EXPECT_EQ(0, Do(kVideo, video, qv::kGetChannelInfo, &info).Error());
     Stop();
-    EXPECT_EQ("", outcome_);
+    EXPECT_EQ("", m_outcome);
     const Reply reply = Receive(kVideo);
     EXPECT_EQ(erasing, reply.header.unique);
     EXPECT_EQ(ENODEV, reply.Error());
@@ -140,10 +140,10 @@ TEST_F(CuseTest, ACloseComesBeforeWhatItsProcessAsksOfAnotherNodeNext) {
     const uint64_t events = Open(kEvents);
     const uint64_t video = Open(kVideo);
     uint64_t event = CreateEvent(events);
-    rig_.ClearJournal();
+    m_rig.ClearJournal();
     {
         // Held up in a request, the server finds both in one go, in the wrong order.
-        const std::lock_guard busy(model_->Mutex());
+        const std::lock_guard busy(m_model->Mutex());
         Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kIsSetEvent.code, &event));
         AwaitHeldUp(kEvents);
         Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kSetEvent.code, &event));
@@ -154,9 +154,9 @@ TEST_F(CuseTest, ACloseComesBeforeWhatItsProcessAsksOfAnotherNodeNext) {
     EXPECT_EQ(0, Receive(kEvents).Error());
     EXPECT_EQ(0, Receive(kEvents).Error());
     EXPECT_EQ(0, Receive(kVideo).Error());
-    EXPECT_THAT(rig_.Journal(), ElementsAre("ioctl /dev/qv-event IsSetEvent event=0x1001 = 0",
-                                            "close /dev/video0 = 0",
-                                            "ioctl /dev/qv-event SetEvent event=0x1001 = 0"));
+    EXPECT_THAT(m_rig.Journal(), ElementsAre("ioctl /dev/qv-event IsSetEvent event=0x1001 = 0",
+                                             "close /dev/video0 = 0",
+                                             "ioctl /dev/qv-event SetEvent event=0x1001 = 0"));
 }
 
 TEST_F(CuseTest, SettlingWaitsForEverythingThatWasSent) {
@@ -164,14 +164,14 @@ TEST_F(CuseTest, SettlingWaitsForEverythingThatWasSent) {
     for (int i = 0; i < 100; ++i) {
         fuse_release_in release{};
         release.fh = Open(kVideo);
-        ASSERT_EQ(1u, model_->CountAlive().files);
+        ASSERT_EQ(1u, m_model->CountAlive().files);
         Send(kVideo, FUSE_RELEASE, release);
-        server_->Settle();
-        ASSERT_EQ(0u, model_->CountAlive().files);
+        m_server->Settle();
+        ASSERT_EQ(0u, m_model->CountAlive().files);
         Receive(kVideo);
     }
     Stop();
-    server_->Settle();  // nobody serves any more: nothing to wait for
+    m_server->Settle();  // nobody serves any more: nothing to wait for
 }
 
 TEST_F(CuseTest, WhatWasSentBeforeTheEndIsStillServed) {
@@ -179,15 +179,15 @@ TEST_F(CuseTest, WhatWasSentBeforeTheEndIsStillServed) {
     fuse_release_in release{};
     release.fh = Open(kVideo);
     {
-        const std::lock_guard busy(model_->Mutex());
+        const std::lock_guard busy(m_model->Mutex());
         _QVCAP_CHANNEL_INFO info{};
         Send(kVideo, FUSE_IOCTL, Ioctl(release.fh, qv::kGetChannelInfo.code, &info));
         AwaitHeldUp(kVideo);
         TellToStop();
         Send(kVideo, FUSE_RELEASE, release);
     }
-    thread_.join();
-    EXPECT_EQ("", outcome_);
+    m_thread.join();
+    EXPECT_EQ("", m_outcome);
     EXPECT_EQ(0, Receive(kVideo).Error());
     EXPECT_EQ(0, Receive(kVideo).Error()) << "the release";
 }

@@ -47,17 +47,17 @@ struct Reply {
 
 class CuseTest : public testing::Test {
   protected:
-    void SetUp() override { stop_ = eventfd(0, EFD_CLOEXEC); }
+    void SetUp() override { m_stop = eventfd(0, EFD_CLOEXEC); }
     void TearDown() override {
         Stop();
-        for (const int end : ends_) close(end);
-        close(stop_);
+        for (const int end : m_ends) close(end);
+        close(m_stop);
     }
 
     // A kernel that asks for each node and makes it at once; `refusing` ones hang up instead.
     CuseWays Ways(bool refusing = false) {
         CuseWays ways;
-        ways.deviceFolder = folder_;
+        ways.deviceFolder = m_folder;
         ways.patience = std::chrono::milliseconds(kAnswerTime);
         ways.openControl = [this, refusing] {
             int pair[2];
@@ -67,43 +67,43 @@ class CuseTest : public testing::Test {
                 close(pair[1]);
                 return pair[0];
             }
-            std::ofstream(folder_ + "/" + model_->NodeNames()[ends_.size()]).put('\n');
-            ends_.push_back(pair[1]);
-            Send(static_cast<int>(ends_.size()) - 1, CUSE_INIT, offer_);
+            std::ofstream(m_folder + "/" + m_model->NodeNames()[m_ends.size()]).put('\n');
+            m_ends.push_back(pair[1]);
+            Send(static_cast<int>(m_ends.size()) - 1, CUSE_INIT, m_offer);
             return pair[0];
         };
-        ways.complain = [this](const std::string& line) { complaints_.push_back(line); };
+        ways.complain = [this](const std::string& line) { m_complaints.push_back(line); };
         return ways;
     }
     void Load() {
         std::string error;
-        model_ = Model::Load(rig_.Dir(), error);
-        ASSERT_TRUE(model_) << error;
+        m_model = Model::Load(m_rig.Dir(), error);
+        ASSERT_TRUE(m_model) << error;
     }
     // Cards with /dev/video0 and /dev/qv-event, served by a thread, the greeting done.
     void Serve() {
-        rig_.Add(Pelix().Video(64, 32, 0));
+        m_rig.Add(Pelix().Video(64, 32, 0));
         Load();
-        server_ = std::make_unique<CuseServer>(model_, Ways());
-        ASSERT_EQ("", server_->Start(stop_));
-        ASSERT_FALSE(server_->Stopped());
+        m_server = std::make_unique<CuseServer>(m_model, Ways());
+        ASSERT_EQ("", m_server->Start(m_stop));
+        ASSERT_FALSE(m_server->Stopped());
         for (int node = 0; node < 2; ++node) {
-            greeting_ = Receive(node);
-            ASSERT_EQ(0, greeting_.Error());
+            m_greeting = Receive(node);
+            ASSERT_EQ(0, m_greeting.Error());
         }
-        thread_ = std::thread([this] {
-            serverThread_ = gettid();
-            outcome_ = server_->Run();
+        m_thread = std::thread([this] {
+            m_serverThread = gettid();
+            m_outcome = m_server->Run();
         });
     }
     void TellToStop() {
         const uint64_t one = 1;
-        EXPECT_EQ(static_cast<ssize_t>(sizeof one), write(stop_, &one, sizeof one));
+        EXPECT_EQ(static_cast<ssize_t>(sizeof one), write(m_stop, &one, sizeof one));
     }
     void Stop() {
-        if (!thread_.joinable()) return;
+        if (!m_thread.joinable()) return;
         TellToStop();
-        thread_.join();
+        m_thread.join();
     }
     static cuse_init_in Offer() {
         cuse_init_in offer{};
@@ -121,16 +121,16 @@ class CuseTest : public testing::Test {
         } message;
         message.header.len = sizeof message;
         message.header.opcode = opcode;
-        message.header.unique = ++unique_;
+        message.header.unique = ++m_unique;
         message.header.pid = static_cast<uint32_t>(getpid());
         message.body = body;
         EXPECT_EQ(static_cast<ssize_t>(sizeof message),
-                  send(ends_[static_cast<size_t>(node)], &message, sizeof message, 0));
-        return unique_;
+                  send(m_ends[static_cast<size_t>(node)], &message, sizeof message, 0));
+        return m_unique;
     }
     Reply Receive(int node) {
         Reply reply;
-        pollfd ready{ends_[static_cast<size_t>(node)], POLLIN, 0};
+        pollfd ready{m_ends[static_cast<size_t>(node)], POLLIN, 0};
         EXPECT_EQ(1, poll(&ready, 1, kAnswerTime)) << "no answer";
         std::vector<uint8_t> bytes(4096);
         const ssize_t n = recv(ready.fd, bytes.data(), bytes.size(), MSG_DONTWAIT);
@@ -154,9 +154,9 @@ class CuseTest : public testing::Test {
     // lock.
     void AwaitHeldUp(int node) {
         int bytes = 1;
-        while (bytes > 0) ASSERT_EQ(0, ioctl(ends_[static_cast<size_t>(node)], TIOCOUTQ, &bytes));
+        while (bytes > 0) ASSERT_EQ(0, ioctl(m_ends[static_cast<size_t>(node)], TIOCOUTQ, &bytes));
         // From a message to its request the server sleeps nowhere else.
-        while (ThreadState(serverThread_) != 'S') std::this_thread::yield();
+        while (ThreadState(m_serverThread) != 'S') std::this_thread::yield();
     }
     uint64_t Open(int node) {
         const Reply reply = Ask(node, FUSE_OPEN, fuse_open_in{});
@@ -186,20 +186,20 @@ class CuseTest : public testing::Test {
         return Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kWaitEvent.code, &wait));
     }
 
-    SimRig rig_;
-    const qvtest::TempFolder temporary_{"qvsim-cuse"};
-    const std::string folder_ = temporary_.Path();
-    std::shared_ptr<Model> model_;
-    std::unique_ptr<CuseServer> server_;
-    std::thread thread_;
-    std::atomic<pid_t> serverThread_ = 0;
-    std::string outcome_ = "still serving";
-    std::vector<int> ends_;
-    cuse_init_in offer_ = Offer();
-    std::vector<std::string> complaints_;
-    Reply greeting_;
-    uint64_t unique_ = 100;
-    int stop_ = -1;
+    SimRig m_rig;
+    const qvtest::TempFolder m_temporary{"qvsim-cuse"};
+    const std::string m_folder = m_temporary.Path();
+    std::shared_ptr<Model> m_model;
+    std::unique_ptr<CuseServer> m_server;
+    std::thread m_thread;
+    std::atomic<pid_t> m_serverThread = 0;
+    std::string m_outcome = "still serving";
+    std::vector<int> m_ends;
+    cuse_init_in m_offer = Offer();
+    std::vector<std::string> m_complaints;
+    Reply m_greeting;
+    uint64_t m_unique = 100;
+    int m_stop = -1;
 };
 
 }  // namespace qvsim

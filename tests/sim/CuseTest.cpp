@@ -8,19 +8,19 @@ TEST_F(CuseTest, TheKernelIsToldTheNodesNameAndThatArgumentsStayWhereTheyAre) {
     Serve();
     cuse_init_out out{};
     const std::string name("DEVNAME=qv-event\0", 17);
-    ASSERT_EQ(sizeof out + name.size(), greeting_.body.size());
-    std::memcpy(&out, greeting_.body.data(), sizeof out);
+    ASSERT_EQ(sizeof out + name.size(), m_greeting.body.size());
+    std::memcpy(&out, m_greeting.body.data(), sizeof out);
     EXPECT_EQ(uint32_t{FUSE_KERNEL_VERSION}, out.major);
     EXPECT_EQ(uint32_t{CUSE_UNRESTRICTED_IOCTL}, out.flags);
-    EXPECT_EQ(name, std::string(greeting_.body.begin() + sizeof out, greeting_.body.end()));
+    EXPECT_EQ(name, std::string(m_greeting.body.begin() + sizeof out, m_greeting.body.end()));
 }
 
 TEST_F(CuseTest, AKernelOfAnotherVersionIsRefused) {
-    rig_.Add(Pelix());
+    m_rig.Add(Pelix());
     Load();
-    offer_.major = FUSE_KERNEL_VERSION + 1;
-    CuseServer server(model_, Ways());
-    EXPECT_THAT(server.Start(stop_), HasSubstr("not known here"));
+    m_offer.major = FUSE_KERNEL_VERSION + 1;
+    CuseServer server(m_model, Ways());
+    EXPECT_THAT(server.Start(m_stop), HasSubstr("not known here"));
     EXPECT_EQ(EPROTO, Receive(kVideo).Error());
 }
 
@@ -35,7 +35,7 @@ TEST_F(CuseTest, ARequestReachesTheCardAndItsAnswerTheCallersMemory) {
     fuse_release_in release{};
     release.fh = video;
     EXPECT_EQ(0, Ask(kVideo, FUSE_RELEASE, release).Error());
-    EXPECT_THAT(rig_.Journal(),
+    EXPECT_THAT(m_rig.Journal(),
                 ElementsAre("open /dev/video0 = 0", "ioctl /dev/video0 GetChannelInfo = 0",
                             "close /dev/video0 = 0"));
 }
@@ -65,9 +65,9 @@ TEST_F(CuseTest, RefusalsComeBackAsTheDriversError) {
     EXPECT_EQ(EFAULT, Do(kVideo, video, qv::kGetChannelInfo, nullptr).Error());
     // The first page is nobody's.
     EXPECT_EQ(EFAULT, Do(kVideo, video, qv::kGetChannelInfo, reinterpret_cast<void*>(16)).Error());
-    model_->AddFault({.request = "GetChannelInfo", .effect = Refuse(EPERM)});
+    m_model->AddFault({.request = "GetChannelInfo", .effect = Refuse(EPERM)});
     EXPECT_EQ(EPERM, Do(kVideo, video, qv::kGetChannelInfo, &info).Error());
-    model_->AddFault({.request = "open", .effect = Refuse(EBUSY)});
+    m_model->AddFault({.request = "open", .effect = Refuse(EBUSY)});
     EXPECT_EQ(EBUSY, Ask(kVideo, FUSE_OPEN, fuse_open_in{}).Error());
 }
 
@@ -77,8 +77,8 @@ TEST_F(CuseTest, AnErrorThatNoKernelPassesOnArrivesAsEio) {
     _QVCAP_CHANNEL_INFO info{};
     for (const auto& [error, arrives] :
          {std::pair(511, 511), std::pair(512, EIO), std::pair(4095, EIO)}) {
-        model_->ClearFaults();
-        model_->AddFault({.request = "GetChannelInfo", .effect = Refuse(error)});
+        m_model->ClearFaults();
+        m_model->AddFault({.request = "GetChannelInfo", .effect = Refuse(error)});
         EXPECT_EQ(arrives, Do(kVideo, video, qv::kGetChannelInfo, &info).Error());
     }
 }
@@ -115,7 +115,7 @@ TEST_F(CuseTest, ACallerOf32BitsIsServedThroughAddressesOf32Bits) {
     }
     EXPECT_EQ(0, std::memcmp(low->sent, low->got, sizeof low->sent));
     EXPECT_EQ(0, munmap(page, sizeof(Low)));
-    EXPECT_THAT(complaints_, testing::IsEmpty());
+    EXPECT_THAT(m_complaints, testing::IsEmpty());
 }
 
 TEST_F(CuseTest, ACallerOf64BitsIsServedByAServerOf64BitsAndToldOffByOneOf32) {
@@ -127,7 +127,7 @@ TEST_F(CuseTest, ACallerOf64BitsIsServedByAServerOf64BitsAndToldOffByOneOf32) {
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ(sizeof(void*) == 4 ? EFAULT : 0, Ask(kVideo, FUSE_IOCTL, request).Error());
     if (sizeof(void*) == 4)
-        EXPECT_THAT(complaints_, ElementsAre(HasSubstr("is a 64-bit program"))) << "once";
+        EXPECT_THAT(m_complaints, ElementsAre(HasSubstr("is a 64-bit program"))) << "once";
     else
         EXPECT_STREQ("Pelix Capture", info.familyName);
 }
@@ -176,7 +176,7 @@ TEST_F(CuseTest, AWaiterIsWokenByWhatTheCardDoesOnItsOwn) {
     ASSERT_EQ(0, Do(kVideo, video, qv::kRegisterNotify, &notify).Error());
     const qv::MultiWaitEventRecord wait{qv::WireAddress(&event), 1, -1};
     Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kMultiWaitEvent.code, &wait));
-    model_->RaiseNotification(0, 0, 0x1);
+    m_model->RaiseNotification(0, 0, 0x1);
     EXPECT_EQ(1, Receive(kEvents).Result());
     uint64_t handle = event;
     EXPECT_EQ(1, Do(kEvents, events, qv::kIsSetEvent, &handle).Result()) << "nothing is consumed";
@@ -215,7 +215,7 @@ TEST_F(CuseTest, AnInterruptedWaitEndsWithEintrAndIsJournaledOnce) {
     Serve();
     const uint64_t events = Open(kEvents);
     const uint64_t event = CreateEvent(events);
-    rig_.ClearJournal();
+    m_rig.ClearJournal();
     const qv::WaitEventRecord forever{event, -1};
     const uint64_t waiting = SendWait(events, forever);
     fuse_interrupt_in interrupt{};
@@ -224,7 +224,7 @@ TEST_F(CuseTest, AnInterruptedWaitEndsWithEintrAndIsJournaledOnce) {
     const Reply reply = Receive(kEvents);
     EXPECT_EQ(waiting, reply.header.unique);
     EXPECT_EQ(EINTR, reply.Error());
-    EXPECT_THAT(rig_.Journal(),
+    EXPECT_THAT(m_rig.Journal(),
                 ElementsAre("ioctl /dev/qv-event WaitEvent event=0x1001 timeout=-1 = -1 EINTR"));
 }
 
@@ -285,7 +285,7 @@ TEST_F(CuseTest, AFrameIsRefusedWhenItsMemoryCannotBeKept) {
     const rlimit few{std::min<rlim_t>(before.rlim_cur, 128), before.rlim_max};
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
     std::vector<int> taken;
-    for (int fd; (fd = dup(stop_)) >= 0;) taken.push_back(fd);
+    for (int fd; (fd = dup(m_stop)) >= 0;) taken.push_back(fd);
     const Reply refused = Do(kVideo, video, qv::kCaptureVideoFrame, &record);
     for (const int fd : taken) close(fd);
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
@@ -307,69 +307,69 @@ TEST_F(CuseTest, TheEndOfTheServerEndsWaitsAndClosesWhatIsOpen) {
     uint64_t handle = event;
     EXPECT_EQ(0, Do(kEvents, events, qv::kIsSetEvent, &handle).Result());
     Stop();
-    EXPECT_EQ("", outcome_);
+    EXPECT_EQ("", m_outcome);
     const Reply reply = Receive(kEvents);
     EXPECT_EQ(waiting, reply.header.unique);
     EXPECT_EQ(ENODEV, reply.Error());
-    EXPECT_EQ(Alive(), model_->CountAlive());
+    EXPECT_EQ(Alive(), m_model->CountAlive());
 }
 
 TEST_F(CuseTest, ANodeNameThatIsTakenIsRefusedBeforeAnythingIsMade) {
-    rig_.Add(Pelix());
+    m_rig.Add(Pelix());
     Load();
-    std::ofstream(folder_ + "/video0").put('\n');
-    CuseServer server(model_, Ways());
-    EXPECT_THAT(server.Start(stop_),
-                HasSubstr(folder_ + "/video0 exists already: unload the driver"));
-    EXPECT_TRUE(ends_.empty());
+    std::ofstream(m_folder + "/video0").put('\n');
+    CuseServer server(m_model, Ways());
+    EXPECT_THAT(server.Start(m_stop),
+                HasSubstr(m_folder + "/video0 exists already: unload the driver"));
+    EXPECT_TRUE(m_ends.empty());
 }
 
 TEST_F(CuseTest, ANodeThatTheKernelRefusesIsNamed) {
-    rig_.Add(Pelix());
+    m_rig.Add(Pelix());
     Load();
-    CuseServer server(model_, Ways(true));
-    EXPECT_THAT(server.Start(stop_),
+    CuseServer server(m_model, Ways(true));
+    EXPECT_THAT(server.Start(m_stop),
                 HasSubstr("/dev/video0 was refused or taken away by the kernel"));
 }
 
 TEST_F(CuseTest, ANodeThatTheKernelTakesAwayEndsTheServer) {
     Serve();
-    close(ends_[kVideo]);
-    ends_.erase(ends_.begin());
-    thread_.join();
-    EXPECT_THAT(outcome_, HasSubstr("/dev/video0 was refused or taken away"));
+    close(m_ends[kVideo]);
+    m_ends.erase(m_ends.begin());
+    m_thread.join();
+    EXPECT_THAT(m_outcome, HasSubstr("/dev/video0 was refused or taken away"));
 }
 
 TEST_F(CuseTest, ANodeThatAFaultTakesAwayIsGivenUpAndTheOthersAreServedOn) {
-    rig_.AddFault({.request = "GetTemperature", .effect = NodeGone()});
+    m_rig.AddFault({.request = "GetTemperature", .effect = NodeGone()});
     Serve();
     const uint64_t events = Open(kEvents);
     const uint64_t video = Open(kVideo);
     uint64_t event = CreateEvent(events);
     uint32_t temperature = 0;
     EXPECT_EQ(ENODEV, Do(kVideo, video, qv::kGetTemperature, &temperature).Error());
-    EXPECT_FALSE(std::filesystem::exists(folder_ + "/video0"));
+    EXPECT_FALSE(std::filesystem::exists(m_folder + "/video0"));
     char nothing = 0;
-    pollfd hungUp{ends_[kVideo], POLLIN, 0};
+    pollfd hungUp{m_ends[kVideo], POLLIN, 0};
     EXPECT_EQ(1, poll(&hungUp, 1, kAnswerTime));
-    EXPECT_EQ(0, recv(ends_[kVideo], &nothing, 1, MSG_DONTWAIT));
+    EXPECT_EQ(0, recv(m_ends[kVideo], &nothing, 1, MSG_DONTWAIT));
     EXPECT_EQ(0, Do(kEvents, events, qv::kSetEvent, &event).Error());
-    EXPECT_EQ("close /dev/video0 = 0", rig_.Journal().at(4));
-    EXPECT_EQ(1u, model_->CountAlive().files);
+    EXPECT_EQ("close /dev/video0 = 0", m_rig.Journal().at(4));
+    EXPECT_EQ(1u, m_model->CountAlive().files);
 }
 
 TEST_F(CuseTest, ANodeThatNeverAppearsIsNamed) {
-    rig_.Add(Pelix());
+    m_rig.Add(Pelix());
     Load();
     CuseWays ways = Ways();
     ways.openControl = [this, open = ways.openControl] {
         const int fd = open();
-        std::filesystem::remove(folder_ + "/video0");
+        std::filesystem::remove(m_folder + "/video0");
         return fd;
     };
     ways.patience = std::chrono::milliseconds(20);
-    CuseServer server(model_, ways);
-    EXPECT_THAT(server.Start(stop_), HasSubstr("the kernel has not made " + folder_ + "/video0"));
+    CuseServer server(m_model, ways);
+    EXPECT_THAT(server.Start(m_stop), HasSubstr("the kernel has not made " + m_folder + "/video0"));
 }
 
 // A kernel that says nothing.
@@ -379,34 +379,34 @@ CuseWays Silent(CuseWays ways) {
 }
 
 TEST_F(CuseTest, ANodeThatSomebodyElseMadeMeanwhileIsNotTakenForTheServersOwn) {
-    rig_.Add(Pelix());
-    rig_.NoEventNode();
+    m_rig.Add(Pelix());
+    m_rig.NoEventNode();
     Load();
     CuseWays ways = Silent(Ways());
     ways.openControl = [this, open = ways.openControl] {
-        for (const std::string& name : model_->NodeNames())
-            std::ofstream(folder_ + "/" + name).put('\n');
+        for (const std::string& name : m_model->NodeNames())
+            std::ofstream(m_folder + "/" + name).put('\n');
         return open();
     };
     ways.patience = std::chrono::milliseconds(20);
-    CuseServer server(model_, ways);
-    EXPECT_THAT(server.Start(stop_),
-                HasSubstr("the kernel has not asked for " + folder_ + "/video0"));
+    CuseServer server(m_model, ways);
+    EXPECT_THAT(server.Start(m_stop),
+                HasSubstr("the kernel has not asked for " + m_folder + "/video0"));
     EXPECT_FALSE(server.Stopped());
 }
 
 TEST_F(CuseTest, AServerThatIsToldToEndBeforeItsNodesStandEndsAtOnce) {
-    rig_.Add(Pelix());
+    m_rig.Add(Pelix());
     Load();
-    CuseServer server(model_, Silent(Ways()));
+    CuseServer server(m_model, Silent(Ways()));
     TellToStop();
-    EXPECT_EQ("", server.Start(stop_)) << "long before it would lose its patience";
+    EXPECT_EQ("", server.Start(m_stop)) << "long before it would lose its patience";
     EXPECT_TRUE(server.Stopped());
     EXPECT_EQ("", server.Run());
 }
 
 TEST_F(CuseTest, AMissingControlDeviceSaysWhatToDo) {
-    rig_.Add(Pelix());
+    m_rig.Add(Pelix());
     Load();
     CuseWays ways = Ways();
     const auto refuse = [&ways](int error) {
@@ -416,17 +416,17 @@ TEST_F(CuseTest, AMissingControlDeviceSaysWhatToDo) {
         };
     };
     refuse(ENOENT);
-    EXPECT_THAT(CuseServer(model_, ways).Start(stop_), HasSubstr("modprobe cuse"));
+    EXPECT_THAT(CuseServer(m_model, ways).Start(m_stop), HasSubstr("modprobe cuse"));
     refuse(EACCES);
-    EXPECT_THAT(CuseServer(model_, ways).Start(stop_), HasSubstr("needs root"));
+    EXPECT_THAT(CuseServer(m_model, ways).Start(m_stop), HasSubstr("needs root"));
     refuse(EMFILE);
-    EXPECT_EQ("/dev/cuse: Too many open files", CuseServer(model_, ways).Start(stop_));
+    EXPECT_EQ("/dev/cuse: Too many open files", CuseServer(m_model, ways).Start(m_stop));
 }
 
 TEST_F(CuseTest, CardsWithoutAnyNodeCannotBeServed) {
-    rig_.NoEventNode();
+    m_rig.NoEventNode();
     Load();
-    EXPECT_THAT(CuseServer(model_, Ways()).Start(stop_), HasSubstr("no node"));
+    EXPECT_THAT(CuseServer(m_model, Ways()).Start(m_stop), HasSubstr("no node"));
 }
 
 }  // namespace

@@ -19,10 +19,10 @@ using testing::HasSubstr;
 class DoorProbeTest : public CommandsTest {
   protected:
     std::string Run(const std::string& command) {
-        return Shell("qvcap-sim run " + cards_ + " -- " + command).output;
+        return Shell("qvcap-sim run " + m_cards + " -- " + command).output;
     }
     std::string JournalOf() {
-        return Shell("qvcap-sim journal " + cards_ + " | cut -d' ' -f3-").output;
+        return Shell("qvcap-sim journal " + m_cards + " | cut -d' ' -f3-").output;
     }
 };
 
@@ -39,7 +39,7 @@ TEST_F(DoorProbeTest, TheTableIsThatOfServedNodesButForWhatIsListed) {
     // other configuration.
     GTEST_SKIP() << "a request in a signal handler takes memory, which the sanitizer reports";
 #endif
-    Shell("qvcap-sim init " + cards_);
+    Shell("qvcap-sim init " + m_cards);
     const std::string document = TextOf(SIM_DOCUMENT);
     std::istringstream expected(TextOf(SIM_PROBE_TABLE));
     std::string table;
@@ -63,7 +63,7 @@ TEST_F(DoorProbeTest, TheTableIsThatOfServedNodesButForWhatIsListed) {
         return found;
     };
     EXPECT_EQ(count("open"), count("close")) << journal;
-    EXPECT_EQ("", Shell("ls " + cards_ + "/open").output);
+    EXPECT_EQ("", Shell("ls " + m_cards + "/open").output);
 }
 
 TEST_F(DoorProbeTest, NothingIsEverMadeInTheMachinesOwnDev) {
@@ -81,24 +81,24 @@ TEST_F(DoorProbeTest, NothingIsEverMadeInTheMachinesOwnDev) {
 }
 
 TEST_F(DoorProbeTest, AProcessThatEndsWithoutClosingLeavesItsCloseLines) {
-    Shell("qvcap-sim init " + cards_);
+    Shell("qvcap-sim init " + m_cards);
     for (const char* how : {"exit", "kill", "terminate", "exec"}) {
-        Shell("qvcap-sim journal --clear " + cards_);
+        Shell("qvcap-sim journal --clear " + m_cards);
         Run(DOOR_PROBE " leave " + std::string(how));
         EXPECT_EQ(
             "open /dev/video0 fd=3 = 0\nopen /dev/qv-event fd=5 = 0\n"
             "close /dev/video0 fd=3 = 0\nclose /dev/qv-event fd=5 = 0\n",
             JournalOf())
             << how;
-        EXPECT_EQ("", Shell("ls " + cards_ + "/open").output);
+        EXPECT_EQ("", Shell("ls " + m_cards + "/open").output);
     }
 }
 
 TEST_F(DoorProbeTest, TheNextProgramOnTheFolderWritesTheCloseLineToo) {
-    Shell("qvcap-sim init " + cards_);
+    Shell("qvcap-sim init " + m_cards);
     Run(DOOR_PROBE " leave kill");
     Run(SIM_PROBE " /dev/video2");
-    EXPECT_THAT(TextOf(cards_ + "/journal"),
+    EXPECT_THAT(TextOf(m_cards + "/journal"),
                 testing::ContainsRegex("open /dev/qv-event fd=5 = 0\n"
                                        "[0-9 ]+close /dev/video0 fd=3 = 0\n"
                                        "[0-9 ]+close /dev/qv-event fd=5 = 0\n"
@@ -107,13 +107,13 @@ TEST_F(DoorProbeTest, TheNextProgramOnTheFolderWritesTheCloseLineToo) {
 
 // The shell waits for the child, who has its output.
 TEST_F(DoorProbeTest, ANodeIsClosedWhenItsLastHolderOfSeveralProcessesLetsGo) {
-    Shell("qvcap-sim init " + cards_);
+    Shell("qvcap-sim init " + m_cards);
     Run(DOOR_PROBE " leave child");
     EXPECT_EQ(
         "open /dev/video0 fd=3 = 0\nioctl /dev/video0 GetTemperature value=45 = 0\n"
         "close /dev/video0 fd=3 = 0\n",
         JournalOf());
-    EXPECT_EQ("", Shell("ls " + cards_ + "/open").output);
+    EXPECT_EQ("", Shell("ls " + m_cards + "/open").output);
 }
 
 }  // namespace

@@ -11,53 +11,53 @@ namespace {
 class EventsTest : public testing::Test {
   protected:
     void SetUp() override {
-        rig_.Add(Pelix());
-        rig_.Attach();
-        events_ = std::make_unique<Node>("/dev/qv-event");
+        m_rig.Add(Pelix());
+        m_rig.Attach();
+        m_events = std::make_unique<Node>("/dev/qv-event");
     }
-    SimRig rig_;
-    std::unique_ptr<Node> events_;
+    SimRig m_rig;
+    std::unique_ptr<Node> m_events;
 };
 
 TEST_F(EventsTest, ATryWaitConsumesTheSignal) {
-    const uint64_t event = events_->CreateEvent();
-    EXPECT_EQ(0, events_->Do(qv::kTryWaitEvent, event));
-    EXPECT_EQ(0, events_->Do(qv::kSetEvent, event));
-    EXPECT_EQ(1, events_->Do(qv::kIsSetEvent, event));
-    EXPECT_EQ(1, events_->Do(qv::kTryWaitEvent, event));
-    EXPECT_EQ(0, events_->Do(qv::kIsSetEvent, event));
+    const uint64_t event = m_events->CreateEvent();
+    EXPECT_EQ(0, m_events->Do(qv::kTryWaitEvent, event));
+    EXPECT_EQ(0, m_events->Do(qv::kSetEvent, event));
+    EXPECT_EQ(1, m_events->Do(qv::kIsSetEvent, event));
+    EXPECT_EQ(1, m_events->Do(qv::kTryWaitEvent, event));
+    EXPECT_EQ(0, m_events->Do(qv::kIsSetEvent, event));
 }
 
 TEST_F(EventsTest, ClearingForgetsTheSignal) {
-    const uint64_t event = events_->CreateEvent();
-    events_->Do(qv::kSetEvent, event);
-    EXPECT_EQ(0, events_->Do(qv::kClearEvent, event));
-    EXPECT_EQ(0, events_->Do(qv::kTryWaitEvent, event));
+    const uint64_t event = m_events->CreateEvent();
+    m_events->Do(qv::kSetEvent, event);
+    EXPECT_EQ(0, m_events->Do(qv::kClearEvent, event));
+    EXPECT_EQ(0, m_events->Do(qv::kTryWaitEvent, event));
 }
 
 TEST_F(EventsTest, AWaitConsumesTheSignalAndATimeOutAnswersZero) {
-    const uint64_t event = events_->CreateEvent();
-    events_->Do(qv::kSetEvent, event);
-    EXPECT_EQ(1, events_->Wait(event, -1));
-    EXPECT_EQ(0, events_->Wait(event, 0));
-    EXPECT_EQ(0, events_->Wait(event, 5));
+    const uint64_t event = m_events->CreateEvent();
+    m_events->Do(qv::kSetEvent, event);
+    EXPECT_EQ(1, m_events->Wait(event, -1));
+    EXPECT_EQ(0, m_events->Wait(event, 0));
+    EXPECT_EQ(0, m_events->Wait(event, 5));
 }
 
 TEST_F(EventsTest, AWaitForSeveralConsumesNothing) {
-    const uint64_t first = events_->CreateEvent();
-    const uint64_t second = events_->CreateEvent();
-    EXPECT_EQ(0, events_->WaitSeveral({first, second}, 1));
-    events_->Do(qv::kSetEvent, second);
-    EXPECT_EQ(1, events_->WaitSeveral({first, second}, -1));
-    EXPECT_EQ(0, events_->Do(qv::kTryWaitEvent, first));
-    EXPECT_EQ(1, events_->Do(qv::kTryWaitEvent, second));
+    const uint64_t first = m_events->CreateEvent();
+    const uint64_t second = m_events->CreateEvent();
+    EXPECT_EQ(0, m_events->WaitSeveral({first, second}, 1));
+    m_events->Do(qv::kSetEvent, second);
+    EXPECT_EQ(1, m_events->WaitSeveral({first, second}, -1));
+    EXPECT_EQ(0, m_events->Do(qv::kTryWaitEvent, first));
+    EXPECT_EQ(1, m_events->Do(qv::kTryWaitEvent, second));
 }
 
 TEST_F(EventsTest, SettingAnEventWakesItsWaiter) {
-    const uint64_t event = events_->CreateEvent();
+    const uint64_t event = m_events->CreateEvent();
     int answer = 0;
-    std::thread waiter([&] { answer = events_->Wait(event, -1); });
-    events_->Do(qv::kSetEvent, event);
+    std::thread waiter([&] { answer = m_events->Wait(event, -1); });
+    m_events->Do(qv::kSetEvent, event);
     waiter.join();
     EXPECT_EQ(1, answer);
 }
@@ -65,20 +65,20 @@ TEST_F(EventsTest, SettingAnEventWakesItsWaiter) {
 // Five minutes are milliseconds, not microseconds: a driver that confuses them gives up after 0.3
 // s.
 TEST_F(EventsTest, ALongWaitIsNotGivenUpEarly) {
-    const uint64_t event = events_->CreateEvent();
+    const uint64_t event = m_events->CreateEvent();
     std::thread setter([&] {
         std::this_thread::sleep_for(std::chrono::milliseconds(400));
-        events_->Do(qv::kSetEvent, event);
+        m_events->Do(qv::kSetEvent, event);
     });
-    EXPECT_EQ(1, events_->Wait(event, 300000));
+    EXPECT_EQ(1, m_events->Wait(event, 300000));
     setter.join();
 }
 
 TEST_F(EventsTest, TheJournalTellsWhatAWaitIsFor) {
-    const uint64_t event = events_->CreateEvent();
-    EXPECT_EQ(0, events_->Wait(event, 2));
-    EXPECT_EQ(0, events_->WaitSeveral({event}, 3));
-    const auto lines = rig_.Journal();
+    const uint64_t event = m_events->CreateEvent();
+    EXPECT_EQ(0, m_events->Wait(event, 2));
+    EXPECT_EQ(0, m_events->WaitSeveral({event}, 3));
+    const auto lines = m_rig.Journal();
     ASSERT_GE(lines.size(), 2u);
     EXPECT_THAT(lines[lines.size() - 2], testing::HasSubstr(" WaitEvent event=0x"));
     EXPECT_THAT(lines[lines.size() - 2], testing::HasSubstr(" timeout=2 "));
@@ -86,37 +86,37 @@ TEST_F(EventsTest, TheJournalTellsWhatAWaitIsFor) {
 }
 
 TEST_F(EventsTest, ClosingAnEventWakesItsWaiterWithAnError) {
-    const uint64_t event = events_->CreateEvent();
+    const uint64_t event = m_events->CreateEvent();
     int answer = 0;
-    std::thread waiter([&] { answer = events_->Wait(event, -1); });
-    events_->Do(qv::kCloseEvent, event);
+    std::thread waiter([&] { answer = m_events->Wait(event, -1); });
+    m_events->Do(qv::kCloseEvent, event);
     waiter.join();
     EXPECT_EQ(-1, answer);
-    EXPECT_EQ(-1, events_->Do(qv::kSetEvent, event));
+    EXPECT_EQ(-1, m_events->Do(qv::kSetEvent, event));
     EXPECT_EQ(EINVAL, errno);
 }
 
 TEST_F(EventsTest, DetachingEndsEveryWait) {
-    const uint64_t event = events_->CreateEvent();
+    const uint64_t event = m_events->CreateEvent();
     int answer = 0;
     int error = 0;
     std::thread waiter([&] {
-        answer = events_->WaitSeveral({event}, -1);
+        answer = m_events->WaitSeveral({event}, -1);
         error = errno;
     });
-    rig_.Detach();
+    m_rig.Detach();
     waiter.join();
     EXPECT_EQ(-1, answer);
     EXPECT_EQ(ENODEV, error);
 }
 
 TEST_F(EventsTest, AWaitSetWithAnUnknownHandleOrNoHandleIsRefused) {
-    const uint64_t event = events_->CreateEvent();
-    EXPECT_EQ(-1, events_->WaitSeveral({event, 3}, 0));
+    const uint64_t event = m_events->CreateEvent();
+    EXPECT_EQ(-1, m_events->WaitSeveral({event, 3}, 0));
     EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ(-1, events_->WaitSeveral({}, 0));
+    EXPECT_EQ(-1, m_events->WaitSeveral({}, 0));
     EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ(-1, events_->Do(qv::kMultiWaitEvent, qv::MultiWaitEventRecord{0, 1, 0}));
+    EXPECT_EQ(-1, m_events->Do(qv::kMultiWaitEvent, qv::MultiWaitEventRecord{0, 1, 0}));
     EXPECT_EQ(EFAULT, errno);
 }
 

@@ -23,16 +23,16 @@ class FolderCommandsTest : public CommandsTest {
   protected:
     void SetUp() override {
         CommandsTest::SetUp();
-        ASSERT_EQ(0, Shell("qvcap-sim init " + cards_).status);
+        ASSERT_EQ(0, Shell("qvcap-sim init " + m_cards).status);
     }
     Outcome Sim(const std::string& arguments) { return Shell("qvcap-sim " + arguments); }
     // A program that writes a sector of zeros to the flash of a node.
     Outcome Write(const std::string& node, const std::string& address) {
-        return Sim("run " + cards_ + " -- " SIM_PROBE " " + node + " " + address);
+        return Sim("run " + m_cards + " -- " SIM_PROBE " " + node + " " + address);
     }
     // Name, size, time of change and content of every file.
     std::string Snapshot() {
-        return Shell("cd " + cards_ +
+        return Shell("cd " + m_cards +
                      " && find . -type f | sort | xargs stat -c '%n %s %y' && "
                      "find . -type f | sort | xargs cat | cksum")
             .output;
@@ -40,35 +40,37 @@ class FolderCommandsTest : public CommandsTest {
 };
 
 TEST_F(FolderCommandsTest, APowerCutStrikesOnceAndTheCardCanBeFlashedAgain) {
-    const Outcome added = Sim("fault add " + cards_ + " request=WriteFirmwareData kind=power_loss");
+    const Outcome added =
+        Sim("fault add " + m_cards + " request=WriteFirmwareData kind=power_loss");
     EXPECT_EQ(0, added.status);
     EXPECT_EQ("0\n", added.output);
     EXPECT_EQ("refused: Input/output error\n", Write("/dev/video0", "0x200000").output);
-    EXPECT_THAT(Sim("status " + cards_).output, HasSubstr("power lost"));
+    EXPECT_THAT(Sim("status " + m_cards).output, HasSubstr("power lost"));
     EXPECT_EQ("refused: Input/output error\n", Write("/dev/video0", "0x200000").output);
-    EXPECT_EQ(0, Sim("power-cycle " + cards_).status);
+    EXPECT_EQ(0, Sim("power-cycle " + m_cards).status);
     EXPECT_EQ("", Write("/dev/video0", "0x200000").output);
     EXPECT_EQ("0 request=WriteFirmwareData nth=1 count=1 kind=power_loss value=0 seen=3\n",
-              Sim("fault list " + cards_).output);
+              Sim("fault list " + m_cards).output);
 }
 
 TEST_F(FolderCommandsTest, FaultsAreListedInTheWordsThatAddThem) {
     const std::string words =
         "request=open nth=2 count=-1 one_in=3 seed=9 board=1 channel=2 "
         "per=process kind=refuse value=EBUSY";
-    EXPECT_EQ("0\n", Sim("fault add " + cards_ + " " + words).output);
-    EXPECT_EQ("1\n", Sim("fault add " + cards_ + " request=any kind=refuse_late value=200").output);
+    EXPECT_EQ("0\n", Sim("fault add " + m_cards + " " + words).output);
+    EXPECT_EQ("1\n",
+              Sim("fault add " + m_cards + " request=any kind=refuse_late value=200").output);
     EXPECT_EQ("0 " + words + "\n1 request=any nth=1 count=1 kind=refuse_late value=200 seen=0\n",
-              Sim("fault list " + cards_).output);
-    EXPECT_THAT(Sim("fault list --json " + cards_).output,
+              Sim("fault list " + m_cards).output);
+    EXPECT_THAT(Sim("fault list --json " + m_cards).output,
                 StartsWith(R"([{"number":0,"request":"open","nth":"2")"));
-    EXPECT_EQ(0, Sim("fault clear " + cards_ + " 0").status);
-    EXPECT_THAT(Sim("fault list " + cards_).output, StartsWith("1 request=any"));
-    const Outcome unknown = Sim("fault clear " + cards_ + " 0");
+    EXPECT_EQ(0, Sim("fault clear " + m_cards + " 0").status);
+    EXPECT_THAT(Sim("fault list " + m_cards).output, StartsWith("1 request=any"));
+    const Outcome unknown = Sim("fault clear " + m_cards + " 0");
     EXPECT_EQ(2, unknown.status);
     EXPECT_EQ("qvcap-sim: fault clear: there is no fault 0\n", unknown.output);
-    EXPECT_EQ(0, Sim("fault clear " + cards_).status);
-    EXPECT_EQ("", Sim("fault list " + cards_).output);
+    EXPECT_EQ(0, Sim("fault clear " + m_cards).status);
+    EXPECT_EQ("", Sim("fault list " + m_cards).output);
 }
 
 TEST_F(FolderCommandsTest, AWrongFaultIsRefusedAndChangesNothing) {
@@ -86,17 +88,17 @@ TEST_F(FolderCommandsTest, AWrongFaultIsRefusedAndChangesNothing) {
         {"request=open request=open kind=refuse", ""},
     };
     for (const auto& [words, said] : rows) {
-        const Outcome outcome = Sim("fault add " + cards_ + " " + words);
+        const Outcome outcome = Sim("fault add " + m_cards + " " + words);
         EXPECT_EQ(2, outcome.status) << words;
         EXPECT_THAT(outcome.output, StartsWith(std::string("qvcap-sim: fault add: ") + said));
     }
-    EXPECT_EQ(2, Sim("fault add " + home_ + " request=open kind=refuse").status);
+    EXPECT_EQ(2, Sim("fault add " + m_home + " request=open kind=refuse").status);
     EXPECT_EQ(before, Snapshot());
 }
 
 TEST_F(FolderCommandsTest, TheFlashComesOutAndGoesIn) {
-    const std::string dump = home_ + "/dump";
-    EXPECT_EQ(0, Sim("flash read " + cards_ + " 0:1 " + dump).status);
+    const std::string dump = m_home + "/dump";
+    EXPECT_EQ(0, Sim("flash read " + m_cards + " 0:1 " + dump).status);
     std::string bytes = ReadText(dump);
     ASSERT_EQ(16u << 20, bytes.size());
     EXPECT_EQ("QVFH", bytes.substr(0x100000, 4));
@@ -119,12 +121,12 @@ TEST_F(FolderCommandsTest, TheFlashComesOutAndGoesIn) {
     bytes.replace(0x200000, 100, std::string(100, 'x'));
     bytes.resize(0x280000);
     std::ofstream(dump, std::ios::binary) << bytes;
-    EXPECT_EQ(0, Sim("flash write " + cards_ + " 0:1 " + dump).status);
-    EXPECT_THAT(Sim("status " + cards_).output,
+    EXPECT_EQ(0, Sim("flash write " + m_cards + " 0:1 " + dump).status);
+    EXPECT_THAT(Sim("status " + m_cards).output,
                 HasSubstr("/dev/video1 channel 1: running 1.0, stored 7.3 code 1 complete"));
-    Sim("power-cycle " + cards_);
-    EXPECT_THAT(Sim("status " + cards_).output, HasSubstr("channel 1: running 7.3"));
-    EXPECT_EQ(0, Sim("flash read " + cards_ + " 0:1 " + dump + "2").status);
+    Sim("power-cycle " + m_cards);
+    EXPECT_THAT(Sim("status " + m_cards).output, HasSubstr("channel 1: running 7.3"));
+    EXPECT_EQ(0, Sim("flash read " + m_cards + " 0:1 " + dump + "2").status);
     EXPECT_TRUE(bytes + std::string((16 << 20) - bytes.size(), '\xFF') == ReadText(dump + "2"));
 }
 
@@ -136,25 +138,25 @@ TEST_F(FolderCommandsTest, AnIncompleteImageIsCalledSoAndDoesNotRun) {
     bytes[0x100000 + 10] = static_cast<char>(kHeaderFixedLength + kHeaderSectionLength);
     const char entry[kHeaderSectionLength] = "Factory.Main\0\0\0\0\0\0\x30\0\0\x10\0";
     bytes.replace(0x100000 + kHeaderFixedLength, sizeof entry, entry, sizeof entry);
-    std::ofstream(home_ + "/dump", std::ios::binary) << bytes;
-    EXPECT_EQ(0, Sim("flash write " + cards_ + " 0:0 " + home_ + "/dump").status);
-    Sim("power-cycle " + cards_);
-    EXPECT_THAT(Sim("status " + cards_).output,
+    std::ofstream(m_home + "/dump", std::ios::binary) << bytes;
+    EXPECT_EQ(0, Sim("flash write " + m_cards + " 0:0 " + m_home + "/dump").status);
+    Sim("power-cycle " + m_cards);
+    EXPECT_THAT(Sim("status " + m_cards).output,
                 HasSubstr("/dev/video0 channel 0: running 0.9, stored 7.0 code 1 incomplete"));
-    EXPECT_THAT(Sim("status --json " + cards_).output, HasSubstr("\"complete\":false"));
+    EXPECT_THAT(Sim("status --json " + m_cards).output, HasSubstr("\"complete\":false"));
 }
 
 TEST_F(FolderCommandsTest, APlaceOrFileThatIsNoneIsRefused) {
-    const std::string small = home_ + "/small";
+    const std::string small = m_home + "/small";
     std::ofstream(small) << "x";
     const std::string before = Snapshot();
     for (const char* const place : {"7", "0:2", "x", "0:", ":1", "-1", "0:1:2"})
-        EXPECT_EQ(2, Sim(std::string("flash write ") + cards_ + " " + place + " " + small).status)
+        EXPECT_EQ(2, Sim(std::string("flash write ") + m_cards + " " + place + " " + small).status)
             << place;
-    EXPECT_EQ(2, Sim("flash write " + cards_ + " 0 " + home_ + "/none").status);
-    EXPECT_EQ(2, Sim("flash read " + cards_ + " 0 " + home_ + "/no/such/folder").status);
+    EXPECT_EQ(2, Sim("flash write " + m_cards + " 0 " + m_home + "/none").status);
+    EXPECT_EQ(2, Sim("flash read " + m_cards + " 0 " + m_home + "/no/such/folder").status);
     const Outcome large =
-        Shell("truncate -s 17M " + small + "; qvcap-sim flash write " + cards_ + " 0 " + small);
+        Shell("truncate -s 17M " + small + "; qvcap-sim flash write " + m_cards + " 0 " + small);
     EXPECT_EQ(2, large.status);
     EXPECT_THAT(large.output, HasSubstr("is larger than the chip, which has 16777216 bytes"));
     EXPECT_EQ(before, Snapshot());
@@ -163,17 +165,17 @@ TEST_F(FolderCommandsTest, APlaceOrFileThatIsNoneIsRefused) {
 TEST_F(FolderCommandsTest, LookingChangesNothing) {
     Write("/dev/video0", "0x200000");
     const std::string before = Snapshot();
-    EXPECT_EQ(0, Sim("status " + cards_).status);
-    EXPECT_EQ(0, Sim("status --json " + cards_).status);
-    EXPECT_EQ(0, Sim("journal " + cards_).status);
-    EXPECT_EQ(0, Sim("fault list " + cards_).status);
-    EXPECT_EQ(0, Sim("flash read " + cards_ + " 1 " + home_ + "/dump").status);
+    EXPECT_EQ(0, Sim("status " + m_cards).status);
+    EXPECT_EQ(0, Sim("status --json " + m_cards).status);
+    EXPECT_EQ(0, Sim("journal " + m_cards).status);
+    EXPECT_EQ(0, Sim("fault list " + m_cards).status);
+    EXPECT_EQ(0, Sim("flash read " + m_cards + " 1 " + m_home + "/dump").status);
     EXPECT_EQ(before, Snapshot());
 }
 
 TEST_F(FolderCommandsTest, TheJournalIsOneObjectALine) {
     Write("/dev/video0", "0x200000");
-    std::istringstream lines(Sim("journal --json " + cards_).output);
+    std::istringstream lines(Sim("journal --json " + m_cards).output);
     std::vector<std::string> all;
     for (std::string line; std::getline(lines, line);) all.push_back(line);
     ASSERT_EQ(3u, all.size());
@@ -183,59 +185,59 @@ TEST_F(FolderCommandsTest, TheJournalIsOneObjectALine) {
                                      "\"crc\":\"0xc71c0011\".,\"result\":0."));
     // A close line comes for what the program left open.
     EXPECT_THAT(all[2], HasSubstr("\"action\":\"close\""));
-    Sim("fault add " + cards_ + " request=open kind=refuse value=EBUSY");
+    Sim("fault add " + m_cards + " request=open kind=refuse value=EBUSY");
     Write("/dev/video0", "0");
-    EXPECT_THAT(Sim("journal --json " + cards_).output,
+    EXPECT_THAT(Sim("journal --json " + m_cards).output,
                 HasSubstr("\"arguments\":{},\"result\":-1,\"error\":\"EBUSY\"}\n"));
 }
 
 TEST_F(FolderCommandsTest, TheJournalIsForgottenAndTheNumbersGoOn) {
     Write("/dev/video0", "0x200000");
-    EXPECT_EQ(0, Sim("journal --clear " + cards_).status);
-    EXPECT_EQ("", Sim("journal " + cards_).output);
+    EXPECT_EQ(0, Sim("journal --clear " + m_cards).status);
+    EXPECT_EQ("", Sim("journal " + m_cards).output);
     Write("/dev/video0", "0x200000");
-    EXPECT_THAT(Sim("journal " + cards_).output, StartsWith("4 "));
-    EXPECT_EQ(2, Sim("journal --clear --follow " + cards_).status);
+    EXPECT_THAT(Sim("journal " + m_cards).output, StartsWith("4 "));
+    EXPECT_EQ(2, Sim("journal --clear --follow " + m_cards).status);
 }
 
 TEST_F(FolderCommandsTest, TheJournalIsFollowed) {
     Write("/dev/video0", "0x200000");
     // Ends with the reader, who has seen a line that came after the start.
     const Outcome outcome =
-        Shell("{ timeout 60 qvcap-sim journal --follow " + cards_ + " & echo $! >" + home_ +
+        Shell("{ timeout 60 qvcap-sim journal --follow " + m_cards + " & echo $! >" + m_home +
               "/pid; } | { read a; read b; read c; "
               "qvcap-sim run " +
-              cards_ + " -- " SIM_PROBE " /dev/video0 0x200000; read d; echo \"$d\"; kill $(cat " +
-              home_ + "/pid); }");
+              m_cards + " -- " SIM_PROBE " /dev/video0 0x200000; read d; echo \"$d\"; kill $(cat " +
+              m_home + "/pid); }");
     EXPECT_THAT(outcome.output, MatchesRegex("4 [0-9]+ open /dev/video0 fd=3 = 0\n"));
 }
 
 TEST_F(FolderCommandsTest, AResetMakesTheCardsWhatTheyWere) {
     const auto cards = [&] {
-        return Sim("status --json " + cards_).output + Sim("fault list " + cards_).output +
-               Sim("journal " + cards_).output +
-               Shell("cat " + cards_ + "/flash*.bin | cksum").output;
+        return Sim("status --json " + m_cards).output + Sim("fault list " + m_cards).output +
+               Sim("journal " + m_cards).output +
+               Shell("cat " + m_cards + "/flash*.bin | cksum").output;
     };
     const std::string before = cards();
-    Sim("fault add " + cards_ + " request=EraseFirmwareData kind=power_loss");
+    Sim("fault add " + m_cards + " request=EraseFirmwareData kind=power_loss");
     Write("/dev/video0", "0x100000");
-    Sim("power-cycle " + cards_);
+    Sim("power-cycle " + m_cards);
     EXPECT_NE(before, cards());
-    EXPECT_EQ(0, Sim("reset " + cards_).status);
+    EXPECT_EQ(0, Sim("reset " + m_cards).status);
     EXPECT_EQ(before, cards());
-    EXPECT_EQ(2, Sim("reset " + home_).status);
+    EXPECT_EQ(2, Sim("reset " + m_home).status);
 }
 
 TEST_F(FolderCommandsTest, AFullDiskRefusesRequestsAndTearsNoLine) {
     // A file system of its own, in a namespace of its own.
     const std::string line =
-        "unshare -rm sh -c 'mount -t tmpfs -o size=12m none " + home_ + " && qvcap-sim init " +
-        cards_ + " && qvcap-sim journal --clear " + cards_ + " && dd if=/dev/zero of=" + home_ +
-        "/fill bs=4k 2>/dev/null; qvcap-sim run " + cards_ + " -- " SIM_PROBE " /dev/video0; rm " +
-        home_ + "/fill; qvcap-sim run " + cards_ +
-        " -- " SIM_PROBE " /dev/video0; qvcap-sim journal " + cards_ + "'";
+        "unshare -rm sh -c 'mount -t tmpfs -o size=12m none " + m_home + " && qvcap-sim init " +
+        m_cards + " && qvcap-sim journal --clear " + m_cards + " && dd if=/dev/zero of=" + m_home +
+        "/fill bs=4k 2>/dev/null; qvcap-sim run " + m_cards + " -- " SIM_PROBE " /dev/video0; rm " +
+        m_home + "/fill; qvcap-sim run " + m_cards +
+        " -- " SIM_PROBE " /dev/video0; qvcap-sim journal " + m_cards + "'";
     // A machine may forbid namespaces to its users; nothing else can fill a disk without harm.
-    if (Shell("unshare -rm mount -t tmpfs none " + home_).status != 0)
+    if (Shell("unshare -rm mount -t tmpfs none " + m_home).status != 0)
         GTEST_SKIP() << "this machine gives no file systems of its own to tests";
     const Outcome outcome = Shell(line);
     EXPECT_THAT(outcome.output, MatchesRegex("qvcap-sim: .*/cards/journal: No space left on "

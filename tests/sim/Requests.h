@@ -16,21 +16,21 @@ namespace qvsim {
 // A node that closes itself.
 class Node {
   public:
-    explicit Node(const char* path) : fd_(open(path, O_RDWR | O_NONBLOCK)) {}
+    explicit Node(const char* path) : m_fd(open(path, O_RDWR | O_NONBLOCK)) {}
     ~Node() { Close(); }
     Node(const Node&) = delete;
     Node& operator=(const Node&) = delete;
-    int Fd() const { return fd_; }
+    int Fd() const { return m_fd; }
     void Close() {
-        if (fd_ >= 0) close(fd_);
-        fd_ = -1;
+        if (m_fd >= 0) close(m_fd);
+        m_fd = -1;
     }
 
     template <class Row, class Record>
     int Do(const Row& row, Record&& record) const {
-        return ioctl(fd_, row.code, &record);
+        return ioctl(m_fd, row.code, &record);
     }
-    int Do(const qv::Action& row) const { return ioctl(fd_, row.code); }
+    int Do(const qv::Action& row) const { return ioctl(m_fd, row.code); }
 
     int Erase(uint32_t offset, uint32_t size) const {
         return Do(qv::kEraseFirmwareData, qv::FirmwareEraseRecord{offset, size});
@@ -67,7 +67,7 @@ class Node {
     }
 
   private:
-    int fd_;
+    int m_fd;
 };
 
 }  // namespace qvsim

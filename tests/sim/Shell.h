@@ -38,9 +38,9 @@ inline Outcome Shell(const std::string& line) {
 
 class CommandsTest : public testing::Test {
   protected:
-    const qvtest::TempFolder temporary_{"qvsim-commands"};
-    const std::string home_ = temporary_.Path();
-    const std::string cards_ = home_ + "/cards";
+    const qvtest::TempFolder m_temporary{"qvsim-commands"};
+    const std::string m_home = m_temporary.Path();
+    const std::string m_cards = m_home + "/cards";
 };
 
 }  // namespace qvsim

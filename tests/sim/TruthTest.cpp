@@ -55,92 +55,92 @@ class TruthTest : public testing::Test {
   protected:
     std::shared_ptr<Model> Load() {
         std::string error;
-        std::shared_ptr<Model> model = Model::Load(rig_.Dir(), error);
+        std::shared_ptr<Model> model = Model::Load(m_rig.Dir(), error);
         EXPECT_EQ("", error);
         return model;
     }
-    SimRig rig_;
+    SimRig m_rig;
 };
 
 TEST_F(TruthTest, AFaultThatStrikesOnceStrikesOneProcess) {
-    rig_.Add(Pelix());
-    rig_.AddFault({.request = "EraseFirmwareData", .nth = 2, .effect = PowerLoss()});
-    EXPECT_EQ(0, InAnother(rig_.Dir(), ErrorOfErase));
-    EXPECT_EQ(EIO, InAnother(rig_.Dir(), ErrorOfErase));
-    EXPECT_EQ(EIO, InAnother(rig_.Dir(), ErrorOfErase)) << "the board is dead";
-    rig_.PowerCycle();
-    EXPECT_EQ(0, InAnother(rig_.Dir(), ErrorOfErase)) << "and not cut again";
-    EXPECT_THAT(rig_.MetFaults(), SizeIs(1));
+    m_rig.Add(Pelix());
+    m_rig.AddFault({.request = "EraseFirmwareData", .nth = 2, .effect = PowerLoss()});
+    EXPECT_EQ(0, InAnother(m_rig.Dir(), ErrorOfErase));
+    EXPECT_EQ(EIO, InAnother(m_rig.Dir(), ErrorOfErase));
+    EXPECT_EQ(EIO, InAnother(m_rig.Dir(), ErrorOfErase)) << "the board is dead";
+    m_rig.PowerCycle();
+    EXPECT_EQ(0, InAnother(m_rig.Dir(), ErrorOfErase)) << "and not cut again";
+    EXPECT_THAT(m_rig.MetFaults(), SizeIs(1));
 }
 
 TEST_F(TruthTest, AFaultCanBeCountedInEachProcess) {
-    rig_.Add(Pelix());
-    rig_.AddFault({.request = "EraseFirmwareData", .effect = Refuse(EBUSY), .perProcess = true});
-    EXPECT_EQ(EBUSY, InAnother(rig_.Dir(), ErrorOfErase));
-    EXPECT_EQ(EBUSY, InAnother(rig_.Dir(), ErrorOfErase));
+    m_rig.Add(Pelix());
+    m_rig.AddFault({.request = "EraseFirmwareData", .effect = Refuse(EBUSY), .perProcess = true});
+    EXPECT_EQ(EBUSY, InAnother(m_rig.Dir(), ErrorOfErase));
+    EXPECT_EQ(EBUSY, InAnother(m_rig.Dir(), ErrorOfErase));
 }
 
 TEST_F(TruthTest, AFaultThatIsAddedStrikesProgramsThatRunAlready) {
-    rig_.Add(Pelix());
-    rig_.Attach();
+    m_rig.Add(Pelix());
+    m_rig.Attach();
     const Node card("/dev/video0");
     EXPECT_EQ(0, card.Erase(kMain, 4096));
     CardsState state;
-    ASSERT_EQ("", LoadState(rig_.Dir(), state));
+    ASSERT_EQ("", LoadState(m_rig.Dir(), state));
     state.faults.push_back({.request = "EraseFirmwareData", .effect = Refuse(EPERM)});
-    ASSERT_EQ("", SaveState(rig_.Dir(), state));
+    ASSERT_EQ("", SaveState(m_rig.Dir(), state));
     EXPECT_EQ(-1, card.Erase(kMain, 4096));
     EXPECT_EQ(EPERM, errno);
     EXPECT_EQ(0, card.Erase(kMain, 4096));
 }
 
 TEST_F(TruthTest, OneProcessDoesNotTakeBackWhatAnotherWrote) {
-    rig_.Add(Pelix().Golden(0, 1));
+    m_rig.Add(Pelix().Golden(0, 1));
     const std::shared_ptr<Model> early = Load();  // has looked at the flash before the upgrade
-    EXPECT_EQ(0, InAnother(rig_.Dir(), [] {
+    EXPECT_EQ(0, InAnother(m_rig.Dir(), [] {
                   const Node card("/dev/video0");
                   card.Erase(kMain, 4096);
                   return card.Write(kMain, MakeHeader(Version(3, 4), 1, 0x0101, 'A'));
               }));
     const uint8_t bytes[50] = {};
     ASSERT_TRUE(early->Flash(0, 0)->Program(0x200000, bytes, sizeof bytes));
-    rig_.PowerCycle();
-    EXPECT_EQ(Version(3, 4), rig_.RunningVersion(0, 0));
+    m_rig.PowerCycle();
+    EXPECT_EQ(Version(3, 4), m_rig.RunningVersion(0, 0));
 }
 
 TEST_F(TruthTest, ADeadBoardIsDeadForAllAndNobodyRevivesIt) {
-    rig_.Add(Pelix().Channels(2)).Add(Pelix());
-    rig_.AddFault({.request = "EraseFirmwareData", .board = 0, .effect = PowerLoss()});
-    rig_.AddFault({.request = "EraseFirmwareData", .board = 1, .effect = PowerLoss()});
-    rig_.Attach();
+    m_rig.Add(Pelix().Channels(2)).Add(Pelix());
+    m_rig.AddFault({.request = "EraseFirmwareData", .board = 0, .effect = PowerLoss()});
+    m_rig.AddFault({.request = "EraseFirmwareData", .board = 1, .effect = PowerLoss()});
+    m_rig.Attach();
     const Node card("/dev/video1");
     const Node other("/dev/video2");
-    EXPECT_EQ(EIO, InAnother(rig_.Dir(), ErrorOfErase));
+    EXPECT_EQ(EIO, InAnother(m_rig.Dir(), ErrorOfErase));
     EXPECT_EQ(0u, card.RunningVersion());
     // Losing another board writes down what this process knows.
     EXPECT_EQ(-1, other.Erase(kMain, 4096));
     CardsState state;
-    ASSERT_EQ("", LoadState(rig_.Dir(), state));
+    ASSERT_EQ("", LoadState(m_rig.Dir(), state));
     EXPECT_TRUE(state.boards[0].powerLost);
     EXPECT_TRUE(state.boards[1].powerLost);
-    rig_.PowerCycle();
+    m_rig.PowerCycle();
     EXPECT_EQ(Version(1, 0), card.RunningVersion());
 }
 
 TEST_F(TruthTest, AVanishedNodeHasVanishedForAllUntilThePowerCycle) {
-    rig_.Add(Pelix());
-    rig_.AddFault({.request = "GetTemperature", .effect = NodeGone()});
-    rig_.Attach();
+    m_rig.Add(Pelix());
+    m_rig.AddFault({.request = "GetTemperature", .effect = NodeGone()});
+    m_rig.Attach();
     const auto temperature = [] {
         const Node card("/dev/video0");
         uint32_t value = 0;
         return card.Do(qv::kGetTemperature, value) == 0 ? 0 : errno;
     };
-    EXPECT_EQ(ENODEV, InAnother(rig_.Dir(), temperature));
+    EXPECT_EQ(ENODEV, InAnother(m_rig.Dir(), temperature));
     EXPECT_EQ(-1, access("/dev/video0", F_OK));
-    EXPECT_THAT(rig_.Cards().NodeNames(), ElementsAre("qv-event"));
-    rig_.PowerCycle();
-    EXPECT_EQ(0, InAnother(rig_.Dir(), temperature));
+    EXPECT_THAT(m_rig.Cards().NodeNames(), ElementsAre("qv-event"));
+    m_rig.PowerCycle();
+    EXPECT_EQ(0, InAnother(m_rig.Dir(), temperature));
     EXPECT_EQ(0, access("/dev/video0", F_OK));
 }
 
@@ -150,8 +150,8 @@ int SetBrightness(int32_t value) {
 }
 
 TEST_F(TruthTest, WhatAProcessSetIsKeptHoweverItEnds) {
-    rig_.Add(Pelix());
-    const pid_t child = Start(rig_.Dir(), [] {
+    m_rig.Add(Pelix());
+    const pid_t child = Start(m_rig.Dir(), [] {
         const Node card("/dev/video0");
         int32_t value = 12;
         card.Do(qv::kSetVideoBrightness, value);
@@ -163,7 +163,7 @@ TEST_F(TruthTest, WhatAProcessSetIsKeptHoweverItEnds) {
     int status = 0;
     ASSERT_EQ(child, waitpid(child, &status, 0));
     ASSERT_TRUE(WIFSIGNALED(status));
-    rig_.Attach();
+    m_rig.Attach();
     const Node card("/dev/video0");
     int32_t value = 0;
     EXPECT_EQ(0, card.Do(qv::kGetVideoBrightness, value));
@@ -171,7 +171,7 @@ TEST_F(TruthTest, WhatAProcessSetIsKeptHoweverItEnds) {
     EXPECT_EQ(0, card.Do(qv::kGetVideoContrast, value));
     EXPECT_EQ(34, value);
     // And what another sets meanwhile is seen at once.
-    EXPECT_EQ(0, InAnother(rig_.Dir(), [] { return SetBrightness(56); }));
+    EXPECT_EQ(0, InAnother(m_rig.Dir(), [] { return SetBrightness(56); }));
     EXPECT_EQ(0, card.Do(qv::kGetVideoBrightness, value));
     EXPECT_EQ(56, value);
     EXPECT_EQ(0, card.Do(qv::kGetVideoContrast, value));
@@ -179,14 +179,14 @@ TEST_F(TruthTest, WhatAProcessSetIsKeptHoweverItEnds) {
 }
 
 TEST_F(TruthTest, APresetHoldsWhatOtherProcessesSet) {
-    rig_.Add(Pelix());
-    rig_.Attach();
+    m_rig.Add(Pelix());
+    m_rig.Attach();
     const Node card("/dev/video0");
     int32_t value = 1;
     EXPECT_EQ(0, card.Do(qv::kSetVideoContrast, value));
-    EXPECT_EQ(0, InAnother(rig_.Dir(), [] { return SetBrightness(2); }));
+    EXPECT_EQ(0, InAnother(m_rig.Dir(), [] { return SetBrightness(2); }));
     EXPECT_EQ(0, card.Do(qv::kSaveSettingsAsPreset));
-    rig_.PowerCycle();
+    m_rig.PowerCycle();
     EXPECT_EQ(0, card.Do(qv::kReloadPreset));
     EXPECT_EQ(0, card.Do(qv::kGetVideoBrightness, value));
     EXPECT_EQ(2, value);
@@ -195,8 +195,8 @@ TEST_F(TruthTest, APresetHoldsWhatOtherProcessesSet) {
 }
 
 TEST_F(TruthTest, SettingsThatChangeOftenStayInASmallFile) {
-    rig_.Add(Pelix());
-    rig_.Attach();
+    m_rig.Add(Pelix());
+    m_rig.Attach();
     const Node card("/dev/video0");
     std::vector<uint8_t> edid(4096, 0x11);
     for (int i = 0; i < 200; ++i) {
@@ -206,9 +206,9 @@ TEST_F(TruthTest, SettingsThatChangeOftenStayInASmallFile) {
         record.count = static_cast<uint32_t>(edid.size());
         ASSERT_EQ(0, card.Do(qv::kSetEDID, record));
     }
-    EXPECT_LT(std::filesystem::file_size(rig_.Dir() + "/settings-b0-c0"), 300u << 10);
-    rig_.Detach();
-    rig_.Attach();
+    EXPECT_LT(std::filesystem::file_size(m_rig.Dir() + "/settings-b0-c0"), 300u << 10);
+    m_rig.Detach();
+    m_rig.Attach();
     const Node again("/dev/video0");
     std::vector<uint8_t> read(4096);
     qv::CountedArrayRecord record{};
@@ -219,20 +219,20 @@ TEST_F(TruthTest, SettingsThatChangeOftenStayInASmallFile) {
 }
 
 TEST_F(TruthTest, TheDeviceClockGoesOnFromProcessToProcess) {
-    rig_.Add(Pelix());
+    m_rig.Add(Pelix());
     constexpr int64_t kFar = int64_t{1} << 60;
-    EXPECT_EQ(0, InAnother(rig_.Dir(), [] {
+    EXPECT_EQ(0, InAnother(m_rig.Dir(), [] {
                   const Node card("/dev/video0");
                   int64_t time = kFar;
                   return card.Do(qv::kSetDeviceTime, time);
               }));
-    rig_.Attach();
+    m_rig.Attach();
     const Node card("/dev/video0");
     int64_t time = 0;
     ASSERT_EQ(0, card.Do(qv::kGetDeviceTime, time));
     EXPECT_GE(time, kFar);
     EXPECT_LT(time, kFar + 600 * kClockUnitsPerSecond);
-    rig_.PowerCycle();
+    m_rig.PowerCycle();
     ASSERT_EQ(0, card.Do(qv::kGetDeviceTime, time));
     EXPECT_LT(time, kFar / 2);
 }
@@ -265,12 +265,12 @@ int Work(int number) {
 }
 
 TEST_F(TruthTest, EightProcessesAtOnceLoseNothingOfEachOther) {
-    rig_.Add(Lumo().Channels(kProcesses));
-    rig_.AddFault(
+    m_rig.Add(Lumo().Channels(kProcesses));
+    m_rig.AddFault(
         {.request = "GetTemperature", .nth = 7, .count = kRefusals, .effect = Refuse(EAGAIN)});
     std::vector<pid_t> children;
     for (int i = 0; i < kProcesses; ++i)
-        children.push_back(Start(rig_.Dir(), [i] { return Work(i); }));
+        children.push_back(Start(m_rig.Dir(), [i] { return Work(i); }));
     int refused = 0;
     for (const pid_t child : children) {
         const int status = StatusOf(child);
@@ -278,15 +278,15 @@ TEST_F(TruthTest, EightProcessesAtOnceLoseNothingOfEachOther) {
         refused += status;
     }
     EXPECT_EQ(kRefusals, refused);
-    EXPECT_THAT(rig_.MetFaults(), SizeIs(kRefusals));
+    EXPECT_THAT(m_rig.MetFaults(), SizeIs(kRefusals));
 
-    rig_.Attach();
-    const NorFlash& flash = *rig_.Cards().Flash(0, 0);
+    m_rig.Attach();
+    const NorFlash& flash = *m_rig.Cards().Flash(0, 0);
     for (int i = 0; i < kProcesses; ++i) {
         const uint32_t offset = kMain + 0x10000 + static_cast<uint32_t>(i) * kRegion;
         const auto value = static_cast<uint8_t>(16 * i + kRounds % 16);
         EXPECT_EQ(std::vector<uint8_t>(kRegion - 10, value),
-                  rig_.Flash(0, 0, offset + 5, kRegion - 10));
+                  m_rig.Flash(0, 0, offset + 5, kRegion - 10));
         EXPECT_TRUE(flash.Programmed(offset + 5, kRegion - 10));
         EXPECT_FALSE(flash.Programmed(offset + 4, 1));
         const Node card(("/dev/video" + std::to_string(i)).c_str());
@@ -297,19 +297,19 @@ TEST_F(TruthTest, EightProcessesAtOnceLoseNothingOfEachOther) {
     // Every request has its line, with a number of its own.
     std::set<uint64_t> numbers;
     size_t requests = 0;
-    for (const JournalLine& line : rig_.JournalLines()) {
+    for (const JournalLine& line : m_rig.JournalLines()) {
         numbers.insert(line.sequence);
         requests += line.pid != getpid() && line.action == "ioctl" ? 1 : 0;
     }
     EXPECT_EQ(size_t{kProcesses} * kRounds * 6, requests);
-    EXPECT_EQ(numbers.size(), rig_.JournalLines().size());
+    EXPECT_EQ(numbers.size(), m_rig.JournalLines().size());
 }
 
 TEST_F(TruthTest, EightProcessesThatSetOneChannelLeaveOneOrder) {
-    rig_.Add(Pelix());
+    m_rig.Add(Pelix());
     std::vector<pid_t> children;
     for (int i = 0; i < kProcesses; ++i) {
-        children.push_back(Start(rig_.Dir(), [i] {
+        children.push_back(Start(m_rig.Dir(), [i] {
             const Node card("/dev/video0");
             for (int round = 0; round < kRounds; ++round) {
                 int32_t value = i * 1000 + round;
@@ -322,7 +322,7 @@ TEST_F(TruthTest, EightProcessesThatSetOneChannelLeaveOneOrder) {
     for (const pid_t child : children) EXPECT_EQ(0, StatusOf(child));
     const std::shared_ptr<Model> one = Load();
     const std::shared_ptr<Model> another = Load();
-    rig_.Attach();
+    m_rig.Attach();
     const Node card("/dev/video0");
     int32_t value = 0;
     EXPECT_EQ(0, card.Do(qv::kGetVideoContrast, value));
@@ -392,11 +392,11 @@ INSTANTIATE_TEST_SUITE_P(
     [](const auto& tested) { return std::string(tested.param.name); });
 
 TEST_F(TruthTest, FilesBesideTheStateAreCheckedToo) {
-    rig_.Add(Pelix());
-    rig_.Attach();
+    m_rig.Add(Pelix());
+    m_rig.Attach();
     SetBrightness(3);
-    rig_.Detach();
-    const std::string dir = rig_.Dir();
+    m_rig.Detach();
+    const std::string dir = m_rig.Dir();
     const auto refused = [&](const std::string& file, const std::string& text) {
         const std::string before = ReadText(dir + "/" + file);
         std::ofstream(dir + "/" + file) << text;
@@ -422,25 +422,25 @@ TEST_F(TruthTest, FilesBesideTheStateAreCheckedToo) {
 }
 
 TEST_F(TruthTest, AFileThatWasLeftHalfWrittenEndsWhereItsLinesEnd) {
-    rig_.Add(Pelix());
-    rig_.Attach();
+    m_rig.Add(Pelix());
+    m_rig.Attach();
     SetBrightness(3);
-    std::ofstream(JournalPath(rig_.Dir()), std::ios::app) << "77 1 open /dev/vid";
+    std::ofstream(JournalPath(m_rig.Dir()), std::ios::app) << "77 1 open /dev/vid";
     std::string error;
-    EXPECT_THAT(ReadJournal(rig_.Dir(), &error), SizeIs(3));
+    EXPECT_THAT(ReadJournal(m_rig.Dir(), &error), SizeIs(3));
     EXPECT_EQ("", error);
-    std::ofstream(JournalPath(rig_.Dir()), std::ios::app) << "\n";
-    ReadJournal(rig_.Dir(), &error);
-    EXPECT_THAT(error, StartsWith(JournalPath(rig_.Dir()) + ":5: not a line of a journal: 77 "));
+    std::ofstream(JournalPath(m_rig.Dir()), std::ios::app) << "\n";
+    ReadJournal(m_rig.Dir(), &error);
+    EXPECT_THAT(error, StartsWith(JournalPath(m_rig.Dir()) + ":5: not a line of a journal: 77 "));
 }
 
 TEST_F(TruthTest, AJournalWithALimitForgetsItsOldestLines) {
-    rig_.JournalLimit(64 << 10).Add(Pelix());
-    rig_.Attach();
+    m_rig.JournalLimit(64 << 10).Add(Pelix());
+    m_rig.Attach();
     const Node card("/dev/video0");
     uint32_t value = 0;
     for (int i = 0; i < 4000; ++i) ASSERT_EQ(0, card.Do(qv::kGetTemperature, value));
-    const std::vector<JournalLine> lines = rig_.JournalLines();
+    const std::vector<JournalLine> lines = m_rig.JournalLines();
     ASSERT_THAT(lines, testing::Not(IsEmpty()));
     EXPECT_EQ(4001u, lines.back().sequence);
     EXPECT_GT(lines.front().sequence, 2000u);
@@ -448,7 +448,7 @@ TEST_F(TruthTest, AJournalWithALimitForgetsItsOldestLines) {
         ASSERT_EQ(lines[i - 1].sequence + 1, lines[i].sequence);
     uintmax_t bytes = 0;
     for (const char* file : {"/journal", "/journal.old"})
-        bytes += std::filesystem::file_size(rig_.Dir() + file);
+        bytes += std::filesystem::file_size(m_rig.Dir() + file);
     EXPECT_LE(bytes, (64u + 32u) << 10);
 }
 

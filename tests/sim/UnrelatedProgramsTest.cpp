@@ -16,7 +16,7 @@ class UnrelatedProgramsTest : public CommandsTest {
   protected:
     void SetUp() override {
         CommandsTest::SetUp();
-        ASSERT_EQ(0, Shell("qvcap-sim init " + cards_).status);
+        ASSERT_EQ(0, Shell("qvcap-sim init " + m_cards).status);
     }
     // Why a program cannot be tried here, empty when it can. Each of them is tried in the native
     // configuration, for which scripts/test installs it.
@@ -33,10 +33,10 @@ class UnrelatedProgramsTest : public CommandsTest {
         return {};
     }
     Outcome Run(const std::string& command) {
-        return Shell("qvcap-sim run " + cards_ + " -- " + command);
+        return Shell("qvcap-sim run " + m_cards + " -- " + command);
     }
     std::string JournalOf() {
-        return Shell("qvcap-sim journal " + cards_ + " | cut -d' ' -f3-").output;
+        return Shell("qvcap-sim journal " + m_cards + " | cut -d' ' -f3-").output;
     }
 };
 
@@ -62,7 +62,7 @@ TEST_F(UnrelatedProgramsTest, Find) {
 
 TEST_F(UnrelatedProgramsTest, Tar) {
     QVSIM_NEEDS("tar");
-    const std::string file = home_ + "/nodes.tar";
+    const std::string file = m_home + "/nodes.tar";
     EXPECT_EQ(0, Run("tar cf " + file + " -C /dev video0 qv-event").status);
     EXPECT_EQ("c video0\nc qv-event\n",
               Shell("tar tvf " + file + " | awk '{ print substr($1, 1, 1), $NF }'").output);
@@ -70,7 +70,7 @@ TEST_F(UnrelatedProgramsTest, Tar) {
 
 TEST_F(UnrelatedProgramsTest, Python) {
     QVSIM_NEEDS("python3");
-    std::ofstream(home_ + "/look.py") << R"py(
+    std::ofstream(m_home + "/look.py") << R"py(
 import fcntl, os, stat, subprocess, sys
 print(stat.S_ISCHR(os.stat("/dev/video0").st_mode), "video0" in os.listdir("/dev"))
 fd = os.open("/dev/video0", os.O_RDWR)
@@ -92,14 +92,14 @@ with open("/dev/video1", "rb", buffering=0) as node:
     print(node.fileno())
 )py";
     EXPECT_EQ("True True\nTrue\nPelix Duo HDMI\nInappropriate ioctl for device\nchild\n3\n",
-              Run("python3 " + home_ + "/look.py").output);
+              Run("python3 " + m_home + "/look.py").output);
 }
 
 TEST_F(UnrelatedProgramsTest, Strace) {
     QVSIM_NEEDS("strace");
     EXPECT_EQ("3 Pelix Duo HDMI 65536\n",
-              Run("strace -f -o " + home_ + "/trace " SIM_PROBE " /dev/video0").output);
-    EXPECT_THAT(Shell("tail -n 1 " + home_ + "/trace").output, HasSubstr("exited with 0"));
+              Run("strace -f -o " + m_home + "/trace " SIM_PROBE " /dev/video0").output);
+    EXPECT_THAT(Shell("tail -n 1 " + m_home + "/trace").output, HasSubstr("exited with 0"));
 }
 
 TEST_F(UnrelatedProgramsTest, Gdb) {
@@ -117,21 +117,21 @@ TEST_F(UnrelatedProgramsTest, Valgrind) {
 
 // The parent ends at once; the daemon has closed all that it can think of before it asks.
 TEST_F(UnrelatedProgramsTest, ADaemonThatForksAndClosesEverything) {
-    const std::string said = home_ + "/said";
+    const std::string said = m_home + "/said";
     EXPECT_EQ(0, Run(DOOR_PROBE " daemon " + said).status);
     // It has this test's output until it has ended.
     EXPECT_EQ("ok\n", Shell("cat " + said).output);
     const std::string journal = JournalOf();
     EXPECT_THAT(journal, EndsWith("close /dev/video0 fd=3 = 0\n"));
     // Who of the two let go of the first one last is open.
-    EXPECT_EQ("2\n", Shell("qvcap-sim journal " + cards_ + " | grep -c ' open '").output)
+    EXPECT_EQ("2\n", Shell("qvcap-sim journal " + m_cards + " | grep -c ' open '").output)
         << journal;
-    EXPECT_EQ("2\n", Shell("qvcap-sim journal " + cards_ + " | grep -c ' close '").output)
+    EXPECT_EQ("2\n", Shell("qvcap-sim journal " + m_cards + " | grep -c ' close '").output)
         << journal;
 }
 
 TEST_F(UnrelatedProgramsTest, SpacesAndColonsInTheNamesOfFolders) {
-    const std::string odd = home_ + "/a b:c";
+    const std::string odd = m_home + "/a b:c";
     std::filesystem::create_directory(odd);
     EXPECT_EQ(0, Shell("qvcap-sim init '" + odd + "/cards'").status);
     EXPECT_EQ("3 Pelix Duo HDMI 65536\n",
@@ -145,7 +145,7 @@ TEST_F(UnrelatedProgramsTest, SpacesAndColonsInTheNamesOfFolders) {
     std::filesystem::copy(QVCAP_SIM, odd + "/qvcap-sim");
     const std::string run = "'" + odd + "/qvcap-sim' run ";
     EXPECT_EQ("3 Pelix Duo HDMI 65536\n",
-              Shell(run + cards_ + " -- " SIM_PROBE " /dev/video0").output);
+              Shell(run + m_cards + " -- " SIM_PROBE " /dev/video0").output);
     const Outcome refused = Shell(run + "'" + odd + "/cards' -- " SIM_PROBE " /dev/video0");
     EXPECT_EQ(2, refused.status);
     EXPECT_THAT(refused.output, HasSubstr("have a space or a colon in their names"));

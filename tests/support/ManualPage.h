@@ -15,18 +15,18 @@ class ManualPage {
   public:
     explicit ManualPage(const std::string& path) {
         std::ifstream file(path);
-        text_.assign(std::istreambuf_iterator<char>(file), {});
-        EXPECT_NE("", text_) << path;
+        m_text.assign(std::istreambuf_iterator<char>(file), {});
+        EXPECT_NE("", m_text) << path;
     }
 
     // What stands under a heading.
     std::string Chapter(const std::string& heading) const {
         const std::string mark = "\n# " + heading + "\n";
-        const size_t at = text_.find(mark);
-        EXPECT_NE(text_.npos, at) << "no chapter " << heading;
-        if (at == text_.npos) return "";
+        const size_t at = m_text.find(mark);
+        EXPECT_NE(m_text.npos, at) << "no chapter " << heading;
+        if (at == m_text.npos) return "";
         const size_t begin = at + mark.size();
-        return text_.substr(begin, text_.find("\n# ", begin) - begin);
+        return m_text.substr(begin, m_text.find("\n# ", begin) - begin);
     }
 
     // The rows of its n-th table, from 0: the cells of each, without marks of bold and slanted.
@@ -78,7 +78,7 @@ class ManualPage {
         return plain;
     }
 
-    std::string text_;
+    std::string m_text;
 };
 
 }  // namespace qvtest

@@ -32,66 +32,66 @@ inline Bytes Payload(size_t size, uint32_t seed) {
 class PackageBuilder {
   public:
     PackageBuilder& Firmware(int major, int minor) {
-        version_ = static_cast<uint32_t>(major) << 16 | static_cast<uint32_t>(minor);
+        m_version = static_cast<uint32_t>(major) << 16 | static_cast<uint32_t>(minor);
         return *this;
     }
     PackageBuilder& ProductCode(uint16_t code) {
-        productCode_ = code;
+        m_productCode = code;
         return *this;
     }
     PackageBuilder& Hardware(char version) {
-        hardware_ = version;
+        m_hardware = version;
         return *this;
     }
     PackageBuilder& Compatibility(uint16_t code) {
-        compatibility_ = code;
+        m_compatibility = code;
         return *this;
     }
     // With a payload of its own.
     PackageBuilder& Section(const std::string& name, uint32_t address, uint32_t size) {
-        return Section(name, address, Payload(size, static_cast<uint32_t>(sections_.size()) + 1));
+        return Section(name, address, Payload(size, static_cast<uint32_t>(m_sections.size()) + 1));
     }
     PackageBuilder& Section(const std::string& name, uint32_t address, const Bytes& data) {
-        sections_.push_back({name, address, static_cast<uint32_t>(data.size()), data});
+        m_sections.push_back({name, address, static_cast<uint32_t>(data.size()), data});
         return *this;
     }
 
     // --- packages that are wrong -------------------------------------------------------------
     PackageBuilder& Magic(const std::string& magic) {
-        magic_ = magic;
+        m_magic = magic;
         return *this;
     }
     PackageBuilder& HeaderLength(uint16_t length) {
-        headerLength_ = length;
+        m_headerLength = length;
         return *this;
     }
     PackageBuilder& SectionCount(uint8_t count) {
-        sectionCount_ = count;
+        m_sectionCount = count;
         return *this;
     }
     // What the table says of the last section, whatever its data is.
     PackageBuilder& ClaimSize(uint32_t size) {
-        sections_.back().size = size;
+        m_sections.back().size = size;
         return *this;
     }
 
-    uint32_t Length() const { return 157 + 28 * static_cast<uint32_t>(sections_.size()); }
-    const Bytes& Data(size_t section) const { return sections_.at(section).data; }
+    uint32_t Length() const { return 157 + 28 * static_cast<uint32_t>(m_sections.size()); }
+    const Bytes& Data(size_t section) const { return m_sections.at(section).data; }
 
     // Fixed part and section table: what is written to flash too.
     Bytes Header() const {
         Bytes out;
-        for (const char c : magic_) out.push_back(static_cast<uint8_t>(c));
+        for (const char c : m_magic) out.push_back(static_cast<uint8_t>(c));
         Pattern(out, 4, 0xA0);
-        Put16(out, compatibility_);
-        Put16(out, headerLength_.value_or(static_cast<uint16_t>(Length())));
-        Put16(out, productCode_);
-        out.push_back(static_cast<uint8_t>(hardware_));
+        Put16(out, m_compatibility);
+        Put16(out, m_headerLength.value_or(static_cast<uint16_t>(Length())));
+        Put16(out, m_productCode);
+        out.push_back(static_cast<uint8_t>(m_hardware));
         Pattern(out, 1, 0xB0);
-        Put32(out, version_);
+        Put32(out, m_version);
         Pattern(out, 136, 0x10);
-        out.push_back(sectionCount_.value_or(static_cast<uint8_t>(sections_.size())));
-        for (const SectionPlan& section : sections_) {
+        out.push_back(m_sectionCount.value_or(static_cast<uint8_t>(m_sections.size())));
+        for (const SectionPlan& section : m_sections) {
             for (size_t i = 0; i < 16; ++i)
                 out.push_back(i < section.name.size() ? static_cast<uint8_t>(section.name[i]) : 0);
             Put32(out, section.address);
@@ -103,7 +103,7 @@ class PackageBuilder {
 
     Bytes File() const {
         Bytes out = Header();
-        for (const SectionPlan& section : sections_)
+        for (const SectionPlan& section : m_sections)
             out.insert(out.end(), section.data.begin(), section.data.end());
         return out;
     }
@@ -137,14 +137,14 @@ class PackageBuilder {
         for (size_t i = 0; i < count; ++i) out.push_back(static_cast<uint8_t>(first + i));
     }
 
-    std::string magic_ = "QVFH";
-    uint16_t compatibility_ = 1;
-    std::optional<uint16_t> headerLength_;
-    uint16_t productCode_ = 0x0101;  // the simulated cards' own
-    char hardware_ = 'A';
-    uint32_t version_ = 0x00010001;
-    std::optional<uint8_t> sectionCount_;
-    std::vector<SectionPlan> sections_;
+    std::string m_magic = "QVFH";
+    uint16_t m_compatibility = 1;
+    std::optional<uint16_t> m_headerLength;
+    uint16_t m_productCode = 0x0101;  // the simulated cards' own
+    char m_hardware = 'A';
+    uint32_t m_version = 0x00010001;
+    std::optional<uint8_t> m_sectionCount;
+    std::vector<SectionPlan> m_sections;
 };
 
 inline PackageBuilder Package() { return {}; }

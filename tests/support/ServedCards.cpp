@@ -39,34 +39,34 @@ std::string ProgramFile(const std::string& built) {
 
 ServingThread::ServingThread(const std::shared_ptr<Model>& model) {
     if (model->NodeNames().empty()) return;
-    server_ = std::make_unique<CuseServer>(model, KernelWays());
-    stop_ = eventfd(0, EFD_CLOEXEC);
-    Require(stop_ >= 0, std::strerror(errno));
-    const std::string error = server_->Start(stop_);
+    m_server = std::make_unique<CuseServer>(model, KernelWays());
+    m_stop = eventfd(0, EFD_CLOEXEC);
+    Require(m_stop >= 0, std::strerror(errno));
+    const std::string error = m_server->Start(m_stop);
     Require(error.empty(), error);
-    thread_ = QuietThread([this] { outcome_ = server_->Run(); });
+    m_thread = QuietThread([this] { m_outcome = m_server->Run(); });
 }
 
 ServingThread::~ServingThread() {
-    if (!server_) return;
+    if (!m_server) return;
     const uint64_t one = 1;
-    Require(write(stop_, &one, sizeof one) == sizeof one, std::strerror(errno));
-    thread_.join();
-    EXPECT_EQ("", outcome_);
-    close(stop_);
+    Require(write(m_stop, &one, sizeof one) == sizeof one, std::strerror(errno));
+    m_thread.join();
+    EXPECT_EQ("", m_outcome);
+    close(m_stop);
 }
 
 void ServingThread::Settle() {
-    if (server_) server_->Settle();
+    if (m_server) m_server->Settle();
 }
 
 ServingProcess::ServingProcess(const std::string& dir) {
     int out[2];
     Require(pipe2(out, O_CLOEXEC) == 0, std::strerror(errno));
     const std::string program = ProgramFile(QV_SIM_FILE);
-    pid_ = fork();
-    Require(pid_ >= 0, std::strerror(errno));
-    if (pid_ == 0) {
+    m_pid = fork();
+    Require(m_pid >= 0, std::strerror(errno));
+    if (m_pid == 0) {
         dup2(out[1], 1);
         dup2(out[1], 2);
         execl(program.c_str(), "qvcap-sim", "serve", dir.c_str(), nullptr);
@@ -84,18 +84,18 @@ ServingProcess::ServingProcess(const std::string& dir) {
 }
 
 ServingProcess::~ServingProcess() {
-    if (pid_ < 0) return;
+    if (m_pid < 0) return;
     int status = 0;
-    kill(pid_, SIGTERM);
-    Require(waitpid(pid_, &status, 0) == pid_, std::strerror(errno));
+    kill(m_pid, SIGTERM);
+    Require(waitpid(m_pid, &status, 0) == m_pid, std::strerror(errno));
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
         << "the server ended with status " << status;
 }
 
 void ServingProcess::Kill() {
-    kill(pid_, SIGKILL);
-    Require(waitpid(pid_, nullptr, 0) == pid_, std::strerror(errno));
-    pid_ = -1;
+    kill(m_pid, SIGKILL);
+    Require(waitpid(m_pid, nullptr, 0) == m_pid, std::strerror(errno));
+    m_pid = -1;
 }
 
 }  // namespace qvsim

@@ -31,10 +31,10 @@ class ServingThread {
     void Settle();
 
   private:
-    std::unique_ptr<CuseServer> server_;  // null: there is no node to serve
-    std::thread thread_;
-    std::string outcome_;
-    int stop_ = -1;
+    std::unique_ptr<CuseServer> m_server;  // null: there is no node to serve
+    std::thread m_thread;
+    std::string m_outcome;
+    int m_stop = -1;
 };
 
 // Serves a folder of cards by `qvcap-sim serve`, which must end with status 0.
@@ -49,7 +49,7 @@ class ServingProcess {
     void Kill();
 
   private:
-    pid_t pid_ = -1;
+    pid_t m_pid = -1;
 };
 
 }  // namespace qvsim

@@ -28,76 +28,76 @@ const BoardState& BoardOf(const CardsState& state, int index) {
 
 }  // namespace
 
-BoardBuilder::BoardBuilder(const std::string& family) { plan_.family = family; }
+BoardBuilder::BoardBuilder(const std::string& family) { m_plan.family = family; }
 BoardBuilder& BoardBuilder::Board(int index) {
-    plan_.index = index;
+    m_plan.index = index;
     return *this;
 }
 BoardBuilder& BoardBuilder::Channels(int count) {
-    plan_.channels = count;
+    m_plan.channels = count;
     return *this;
 }
 BoardBuilder& BoardBuilder::Product(const std::string& name) {
-    plan_.product = name;
+    m_plan.product = name;
     return *this;
 }
 BoardBuilder& BoardBuilder::ProductCode(uint16_t code) {
-    plan_.productCode = code;
+    m_plan.productCode = code;
     return *this;
 }
 BoardBuilder& BoardBuilder::Hardware(char version) {
-    plan_.hardware = version;
+    m_plan.hardware = version;
     return *this;
 }
 BoardBuilder& BoardBuilder::Serial(const std::string& serial) {
-    plan_.serial = serial;
+    m_plan.serial = serial;
     return *this;
 }
 BoardBuilder& BoardBuilder::Firmware(int major, int minor) {
-    plan_.firmware = Version(major, minor);
+    m_plan.firmware = Version(major, minor);
     return *this;
 }
 BoardBuilder& BoardBuilder::Stored(int major, int minor, uint16_t compatibilityCode) {
-    plan_.stored = StoredPlan{Version(major, minor), compatibilityCode};
+    m_plan.stored = StoredPlan{Version(major, minor), compatibilityCode};
     return *this;
 }
 BoardBuilder& BoardBuilder::NoStoredHeader() {
-    plan_.noStoredHeader = true;
+    m_plan.noStoredHeader = true;
     return *this;
 }
 BoardBuilder& BoardBuilder::FirmwareOffset(uint32_t offset) {
-    plan_.firmwareOffset = offset;
+    m_plan.firmwareOffset = offset;
     return *this;
 }
 BoardBuilder& BoardBuilder::FlashSize(uint32_t bytes) {
-    plan_.flashSize = bytes;
+    m_plan.flashSize = bytes;
     return *this;
 }
 BoardBuilder& BoardBuilder::Golden(int major, int minor) {
-    plan_.golden = Version(major, minor);
+    m_plan.golden = Version(major, minor);
     return *this;
 }
 BoardBuilder& BoardBuilder::FirstNode(int node) {
-    plan_.firstNode = node;
+    m_plan.firstNode = node;
     return *this;
 }
 BoardBuilder& BoardBuilder::Video(uint32_t width, uint32_t height, double framesPerSecond) {
-    plan_.video = {width, height, framesPerSecond};
+    m_plan.video = {width, height, framesPerSecond};
     return *this;
 }
 BoardBuilder& BoardBuilder::Audio(double framesPerSecond) {
-    plan_.audio.framesPerSecond = framesPerSecond;
+    m_plan.audio.framesPerSecond = framesPerSecond;
     return *this;
 }
 BoardBuilder& BoardBuilder::Signal(uint32_t atMilliseconds, bool present) {
-    plan_.signal.push_back({atMilliseconds, present});
+    m_plan.signal.push_back({atMilliseconds, present});
     return *this;
 }
 BoardBuilder& BoardBuilder::RawInfo(std::function<void(_QVCAP_CHANNEL_INFO&)> edit) {
     return RawChannel([edit = std::move(edit)](ChannelState& channel) { edit(channel.info); });
 }
 BoardBuilder& BoardBuilder::RawChannel(std::function<void(ChannelState&)> edit) {
-    plan_.editChannel = std::move(edit);
+    m_plan.editChannel = std::move(edit);
     return *this;
 }
 
@@ -110,99 +110,99 @@ SimRig::SimRig() {
     if (!driver || std::string(driver) == "kind") return;
     if (std::string(driver) != "hostile")
         Require(std::string("QV_TEST_DRIVER is \"kind\" or \"hostile\", not ") + driver);
-    plan_.driver = {.reuseHandles = true, .afterStop = AfterStop::kWriteAtOnce};
+    m_plan.driver = {.reuseHandles = true, .afterStop = AfterStop::kWriteAtOnce};
 }
 
 SimRig::~SimRig() { Detach(); }
 
 SimRig& SimRig::Add(const BoardBuilder& board) {
-    plan_.boards.push_back(board.plan_);
+    m_plan.boards.push_back(board.m_plan);
     return *this;
 }
 SimRig& SimRig::ForeignNode(int node) {
-    plan_.foreignNodes.push_back(node);
+    m_plan.foreignNodes.push_back(node);
     return *this;
 }
 SimRig& SimRig::NoEventNode() {
-    plan_.eventNode = false;
+    m_plan.eventNode = false;
     return *this;
 }
 SimRig& SimRig::JournalLimit(uint32_t bytes) {
-    plan_.journalLimit = bytes;
+    m_plan.journalLimit = bytes;
     return *this;
 }
 SimRig& SimRig::Delays(const Latencies& latencies) {
-    plan_.latencies = latencies;
+    m_plan.latencies = latencies;
     return *this;
 }
 SimRig& SimRig::Driver(const DriverWays& ways) {
-    plan_.driver = ways;
+    m_plan.driver = ways;
     return *this;
 }
 SimRig& SimRig::AddFault(const Fault& fault) {
-    if (model_)
-        model_->AddFault(fault);
+    if (m_model)
+        m_model->AddFault(fault);
     else
-        plan_.faults.push_back(fault);
+        m_plan.faults.push_back(fault);
     return *this;
 }
 
 const std::string& SimRig::Dir() {
-    if (inMemory_) Require("cards in memory have no directory and no journal");
-    if (!dir_) {
-        dir_.emplace("qvsim");
-        Require(CompletePlan(plan_));
-        Require(LayOut(plan_, dir_->Path()));
+    if (m_inMemory) Require("cards in memory have no directory and no journal");
+    if (!m_dir) {
+        m_dir.emplace("qvsim");
+        Require(CompletePlan(m_plan));
+        Require(LayOut(m_plan, m_dir->Path()));
     }
-    return dir_->Path();
+    return m_dir->Path();
 }
 
 void SimRig::Attach() {
     if (ThroughServedNodes()) {
         std::string error;
         Detach();
-        model_ = Model::Load(Dir(), error);
+        m_model = Model::Load(Dir(), error);
         Require(error);
-        serving_ = std::make_unique<ServingThread>(model_);
+        m_serving = std::make_unique<ServingThread>(m_model);
         return;
     }
     Require(qvsim::Attach(Dir()));
-    model_ = CurrentModel();
+    m_model = CurrentModel();
 }
 
 void SimRig::AttachInMemory() {
     Detach();
-    std::string error = CompletePlan(plan_);
+    std::string error = CompletePlan(m_plan);
     Require(error);
-    model_ = MakeInMemory(plan_, error);
+    m_model = MakeInMemory(m_plan, error);
     Require(error);
-    inMemory_ = true;
-    qvsim::Attach(model_);
+    m_inMemory = true;
+    qvsim::Attach(m_model);
 }
 
 void SimRig::Detach() {
-    if (!model_) return;
-    if (serving_) {
-        serving_.reset();
-        model_->ShutDown();
+    if (!m_model) return;
+    if (m_serving) {
+        m_serving.reset();
+        m_model->ShutDown();
     }
     qvsim::Detach();
-    model_.reset();
-    inMemory_ = false;
+    m_model.reset();
+    m_inMemory = false;
 }
 
 Model& SimRig::Cards() {
-    if (!model_) Require("the rig is not attached");
-    if (serving_) serving_->Settle();
-    return *model_;
+    if (!m_model) Require("the rig is not attached");
+    if (m_serving) m_serving->Settle();
+    return *m_model;
 }
 
 std::vector<JournalLine> SimRig::JournalLines() {
-    if (serving_) serving_->Settle();
+    if (m_serving) m_serving->Settle();
     CloseForTheDead(Dir());
     std::vector<JournalLine> lines;
     for (const JournalLine& line : ReadJournal(Dir()))
-        if (line.sequence > journalFrom_) lines.push_back(line);
+        if (line.sequence > m_journalFrom) lines.push_back(line);
     return lines;
 }
 
@@ -235,11 +235,11 @@ std::vector<std::string> SimRig::KernelJournal() {
 
 void SimRig::ClearJournal() {
     for (const JournalLine& line : JournalLines())
-        journalFrom_ = std::max(journalFrom_, line.sequence);
+        m_journalFrom = std::max(m_journalFrom, line.sequence);
 }
 
 std::vector<std::string> SimRig::MetFaults() {
-    if (serving_) serving_->Settle();
+    if (m_serving) m_serving->Settle();
     std::vector<std::string> lines;
     std::istringstream text(ReadText(MetFaultsPath(Dir())));
     for (std::string line; std::getline(text, line);) lines.push_back(line);
@@ -252,8 +252,8 @@ std::vector<uint8_t> SimRig::Flash(int board, int channel, uint32_t offset, uint
         if (!flash.Read(offset, bytes.data(), length)) Require("flash range cannot be read");
         return bytes;
     };
-    if (inMemory_) {
-        const NorFlash* const flash = model_->Flash(board, channel);
+    if (m_inMemory) {
+        const NorFlash* const flash = m_model->Flash(board, channel);
         if (!flash) Require("no board " + std::to_string(board));
         return read(*flash);
     }
@@ -265,7 +265,7 @@ std::vector<uint8_t> SimRig::Flash(int board, int channel, uint32_t offset, uint
 }
 
 void SimRig::PowerCycle() {
-    if (model_) return model_->PowerCycle();
+    if (m_model) return m_model->PowerCycle();
     std::string error;
     const std::shared_ptr<Model> model = Model::Load(Dir(), error);
     Require(error);
@@ -278,7 +278,7 @@ uint32_t SimRig::RunningVersion(int board, int channel) {
 }
 
 CardsState SimRig::State() {
-    if (inMemory_) return model_->State();
+    if (m_inMemory) return m_model->State();
     CardsState state;
     Require(LoadState(Dir(), state));
     return state;

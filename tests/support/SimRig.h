@@ -50,7 +50,7 @@ class BoardBuilder {
 
   private:
     friend class SimRig;
-    BoardPlan plan_;
+    BoardPlan m_plan;
 };
 
 BoardBuilder Pelix();  // one flash per channel
@@ -101,12 +101,12 @@ class SimRig {
     // As the state directory has it, or as the cards in memory are.
     CardsState State();
 
-    CardsPlan plan_;
-    std::optional<qvtest::TempFolder> dir_;  // made when it is asked for
-    bool inMemory_ = false;
-    std::shared_ptr<Model> model_;
-    std::unique_ptr<ServingThread> serving_;
-    uint64_t journalFrom_ = 0;
+    CardsPlan m_plan;
+    std::optional<qvtest::TempFolder> m_dir;  // made when it is asked for
+    bool m_inMemory = false;
+    std::shared_ptr<Model> m_model;
+    std::unique_ptr<ServingThread> m_serving;
+    uint64_t m_journalFrom = 0;
 };
 
 }  // namespace qvsim

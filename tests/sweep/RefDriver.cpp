@@ -28,12 +28,12 @@ RefDriver::Effect RefDriver::Meet(const std::string& name, int board, int channe
         if (call.name == name && call.board == board && call.channel == channel) ++nth;
     calls.push_back({name, board, channel, nth, offset, size});
     Effect effect;
-    for (size_t i = 0; i < faults_.size(); ++i) {
-        const qvsim::Fault& fault = faults_[i];
+    for (size_t i = 0; i < m_faults.size(); ++i) {
+        const qvsim::Fault& fault = m_faults[i];
         if (fault.request != name || (fault.board != -1 && fault.board != board) ||
             (fault.channel != -1 && fault.channel != channel))
             continue;
-        if (++seen_[i] != fault.nth) continue;
+        if (++m_seen[i] != fault.nth) continue;
         effect = {true, fault.effect.kind, fault.effect.value};
         met.push_back({fault.effect.kind, calls.back()});
     }

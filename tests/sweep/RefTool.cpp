@@ -44,10 +44,10 @@ struct Listed {
 class Tool {
   public:
     Tool(RefDriver& driver, const Bytes& file, const RefOptions& options)
-        : driver_(driver), options_(options) {
+        : m_driver(driver), m_options(options) {
         const size_t length = U16(file, 10);
-        header_.assign(file.begin(), file.begin() + static_cast<ptrdiff_t>(length));
-        version_ = U32(file, 16);
+        m_header.assign(file.begin(), file.begin() + static_cast<ptrdiff_t>(length));
+        m_version = U32(file, 16);
         size_t at = length;
         for (size_t i = 0; i < file.at(156); ++i) {
             const size_t entry = 157 + 28 * i;
@@ -59,105 +59,105 @@ class Tool {
             section.data.assign(file.begin() + static_cast<ptrdiff_t>(at),
                                 file.begin() + static_cast<ptrdiff_t>(at + size));
             at += size;
-            sections_.push_back(section);
+            m_sections.push_back(section);
         }
     }
 
     RefRun Run() {
-        events_ = driver_.OpenEvents();
+        m_events = m_driver.OpenEvents();
         Enumerate();
         Enumerate();
         const int result = BuildList();
         if (result == 1 || result == 2) {
-            run_.output +=
-                "device " + options_.device.value_or("(null)") +
+            m_run.output +=
+                "device " + m_options.device.value_or("(null)") +
                 (result == 1 ? " isn't a pelix or lumo capture device\n" : " doesn't exit\n");
             return Leave(255);
         }
-        if (list_.empty()) {
-            run_.output += Text("total 0, need upgrade %d\n", needs_);
+        if (m_list.empty()) {
+            m_run.output += Text("total 0, need upgrade %d\n", m_needs);
             return Leave(0);
         }
         PrintTable();
-        for (size_t i = 0; i < list_.size(); ++i) Upgrade(i);
-        run_.output += Text("\ntotal %d,  success %d,  fail %d,  skip %d,  cancel 0\n",
-                            static_cast<int>(list_.size()), success_, fail_, skip_);
+        for (size_t i = 0; i < m_list.size(); ++i) Upgrade(i);
+        m_run.output += Text("\ntotal %d,  success %d,  fail %d,  skip %d,  cancel 0\n",
+                             static_cast<int>(m_list.size()), m_success, m_fail, m_skip);
         Leave(0);
-        if (fail_ == 0 && success_ > 0) run_.output += kPowerOffQuestion + "\n";
-        return run_;
+        if (m_fail == 0 && m_success > 0) m_run.output += kPowerOffQuestion + "\n";
+        return m_run;
     }
 
   private:
     RefRun Leave(int status) {
-        if (events_) driver_.CloseEvents();
-        run_.status = status;
-        return run_;
+        if (m_events) m_driver.CloseEvents();
+        m_run.status = status;
+        return m_run;
     }
 
     void Enumerate() {
-        known_.clear();
-        for (RefChannel& channel : driver_.world.channels) {
-            if (!driver_.Open(channel)) continue;
-            if (driver_.Simple(channel, "GetChannelInfo") &&
-                driver_.Simple(channel, "GetFamilyInfo"))
-                known_.push_back(&channel);
-            driver_.Close(channel);
+        m_known.clear();
+        for (RefChannel& channel : m_driver.world.channels) {
+            if (!m_driver.Open(channel)) continue;
+            if (m_driver.Simple(channel, "GetChannelInfo") &&
+                m_driver.Simple(channel, "GetFamilyInfo"))
+                m_known.push_back(&channel);
+            m_driver.Close(channel);
         }
     }
 
     RefChannel* Known(const std::string& path) {
-        for (RefChannel* channel : known_)
+        for (RefChannel* channel : m_known)
             if (channel->Path() == path) return channel;
         return nullptr;
     }
 
     int BuildList() {
-        if (options_.device && options_.device->find(':') == std::string::npos) {
-            if (const int result = Inspect(*options_.device)) return list_.clear(), result;
+        if (m_options.device && m_options.device->find(':') == std::string::npos) {
+            if (const int result = Inspect(*m_options.device)) return m_list.clear(), result;
             return 0;
         }
         std::set<int> lumoBoards;
-        for (RefChannel* channel : known_) {
-            if (options_.device &&
-                *options_.device != Text("%d:%d", channel->board, channel->channel))
+        for (RefChannel* channel : m_known) {
+            if (m_options.device &&
+                *m_options.device != Text("%d:%d", channel->board, channel->channel))
                 continue;
             if (channel->lumo && !lumoBoards.insert(channel->board).second) continue;
-            if (const int result = Inspect(channel->Path())) return list_.clear(), result;
+            if (const int result = Inspect(channel->Path())) return m_list.clear(), result;
         }
         return 0;
     }
 
     int Inspect(const std::string& path) {
-        if (!driver_.Exists(path)) return 2;
+        if (!m_driver.Exists(path)) return 2;
         RefChannel* channel = Known(path);
         if (!channel) return 1;
-        if (!driver_.Open(*channel)) return 5;
+        if (!m_driver.Open(*channel)) return 5;
         Listed record;
         record.channel = channel;
         record.current = Dotted(channel->version);
         const int result = Compare(*channel, &record);
         if (result == kNoPackage) {  // stays open
-            list_.push_back(record);
+            m_list.push_back(record);
             return 0;
         }
-        driver_.Close(*channel);
-        if (result == 0) list_.push_back(record);
+        m_driver.Close(*channel);
+        if (result == 0) m_list.push_back(record);
         return result;
     }
 
     static constexpr int kNoPackage = -1;
 
     int Compare(RefChannel& channel, Listed* record) {
-        if (!driver_.Simple(channel, "GetChannelInfo")) return 5;
-        if (!driver_.Simple(channel, "GetChannelInfo")) return kNoPackage;
-        record->target = Dotted(version_);
-        record->need = channel.version < version_;
-        needs_ += record->need;
-        if (!driver_.Simple(channel, "GetFirmwareStorageInfo", StorageDetail(channel))) return 5;
-        const auto stored = driver_.Read(channel, channel.firmware, 157);
+        if (!m_driver.Simple(channel, "GetChannelInfo")) return 5;
+        if (!m_driver.Simple(channel, "GetChannelInfo")) return kNoPackage;
+        record->target = Dotted(m_version);
+        record->need = channel.version < m_version;
+        m_needs += record->need;
+        if (!m_driver.Simple(channel, "GetFirmwareStorageInfo", StorageDetail(channel))) return 5;
+        const auto stored = m_driver.Read(channel, channel.firmware, 157);
         if (!stored || stored->size() != 157) return 5;
         const uint32_t reference = U32(*stored, 16) == channel.version ? U16(*stored, 8) : 0;
-        record->safe = U16(header_, 8) == reference && reference != 1;
+        record->safe = U16(m_header, 8) == reference && reference != 1;
         return 0;
     }
 
@@ -170,97 +170,98 @@ class Tool {
     }
 
     void PrintTable() {
-        run_.output += kWarning +
-                       Text("total %d  need upgrade %d\n", static_cast<int>(list_.size()), needs_) +
-                       kTableHeader;
-        for (const Listed& record : list_)
-            run_.output +=
+        m_run.output +=
+            kWarning +
+            Text("total %d  need upgrade %d\n", static_cast<int>(m_list.size()), m_needs) +
+            kTableHeader;
+        for (const Listed& record : m_list)
+            m_run.output +=
                 Text("%-30s |%-15s |%-15c |%-15s |%-15s\n", Name(*record.channel).c_str(),
                      record.current.c_str(), 'A', record.target.c_str(),
                      record.need ? "Need upgrade" : "Not Need upgrade");
-        run_.output += "\n";
+        m_run.output += "\n";
     }
 
     void Upgrade(size_t i) {
-        const Listed& record = list_[i];
+        const Listed& record = m_list[i];
         const std::string mode = record.safe ? "Safe upgrade" : "Upgrade";
         const std::string name =
-            Text("[%d/%d] [%s]  ", static_cast<int>(i + 1), static_cast<int>(list_.size()),
+            Text("[%d/%d] [%s]  ", static_cast<int>(i + 1), static_cast<int>(m_list.size()),
                  Name(*record.channel).c_str());
         const std::string line =
             "\r" + name + mode + " from " + record.current + " to " + record.target;
-        const bool open = driver_.Open(*record.channel);
-        percentage_ = 0;
+        const bool open = m_driver.Open(*record.channel);
+        m_percentage = 0;
         const int result = open ? UpgradeOpened(*record.channel, name + mode, record.safe) : 0;
         switch (result) {
             case 0:
-                run_.output += Clear(80) + line + " error (unknow reason).";
+                m_run.output += Clear(80) + line + " error (unknow reason).";
                 break;
             case 2:
-                run_.output += "\r" + name + "Needn't upgrade";
+                m_run.output += "\r" + name + "Needn't upgrade";
                 break;
             case 4:
-                run_.output += Clear(80) + line + Failed("erasing");
+                m_run.output += Clear(80) + line + Failed("erasing");
                 break;
             case 6:
-                run_.output += Clear(80) + line + Failed("writting");
+                m_run.output += Clear(80) + line + Failed("writting");
                 break;
             case 9:
-                run_.output += Clear(80) + line + Failed("verifying");
+                m_run.output += Clear(80) + line + Failed("verifying");
                 break;
             case 16:
-                run_.output += Clear(80) + line + " successfully.";
+                m_run.output += Clear(80) + line + " successfully.";
                 break;
             default:
                 break;
         }
-        success_ += result == 16;
-        skip_ += result == 2;
-        fail_ += result == 0 || result == 4 || result == 6 || result == 9;
-        if (open) driver_.Close(*record.channel);
-        run_.output += "\n";
+        m_success += result == 16;
+        m_skip += result == 2;
+        m_fail += result == 0 || result == 4 || result == 6 || result == 9;
+        if (open) m_driver.Close(*record.channel);
+        m_run.output += "\n";
     }
 
     std::string Failed(const char* doing) const {
-        return Text(" error (%s at %u%%).", doing, percentage_);
+        return Text(" error (%s at %u%%).", doing, m_percentage);
     }
 
     int UpgradeOpened(RefChannel& channel, const std::string& announcement, bool safe) {
-        if (!driver_.Simple(channel, "GetChannelInfo")) return 0;
-        if (!driver_.Simple(channel, "GetChannelInfo")) return 1;
-        if (!driver_.Simple(channel, "GetFirmwareStorageInfo", StorageDetail(channel))) return 0;
-        if (!options_.force && channel.version >= version_) return 2;
-        run_.output +=
-            announcement + " from " + Dotted(channel.version) + " to " + Dotted(version_) + "   ";
+        if (!m_driver.Simple(channel, "GetChannelInfo")) return 0;
+        if (!m_driver.Simple(channel, "GetChannelInfo")) return 1;
+        if (!m_driver.Simple(channel, "GetFirmwareStorageInfo", StorageDetail(channel))) return 0;
+        if (!m_options.force && channel.version >= m_version) return 2;
+        m_run.output +=
+            announcement + " from " + Dotted(channel.version) + " to " + Dotted(m_version) + "   ";
         const uint32_t address = channel.firmware + (safe ? 4096 : 0);
         std::vector<Section> chosen;
-        total_ = static_cast<uint32_t>(header_.size());
-        for (const Section& section : sections_) {
+        m_total = static_cast<uint32_t>(m_header.size());
+        for (const Section& section : m_sections) {
             if (section.OfUpgradeImage() != safe) continue;
             chosen.push_back(section);
-            total_ += static_cast<uint32_t>(section.data.size());
+            m_total += static_cast<uint32_t>(section.data.size());
         }
         if (!EraseAll(channel, address, chosen)) return 4;
         if (!WriteAll(channel, address, chosen)) return 6;
         if (!VerifyAll(channel, address, chosen)) return 9;
-        if (driver_.Simple(channel, "SetPostReconfig", " value=200")) return 16;
-        run_.output += "Set post reconfig failed";
+        if (m_driver.Simple(channel, "SetPostReconfig", " value=200")) return 16;
+        m_run.output += "Set post reconfig failed";
         return 10;
     }
 
     // --- the three stages -------------------------------------------------------------------
     void Begin(const char* format) {
-        format_ = format;
-        done_ = 0;
+        m_format = format;
+        m_done = 0;
         Show();
     }
     void Show() {
-        percentage_ = done_ * 100 / total_;
-        run_.output += Text(format_, static_cast<int>(percentage_));
+        m_percentage = m_done * 100 / m_total;
+        m_run.output += Text(m_format, static_cast<int>(m_percentage));
     }
     void Advance(uint32_t bytes, size_t columns) {
-        done_ += bytes;
-        run_.output += Clear(columns);
+        m_done += bytes;
+        m_run.output += Clear(columns);
         Show();
     }
     static uint32_t ChunkAt(const Section& section, uint32_t offset) {
@@ -274,77 +275,77 @@ class Tool {
         return static_cast<uint32_t>(section.data.size());
     }
     bool Fail(const std::string& clears) {
-        run_.output += clears;
+        m_run.output += clears;
         return false;
     }
 
     bool EraseAll(RefChannel& channel, uint32_t address, const std::vector<Section>& chosen) {
         Begin("(Erasing ------------- %2d%%)");
-        const auto length = static_cast<uint32_t>(header_.size());
-        if (!driver_.Erase(channel, address, length)) return Fail(Clear(28));
+        const auto length = static_cast<uint32_t>(m_header.size());
+        if (!m_driver.Erase(channel, address, length)) return Fail(Clear(28));
         Advance(length, 28);
         for (const Section& section : chosen) {
             for (uint32_t at = 0; at < Size(section); at += kChunk) {
-                if (!driver_.Erase(channel, section.address + at, ChunkAt(section, at)))
+                if (!m_driver.Erase(channel, section.address + at, ChunkAt(section, at)))
                     return Fail(Clear(28) + Clear(28));
                 Advance(ChunkAt(section, at), 27);
             }
             if (!section.Clears()) continue;
             for (uint32_t at = 0; at < Size(section); at += kChunk)
-                if (driver_.Read(channel, section.address + at, ChunkAt(section, at)) !=
+                if (m_driver.Read(channel, section.address + at, ChunkAt(section, at)) !=
                     Bytes(ChunkAt(section, at), 0xFF))
                     return Fail(Clear(28) + Clear(28));
         }
-        run_.output += Clear(28);
+        m_run.output += Clear(28);
         return true;
     }
 
     bool WriteAll(RefChannel& channel, uint32_t address, const std::vector<Section>& chosen) {
         Begin("(Writting ------------- %2d%%)");
-        if (!driver_.Write(channel, address, header_)) return Fail(Clear(28));
-        Advance(static_cast<uint32_t>(header_.size()), 28);
+        if (!m_driver.Write(channel, address, m_header)) return Fail(Clear(28));
+        Advance(static_cast<uint32_t>(m_header.size()), 28);
         for (const Section& section : chosen) {
             if (section.Clears()) continue;
             for (uint32_t at = 0; at < Size(section); at += kChunk) {
-                if (!driver_.Write(channel, section.address + at, DataAt(section, at)))
+                if (!m_driver.Write(channel, section.address + at, DataAt(section, at)))
                     return Fail(Clear(28) + Clear(28));
                 Advance(ChunkAt(section, at), 28);
             }
         }
-        run_.output += Clear(28);
+        m_run.output += Clear(28);
         return true;
     }
 
     bool VerifyAll(RefChannel& channel, uint32_t address, const std::vector<Section>& chosen) {
         Begin("(Verifying ------------- %2d%%)");
-        const auto length = static_cast<uint32_t>(header_.size());
-        if (driver_.Read(channel, address, length) != header_) return Fail(Clear(30));
+        const auto length = static_cast<uint32_t>(m_header.size());
+        if (m_driver.Read(channel, address, length) != m_header) return Fail(Clear(30));
         Advance(length, 30);
         for (const Section& section : chosen) {
             if (section.Clears()) continue;
             for (uint32_t at = 0; at < Size(section); at += kChunk) {
-                if (driver_.Read(channel, section.address + at, ChunkAt(section, at)) !=
+                if (m_driver.Read(channel, section.address + at, ChunkAt(section, at)) !=
                     DataAt(section, at))
                     return Fail(Text("read error %u\n", at) + Clear(30));
                 Advance(ChunkAt(section, at), 29);
             }
         }
-        run_.output += Clear(30);
+        m_run.output += Clear(30);
         return true;
     }
 
-    RefDriver& driver_;
-    RefOptions options_;
-    Bytes header_;
-    uint32_t version_ = 0;
-    std::vector<Section> sections_;
-    RefRun run_;
-    bool events_ = false;
-    std::vector<RefChannel*> known_;
-    std::vector<Listed> list_;
-    int needs_ = 0, success_ = 0, fail_ = 0, skip_ = 0;
-    const char* format_ = "";
-    uint32_t done_ = 0, total_ = 0, percentage_ = 0;
+    RefDriver& m_driver;
+    RefOptions m_options;
+    Bytes m_header;
+    uint32_t m_version = 0;
+    std::vector<Section> m_sections;
+    RefRun m_run;
+    bool m_events = false;
+    std::vector<RefChannel*> m_known;
+    std::vector<Listed> m_list;
+    int m_needs = 0, m_success = 0, m_fail = 0, m_skip = 0;
+    const char* m_format = "";
+    uint32_t m_done = 0, m_total = 0, m_percentage = 0;
 };
 
 }  // namespace

@@ -63,7 +63,7 @@ struct RefMet {
 class RefDriver {
   public:
     explicit RefDriver(RefWorld start, std::vector<qvsim::Fault> faults = {})
-        : world(std::move(start)), faults_(std::move(faults)), seen_(faults_.size()) {}
+        : world(std::move(start)), m_faults(std::move(faults)), m_seen(m_faults.size()) {}
 
     bool Exists(const std::string& path) const;
     bool OpenEvents();
@@ -99,8 +99,8 @@ class RefDriver {
     bool Finish(RefChannel& channel, const std::string& name, const std::string& detail,
                 const Effect& effect);
 
-    std::vector<qvsim::Fault> faults_;  // at most one hits a call
-    std::vector<int> seen_;
+    std::vector<qvsim::Fault> m_faults;  // at most one hits a call
+    std::vector<int> m_seen;
 };
 
 struct RefOptions {

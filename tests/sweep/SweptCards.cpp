@@ -88,51 +88,51 @@ bool HoldsImage(const Bytes& flash, const PackageBuilder& package, uint32_t firm
 
 SweptCards::SweptCards(const Scenario& scenario, const RefOptions& options,
                        const std::vector<qvsim::Fault>& faults, const std::string& what)
-    : scenario_(scenario),
-      options_(options),
-      faults_(faults),
-      what_(scenario.name + ", " + testing::PrintToString(Arguments(options)) + ", " + what) {
-    AddBoards(scenario, &rig_);
-    for (const qvsim::Fault& fault : faults) rig_.AddFault(fault);
-    LayOut(scenario, rig_);
+    : m_scenario(scenario),
+      m_options(options),
+      m_faults(faults),
+      m_what(scenario.name + ", " + testing::PrintToString(Arguments(options)) + ", " + what) {
+    AddBoards(scenario, &m_rig);
+    for (const qvsim::Fault& fault : faults) m_rig.AddFault(fault);
+    LayOut(scenario, m_rig);
 }
 
 RefRun SweptCards::RunWith(const PackageBuilder& package, const RefOptions& options) {
-    package.Write(folder_ / "p.qvf");
-    RefWorld world = WorldOf(scenario_);
-    world.flashes = Flashes(scenario_, rig_);
+    package.Write(m_folder / "p.qvf");
+    RefWorld world = WorldOf(m_scenario);
+    world.flashes = Flashes(m_scenario, m_rig);
     for (RefChannel& channel : world.channels)
         channel.version = Version(channel.board, channel.channel);
-    RefDriver driver(world, faults_);
+    RefDriver driver(world, m_faults);
     const RefRun expected = RunReference(driver, package.File(), options);
-    rig_.ClearJournal();
-    const ToolRun run = folder_.ThroughPipe(rig_, Arguments(options));
-    EXPECT_EQ(expected.output, run.output) << what_;
-    EXPECT_EQ(expected.status, run.status) << what_;
-    EXPECT_EQ("", run.errors) << what_;
-    EXPECT_EQ(Ended(driver.journal), Requests(rig_)) << what_;
-    EXPECT_EQ(std::vector<std::string>(), folder_.Commands()) << what_;
+    m_rig.ClearJournal();
+    const ToolRun run = m_folder.ThroughPipe(m_rig, Arguments(options));
+    EXPECT_EQ(expected.output, run.output) << m_what;
+    EXPECT_EQ(expected.status, run.status) << m_what;
+    EXPECT_EQ("", run.errors) << m_what;
+    EXPECT_EQ(Ended(driver.journal), Requests(m_rig)) << m_what;
+    EXPECT_EQ(std::vector<std::string>(), m_folder.Commands()) << m_what;
     CompareFlash(driver);
     // No case passes because its fault did not happen.
-    if (!faults_.empty()) {
-        EXPECT_TRUE(MetFirst(driver, faults_.front())) << what_;
-        EXPECT_EQ(MetLines(driver), rig_.MetFaults()) << what_;
+    if (!m_faults.empty()) {
+        EXPECT_TRUE(MetFirst(driver, m_faults.front())) << m_what;
+        EXPECT_EQ(MetLines(driver), m_rig.MetFaults()) << m_what;
     }
     NoteBegun(driver);
     return expected;
 }
 
 void SweptCards::CompareFlash(const RefDriver& driver) {
-    std::vector<Bytes> actual = Flashes(scenario_, rig_);
+    std::vector<Bytes> actual = Flashes(m_scenario, m_rig);
     for (const RefTorn& torn : driver.torn) {
         const auto begin = actual.at(torn.flash).begin() + torn.begin;
         const Bytes sector(begin, begin + kSectorSize);
-        EXPECT_NE(torn.before, sector) << "not touched: " << what_;
-        EXPECT_NE(Bytes(kSectorSize, 0xFF), sector) << "blank: " << what_;
+        EXPECT_NE(torn.before, sector) << "not touched: " << m_what;
+        EXPECT_NE(Bytes(kSectorSize, 0xFF), sector) << "blank: " << m_what;
         const auto expected = driver.world.flashes.at(torn.flash).begin() + torn.begin;
         std::copy(expected, expected + kSectorSize, begin);
     }
-    EXPECT_TRUE(driver.world.flashes == actual) << "flash: " << what_;
+    EXPECT_TRUE(driver.world.flashes == actual) << "flash: " << m_what;
 }
 
 void SweptCards::NoteBegun(const RefDriver& driver) {
@@ -140,21 +140,21 @@ void SweptCards::NoteBegun(const RefDriver& driver) {
         if (call.name != "EraseFirmwareData") continue;
         for (const RefChannel& channel : driver.world.channels) {
             if (channel.board != call.board || channel.channel != call.channel) continue;
-            begun_[channel.node][0] |= call.offset == channel.firmware;
-            begun_[channel.node][1] |= call.offset == channel.firmware + kSafeDistance;
+            m_begun[channel.node][0] |= call.offset == channel.firmware;
+            m_begun[channel.node][1] |= call.offset == channel.firmware + kSafeDistance;
         }
     }
 }
 
 void SweptCards::ForgetTroubles() {
-    faults_.clear();
-    qvtest::ForgetTroubles(rig_);
+    m_faults.clear();
+    qvtest::ForgetTroubles(m_rig);
 }
 
 std::vector<RefChannel> SweptCards::Selected() const {
     std::vector<RefChannel> channels;
-    for (const RefChannel& channel : WorldOf(scenario_).channels) {
-        if (options_.device && channel.node != 0) continue;
+    for (const RefChannel& channel : WorldOf(m_scenario).channels) {
+        if (m_options.device && channel.node != 0) continue;
         if (channel.lumo && channel.channel != 0) continue;
         channels.push_back(channel);
     }
@@ -162,36 +162,36 @@ std::vector<RefChannel> SweptCards::Selected() const {
 }
 
 bool SweptCards::Complete() {
-    const std::vector<Bytes> flashes = Flashes(scenario_, rig_);
+    const std::vector<Bytes> flashes = Flashes(m_scenario, m_rig);
     for (const RefChannel& channel : Selected()) {
-        const std::array<bool, 2> begun = begun_[channel.node];
+        const std::array<bool, 2> begun = m_begun[channel.node];
         if (!begun[0] && !begun[1]) return false;
         for (const bool safe : {false, true})
             if (begun[safe] &&
-                !HoldsImage(flashes.at(channel.flash), scenario_.package, channel.firmware, safe))
+                !HoldsImage(flashes.at(channel.flash), m_scenario.package, channel.firmware, safe))
                 return false;
     }
     return true;
 }
 
 void SweptCards::BringBack() {
-    what_ += ", brought back";
-    RefOptions forced = options_;
+    m_what += ", brought back";
+    RefOptions forced = m_options;
     forced.force = true;
-    EXPECT_EQ("ok", Outcome(RunWith(scenario_.earlier.value(), forced))) << what_;
+    EXPECT_EQ("ok", Outcome(RunWith(m_scenario.earlier.value(), forced))) << m_what;
     PowerCycle();
-    begun_.clear();
-    EXPECT_EQ("ok", Outcome(Run())) << what_;
-    const std::vector<Bytes> flashes = Flashes(scenario_, rig_);
+    m_begun.clear();
+    EXPECT_EQ("ok", Outcome(Run())) << m_what;
+    const std::vector<Bytes> flashes = Flashes(m_scenario, m_rig);
     for (const RefChannel& channel : Selected()) {
-        EXPECT_TRUE(begun_[channel.node][0]) << what_;
+        EXPECT_TRUE(m_begun[channel.node][0]) << m_what;
         EXPECT_TRUE(
-            HoldsImage(flashes.at(channel.flash), scenario_.package, channel.firmware, false))
-            << what_;
+            HoldsImage(flashes.at(channel.flash), m_scenario.package, channel.firmware, false))
+            << m_what;
     }
     PowerCycle();
     for (const RefChannel& channel : Selected())
-        EXPECT_EQ(kNew, Version(channel.board, channel.channel)) << what_;
+        EXPECT_EQ(kNew, Version(channel.board, channel.channel)) << m_what;
 }
 
 }  // namespace qvtest

@@ -25,12 +25,12 @@ class SweptCards {
 
     // With the scenario's package and options, on the flash and versions that are there. The run
     // of the reference: the real one did the same.
-    RefRun Run() { return RunWith(scenario_.package, options_); }
+    RefRun Run() { return RunWith(m_scenario.package, m_options); }
 
     // The faults are over, vanished nodes are back; boards without power stay so.
     void ForgetTroubles();
-    void PowerCycle() { rig_.PowerCycle(); }
-    uint32_t Version(int board, int channel) { return rig_.RunningVersion(board, channel); }
+    void PowerCycle() { m_rig.PowerCycle(); }
+    uint32_t Version(int board, int channel) { return m_rig.RunningVersion(board, channel); }
 
     // Whether all that runs began to change is complete now, byte for byte, on every channel that
     // the options select, and each has such an image at all.
@@ -46,13 +46,13 @@ class SweptCards {
     void CompareFlash(const RefDriver& driver);
     void NoteBegun(const RefDriver& driver);
 
-    const Scenario& scenario_;
-    RefOptions options_;
-    std::vector<qvsim::Fault> faults_;
-    std::string what_;
-    qvsim::SimRig rig_;
-    ToolFolder folder_;
-    std::map<int, std::array<bool, 2>> begun_;  // by node: the main image, the one beside it
+    const Scenario& m_scenario;
+    RefOptions m_options;
+    std::vector<qvsim::Fault> m_faults;
+    std::string m_what;
+    qvsim::SimRig m_rig;
+    ToolFolder m_folder;
+    std::map<int, std::array<bool, 2>> m_begun;  // by node: the main image, the one beside it
 };
 
 // Header and sections of one image as the package has them, clear sections blank.

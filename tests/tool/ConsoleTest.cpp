@@ -12,10 +12,10 @@ namespace {
 
 class ConsoleTest : public ToolFixture {
   protected:
-    ConsoleTest() : saved_(dup(STDIN_FILENO)) {}
+    ConsoleTest() : m_saved(dup(STDIN_FILENO)) {}
     ~ConsoleTest() override {
-        if (saved_ >= 0) dup2(saved_, STDIN_FILENO);
-        if (saved_ >= 0) close(saved_);
+        if (m_saved >= 0) dup2(m_saved, STDIN_FILENO);
+        if (m_saved >= 0) close(m_saved);
         clearerr(stdin);
     }
     // Standard input is `fd` until the end of the test.
@@ -33,7 +33,7 @@ class ConsoleTest : public ToolFixture {
     }
 
   private:
-    int saved_;
+    int m_saved;
 };
 
 TEST_F(ConsoleTest, PrintClearErasesAsManyColumnsAsAskedUpTo256) {

@@ -26,8 +26,8 @@ inline const QV_CHANNEL kInvalidChannel = reinterpret_cast<QV_CHANNEL>(intptr_t{
 class ToolFixture : public testing::Test {
   protected:
     ToolFixture() {
-        before_ = std::filesystem::current_path();
-        std::filesystem::current_path(folder_);
+        m_before = std::filesystem::current_path();
+        std::filesystem::current_path(m_folder);
         g_dwCMD = 0;
         g_nBoardIndex = kAnyIndex;
         g_nChannelIndex = kAnyIndex;
@@ -37,17 +37,17 @@ class ToolFixture : public testing::Test {
     }
 
     ~ToolFixture() override {
-        if (attached_) QVCaptureExitInstance();
+        if (m_attached) QVCaptureExitInstance();
         rig.Detach();
         ExitQVFList();
         g_nQVFFileNum = 0;
-        std::filesystem::current_path(before_);
+        std::filesystem::current_path(m_before);
     }
 
     // Cards present, library up, packages of the folder listed.
     void Start() {
         rig.Attach();
-        attached_ = QVCaptureInitInstance();
+        m_attached = QVCaptureInitInstance();
         ASSERT_EQ(0, InitialQVFList());
         rig.ClearJournal();
     }
@@ -63,10 +63,10 @@ class ToolFixture : public testing::Test {
     qvsim::SimRig rig;
 
   private:
-    std::filesystem::path before_;
-    const TempFolder temporary_{"qvunit"};
-    const std::filesystem::path folder_ = temporary_.Path();
-    bool attached_ = false;
+    std::filesystem::path m_before;
+    const TempFolder m_temporary{"qvunit"};
+    const std::filesystem::path m_folder = m_temporary.Path();
+    bool m_attached = false;
 };
 
 }  // namespace qvtest

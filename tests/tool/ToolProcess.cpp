@@ -84,30 +84,30 @@ uint64_t StatusOf(pid_t pid, const std::string& field, int base) {
 bool IgnoresInterrupts(pid_t pid) { return (StatusOf(pid, "SigIgn", 16) >> (SIGINT - 1) & 1) != 0; }
 
 ToolFolder::ToolFolder() {
-    work_ = root_ + "/work";
-    bin_ = root_ + "/bin";
-    Require(mkdir(work_.c_str(), 0755) == 0 && mkdir(bin_.c_str(), 0755) == 0, "mkdir");
-    const std::string record = "' >>'" + root_ + "/commands'";
-    WriteScript(bin_ + "/poweroff", "echo 'poweroff" + record);
-    WriteScript(bin_ + "/sudo", "echo \"sudo $*\" >>'" + root_ + "/commands'");
-    WriteScript(bin_ + "/sync", "echo 'sync" + record);
+    m_work = m_root + "/work";
+    m_bin = m_root + "/bin";
+    Require(mkdir(m_work.c_str(), 0755) == 0 && mkdir(m_bin.c_str(), 0755) == 0, "mkdir");
+    const std::string record = "' >>'" + m_root + "/commands'";
+    WriteScript(m_bin + "/poweroff", "echo 'poweroff" + record);
+    WriteScript(m_bin + "/sudo", "echo \"sudo $*\" >>'" + m_root + "/commands'");
+    WriteScript(m_bin + "/sync", "echo 'sync" + record);
     const char* id = access("/usr/bin/id", X_OK) == 0 ? "/usr/bin/id" : "/bin/id";
-    Require(symlink(id, (bin_ + "/id").c_str()) == 0, "symlink");
+    Require(symlink(id, (m_bin + "/id").c_str()) == 0, "symlink");
 }
 
 void ToolFolder::UserNumber(int number) {
-    unlink((bin_ + "/id").c_str());
-    WriteScript(bin_ + "/id", "echo " + std::to_string(number));
+    unlink((m_bin + "/id").c_str());
+    WriteScript(m_bin + "/id", "echo " + std::to_string(number));
 }
 
 void ToolFolder::StandIn(const std::string& name, const std::string& body) {
-    unlink((bin_ + "/" + name).c_str());
-    WriteScript(bin_ + "/" + name, "exec >>'" + root_ + "/commands'\n" + body);
+    unlink((m_bin + "/" + name).c_str());
+    WriteScript(m_bin + "/" + name, "exec >>'" + m_root + "/commands'\n" + body);
 }
 
 std::vector<std::string> ToolFolder::Commands() const {
     std::vector<std::string> lines;
-    std::istringstream text(ReadWhole(root_ + "/commands"));
+    std::istringstream text(ReadWhole(m_root + "/commands"));
     for (std::string line; std::getline(text, line);) lines.push_back(line);
     return lines;
 }
@@ -115,23 +115,23 @@ std::vector<std::string> ToolFolder::Commands() const {
 pid_t ToolFolder::Start(qvsim::SimRig& rig, const std::vector<std::string>& arguments, int input,
                         int output, bool onTerminal) {
     std::vector<std::string> environment = {
-        "PATH=" + bin_,
+        "PATH=" + m_bin,
         // A sanitizer's own library stands behind the preloaded one; one channel without a package
         // stays open on purpose.
         "ASAN_OPTIONS=verify_asan_link_order=0",
-        "LSAN_OPTIONS=print_suppressions=0:suppressions=" + root_ + "/leaks",
+        "LSAN_OPTIONS=print_suppressions=0:suppressions=" + m_root + "/leaks",
     };
     if (qvsim::ThroughServedNodes()) {
-        server_ = std::make_unique<qvsim::ServingProcess>(rig.Dir());
+        m_server = std::make_unique<qvsim::ServingProcess>(rig.Dir());
         if (const char* libraries = std::getenv("LD_LIBRARY_PATH"))
             environment.push_back(std::string("LD_LIBRARY_PATH=") + libraries);
     } else {
         environment.push_back("LD_PRELOAD=" + qvsim::ProgramFile(QV_PRELOAD_FILE) +
-                              (preload_.empty() ? "" : ":" + preload_));
+                              (m_preload.empty() ? "" : ":" + m_preload));
         environment.push_back("QVSIM_STATE=" + rig.Dir());
     }
-    std::ofstream(root_ + "/leaks") << "leak:QVOpenChannelByPath\n";
-    environment.insert(environment.end(), environment_.begin(), environment_.end());
+    std::ofstream(m_root + "/leaks") << "leak:QVOpenChannelByPath\n";
+    environment.insert(environment.end(), m_environment.begin(), m_environment.end());
     std::vector<std::string> all = {"qvcap-upgrade"};
     all.insert(all.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv, envp;
@@ -146,14 +146,14 @@ pid_t ToolFolder::Start(qvsim::SimRig& rig, const std::vector<std::string>& argu
     if (pid > 0) return pid;
     setsid();
     if (onTerminal) ioctl(input, TIOCSCTTY, 0);
-    const int errors = open((root_ + "/errors").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    const int errors = open((m_root + "/errors").c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     dup2(input, 0);
     dup2(output, 1);
     dup2(errors, 2);
     for (int fd = 3; fd < 256; ++fd) close(fd);
-    for (const int fd : closed_) close(fd);
-    if (ignoresHangUps_) signal(SIGHUP, SIG_IGN);
-    if (chdir(work_.c_str()) == 0) execve(tool.c_str(), argv.data(), envp.data());
+    for (const int fd : m_closed) close(fd);
+    if (m_ignoresHangUps) signal(SIGHUP, SIG_IGN);
+    if (chdir(m_work.c_str()) == 0) execve(tool.c_str(), argv.data(), envp.data());
     _exit(127);
 }
 
@@ -164,13 +164,13 @@ void ToolFolder::Finish(pid_t pid, ToolRun* run) {
     run->pageFaults = used.ru_minflt;
     if (WIFEXITED(status)) run->status = WEXITSTATUS(status);
     if (WIFSIGNALED(status)) run->signal = WTERMSIG(status);
-    run->errors = ReadWhole(root_ + "/errors");
-    server_.reset();
+    run->errors = ReadWhole(m_root + "/errors");
+    m_server.reset();
 }
 
 void ToolFolder::KillServer() {
-    Require(server_ != nullptr, "there is no server");
-    server_->Kill();
+    Require(m_server != nullptr, "there is no server");
+    m_server->Kill();
 }
 
 ToolRun ToolFolder::OnTerminal(qvsim::SimRig& rig, const std::vector<std::string>& arguments,

@@ -38,11 +38,11 @@ class ToolFolder {
     ToolFolder& operator=(const ToolFolder&) = delete;
 
     // The folder that the tool is run in; packages go here.
-    const std::string& Dir() const { return work_; }
-    std::string operator/(const std::string& name) const { return work_ + "/" + name; }
+    const std::string& Dir() const { return m_work; }
+    std::string operator/(const std::string& name) const { return m_work + "/" + name; }
 
     // Runs happen there from now on.
-    void RunIn(const std::string& dir) { work_ = dir; }
+    void RunIn(const std::string& dir) { m_work = dir; }
     // The user number that `id -u` tells from now on; default: the real one.
     void UserNumber(int number);
     // Replaces a stand-in by a shell script, whose output becomes lines of Commands().
@@ -85,30 +85,30 @@ class ToolFolder {
     void KillServer();
 
     // Further environment of a run: "NAME=value".
-    void Environment(const std::string& setting) { environment_.push_back(setting); }
+    void Environment(const std::string& setting) { m_environment.push_back(setting); }
 
     // An object that runs load besides.
-    void Preload(const std::string& object) { preload_ = object; }
+    void Preload(const std::string& object) { m_preload = object; }
 
     // The standard streams that are closed when a run begins.
-    void CloseStreams(const std::vector<int>& streams) { closed_ = streams; }
+    void CloseStreams(const std::vector<int>& streams) { m_closed = streams; }
     // Runs begin with the signal for a terminal's end ignored, as by nohup.
-    void IgnoreHangUps() { ignoresHangUps_ = true; }
+    void IgnoreHangUps() { m_ignoresHangUps = true; }
 
   private:
     pid_t Start(qvsim::SimRig& rig, const std::vector<std::string>& arguments, int input,
                 int output, bool onTerminal);
     void Finish(pid_t pid, ToolRun* run);
 
-    const TempFolder temporary_{"qvtool"};
-    const std::string root_ = temporary_.Path();
-    std::string work_;
-    std::string bin_;
-    std::vector<std::string> environment_;
-    std::string preload_;
-    std::vector<int> closed_;
-    bool ignoresHangUps_ = false;
-    std::unique_ptr<qvsim::ServingProcess> server_;  // while the tool runs over served nodes
+    const TempFolder m_temporary{"qvtool"};
+    const std::string m_root = m_temporary.Path();
+    std::string m_work;
+    std::string m_bin;
+    std::vector<std::string> m_environment;
+    std::string m_preload;
+    std::vector<int> m_closed;
+    bool m_ignoresHangUps = false;
+    std::unique_ptr<qvsim::ServingProcess> m_server;  // while the tool runs over served nodes
 };
 
 }  // namespace qvtest

@@ -19,32 +19,32 @@ namespace qvtest {
 class UsbDevices {
   public:
     // `common`: lines of the scenario's control table.
-    explicit UsbDevices(std::string common = "") : common_(std::move(common)) {
-        dir_ = testing::TempDir() + "/qvusb-XXXXXX";
-        EXPECT_NE(nullptr, mkdtemp(dir_.data()));
-        folder_.Preload(qvsim::ProgramFile(QV_USB_TRANSPORT_FILE));
-        folder_.Environment("QVSIM_USB_SCENARIO=" + dir_ + "/usb.toml");
-        folder_.Environment("QVSIM_USB_STATE=" + dir_);
+    explicit UsbDevices(std::string common = "") : m_common(std::move(common)) {
+        m_dir = testing::TempDir() + "/qvusb-XXXXXX";
+        EXPECT_NE(nullptr, mkdtemp(m_dir.data()));
+        m_folder.Preload(qvsim::ProgramFile(QV_USB_TRANSPORT_FILE));
+        m_folder.Environment("QVSIM_USB_SCENARIO=" + m_dir + "/usb.toml");
+        m_folder.Environment("QVSIM_USB_STATE=" + m_dir);
     }
     ~UsbDevices() {
         std::error_code ignored;
-        std::filesystem::remove_all(dir_, ignored);
+        std::filesystem::remove_all(m_dir, ignored);
     }
     UsbDevices(const UsbDevices&) = delete;
     UsbDevices& operator=(const UsbDevices&) = delete;
 
     // One device that has this fault, or none: the lines of a fault table.
     ToolRun Run(const std::vector<std::string>& arguments, const std::string& fault = "") {
-        std::ofstream(dir_ + "/usb.toml") << Scenario(fault);
-        std::filesystem::remove(dir_ + "/TV1.transfers");
-        return folder_.ThroughPipe(rig_, arguments);
+        std::ofstream(m_dir + "/usb.toml") << Scenario(fault);
+        std::filesystem::remove(m_dir + "/TV1.transfers");
+        return m_folder.ThroughPipe(m_rig, arguments);
     }
-    ToolFolder& Folder() { return folder_; }
-    std::string FlashPath() const { return dir_ + "/TV1.flash"; }
+    ToolFolder& Folder() { return m_folder; }
+    std::string FlashPath() const { return m_dir + "/TV1.flash"; }
 
     std::vector<std::string> Transfers() const {
         std::vector<std::string> lines;
-        std::ifstream file(dir_ + "/TV1.transfers");
+        std::ifstream file(m_dir + "/TV1.transfers");
         for (std::string line; std::getline(file, line);) lines.push_back(line);
         return lines;
     }
@@ -55,7 +55,7 @@ class UsbDevices {
         plan.control.emplace();
         plan.control->golden = 9;
         std::string error;
-        auto device = qvsim::usb::ControlModel::Make(plan, 0, dir_, error);
+        auto device = qvsim::usb::ControlModel::Make(plan, 0, m_dir, error);
         EXPECT_EQ("", error);
         return device;
     }
@@ -75,12 +75,12 @@ class UsbDevices {
     std::string Scenario(const std::string& fault) const {
         return "[[usb]]\nproduct = \"TAVO\"\nserial = \"TV1\"\nproduct_code = 0x0101\n"
                "[usb.control]\nfirmware = \"1.0\"\ngolden = \"0.9\"\n" +
-               common_ + (fault.empty() ? "" : "[[usb.control.fault]]\n" + fault + "\n");
+               m_common + (fault.empty() ? "" : "[[usb.control.fault]]\n" + fault + "\n");
     }
-    std::string common_;
-    std::string dir_;
-    qvsim::SimRig rig_;
-    ToolFolder folder_;
+    std::string m_common;
+    std::string m_dir;
+    qvsim::SimRig m_rig;
+    ToolFolder m_folder;
 };
 
 }  // namespace qvtest
