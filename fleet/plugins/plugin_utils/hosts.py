@@ -258,10 +258,12 @@ def fill(host, document):
 
 def read_bounded(folder, name):
     """The bytes of a regular file; nothing else is waited for, followed or read on and on."""
-    descriptor = os.open(os.path.join(folder, name), os.O_RDONLY | os.O_NONBLOCK | os.O_NOFOLLOW | os.O_CLOEXEC)
+    path = os.path.join(folder, name)
+    if not stat.S_ISREG(os.lstat(path).st_mode):
+        raise Unusable("it is not a regular file")
+    # It may have become something else since.
+    descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_NOFOLLOW | os.O_CLOEXEC)
     with open(descriptor, "rb") as file:
-        if not stat.S_ISREG(os.fstat(descriptor).st_mode):
-            raise Unusable("it is not a regular file")
         data = file.read(LARGEST_FILE + 1)
     if len(data) > LARGEST_FILE:
         raise Unusable(f"it is larger than {LARGEST_FILE >> 20} MiB")

@@ -73,7 +73,7 @@
         host.chips[i].classList.toggle("out", !hit);
       });
     }
-    byId("nothing").hidden = hostCount > 0;
+    byId("nothing").hidden = hostCount > 0 || !hosts.length;
     const all = hostCount === hosts.length ? "" : ` of ${hosts.length}`;
     tell(`${hostCount}${all} hosts, ${cardCount} cards`);
   };
