@@ -63,7 +63,9 @@ class ActionModule(ActionBase):
         now = int(time.time())
         title = hosts.shown(options["title"], hosts.LONGEST_NAME)
         text = page.render(fleet, now, left_out, title)
-        result.update(dest=path, size=len(text.encode()), totals=page.totals(fleet, now) | {"left_out": left_out})
+        result.update(
+            dest=path, size=len(text.encode()), totals=page.totals(fleet, now) | {"left_out": left_out}
+        )
         try:
             result["changed"] = mark_of(path) != page.fingerprint(fleet, now, left_out, title)
             if result["changed"] and not self._task.check_mode:

@@ -11,8 +11,8 @@ author: The qvcapture maintainers (@qvcapture)
 description:
   - Makes one page of HTML from a folder with one file for each host, C(HOST.json), as the roles of this
     collection write them. The page needs no other file, and nothing from a network.
-  - It shows totals, each host with the state of its cards, what needs a power cycle, failures with their reason,
-    and the age of all that. It has filters, search and sorting.
+  - It shows totals, each host with the state of its cards, what needs a power cycle, failures with their
+    reason, and the age of all that. It has filters, search and sorting.
   - A file that cannot be used becomes a row of the page with the reason.
   - Runs on the controller, whatever host the task is for. Use C(run_once) in a play over many hosts.
 options:

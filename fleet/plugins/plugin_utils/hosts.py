@@ -25,7 +25,13 @@ STATES = ("current", "upgrade available", "staged", "interrupted", "no package",
 # What an upgrade did with a card. The first three are failures.
 RESULTS = ("failed", "refused", "busy", "done", "left", "skipped", "planned", "not begun")
 FAILED_RESULTS = RESULTS[:3]
-ENDINGS = {0: "done", 1: "failed", 2: "nothing to do", 3: "no card", 5: "busy"}  # exit statuses of qvcap upgrade
+ENDINGS = {
+    0: "done",
+    1: "failed",
+    2: "nothing to do",
+    3: "no card",
+    5: "busy",
+}  # exit statuses of qvcap upgrade
 LONGEST_WORD = 30
 CONTENTS = ("not read", "blank", "damaged", "other", "header only", "partial", "complete")
 TIME = re.compile(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d(\.\d{1,9})?(Z|\+00:00)", re.ASCII)
@@ -295,7 +301,10 @@ def read_host(folder, name):
 
 def natural(host):
     """An order of names in which host2 comes before host10."""
-    return [(0, int(run), "") if run.isdecimal() else (1, 0, run) for run in re.split(r"([0-9]+)", host.name.casefold())]
+    return [
+        (0, int(run), "") if run.isdecimal() else (1, 0, run)
+        for run in re.split(r"([0-9]+)", host.name.casefold())
+    ]
 
 
 def read_fleet(folder):
@@ -310,7 +319,9 @@ def read_fleet(folder):
         host = read_host(folder, name)
         if host.name in seen and host.condition != "unusable file":
             twin = shown(f"{name}: {seen[host.name]} speaks for {host.name}, too", LONGEST_REASON)
-            host = Host(name=host.file.removesuffix(".json"), file=host.file, condition="unusable file", error=twin)
+            host = Host(
+                name=host.file.removesuffix(".json"), file=host.file, condition="unusable file", error=twin
+            )
         seen.setdefault(host.name, host.file)
         hosts.append(host)
     return sorted(hosts, key=natural), max(0, len(names) - MOST_FILES)

@@ -1,4 +1,4 @@
-"""One page of HTML that shows a fleet: a table of hosts, made here, and the same cards as data for its script.
+"""One page of HTML that shows a fleet: a table of hosts, and the same cards as data for its script.
 
 Pure: hosts in, text out. Texts of hosts are already harmless to a screen (see hosts.py); here they are kept
 from being markup, by the template engine's own rule in the table and by escapes in the data.
@@ -109,7 +109,7 @@ def failures(hosts):
 
 
 def power_cycles(hosts):
-    """(number, host, [(card, running, staged version)]) of hosts with firmware that waits for the power to go."""
+    """(number, host, cards) of hosts with firmware that waits for the power to go."""
     for number, host in enumerate(hosts):
         cards = [card for card in host.cards if card.state == "staged"]
         if cards:
@@ -137,7 +137,10 @@ def data(hosts, now):
     """The hosts for the page's script. A text that comes more than once is a number: its place in `texts`."""
     rows = [
         [
-            host.name, host.condition, host.error, host.collected,
+            host.name,
+            host.condition,
+            host.error,
+            host.collected,
             list(dataclasses.astuple(host.run)) if host.run else None,
             [[getattr(card, field) for field in CARD_FIELDS] for card in host.cards],
         ]
@@ -149,7 +152,14 @@ def data(hosts, now):
     for row in rows:
         row[5] = [[number.get(text, text) for text in card] for card in row[5]]
     faces = [[word, css] for word, css, _ in FACES]
-    return {"made": now, "old": OLD_AFTER, "faces": faces, "fields": CARD_FIELDS, "texts": texts, "hosts": rows}
+    return {
+        "made": now,
+        "old": OLD_AFTER,
+        "faces": faces,
+        "fields": CARD_FIELDS,
+        "texts": texts,
+        "hosts": rows,
+    }
 
 
 def undata(document):
@@ -175,8 +185,13 @@ def part(name):
         return file.read().strip()
 
 
-def policy_hash(text):
-    return "sha256-" + base64.b64encode(hashlib.sha256(text.encode()).digest()).decode()
+def policy(style, script):
+    """What a browser may do with the page: use these two, and nothing else from anywhere."""
+    own = [base64.b64encode(hashlib.sha256(text.encode()).digest()).decode() for text in (style, script)]
+    return (
+        f"default-src 'none'; script-src 'sha256-{own[1]}'; style-src 'sha256-{own[0]}'; "
+        "base-uri 'none'; form-action 'none'"
+    )
 
 
 def fingerprint(hosts, now, left_out=0, title=TITLE):
@@ -188,7 +203,11 @@ def fingerprint(hosts, now, left_out=0, title=TITLE):
 
 def arrow(card):
     """The version that a card runs, and the one that it could."""
-    waits = card.package and card.package != card.running and card.state in ("upgrade available", "staged", "interrupted")
+    waits = (
+        card.package
+        and card.package != card.running
+        and card.state in ("upgrade available", "staged", "interrupted")
+    )
     return f"{card.running}→{card.package}" if waits else card.running
 
 
@@ -213,6 +232,7 @@ def render(hosts, now, left_out=0, title=TITLE):
     style, script = part("page.css"), part("page.js")
     cards = [card for host in hosts for card in host.cards]
     figures = totals(hosts, now)
+    troubled = failures(hosts)
     counts = collections.Counter(host.condition for host in hosts)
     counts.update(figures["states"], **{"upgrade failed": figures["upgrade_failed"]})
     return engine.get_template("page.html.j2").render(
@@ -222,7 +242,8 @@ def render(hosts, now, left_out=0, title=TITLE):
         left_out=left_out,
         figures=figures,
         faces=[(word, css, hint, counts[word]) for word, css, hint in FACES],
-        failures=failures(hosts),
+        failures=troubled,
+        failed=sum(failure.count for failure in troubled),
         power_cycles=list(power_cycles(hosts)),
         products=counted(card.product for card in cards),
         versions=sorted(counted(card.running for card in cards), key=version_order),
@@ -231,8 +252,7 @@ def render(hosts, now, left_out=0, title=TITLE):
         data=script_json(data(hosts, now)),
         style=markupsafe.Markup(style),
         script=markupsafe.Markup(script),
-        style_hash=policy_hash(style),
-        script_hash=policy_hash(script),
+        policy=policy(style, script),
         fingerprint=fingerprint(hosts, now, left_out, title),
         age=age,
         utc=utc,

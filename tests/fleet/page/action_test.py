@@ -33,11 +33,20 @@ class Task(unittest.TestCase):
 
     def ansible(self, program, *arguments):
         environment = os.environ | {
-            "ANSIBLE_COLLECTIONS_PATH": str(self.folder / "collections"), "ANSIBLE_HOME": str(self.folder / "home"),
+            "ANSIBLE_COLLECTIONS_PATH": str(self.folder / "collections"),
+            "ANSIBLE_HOME": str(self.folder / "home"),
             "ANSIBLE_LOCAL_TEMP": str(self.folder / "tmp"),
-            "ANSIBLE_LOCALHOST_WARNING": "false", "ANSIBLE_NOCOLOR": "1"}
-        return subprocess.run([program, *arguments], cwd=self.folder, env=environment, capture_output=True, text=True,
-                              timeout=300)
+            "ANSIBLE_LOCALHOST_WARNING": "false",
+            "ANSIBLE_NOCOLOR": "1",
+        }
+        return subprocess.run(
+            [program, *arguments],
+            cwd=self.folder,
+            env=environment,
+            capture_output=True,
+            text=True,
+            timeout=300,
+        )
 
     def play(self, *options, dest="fleet.html"):
         (self.folder / "play.yml").write_text(PLAY % dest)
@@ -62,7 +71,9 @@ class Task(unittest.TestCase):
     def test_what_cannot_be_done_is_told_and_leaves_nothing(self):
         result = self.play(dest="/nowhere/fleet.html")
         self.assertTrue(result["failed"])
-        self.assertEqual(result["msg"], "the page /nowhere/fleet.html cannot be written: No such file or directory")
+        self.assertEqual(
+            result["msg"], "the page /nowhere/fleet.html cannot be written: No such file or directory"
+        )
         (self.folder / "reports").rmdir()
         result = self.play()
         self.assertTrue(result["failed"])

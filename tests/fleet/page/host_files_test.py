@@ -42,9 +42,24 @@ class HostFiles(unittest.TestCase):
 
     def test_a_card_has_what_its_status_says(self):
         found = self.only(host("alpha", card("01:02", "interrupted", reason="half", path="/dev/video7")))
-        self.assertEqual(found.cards, [hosts.Card(
-            "01:02", "interrupted", "/dev/video7", "Pelix Duo HDMI", "PX1", "1.0", "1.1 complete", "blank", "1.1",
-            "duo.qvf", "half")])
+        self.assertEqual(
+            found.cards,
+            [
+                hosts.Card(
+                    "01:02",
+                    "interrupted",
+                    "/dev/video7",
+                    "Pelix Duo HDMI",
+                    "PX1",
+                    "1.0",
+                    "1.1 complete",
+                    "blank",
+                    "1.1",
+                    "duo.qvf",
+                    "half",
+                )
+            ],
+        )
         self.assertEqual((found.name, found.condition, found.collected), ("alpha", "", 1795332600))
 
     def test_an_image_is_worded_as_on_the_command_line(self):
@@ -52,35 +67,49 @@ class HostFiles(unittest.TestCase):
         self.assertEqual(self.only(host("alpha", card(main=other))).cards[0].main, "2.0")
 
     def test_nulls_of_a_card_that_says_nothing_are_empty(self):
-        silent = self.only(host("alpha", card(product=None, serial=None, running=None, package=None))).cards[0]
+        silent = self.only(host("alpha", card(product=None, serial=None, running=None, package=None))).cards[
+            0
+        ]
         self.assertEqual((silent.product, silent.serial, silent.running, silent.package), ("", "", "", ""))
 
     def test_a_result_of_the_upgrade_joins_its_card(self):
         report = run(upgraded("00:01", "failed", "write error"), exit_status=1, problem="one card failed")
         found = self.only(host("alpha", card("00:00"), card("00:01"), run=report))
-        self.assertEqual([(c.card, c.result, c.result_reason) for c in found.cards],
-                         [("00:00", "", ""), ("00:01", "failed", "write error")])
+        self.assertEqual(
+            [(c.card, c.result, c.result_reason) for c in found.cards],
+            [("00:00", "", ""), ("00:01", "failed", "write error")],
+        )
         self.assertEqual(found.run, hosts.Run("night-1", 1795327200, "failed", "one card failed"))
 
     def test_of_two_cards_with_one_name_the_path_decides(self):
         cards = card("00:00", path="/dev/video0"), card("00:00", path="/dev/video4")
         report = run(upgraded(path="/dev/video4", result="busy"), upgraded(path="/dev/video0", result="left"))
-        self.assertEqual([c.result for c in self.only(host("alpha", *cards, run=report)).cards], ["left", "busy"])
+        self.assertEqual(
+            [c.result for c in self.only(host("alpha", *cards, run=report)).cards], ["left", "busy"]
+        )
 
     def test_a_card_that_only_the_upgrade_knows_is_kept(self):
         report = run(upgraded("00:00"), upgraded("05:00", "failed", "gone"))
         found = self.only(host("alpha", card(), run=report))
-        self.assertEqual([(c.card, c.state, c.result) for c in found.cards],
-                         [("00:00", "current", "done"), ("05:00", "staged", "failed")])
+        self.assertEqual(
+            [(c.card, c.state, c.result) for c in found.cards],
+            [("00:00", "current", "done"), ("05:00", "staged", "failed")],
+        )
 
     def test_endings_of_an_upgrade(self):
-        for members, ending in (({"active": True, "exit_status": None}, "at work"), ({"exit_status": None}, "killed"),
-                                ({"exit_status": 2}, "nothing to do"), ({"exit_status": 77}, "exit status 77")):
+        for members, ending in (
+            ({"active": True, "exit_status": None}, "at work"),
+            ({"exit_status": None}, "killed"),
+            ({"exit_status": 2}, "nothing to do"),
+            ({"exit_status": 77}, "exit status 77"),
+        ):
             self.assertEqual(self.only(host("alpha", run=run(**members))).run.ending, ending)
 
     def test_hosts_that_did_not_answer(self):
-        away, mute = self.read(host("away", reachable=False, status=None, error="timed out"),
-                               host("mute", status=None, error="no qvcap"))
+        away, mute = self.read(
+            host("away", reachable=False, status=None, error="timed out"),
+            host("mute", status=None, error="no qvcap"),
+        )
         self.assertEqual((away.condition, away.error), ("unreachable", "timed out"))
         self.assertEqual((mute.condition, mute.error), ("no status", "no qvcap"))
 
@@ -136,9 +165,13 @@ class HostFiles(unittest.TestCase):
     def test_sizes_are_bounded(self):
         self.refused(b" " * (hosts.LARGEST_FILE + 1), "larger than 4 MiB")
         many = [card(f"{i}") for i in range(hosts.MOST_CARDS + 1)]
-        self.wrong(f"status.cards has {len(many)} entries, more than {hosts.MOST_CARDS}", status=status(*many))
+        self.wrong(
+            f"status.cards has {len(many)} entries, more than {hosts.MOST_CARDS}", status=status(*many)
+        )
         long = self.only(host("n" * 5000, card(reason="r" * 5000)))
-        self.assertEqual((len(long.name), len(long.cards[0].reason)), (hosts.LONGEST_NAME, hosts.LONGEST_REASON))
+        self.assertEqual(
+            (len(long.name), len(long.cards[0].reason)), (hosts.LONGEST_NAME, hosts.LONGEST_REASON)
+        )
         self.assertEqual((long.name[-2:], long.cards[0].reason[-2:]), ("n…", "r…"))
 
     def test_files_beyond_the_bound_are_counted(self):
@@ -153,9 +186,14 @@ class HostFiles(unittest.TestCase):
         (self.folder / "folder.json").mkdir()
         (self.folder / "link.json").symlink_to("/etc/passwd")
         errors = [found.error for found in hosts.read_fleet(self.folder)[0]]
-        self.assertEqual(errors, ["folder.json: it is not a regular file",
-                                  "link.json: it is not a regular file",
-                                  "pipe.json: it is not a regular file"])
+        self.assertEqual(
+            errors,
+            [
+                "folder.json: it is not a regular file",
+                "link.json: it is not a regular file",
+                "pipe.json: it is not a regular file",
+            ],
+        )
 
     def test_other_files_of_the_folder_are_nobody_s(self):
         for name in ("notes.txt", ".alpha.json", "alpha.json.tmp"):
@@ -164,10 +202,16 @@ class HostFiles(unittest.TestCase):
 
     def test_texts_cannot_steer_a_screen(self):
         for text, shown in (
-            ("\x1b[31mred", "\\x1b[31mred"), ("a\u202eb", "a\\xe2\\x80\\xaeb"), ("\u2066x", "\\xe2\\x81\\xa6x"),
-            ("a\u200bb", "a\\xe2\\x80\\x8bb"), ("\x9b1m", "\\xc2\\x9b1m"), ("\ud800", "\\xed\\xa0\\x80"),
-            ("\0\n\x7f", "\\x00\\x0a\\x7f"), ("\u2028", "\\xe2\\x80\\xa8"), ("\ufffe", "\\xef\\xbf\\xbe"),
-            ("Größe 鏡 <b>&\"", "Größe 鏡 <b>&\""),
+            ("\x1b[31mred", "\\x1b[31mred"),
+            ("a\u202eb", "a\\xe2\\x80\\xaeb"),
+            ("\u2066x", "\\xe2\\x81\\xa6x"),
+            ("a\u200bb", "a\\xe2\\x80\\x8bb"),
+            ("\x9b1m", "\\xc2\\x9b1m"),
+            ("\ud800", "\\xed\\xa0\\x80"),
+            ("\0\n\x7f", "\\x00\\x0a\\x7f"),
+            ("\u2028", "\\xe2\\x80\\xa8"),
+            ("\ufffe", "\\xef\\xbf\\xbe"),
+            ('Größe 鏡 <b>&"', 'Größe 鏡 <b>&"'),
         ):
             self.assertEqual(self.only(host("alpha", card(reason=text))).cards[0].reason, shown)
 

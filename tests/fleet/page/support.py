@@ -1,4 +1,4 @@
-"""What the tests of the page share: host files by parts, pages made of them, and a browser that is seen off."""
+"""What the tests of the page share: host files by parts, pages, and a browser that leaves nothing behind."""
 
 import contextlib
 import json
@@ -15,6 +15,7 @@ COMMAND = TREE / "fleet/bin/qvcap-fleet-report"
 sys.path.insert(0, str(TREE / "fleet/plugins"))
 sys.path.insert(0, str(pathlib.Path(__file__).parent))
 
+PATIENCE = 60  # seconds, for a condition; nothing waits for its end
 NOW = 1795334400  # 2026-11-22 08:00 UTC
 CHROMIUM, DRIVER = "/usr/bin/chromium", "/usr/bin/chromedriver"
 
@@ -26,38 +27,83 @@ def image(content="blank", version=None):
 def card(name="00:00", state="current", **members):
     """A card of a status."""
     return {
-        "card": name, "path": "/dev/video0", "paths": ["/dev/video0"], "board": 0, "channel": 0,
-        "family": "Pelix Capture", "product": "Pelix Duo HDMI", "serial": "PX1", "product_code": 257, "hardware": 65,
-        "running": "1.0", "main": image("complete", "1.1"), "safe": image(),
-        "package": {"name": "duo.qvf", "version": "1.1", "compatibility": 1}, "state": state, "reason": "",
+        "card": name,
+        "path": "/dev/video0",
+        "paths": ["/dev/video0"],
+        "board": 0,
+        "channel": 0,
+        "family": "Pelix Capture",
+        "product": "Pelix Duo HDMI",
+        "serial": "PX1",
+        "product_code": 257,
+        "hardware": 65,
+        "running": "1.0",
+        "main": image("complete", "1.1"),
+        "safe": image(),
+        "package": {"name": "duo.qvf", "version": "1.1", "compatibility": 1},
+        "state": state,
+        "reason": "",
     } | members
 
 
 def upgraded(name="00:00", result="done", reason="", **members):
     """A card of an upgrade's report."""
     return {
-        "card": name, "path": "/dev/video0", "product": "Pelix Duo HDMI", "serial": "PX1", "from": "1.0", "to": "1.1",
-        "package": "duo.qvf", "sha256": "", "state": "staged", "result": result, "reason": reason, "attempts": 1,
-        "tool_result": "success", "tool_message": "", "tool_output": "",
+        "card": name,
+        "path": "/dev/video0",
+        "product": "Pelix Duo HDMI",
+        "serial": "PX1",
+        "from": "1.0",
+        "to": "1.1",
+        "package": "duo.qvf",
+        "sha256": "",
+        "state": "staged",
+        "result": result,
+        "reason": reason,
+        "attempts": 1,
+        "tool_result": "success",
+        "tool_message": "",
+        "tool_output": "",
     } | members
 
 
 def status(*cards, unreadable=()):
     return {
-        "schema": "qvcap-status", "version": 1, "headers_only": False,
-        "packages": {"folder": "/srv", "readable": 1, "unreadable": [{"name": n, "reason": r} for n, r in unreadable]},
-        "cards": list(cards), "summary": {},
+        "schema": "qvcap-status",
+        "version": 1,
+        "headers_only": False,
+        "packages": {
+            "folder": "/srv",
+            "readable": 1,
+            "unreadable": [{"name": n, "reason": r} for n, r in unreadable],
+        },
+        "cards": list(cards),
+        "summary": {},
     }
 
 
 def run(*cards, **members):
-    return {"run": "night-1", "begun": "2026-11-22T06:00:00Z", "active": False, "exit_status": 0, "problem": None,
-            "cards": list(cards)} | members
+    return {
+        "run": "night-1",
+        "begun": "2026-11-22T06:00:00Z",
+        "active": False,
+        "exit_status": 0,
+        "problem": None,
+        "cards": list(cards),
+    } | members
 
 
 def host(name="alpha", *cards, **members):
-    return {"schema": "qvcapture.fleet.host", "version": 1, "host": name, "collected": "2026-11-22T07:30:00Z",
-            "reachable": True, "error": None, "status": status(*cards), "run": None} | members
+    return {
+        "schema": "qvcapture.fleet.host",
+        "version": 1,
+        "host": name,
+        "collected": "2026-11-22T07:30:00Z",
+        "reachable": True,
+        "error": None,
+        "status": status(*cards),
+        "run": None,
+    } | members
 
 
 def write(folder, *hosts):
@@ -68,8 +114,13 @@ def write(folder, *hosts):
 
 def make_page(folder, now=NOW):
     """What the command prints for the folder."""
-    made = subprocess.run([COMMAND, folder], capture_output=True, check=True, timeout=300,
-                          env=os.environ | {"SOURCE_DATE_EPOCH": str(now)})
+    made = subprocess.run(
+        [COMMAND, folder],
+        capture_output=True,
+        check=True,
+        timeout=300,
+        env=os.environ | {"SOURCE_DATE_EPOCH": str(now)},
+    )
     assert made.stderr == b"", made.stderr
     return made.stdout.decode("utf-8")
 
@@ -101,14 +152,25 @@ def browser():
     profile = tempfile.mkdtemp(prefix="fleet-page-")
     options = webdriver.ChromeOptions()
     options.binary_location = CHROMIUM
-    for argument in ("headless=new", "no-sandbox", "disable-gpu", "disable-quic", "no-first-run", "hide-scrollbars",
-                     "disable-background-networking", "disable-component-update", "disable-sync",
-                     "force-color-profile=srgb", f"user-data-dir={profile}"):
+    for argument in (
+        "headless=new",
+        "no-sandbox",
+        "disable-gpu",
+        "disable-quic",
+        "no-first-run",
+        "hide-scrollbars",
+        "disable-background-networking",
+        "disable-component-update",
+        "disable-sync",
+        "force-color-profile=srgb",
+        f"user-data-dir={profile}",
+    ):
         options.add_argument(f"--{argument}")
     options.set_capability("goog:loggingPrefs", {"performance": "ALL", "browser": "ALL"})
     try:
         driver = webdriver.Chrome(service=Service(DRIVER), options=options)
         try:
+            driver.set_script_timeout(PATIENCE)
             yield driver
         finally:
             driver.quit()

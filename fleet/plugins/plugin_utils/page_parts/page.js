@@ -26,7 +26,8 @@
     host.cards = cards.map(readCard);
     host.chips = row.getElementsByTagName("li");
     host.old = collected !== null && data.made - collected > data.old;
-    host.text = [name, condition, error, ...(run ? [run[0], run[2], run[3]] : [])].join("\n").toLowerCase() + "\n";
+    host.text =
+      [name, condition, error, ...(run ? [run[0], run[2], run[3]] : [])].join("\n").toLowerCase() + "\n";
     const words = host.cards.map((card) => (card.failed ? "upgrade failed" : card.state));
     host.rank = Math.min(...[condition, ...words].map((word) => rank.get(word) ?? data.faces.length));
     return host;
@@ -93,7 +94,9 @@
     heads.forEach((head) => head.removeAttribute("aria-sort"));
     heads[column].setAttribute("aria-sort", down ? "descending" : "ascending");
     const order = (a, b) => compare[column](a, b) * (down ? -1 : 1) || compareNames(a.name, b.name);
-    body.append(...[...hosts].sort(order).flatMap((host) => (host.details ? [host.row, host.details] : [host.row])));
+    body.append(
+      ...[...hosts].sort(order).flatMap((host) => (host.details ? [host.row, host.details] : [host.row])),
+    );
   };
 
   const element = (name, text, attributes = {}) => {
@@ -118,7 +121,11 @@
   ];
 
   const detailsOf = (host) => {
-    const around = element("div", "", { role: "region", tabindex: "0", "aria-label": `Cards of ${host.name}` });
+    const around = element("div", "", {
+      role: "region",
+      tabindex: "0",
+      "aria-label": `Cards of ${host.name}`,
+    });
     const table = element("table", "");
     around.append(table);
     const head = table.createTHead().insertRow();
@@ -217,7 +224,8 @@
     });
     addEventListener("hashchange", showLinked);
     addEventListener("keydown", (event) => {
-      if (event.key !== "/" || event.ctrlKey || event.metaKey || event.target.closest("input, select")) return;
+      if (event.key !== "/" || event.ctrlKey || event.metaKey || event.target.closest("input, select"))
+        return;
       event.preventDefault();
       byId("search").focus();
     });
