@@ -82,7 +82,7 @@ class Controller:
     def start(self, playbook, *options, **variables):
         """A controller at work. Variables are those of the roles."""
         values = {"qvcap_report": self.report, "qvcap_poll": 1, "qvcap_back_pause": 1, "qvcap_back": 60, **variables}
-        command = ["ansible-playbook", "-i", str(self.inventory), f"qvcapture.fleet.{playbook}", *options]
+        command = ["ansible-playbook", *os.environ.get("QV_FLEET_VERBOSE", "").split(), "-i", str(self.inventory), f"qvcapture.fleet.{playbook}", *options]
         for name, value in values.items():
             command += ["-e", f"{name}={value}" if not isinstance(value, list) else
                         "{" + f'"{name}": [{", ".join(chr(34) + str(v) + chr(34) for v in value)}]' + "}"]
@@ -113,7 +113,7 @@ class Controller:
         if not self._outputs:
             return ""
         self._outputs[-1].seek(0)
-        return self._outputs[-1].read()[-6000:]
+        return self._outputs[-1].read()
 
     def upgrade(self, *options, **variables):
         return self.play("upgrade", *options, **self.upgrade_variables(), **variables)

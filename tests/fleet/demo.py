@@ -49,7 +49,7 @@ def main():
     parser.add_argument("--scale", action="store_true")
     parser.add_argument("--only", help="the scenarios with this text in their names")
     parser.add_argument("count", type=int, nargs="*")
-    given = parser.parse_args()
+    given = parser.parse_intermixed_args()
     tree = pathlib.Path(given.tree)
     work = tree / "build/fleet/run"
     shutil.rmtree(work, ignore_errors=True)
@@ -107,7 +107,9 @@ def play(hosts, controller, given):
                 print(f"   {time.monotonic() - started:.0f} s", flush=True)
             except (AssertionError, RuntimeError) as problem:
                 failed.append(name)
-                print(f"FAILED: {name}: {problem}\n{controller.last_output()}", file=sys.stderr, flush=True)
+                log = controller.tree / f"build/fleet/failed-{name}.log"
+                log.write_text(controller.last_output())
+                print(f"FAILED: {name}: {problem}\n   what Ansible printed last: {log}", file=sys.stderr, flush=True)
     for host in hosts:
         host.stop()
     print(f"{'FAILED: ' + ', '.join(failed) if failed else 'seen to work'}; {len(hosts)} hosts, "

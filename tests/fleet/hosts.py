@@ -71,6 +71,7 @@ firmware = "1.2"
 golden = "0.9"
 flash_size = 4194304
 """
+SIMULATED_MAJOR = 0xF0
 CARDS = ("00:00", "00:01", "01:00")
 
 
@@ -104,6 +105,7 @@ class Host:
         self.power_returns = True  # somebody turns it on again
         self._init = None
         self._watcher = None
+        self._mounts = []
         self._cut = threading.Lock()
         for part in ("upper", "work", "root"):
             (self.folder / part).mkdir(parents=True)
@@ -201,7 +203,9 @@ class Host:
         if init is not None and init.poll() is None:
             init.kill()  # unshare, which takes the first process of the host with it
             init.wait()
-        run("umount", self.root / "run")
+        for mounted in [f"{self.root}/run", *self._mounts]:
+            run("umount", mounted)
+        self._mounts = []
         run("mount", "-t", "tmpfs", "run", self.root / "run")
         if (self.root / "var/lib/cards").is_dir():
             self.sim("power-cycle", "/var/lib/cards")
@@ -240,11 +244,19 @@ class Host:
             "/usr/sbin/sshd", "-f", "/etc/ssh/demo")
         wait_for(f"sshd of {self.name}", lambda: (self.root / "run/sshd.pid").exists())
 
-    def mount_inside(self, kind, path, options):
-        """A mount that the host has until its power goes, and that is seen from outside."""
+    def start_with(self, kind, path, options):
+        """Starts it anew with a mount that it has until its power goes."""
+        self.stop()
         run("mount", "-t", kind, "-o", options, kind, f"{self.root}{path}")
-        run("nsenter", "-t", self._first(), "--mount", "mount", "--bind",
-            f"/proc/{os.getpid()}/root{self.root}{path}", f"{self.root}{path}")
+        self._mounts.append(f"{self.root}{path}")
+        self.start()
+
+    def hold(self, node, minor):
+        """A program that captures: a process with the node open. The simulated cards are in the /dev of programs
+        that are started with them alone, and so not seen in /proc: a node of their numbers stands in for it."""
+        run("mknod", self.root / "dev" / node, "c", SIMULATED_MAJOR, minor)
+        return self.start_inside("/usr/bin/python3", "-c", "import os, sys\n"
+                                 f"os.open('/dev/{node}', os.O_PATH)\nprint('open', flush=True)\nsys.stdin.readline()")
 
     def start_inside(self, *command):
         """A process of the host that goes on."""

@@ -9,6 +9,7 @@ import jsonschema
 from hosts import CARDS, wait_for
 
 OLD = {"00:00": "1.0", "00:01": "1.0", "01:00": "1.2"}
+NEWER = {"00:00": "1.2", "00:01": "1.2", "01:00": "1.4"}
 NEW = {"00:00": "1.1", "00:01": "1.1", "01:00": "1.3"}
 
 
@@ -92,7 +93,7 @@ def a_healthy_fleet(hosts, controller):
     nothing_written(hosts)
 
 
-def slow(host, milliseconds=400):
+def slow(host, milliseconds=2500):
     """Each write to the first card takes its time."""
     host.sim("fault", "add", "/var/lib/cards", "request=WriteFirmwareData", "kind=slow", f"value={milliseconds}",
              "count=-1", "board=0", "channel=0")
@@ -174,8 +175,7 @@ def a_full_host(hosts, controller):
     full, rest = hosts[1], [hosts[0], *hosts[2:]]
     state = full.root / "var/lib/qvcap-fleet"
     state.mkdir()
-    # In the mounts of the host, too.
-    full.mount_inside("tmpfs", "/var/lib/qvcap-fleet", "size=64k")
+    full.start_with("tmpfs", "/var/lib/qvcap-fleet", "size=64k")
     done = controller.upgrade()
     equal(2, done.status, "status")
     equal({**all_of(hosts, 0), full.name: 1}, done.count("failed"), "failed")
@@ -183,6 +183,7 @@ def a_full_host(hosts, controller):
     nothing_written(hosts)
     without = controller.upgrade(qvcap_leave_out="true")
     equal({**all_of(hosts, 1), full.name: 0}, without.count("changed"), "changed when it is left out")
+    equal({**all_of(hosts, 0), full.name: 1}, without.count("failed"), "failed when it is left out")
     equal(2, without.status, "status when it is left out")
     nothing_written([full])
     written_as_planned(controller, rest)
@@ -195,15 +196,15 @@ def a_full_host(hosts, controller):
 
 def a_host_that_captures(hosts, controller):
     """A process has a card open: pre-flight names it, and nothing is written."""
-    user = hosts[1].start_inside("/usr/bin/qvcap-sim", "run", "/var/lib/cards", "--", "/bin/sh", "-c",
-                                 "exec 3<>/dev/video1; echo open; read end")
+    user = hosts[1].hold("video1", 1)
     equal("open\n", user.stdout.readline(), "what the capturing program said")
     done = controller.upgrade()
     equal(2, done.status, "status")
     equal({**all_of(hosts, 0), hosts[1].name: 1}, done.count("failed"), "failed")
-    assert "/dev/video1 is open in sh (process" in done.output, "who captures is not in the output"
+    assert "/dev/video1 is open in python3 (process" in done.output, "who captures is not in the output"
     nothing_written(hosts)
     user.communicate("end\n")
+    (hosts[1].root / "dev/video1").unlink()
     again = controller.upgrade()
     equal(0, again.status, "status when it has ended")
     written_as_planned(controller, hosts)
@@ -276,7 +277,7 @@ def a_package_that_fits_nothing(hosts, controller):
 
 def two_controllers(hosts, controller):
     """One that wants the same joins; one that wants something else is refused. Nothing is written twice."""
-    slow(hosts[0], 1500)
+    slow(hosts[0])
     variables = {"qvcap_packages": controller.firmware}
     first = controller.start("upgrade", **variables)
     wait_for("a write", lambda: is_writing(hosts[0]))
@@ -295,9 +296,24 @@ def two_controllers(hosts, controller):
     written_as_planned(controller, hosts)
 
 
+def later(host, controller):
+    """Puts packages of the version after the next in the place of those."""
+    shutil.rmtree(controller.firmware)
+    text = (host.root / "tmp/cards.toml").read_text()
+    (host.root / "tmp/later.toml").write_text(text.replace('firmware = "1.0"', 'firmware = "1.1"')
+                                              .replace('firmware = "1.2"', 'firmware = "1.3"'))
+    host.sim("init", "/tmp/later", "--scenario", "/tmp/later.toml", "--packages")
+    shutil.copytree(host.root / "tmp/later/packages", controller.firmware)
+    shutil.rmtree(host.root / "tmp/later")
+
+
 def a_rollback(hosts, controller):
     """Backups of the upgrade go back onto the cards; a second rollback has nothing to do."""
     equal(0, controller.upgrade().status, "status of the upgrade")
+    later(hosts[0], controller)
+    equal(0, controller.upgrade().status, "status of the upgrade after that")
+    for host in hosts:
+        equal(NEWER, host.running(), f"{host.name} runs")
     variables = {key: value for key, value in controller.upgrade_variables().items() if key != "qvcap_packages"}
     for host in hosts:
         host.forget_journal()
@@ -309,7 +325,7 @@ def a_rollback(hosts, controller):
     equal(0, back.status, "status")
     equal(all_of(hosts, 1), back.count("changed"), "changed")
     for host in hosts:
-        equal(OLD, host.running(), f"{host.name} runs")
+        equal(NEW, host.running(), f"{host.name} runs")
         host.forget_journal()
     again = controller.play("rollback", **variables)
     equal(0, again.status, "status of the second rollback")
