@@ -214,7 +214,7 @@ class Colours(Page):
             shapes[text] = [value < (dark + light) / 2 for value in cell.getdata()]
         for (one, these), (other, those) in itertools.combinations(shapes.items(), 2):
             self.assertGreater(
-                sum(a != b for a, b in zip(these, those)), 12, f"{one} and {other} look the same"
+                sum(a != b for a, b in zip(these, those)), 24, f"{one} and {other} look the same"
             )
 
     def test_a_failed_upgrade_has_a_frame_and_a_mark(self):
