@@ -17,9 +17,11 @@ from hosts import Host, run
 FIRST_PORT = 22400
 
 
-def installed_layer(tree, base, architecture, work, controller):
+def installed_layer(tree, given, work, controller):
     """The Debian with the project's packages: the role `install` has brought them to a host, once for each build."""
-    debs = sorted((tree / "build/packages").glob(f"*_{architecture}.deb"))
+    architecture = given.architecture
+    packages = tree / given.packages
+    debs = sorted(packages.glob(f"*_{architecture}.deb"))
     digest = hashlib.sha256()
     for deb in debs:
         digest.update(deb.read_bytes())
@@ -28,21 +30,21 @@ def installed_layer(tree, base, architecture, work, controller):
     layer = tree / f"build/fleet/installed-{architecture}-{digest.hexdigest()[:16]}"
     if not layer.is_dir():
         print("== the role install brings the packages to a host", flush=True)
-        host = Host(work, base, 0, FIRST_PORT)
+        host = Host(work, given.base, 0, FIRST_PORT)
         host.start()
-        scenarios.install(controller, host, tree / "build/packages")
+        scenarios.install(controller, host, packages)
         host.stop()
         for mounted in ("run", "dev", "."):
             run("umount", host.root / mounted)
         for old in (tree / "build/fleet").glob(f"installed-{architecture}-*"):
             shutil.rmtree(old)
         run("cp", "-a", host.folder / "upper", layer)
-    return f"{layer}:{base}"
+    return f"{layer}:{given.base}"
 
 
 def main():
     parser = argparse.ArgumentParser(prog="scripts/fleet-demo")
-    for name in ("tree", "base", "architecture"):
+    for name in ("tree", "base", "architecture", "packages"):
         parser.add_argument(name)
     parser.add_argument("--short", action="store_true")
     parser.add_argument("--keep", action="store_true")
@@ -59,7 +61,7 @@ def main():
     run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", work / "host_key")
     run("ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", work / "key")
     controller = Controller(tree, work)
-    lower = installed_layer(tree, given.base, given.architecture, work, controller)
+    lower = installed_layer(tree, given, work, controller)
     if given.scale:
         import scale  # the bench of many hosts
 
