@@ -59,7 +59,7 @@ class ActionModule(ActionBase):
         try:
             fleet, left_out = hosts.read_fleet(folder)
         except OSError as error:
-            raise AnsibleActionFail(f"the host files in {folder} cannot be read: {error.strerror}") from error
+            raise AnsibleActionFail(f"the host files in {folder} cannot be read: {error.strerror}") from None
         now = int(time.time())
         title = hosts.shown(options["title"], hosts.LONGEST_NAME)
         text = page.render(fleet, now, left_out, title)
@@ -71,5 +71,5 @@ class ActionModule(ActionBase):
             if result["changed"] and not self._task.check_mode:
                 replace_file(path, text)
         except OSError as error:
-            raise AnsibleActionFail(f"the page {path} cannot be written: {error.strerror}") from error
+            raise AnsibleActionFail(f"the page {path} cannot be written: {error.strerror}") from None
         return result

@@ -60,7 +60,7 @@ class Readers(Page):
                 read.append(
                     (
                         node["role"]["value"],
-                        node.get("name", {}).get("value", ""),
+                        node.get("name", {}).get("value", "").strip(),
                         {p["name"]: p["value"].get("value") for p in node.get("properties", [])},
                     )
                 )
@@ -76,6 +76,10 @@ class Readers(Page):
         words = " ".join(name for role, name, _ in tree if role == "StaticText")
         self.assertIn("upgrade available", words)
         self.assertIn("interrupted, upgrade failed", words)
+        # In one piece: what wraps is read letter by letter.
+        self.assertIn(
+            "interrupted, upgrade failed", [name for role, name, _ in tree if role == "InlineTextBox"]
+        )
         # Marks are shapes; nothing reads them out.
         self.assertFalse(any(name.strip() in ("!", "▸") for role, name, _ in tree if role == "StaticText"))
 
