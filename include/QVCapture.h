@@ -1,9 +1,9 @@
 /** @file
  * The capture-device library: instance, list of channels, opening, identity and firmware.
  *
- * Drives Pelix and Lumo Capture cards through their kernel driver. Tavo Capture USB devices are
- * driven when the program supplies the transfers to them, see QVCaptureUSB.h; until then none is
- * listed. Their sound and pictures go through the kernel's own drivers, see QVCaptureMedia.h.
+ * Drives Pelix and Lumo Capture cards through their kernel driver. It also drives Tavo Capture USB
+ * devices if the program supplies the transfers to them, see QVCaptureUSB.h; until then it lists
+ * none. Their sound and pictures go through the kernel's own drivers, see QVCaptureMedia.h.
  *
  * Includes the whole public interface. Plain C functions with unmangled names; compiles as C99 and
  * as C++17. Nothing is printed and no exception leaves a function.
@@ -13,14 +13,14 @@
  * - QV_RESULT_FAILED: the driver or device refused, or has no such operation
  * - QV_RESULT_BAD_ARGUMENT: null channel or pointer, index out of range, channel closed
  *
- * Of a USB channel QVGetVideoInputSourceArray(), QVGetAudioInputSourceArray() and
- * QVGetVideoInputAspectRatio() write after a failure, too; they say what.
+ * On a USB channel QVGetVideoInputSourceArray(), QVGetAudioInputSourceArray() and
+ * QVGetVideoInputAspectRatio() write even after a failure; their descriptions say what.
  *
  * After QV_RESULT_FAILED of an operation that is one request to a card's driver, errno holds the
- * driver's reason. It holds nothing of use after any other failure: what the channel worker does
- * for a caller, it does on a thread of its own.
+ * driver's reason. After any other failure it holds nothing useful: the channel worker acts for its
+ * callers on its own thread.
  *
- * Words for threads, used everywhere:
+ * Thread words, used everywhere:
  * - instance: from one thread, while no other function of the library runs
  * - per channel: one thread at a time for each channel; different channels are independent
  * - any: any thread at any time */
@@ -47,13 +47,13 @@ extern "C" {
  * @threads any */
 QV_API QV_RESULT QVGetVersion(unsigned char* major, unsigned char* minor, unsigned short* build);
 
-/** What a result means, in words for people; a text for every value. It lives for ever.
+/** Returns a readable text for any result value. The text is never freed.
  * @threads any */
 QV_API const char* QVResultText(QV_RESULT result);
 
 /** Opens the driver's event node and builds the list of channels. Call before anything else.
- * @return always true, also when /dev/qv-event cannot be opened: then every event operation fails
- *         while listing, opening and firmware work go on.
+ * @return always true, even when /dev/qv-event cannot be opened: then every event operation fails,
+ *         but listing, opening and firmware operations work.
  * @threads instance */
 QV_API bool QVCaptureInitInstance(void);
 
@@ -74,7 +74,8 @@ QV_API QV_RESULT QVRefreshDevice(void);
  * @threads any, but not during a refresh */
 QV_API int QVGetChannelCount(void);
 
-/** Copies the identity that the driver gave for the channel at @p index when the list was built.
+/** Copies the identity that the driver returned for the channel at @p index when the list was
+ * built.
  * @threads any, but not during a refresh */
 QV_API QV_RESULT QVGetChannelInfoByIndex(int index, _QVCAP_CHANNEL_INFO* info);
 
@@ -84,7 +85,7 @@ QV_API QV_RESULT QVGetChannelInfoByIndex(int index, _QVCAP_CHANNEL_INFO* info);
 QV_API QV_RESULT QVGetFamilyInfoByIndex(int index, void* info);
 
 /** Copies the device path of the channel at @p index, NUL-terminated.
- * @param[out] path  16 bytes suffice for a PCIe channel, 512 for a USB one
+ * @param[out] path  16 bytes are enough for a PCIe channel, 512 for a USB one
  * @threads any, but not during a refresh */
 QV_API QV_RESULT QVGetDevicePath(int index, char* path);
 
@@ -101,16 +102,16 @@ QV_API QV_CHANNEL QVOpenChannel(int board, int channel);
  * @threads any, but not during a refresh */
 QV_API QV_CHANNEL QVOpenChannelByPath(const char* path);
 
-/** Closes the channel and releases its memory; stops its worker thread first when one runs. Called
- * from one of the channel's own callbacks, it takes effect when that callback has returned. Null is
+/** Closes the channel and releases its memory; first stops its worker thread if one runs. A call
+ * from one of the channel's own callbacks takes effect when that callback has returned. Null is
  * ignored.
  * @threads per channel; no other call on the channel may be under way */
 QV_API void QVCloseChannel(QV_CHANNEL channel);
 
-/** The same, and tells when the channel is closed: @p release is called last, with @p param. Before
- * this function returns, or, for a close from one of the channel's own callbacks, on the worker's
- * thread when nothing of the channel is left. Null @p release is not called; a null channel is
- * closed at once.
+/** QVCloseChannel() that also reports the end: @p release is called last, with @p param. It is
+ * called before this function returns; for a close from one of the channel's own callbacks it is
+ * called on the worker's thread when nothing of the channel is left. A null @p release is not
+ * called; a null channel counts as closed at once.
  * @threads per channel; no other call on the channel may be under way */
 QV_API void QVCloseChannelWithRelease(QV_CHANNEL channel, void* param, QV_RELEASE_CALLBACK release);
 
@@ -137,9 +138,9 @@ QV_API QV_RESULT QVGetTemperature(QV_CHANNEL channel, unsigned int* temperature)
 QV_API QV_RESULT QVSetLEDMode(QV_CHANNEL channel, unsigned int mode);
 
 /* ---- Firmware flash ---------------------------------------------------------------------- */
-/* Of a PCIe channel one driver request a call, never split: the caller cuts large ranges into
- * chunks. A USB channel's calls are split into what the device takes. Addresses and sizes are
- * bytes. */
+/* On a PCIe channel each call is one driver request, never split: the caller divides large
+ * ranges into chunks. On a USB channel each call is split into packets of the device's size.
+ * Addresses and sizes are bytes. */
 
 /** Reads where the firmware is in the flash. @threads per channel */
 QV_API QV_RESULT QVGetFirmwareStorageInfo(QV_CHANNEL channel, _QVCAP_FIRMWARE_STORAGE* storage);
@@ -147,9 +148,9 @@ QV_API QV_RESULT QVGetFirmwareStorageInfo(QV_CHANNEL channel, _QVCAP_FIRMWARE_ST
 /** Erases @p size bytes at flash address @p offset. @threads per channel */
 QV_API QV_RESULT QVEraseFirmwareData(QV_CHANNEL channel, unsigned int offset, unsigned int size);
 
-/** Programs @p size bytes at flash address @p offset from @p buffer, which is not changed. To a USB
- * channel they go in packets of 2048 bytes, the next one when the device is no longer busy; after a
- * failure the packets before it are written.
+/** Programs @p size bytes at flash address @p offset from @p buffer, which is not changed. A USB
+ * channel gets packets of 2048 bytes, each one when the device is no longer busy; after a failure
+ * the packets before it are written.
  * @threads per channel */
 QV_API QV_RESULT QVWriteFirmwareData(QV_CHANNEL channel, unsigned int offset, unsigned char* buffer,
                                      unsigned int size);

@@ -1,17 +1,18 @@
 /** @file
- * The capture-device library for C++17: objects that release what they hold, callbacks as
- * callables.
+ * The capture-device library for C++17: objects that release what they own, and callables as
+ * callbacks.
  *
- * A thin face over QVCapture.h, whose functions take a Channel's Handle(). Header only. Compiles
- * with and without exceptions; with them, constructors throw std::bad_alloc and a Doorbell's throws
- * std::system_error. An exception that leaves a callable ends the program.
+ * A thin interface to QVCapture.h, whose functions accept a Channel's Handle(). Header only.
+ * Compiles with and without exceptions; with them, constructors throw std::bad_alloc and a
+ * Doorbell's throws std::system_error. An exception that leaves a callable ends the program.
  *
- * Order of life: an Instance outlives its Channels; a Channel outlives its Worker and all that was
- * started on it; a Worker outlives what needs it. Members in this order do it by themselves.
+ * Lifetimes: an Instance outlives its Channels; a Channel outlives its Worker and everything that
+ * was started on it; a Worker outlives the objects that need it. Members declared in this order are
+ * destroyed correctly.
  *
- * When the destructor of an object with a callable has returned, the callable does not run and will
- * not be called, whatever the driver answered: the destructor waits for a call that is under way.
- * So never destroy such an object while you hold a lock that its callable takes. An object may be
+ * After the destructor of an object with a callable has returned, the callable does not run and
+ * will not be called, whatever the driver answered: the destructor waits for a running call. So
+ * never destroy such an object while you hold a lock that its callable takes. An object may be
  * destroyed inside its own callable. */
 #ifndef QV_CAPTURE_HPP
 #define QV_CAPTURE_HPP
@@ -34,14 +35,14 @@
 
 namespace qvcapture {
 
-/** Result of an operation, with a text for people. */
+/** Result of an operation, with a readable text. */
 class Result {
   public:
     Result(QV_RESULT code) : m_code(code) {}
     bool Ok() const { return m_code == QV_RESULT_OK; }
     explicit operator bool() const { return Ok(); }
     QV_RESULT Code() const { return m_code; }
-    /** Says what the code means; lives for ever. */
+    /** Says what the code means; never freed. */
     const char* Text() const { return QVResultText(m_code); }
 
   private:
@@ -74,9 +75,9 @@ class Instance {
     Instance(const Instance&) = delete;
     Instance& operator=(const Instance&) = delete;
 
-    /** Whether the driver's event node is there; no Worker starts without it. */
+    /** Whether the driver's event node is open; no Worker starts without it. */
     bool HasEvents() const { return QVHasEventNode(); }
-    /** Looks for channels anew. */
+    /** Looks for channels again. */
     Result Refresh() { return QVRefreshDevice(); }
     std::vector<Listed> Channels() const {
         std::vector<Listed> channels;
@@ -100,7 +101,7 @@ class Channel {
     Channel(int board, int channel) : m_handle(QVOpenChannel(board, channel)) {}
     ~Channel() { QVCloseChannel(m_handle); }
     Channel(Channel&& other) noexcept : m_handle(std::exchange(other.m_handle, nullptr)) {}
-    /** Closes the channel that it was. */
+    /** Closes the channel that it held before. */
     Channel& operator=(Channel&& other) noexcept {
         Channel taken(std::move(other));
         std::swap(m_handle, taken.m_handle);
@@ -108,7 +109,7 @@ class Channel {
     }
 
     explicit operator bool() const { return m_handle != nullptr; }
-    /** For the functions of QVCapture.h. Not to be closed. */
+    /** For the functions of QVCapture.h. Do not close it. */
     QV_CHANNEL Handle() const { return m_handle; }
     Result GetInfo(_QVCAP_CHANNEL_INFO& info) const { return QVGetChannelInfo(m_handle, &info); }
 
@@ -116,7 +117,8 @@ class Channel {
     QV_CHANNEL m_handle = nullptr;
 };
 
-/** A channel's worker thread, which calls back. Not to be destroyed in one of its callbacks. */
+/** A channel's worker thread, which runs the callbacks. Do not destroy it in one of its
+ * callbacks. */
 class Worker {
   public:
     explicit Worker(const Channel& channel)
@@ -136,8 +138,8 @@ class Worker {
 
 namespace detail {
 
-/** A callable behind a callback's parameter, which is the address of this. Whoever calls keeps it
- *  alive meanwhile, so that its owner may be destroyed inside it. */
+/** Holds a callable; its address is the parameter of a callback. A running call keeps it alive, so
+ *  that the callable may destroy its owner. */
 template <class... Arguments>
 class Callee : public std::enable_shared_from_this<Callee<Arguments...>> {
   public:
@@ -156,7 +158,7 @@ class Callee : public std::enable_shared_from_this<Callee<Arguments...>> {
     static void Release(void* param) {
         const auto last = std::move(static_cast<Callee*>(param)->m_lent);
     }
-    /** Waits for a call that is under way on another thread; there will be no other. */
+    /** Waits for a running call on another thread; after that it is never called. */
     void Disarm() {
         const std::lock_guard<std::recursive_mutex> guard(m_lock);
         m_armed = false;
@@ -199,7 +201,7 @@ class Notification {
     unsigned long long m_handle;
 };
 
-/** Time of a device's clock: 100 ns on the cards known. */
+/** Time of a device's clock: 100 ns on the known cards. */
 using Ticks = std::chrono::duration<long long, std::ratio<1, 10000000>>;
 
 /** Calls a callable on the worker by the device's clock, once or periodically. */
@@ -213,7 +215,7 @@ class Timer {
           m_handle(QVCreateTimerWithRelease(m_channel, OnTimer, delay.count(), period.count(),
                                             m_callee->Lend(), Callee::Release)) {}
     ~Timer() {
-        // A failure, on purpose, for a channel's last timer and for one that fired for the last
+        // This fails, on purpose, for a channel's last timer and for one that fired for the last
         // time.
         if (m_handle != 0) QVDestoryTimer(m_channel, m_handle);
         m_callee->Disarm();
@@ -231,7 +233,7 @@ class Timer {
     unsigned long long m_handle;
 };
 
-/** A picture in memory that is the library's: valid while the callable runs. */
+/** A picture in the library's memory, valid while the callable runs. */
 struct VideoFrame {
     const uint8_t* data;
     uint32_t size;   /**< bytes */
@@ -247,7 +249,8 @@ struct VideoFormat {
     _QV_VIDEO_CAPTURE_MODE mode = QV_VIDEO_CAPTURE_BACK_TO_BACK;
 };
 
-/** Video of a PCIe channel: every frame to a callable on the worker. One for each channel. */
+/** Video of a PCIe channel: passes every frame to a callable on the worker. One for each
+ * channel. */
 class VideoCapture {
   public:
     using Function = std::function<void(const VideoFrame&)>;
@@ -265,7 +268,7 @@ class VideoCapture {
     VideoCapture& operator=(const VideoCapture&) = delete;
     /** Whether it was started; it needs a Worker. */
     Result Status() const { return m_status; }
-    /** Whether the driver refused a request for a frame: none comes until a new capture is made. */
+    /** Whether the driver refused a request for a frame: none comes until a new capture starts. */
     bool Stalled() const { return m_status && QVIsVideoCaptureStalled(m_channel); }
 
   private:
@@ -280,8 +283,8 @@ class VideoCapture {
     Result m_status;
 };
 
-/** Audio of a PCIe channel: every frame of the driver to a callable on the worker. One for each
- *  channel. */
+/** Audio of a PCIe channel: passes every frame of the driver to a callable on the worker. One
+ *  for each channel. */
 class AudioCapture {
   public:
     using Function = std::function<void(const _QVCAP_AUDIO_CAPTURE_FRAME&)>;
@@ -309,13 +312,13 @@ class AudioCapture {
     Result m_status;
 };
 
-/** Bytes of the library's, valid while the callable runs. */
+/** Bytes in the library's memory, valid while the callable runs. */
 struct Chunk {
     const uint8_t* data;
     uint32_t size; /**< bytes */
 };
 
-/** Video of a channel's V4L2 node: every frame to a callable on a thread of its own. */
+/** Video of a channel's V4L2 node: passes every frame to a callable on its own thread. */
 class NodeVideoCapture {
   public:
     using Function = std::function<void(const Chunk& frame)>;
@@ -333,8 +336,8 @@ class NodeVideoCapture {
     NodeVideoCapture& operator=(const NodeVideoCapture&) = delete;
     /** Whether the node was opened and configured. */
     explicit operator bool() const { return m_capture != nullptr; }
-    /** The picture controls. There is no handle for the functions of QVCapture.h: one that is meant
-     *  for a channel would take it, too. */
+    /** The picture controls. The handle is not public: a function of QVCapture.h that expects a
+     *  channel would accept it, too. */
     Result SetControl(_QVCAP_VIDEO_PROC_PARAM_TYPE type, int value) {
         return QVSetVideoProcParam(m_capture, type, value);
     }
@@ -362,7 +365,7 @@ struct SoundFormat {
     unsigned short channels = 2;
 };
 
-/** Audio of a channel's sound card: chunks of 10 ms to a callable on a thread of its own. */
+/** Audio of a channel's sound card: passes chunks of 10 ms to a callable on its own thread. */
 class SoundCapture {
   public:
     using Function = std::function<void(const Chunk& samples)>;
@@ -407,14 +410,14 @@ class Doorbell {
     int Fd() const { return m_fd; }
     /** Any thread; never blocks. */
     void Ring() noexcept { QVRingDoorbell(m_fd); }
-    /** How often it was rung since the last call; it is not readable then. */
+    /** How often it was rung since the last call; after this call it is not readable. */
     uint64_t Answer() noexcept { return QVAnswerDoorbell(m_fd); }
 
   private:
     int m_fd;
 };
 
-/** A copy of a frame that is the caller's own. */
+/** The caller's own copy of a frame. */
 struct FrameCopy {
     std::vector<uint8_t> bytes;
     uint32_t stride = 0;
@@ -427,7 +430,7 @@ struct FrameCopy {
     }
 };
 
-/** A copy of a chunk that is the caller's own. */
+/** The caller's own copy of a chunk. */
 struct ChunkCopy {
     std::vector<uint8_t> bytes;
     ChunkCopy& operator=(const Chunk& chunk) {
@@ -436,10 +439,10 @@ struct ChunkCopy {
     }
 };
 
-/** Takes what callbacks deliver over to another thread: a queue of fixed length with a descriptor
- * to wait on. What finds the queue full is dropped, and counted, so that a slow reader never stalls
- * a channel. Memory is reused: after a round no delivery allocates.
- *  @tparam Item  own copy of what is delivered, such as FrameCopy; assignable from it */
+/** Passes items from callbacks to another thread: a queue of fixed length with a descriptor to wait
+ * on. An item that finds the queue full is dropped, and counted, so that a slow reader never stalls
+ * a channel. Memory is reused: once every slot was used, no delivery allocates.
+ *  @tparam Item  own copy of a delivered item, such as FrameCopy; assignable from it */
 template <class Item>
 class Mailbox {
   public:
@@ -463,7 +466,7 @@ class Mailbox {
         ++m_waiting;
         m_bell.Ring();
     }
-    /** Takes the oldest item; false when none waits. What @p item held is reused. */
+    /** Takes the oldest item; false when none waits. The memory of @p item is reused. */
     bool Take(Item& item) {
         const std::lock_guard<std::mutex> guard(m_lock);
         if (m_waiting == 0) return false;

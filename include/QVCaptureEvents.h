@@ -1,8 +1,8 @@
 /** @file
  * Events, notifications, timers and the device clock of PCIe channels.
  *
- * Part of QVCapture.h; results and thread words as described there. Handles of events,
- * notifications and timers are values minted by the driver; 0 means none. */
+ * Part of QVCapture.h; results and thread words as described there. The driver assigns the
+ * handles of events, notifications and timers; 0 means none. */
 #ifndef QV_CAPTURE_EVENTS_H
 #define QV_CAPTURE_EVENTS_H
 
@@ -28,7 +28,7 @@ QV_API QV_RESULT QVCloseEvent(unsigned long long event);
 /** Sets an event. @threads any */
 QV_API QV_RESULT QVSetEvent(unsigned long long event);
 
-/** Takes an event's signal back. @threads any */
+/** Clears an event's signal. @threads any */
 QV_API QV_RESULT QVClearEvent(unsigned long long event);
 
 /** @return non-zero when the event is set; its signal stays. 0 for handle 0 or a closed event node.
@@ -36,22 +36,22 @@ QV_API QV_RESULT QVClearEvent(unsigned long long event);
 QV_API int QVIsSetEvent(unsigned long long event);
 
 /** Consumes the event's signal without waiting.
- * @return the driver's answer as it is: 1 when the event was set; 0 for handle 0 @threads any */
+ * @return the driver's answer, unchanged: 1 when the event was set; 0 for handle 0 @threads any */
 QV_API int QVTryWaitEvent(unsigned long long event);
 
 /** Waits for an event and consumes its signal.
- * @return the driver's answer as it is; -1 also when a signal handler interrupted the wait (errno
- *         EINTR); 0 for handle 0 @threads any */
+ * @return the driver's answer, unchanged; also -1 when a signal handler interrupted the wait
+ *         (errno EINTR); 0 for handle 0 @threads any */
 QV_API int QVWaitEvent(unsigned long long event, int timeout);
 
-/** Waits until at least one of several events is set, then consumes every one that is.
+/** Waits until at least one of several events is set, then consumes the signals of all that are.
  * @param[in] events  @p count handles
- * @return bit mask; bit i modulo 32 stands for event i. 0 on time-out, failure, null array or a
+ * @return bit mask; bit i modulo 32 is set for event i. 0 on time-out, failure, null array or a
  *         closed event node @threads any */
 QV_API int QVMultiWaitEvent(unsigned long long* events, int count, int timeout);
 
 /* ---- Notifications that set an event ----------------------------------------------------- */
-/* From here on: PCIe channels only; a channel of another kind fails. */
+/* From here on: PCIe channels only; calls for a channel of another kind fail. */
 
 /** The notification bits whose meaning is known; the driver has others. */
 enum {
@@ -59,8 +59,8 @@ enum {
     QV_NOTIFY_AUDIO_FRAME = 0x1000, /**< an audio frame is ready */
 };
 
-/** Has the driver set @p event whenever one of @p enableBits (QV_NOTIFY_VIDEO_FRAME and others) is
- * raised.
+/** Makes the driver set @p event whenever one of @p enableBits (QV_NOTIFY_VIDEO_FRAME and others)
+ * is raised.
  * @return notification handle, 0 on failure or for event 0 @threads per channel */
 QV_API unsigned long long QVRegisterNotify(QV_CHANNEL channel, unsigned long long event,
                                            unsigned int enableBits);
@@ -81,13 +81,13 @@ QV_API unsigned long long QVRegisterTimer(QV_CHANNEL channel, unsigned long long
 /** Ends a driver timer. @threads per channel */
 QV_API QV_RESULT QVUnregisterTimer(QV_CHANNEL channel, unsigned long long timer);
 
-/** Sets when a driver timer expires, in device-clock time; at once when that is past.
+/** Sets when a driver timer expires, in device-clock time; at once if that time has passed.
  * @threads per channel */
 QV_API QV_RESULT QVScheduleTimer(QV_CHANNEL channel, unsigned long long timer,
                                  long long expireTime);
 
 /* ---- Device clock ------------------------------------------------------------------------ */
-/* Counts in the device's own unit (100 ns on the cards known). */
+/* Counts in the device's own unit (100 ns on the known cards). */
 
 /** Reads the device clock. @threads per channel */
 QV_API QV_RESULT QVGetDeviceTime(QV_CHANNEL channel, long long* time);

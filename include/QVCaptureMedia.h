@@ -2,9 +2,10 @@
  * Video capture of USB channels, audio capture, playback and volume.
  *
  * Part of QVCapture.h; results and thread words as described there. Video of USB channels goes
- * through their V4L2 node, audio of every channel through its ALSA sound card, so none of this
- * needs the cards' own driver beyond the identity of the channel. A capture belongs to the caller
- * until its QVDestory... function (spelled so on purpose), and the channel must outlive it. */
+ * through their V4L2 node, audio of every channel through its ALSA sound card, so all this needs
+ * the cards' own driver only for the identity of the channel. A capture belongs to the caller
+ * until its QVDestory... function is called (spelled so on purpose), and the channel must
+ * outlive it. */
 #ifndef QV_CAPTURE_MEDIA_H
 #define QV_CAPTURE_MEDIA_H
 
@@ -89,9 +90,9 @@ enum { QV_RESOLUTION_MODE_RANGE = 0, QV_RESOLUTION_MODE_LIST = 1 };
 
 /* ---- Path of a channel ------------------------------------------------------------------- */
 
-/** Finds the video node of a channel: of a PCIe channel the path that QVOpenChannelByPath() was
- * given, of a USB channel its V4L2 node, which is looked up by the serial number; one of more than
- * 31 characters is not found.
+/** Finds the video node of a channel: for a PCIe channel the path that was given to
+ * QVOpenChannelByPath(), for a USB channel its V4L2 node, which is looked up by the serial number;
+ * a serial number of more than 31 characters is not found.
  * @param[out] path  at least 512 bytes; empty on failure
  * @retval QV_RESULT_FAILED null argument, unknown family, no node; also for a channel from
  *         QVOpenChannel(), which keeps no path
@@ -110,7 +111,7 @@ QV_API QV_VIDEO_CAPTURE QVCreateVideoCapture(QV_CHANNEL channel, int cx, int cy,
                                              unsigned int fourcc, int frameDuration,
                                              QV_VIDEO_CAPTURE_CALLBACK callback, void* param);
 
-/** Stops and closes; from the capture's own callback it takes effect when that has returned.
+/** Stops and closes; a call from the capture's own callback takes effect when that has returned.
  * @retval QV_RESULT_FAILED null capture
  * @threads one thread at a time for each capture */
 QV_API QV_RESULT QVDestoryVideoCapture(QV_VIDEO_CAPTURE capture);
@@ -125,9 +126,9 @@ QV_API QV_RESULT QVDestoryVideoCapture(QV_VIDEO_CAPTURE capture);
 QV_API QV_RESULT QVGetVideoCaptureSupportColorFormat(QV_CHANNEL channel, unsigned int* fourccs,
                                                      int* count);
 
-/** Lists the frame sizes of the first pixel format of a device that states them one by one.
- * @param[in,out] list   see the record; untouched sizes when the device states a range
- * @param[out]    total  null, or the number of sizes that there are, also beyond the capacity;
+/** Lists the frame sizes of the first pixel format of a device that lists them one by one.
+ * @param[in,out] list   see the record; the sizes are untouched when the device states a range
+ * @param[out]    total  null, or the number of all sizes, which may be above the capacity;
  *                       untouched when the device states a range
  * @retval QV_RESULT_FAILED       no sizes, or the node cannot be opened
  * @retval QV_RESULT_BAD_ARGUMENT null list; the channel has no node
@@ -136,8 +137,8 @@ QV_API QV_RESULT QVGetVideoCaptureSupportListResolution(QV_CHANNEL channel,
                                                         _QVCAP_VIDEO_RESOLUTION_LIST* list,
                                                         int* total);
 
-/** Reads the range of frame sizes of the first pixel format; untouched when the device states sizes
- * one by one. Results as for the list. @threads per channel */
+/** Reads the range of frame sizes of the first pixel format; untouched when the device lists
+ * sizes one by one. Results as for the list. @threads per channel */
 QV_API QV_RESULT QVGetVideoCaptureSupportRangeResolution(QV_CHANNEL channel,
                                                          _QVCAP_VIDEO_RESOLUTION_RANGE* range);
 
@@ -164,11 +165,11 @@ QV_API QV_RESULT QVGetVideoProcParamRange(QV_VIDEO_CAPTURE capture,
 /* ---- Audio capture and volume ------------------------------------------------------------ */
 
 /** Finds the channel's sound card and starts capturing from it in chunks of 10 ms.
- * @param[in] node           USB channels: 0, 1 HDMI or SDI or DVI, 2 microphone, 3 computer, 4 line
- *                           in, more as 0: not the audio node of QVSetAudioVolume(); ignored for
- *                           PCIe channels
+ * @param[in] node           USB channels: 0 and 1 HDMI or SDI or DVI, 2 microphone, 3 computer, 4
+ *                           line in, larger values as 0. This is not the audio node of
+ *                           QVSetAudioVolume(). Ignored for PCIe channels
  * @param[in] sampleRate     Hz, at least 1000
- * @param[in] bitsPerSample  32; everything else captures 16
+ * @param[in] bitsPerSample  32; any other value captures 16
  * @return the capture, or null with nothing left behind
  * @threads per channel */
 QV_API QV_AUDIO_CAPTURE QVCreateAudioCapture(QV_CHANNEL channel, unsigned int node,
@@ -176,30 +177,30 @@ QV_API QV_AUDIO_CAPTURE QVCreateAudioCapture(QV_CHANNEL channel, unsigned int no
                                              unsigned short channels,
                                              QV_AUDIO_CAPTURE_CALLBACK callback, void* param);
 
-/** Stops and releases; from the capture's own callback it takes effect when that has returned.
+/** Stops and releases; a call from the capture's own callback takes effect when that has returned.
  * @retval QV_RESULT_FAILED null capture
  * @threads one thread at a time for each capture */
 QV_API QV_RESULT QVDestoryAudioCapture(QV_AUDIO_CAPTURE capture);
 
-/** Sets volume and mute of the channel's sound card. PCIe channels: every capture channel of the
- * card's first mixer element, @p node ignored, minimum and maximum of the record are set to 0 and
- * 100. USB channels: the first channelCount entries on @p node, which is an audio node as
- * _QVCAP_USB_AUDIO_NODE numbers them, 0 to 7, and not the number that QVCreateAudioCapture() takes.
+/** Sets volume and mute of the channel's sound card. PCIe channels: sets every capture channel of
+ * the card's first mixer element, ignores @p node, and sets minimum and maximum of the record to 0
+ * and 100. USB channels: sets the first channelCount entries on @p node, an audio node 0 to 7 as in
+ * _QVCAP_USB_AUDIO_NODE, and not the number that QVCreateAudioCapture() takes.
  * @retval QV_RESULT_FAILED null argument, no card, no such node, or the card refused
- * @threads one thread for all channels: sound cards are looked up in one table */
+ * @threads one thread for all channels: they share one table of sound cards */
 QV_API QV_RESULT QVSetAudioVolume(QV_CHANNEL channel, unsigned int node,
                                   _QVCAP_AUDIO_VOLUME* volume);
 
-/** Reads what QVSetAudioVolume() sets; channelCount tells how many entries are valid. Not so of a
- * USB channel: what is set goes to its sound card, what is read is what the device itself says of
- * @p node, in a unit of its own, and the two need not agree.
- * Results as there. @threads as there */
+/** Reads what QVSetAudioVolume() sets; channelCount tells how many entries are valid. A USB
+ * channel differs: QVSetAudioVolume() sets its sound card, but this function reads what the
+ * device itself reports for @p node, in its own unit, and the two need not agree. Results as
+ * there. @threads as there */
 QV_API QV_RESULT QVGetAudioVolume(QV_CHANNEL channel, unsigned int node,
                                   _QVCAP_AUDIO_VOLUME* volume);
 
 /* ---- Audio playback ---------------------------------------------------------------------- */
-/* Push-style and without a thread: a put blocks until the device has taken the data.
- * 0 or a count on success, negative on failure: -1 or a negative ALSA error. */
+/* Playback has no thread: a put blocks until the device has taken the data. The functions return
+ * 0 or a count on success, and on failure -1 or a negative ALSA error. */
 
 typedef struct AudioPlaybackALSAContext AudioPlaybackALSAContext;
 
@@ -208,24 +209,25 @@ QV_API int AudioPlaybackALSACreate(AudioPlaybackALSAContext** out);
 
 /** Opens and configures a PCM device.
  * @param[in] device  ALSA device name; null means "default"
- * @param[in] bits    32; everything else plays 16
- * @param[in] extra   kept, not used
+ * @param[in] bits    32; any other value plays 16
+ * @param[in] extra   stored, not used
  * @threads one thread at a time for each playback */
 QV_API int AudioPlaybackALSAStart(AudioPlaybackALSAContext* playback, const char* device,
                                   int sampleRate, int bits, int channels, int extra);
 
-/** Plays @p bytes bytes of interleaved samples; what does not fill a frame is left out.
- * @return frames written; an underrun is recovered, with silence first, and the data written once
- *         more
+/** Plays @p bytes bytes of interleaved samples; bytes that do not fill a frame are left out.
+ * @return frames written; after an underrun the device is recovered, silence is written first, and
+ *         then the data is written once more
  * @threads one thread at a time for each playback */
 QV_API int AudioPlaybackALSAPut(AudioPlaybackALSAContext* playback, const unsigned char* data,
                                 int bytes);
 
-/** Drops what is not played yet and closes the device. Null or idle: nothing.
+/** Drops data that is not played yet and closes the device. Does nothing for null or an idle
+ * playback.
  * @threads one thread at a time for each playback */
 QV_API void AudioPlaybackALSAStop(AudioPlaybackALSAContext* playback);
 
-/** Releases a playback that was stopped. Null: nothing.
+/** Releases a playback that was stopped. Does nothing for null.
  * @threads one thread at a time for each playback */
 QV_API void AudioPlaybackALSADestroy(AudioPlaybackALSAContext* playback);
 

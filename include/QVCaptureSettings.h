@@ -1,8 +1,9 @@
 /** @file
  * Input selection, signal status, picture and timing settings.
  *
- * Part of QVCapture.h; results and thread words as described there. Records and enumeration values
- * are the driver's and pass through untouched. Every function here: @threads per channel. */
+ * Part of QVCapture.h; results and thread words as described there. The driver defines records
+ * and enumeration values; they are passed on unchanged. Every function here: @threads per
+ * channel. */
 #ifndef QV_CAPTURE_SETTINGS_H
 #define QV_CAPTURE_SETTINGS_H
 
@@ -19,7 +20,8 @@ extern "C" {
  * @param[in,out] count    capacity in, number of sources out
  * @retval QV_RESULT_FAILED  also when a PCIe channel has more sources than fit; count unchanged
  *
- * A USB channel writes after a failure, too: the count's low byte or 16, and as many zeros. */
+ * A USB channel writes even after a failure: the count's low byte or 16, whichever is less, and
+ * as many zeros. */
 QV_API QV_RESULT QVGetVideoInputSourceArray(QV_CHANNEL channel, unsigned int* sources,
                                             unsigned int* count);
 /** Lists the selectable audio inputs; as QVGetVideoInputSourceArray(). */
@@ -33,7 +35,7 @@ QV_API QV_RESULT QVSetInputSourceScan(QV_CHANNEL channel, char scan);
 
 /** Whether the audio input follows the video input: 0 off, otherwise on. */
 QV_API QV_RESULT QVGetAVInputSourceLink(QV_CHANNEL channel, char* link);
-/** Has the audio input follow the video input (non-zero) or not. */
+/** Makes the audio input follow the video input (non-zero) or not. */
 QV_API QV_RESULT QVSetAVInputSourceLink(QV_CHANNEL channel, char link);
 
 /** The video input in use, one of the codes listed. */
@@ -48,15 +50,15 @@ QV_API QV_RESULT QVSetAudioInputSource(QV_CHANNEL channel, unsigned int source);
 
 /** Reads the EDID that the input presents.
  * @param[out]    edid  room for *size bytes
- * @param[in,out] size  capacity in; out: bytes of the EDID as the driver tells, which may be more
- *                      than the capacity. A USB channel leaves it unchanged. */
+ * @param[in,out] size  capacity in; out: bytes of the EDID as the driver reports them, which may
+ *                      be more than the capacity. A USB channel leaves it unchanged. */
 QV_API QV_RESULT QVGetEDID(QV_CHANNEL channel, unsigned char* edid, unsigned long* size);
-/** Gives the input @p size bytes of EDID to present. */
+/** Sets the EDID that the input presents, @p size bytes. */
 QV_API QV_RESULT QVSetEDID(QV_CHANNEL channel, unsigned char* edid, unsigned long size);
 
 /* ---- Signal status (PCIe and USB) -------------------------------------------------------- */
 
-/** Reads what the selected input reports of itself. */
+/** Reads what the selected input reports about itself. */
 QV_API QV_RESULT QVGetInputSpecificStatus(QV_CHANNEL channel, _QVCAP_INPUT_SPECIFIC_STATUS* status);
 /** Reads the state and format of the video signal. */
 QV_API QV_RESULT QVGetVideoSignalStatus(QV_CHANNEL channel, _QVCAP_VIDEO_SIGNAL_STATUS* status);
@@ -72,19 +74,19 @@ QV_API QV_RESULT QVGetHDMIInfoFramePacket(QV_CHANNEL channel, _QVCAP_HDMI_INFOFR
 
 /* ---- How the input picture is understood (PCIe and USB) ---------------------------------- */
 
-/** Sets the aspect ratio that is assumed of the input, @p x to @p y. */
+/** Sets the aspect ratio that is assumed for the input, @p x to @p y. */
 QV_API QV_RESULT QVSetVideoInputAspectRatio(QV_CHANNEL channel, int x, int y);
-/** Reads the aspect ratio that is assumed of the input. A USB channel skips null pointers,
- * and writes zeros after a failure. */
+/** Reads the aspect ratio that is assumed for the input. A USB channel skips null pointers, and
+ * writes zeros after a failure. */
 QV_API QV_RESULT QVGetVideoInputAspectRatio(QV_CHANNEL channel, int* x, int* y);
-/** Sets the colour format that is assumed of the input. */
+/** Sets the colour format that is assumed for the input. */
 QV_API QV_RESULT QVSetVideoInputColorFormat(QV_CHANNEL channel, _QVCAP_VIDEO_COLOR_FORMAT format);
-/** Reads the colour format that is assumed of the input. */
+/** Reads the colour format that is assumed for the input. */
 QV_API QV_RESULT QVGetVideoInputColorFormat(QV_CHANNEL channel, _QVCAP_VIDEO_COLOR_FORMAT* format);
-/** Sets the quantization range that is assumed of the input. */
+/** Sets the quantization range that is assumed for the input. */
 QV_API QV_RESULT QVSetVideoInputQuantizationRange(QV_CHANNEL channel,
                                                   _QVCAP_VIDEO_QUANTIZATION_RANGE range);
-/** Reads the quantization range that is assumed of the input. */
+/** Reads the quantization range that is assumed for the input. */
 QV_API QV_RESULT QVGetVideoInputQuantizationRange(QV_CHANNEL channel,
                                                   _QVCAP_VIDEO_QUANTIZATION_RANGE* range);
 
@@ -108,15 +110,15 @@ QV_API QV_RESULT QVGetStreamInfos(QV_CHANNEL channel, _QVCAP_STREAM_INFO* infos,
                                   unsigned int* count);
 
 /* ---- Timings and resolutions ------------------------------------------------------------- */
-/* The Get...Array functions take the capacity in *count and hand back how many the driver has,
+/* The Get...Array functions take the capacity in *count and return how many the driver has,
  * which may be more; the Set...Array functions replace the driver's list. */
 
-/** Sets the timing that is assumed of the input. */
+/** Sets the timing that is assumed for the input. */
 QV_API QV_RESULT QVSetVideoTiming(QV_CHANNEL channel, const _QVCAP_VIDEO_TIMING* timing);
 /** Lists the timings that the driver prefers for the present input. */
 QV_API QV_RESULT QVGetVideoPreferredTimingArray(QV_CHANNEL channel, _QVCAP_VIDEO_TIMING* timings,
                                                 unsigned int* count);
-/** Sets a timing of the caller's own for the input. */
+/** Sets a custom timing for the input. */
 QV_API QV_RESULT QVSetCustomVideoTiming(QV_CHANNEL channel,
                                         const _QVCAP_VIDEO_CUSTOM_TIMING* timing);
 /** Number of custom timings that the driver keeps. */
@@ -157,9 +159,9 @@ QV_API QV_RESULT QVGetVideoSamplingPhaseAutoAdjust(QV_CHANNEL channel, char* on)
 
 /* ---- Presets ----------------------------------------------------------------------------- */
 
-/** Keeps the present settings as the preset. */
+/** Saves the present settings as the preset. */
 QV_API QV_RESULT QVSaveSettingsAsPreset(QV_CHANNEL channel);
-/** Brings the preset's settings back. */
+/** Restores the settings of the preset. */
 QV_API QV_RESULT QVReloadPreset(QV_CHANNEL channel);
 
 /* ---- Picture ----------------------------------------------------------------------------- */

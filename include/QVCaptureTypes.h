@@ -3,11 +3,11 @@
  *
  * Plain C: compiles as C99 and as C++17. Declares no function; see QVCapture.h.
  *
- * Every record is packed and little-endian and travels unchanged between the caller and the kernel
- * driver; its size is part of the driver's request codes. Fields whose meaning only the driver
- * knows are kept as named byte arrays: the library hands them on untouched. What the simulated
- * driver of qvcap-sim puts there is said at each; a card's driver puts something else. Texts that
- * come from a device are NUL-terminated by a well-behaved driver, but never trust that: bound every
+ * Every record is packed and little-endian and is passed unchanged between the caller and the
+ * kernel driver; its size is part of the driver's request codes. Fields whose meaning only the
+ * driver knows are named byte arrays: the library passes them on unchanged. Each description
+ * says what the simulated driver of qvcap-sim puts there; a card's driver puts something else. A
+ * well-behaved driver NUL-terminates texts from a device, but never trust that: bound every
  * read. */
 #ifndef QV_CAPTURE_TYPES_H
 #define QV_CAPTURE_TYPES_H
@@ -27,8 +27,8 @@ enum {
     QV_RESULT_BAD_ARGUMENT = 3, /**< null handle or pointer, index out of range, channel closed */
 };
 
-/** Version of the library that these headers belong to, for the compiler; see QVGetVersion() for
- *  the one that runs. */
+/** Version of the library that these headers belong to, at compile time; see QVGetVersion() for
+ *  the version at run time. */
 #define QV_VERSION_MAJOR 3
 #define QV_VERSION_MINOR 3
 #define QV_VERSION_BUILD 0
@@ -36,19 +36,19 @@ enum {
 #define QV_VERSION_AT_LEAST(major, minor) \
     (QV_VERSION_MAJOR > (major) || (QV_VERSION_MAJOR == (major) && QV_VERSION_MINOR >= (minor)))
 
-/** One open channel; null means that there is no channel. Made by the open functions, released by
- *  QVCloseChannel() alone. */
+/** One open channel; null means that there is no channel. Made by the open functions, released
+ *  only by QVCloseChannel(). */
 typedef void* QV_CHANNEL;
 
 /** Largest number of channels that one registry keeps. */
 enum { QV_MAX_CHANNELS = 64 };
 
-/** Told that the library will not use a caller's parameter again: no callback with it is running,
+/** Called when the library will not use a caller's parameter again: no callback with it is running,
  * and none will be called. Called exactly once for each parameter that it was given with.
  *
- * It runs on the worker's thread, or on the thread whose call failed, stopped the worker or closed
- * the channel; the rules for callbacks hold for it, too. It may call the library; what it asks of a
- * worker that is ending fails. */
+ * It runs on the worker's thread, or on the thread whose call failed, stopped the worker or
+ * closed the channel; the rules for callbacks apply to it, too. It may call the library; its
+ * calls to a worker that is ending fail. */
 typedef void (*QV_RELEASE_CALLBACK)(void* param);
 
 /* Values that the driver defines and the library passes through, 32 bits each. */
@@ -61,8 +61,8 @@ typedef uint32_t _QVCAP_VIDEO_ASPECT_RATIO_CONVERT_MODE;
 /** HDMI info-frame id, 0 to 11. */
 typedef int32_t _QVCAP_HDMI_INFOFRAME_ID;
 
-/** Pacing of callback video capture: 1 captures back to back into two buffers in turn, any other
- *  value captures one frame per frame notification of the driver. */
+/** Pacing of callback video capture: 1 captures back to back into two buffers alternately, any
+ *  other value captures one frame per frame notification of the driver. */
 typedef uint32_t _QV_VIDEO_CAPTURE_MODE;
 enum { QV_VIDEO_CAPTURE_ON_NOTIFY = 0, QV_VIDEO_CAPTURE_BACK_TO_BACK = 1 };
 
@@ -71,7 +71,7 @@ enum { QV_VIDEO_CAPTURE_ON_NOTIFY = 0, QV_VIDEO_CAPTURE_BACK_TO_BACK = 1 };
 
 #pragma pack(push, 1)
 
-/** An address of the bus, as the driver has it. 8 bytes. */
+/** A bus address in the driver's format. 8 bytes. */
 typedef struct _LARGE_INTEGER {
     int64_t QuadPart;
 } _LARGE_INTEGER;
@@ -134,8 +134,9 @@ typedef struct _QVCAP_AUDIO_CAPS {
     uint8_t bytes[4];
 } _QVCAP_AUDIO_CAPS;
 
-/** Which frame the driver's buffers hold. 13 bytes; one is known. The simulated driver: at 0 the
- *  number of the newest frame (32 bits), at 4 the count of buffers, 4 (32 bits). */
+/** Which frame the driver's buffers hold. 13 bytes; the meaning of one is known. The simulated
+ *  driver: at 0 the number of the newest frame (32 bits), at 4 the count of buffers, 4 (32
+ *  bits). */
 typedef struct _QVCAP_VIDEO_BUFFER_INFO {
     uint8_t bytes0[8];
     uint8_t completedFrameIndex; /**< frame finished last; the index for QVGetVideoFrameInfo() */
@@ -150,8 +151,8 @@ typedef struct _QVCAP_VIDEO_FRAME_INFO {
     uint8_t bytes[64];
 } _QVCAP_VIDEO_FRAME_INFO;
 
-/** State of the capture request in work. 26 bytes; one is known. The simulated driver: at 0 the
- *  context of the request (64 bits), at 8 the number of the frame (32 bits). */
+/** State of the current capture request. 26 bytes; the meaning of one is known. The simulated
+ *  driver: at 0 the context of the request (64 bits), at 8 the number of the frame (32 bits). */
 typedef struct _QVCAP_VIDEO_CAPTURE_STATUS {
     uint8_t bytes0[21];
     uint8_t frameCompleted; /**< non-zero when the whole frame is in the buffer */
@@ -159,9 +160,9 @@ typedef struct _QVCAP_VIDEO_CAPTURE_STATUS {
 } _QVCAP_VIDEO_CAPTURE_STATUS;
 
 /** One buffered audio frame. 6168 bytes; the marker is known, the format of the samples and the
- *  meaning of the rest are the driver's. The simulated driver: at 0 the frame's running number
- *  from 1 on (64 bits); behind the marker 3078 samples of 16 bits, signed and little-endian, of
- *  one sine that goes on from frame to frame, 48 samples a turn: 1 kHz for one channel at 48 kHz.
+ *  meaning of the rest are the driver's. The simulated driver: at 0 the frame's running number from
+ *  1 on (64 bits); after the marker 3078 samples of 16 bits, signed and little-endian, of one sine
+ *  that continues from frame to frame, 48 samples per period: 1 kHz for one channel at 48 kHz.
  */
 typedef struct _QVCAP_AUDIO_CAPTURE_FRAME {
     uint8_t bytes0[8];
@@ -199,8 +200,8 @@ typedef struct _QVCAP_VIDEO_TIMING {
     uint8_t bytes[28];
 } _QVCAP_VIDEO_TIMING;
 
-/** A timing of the user's own. 27 bytes. All of it is defined by the driver. The simulated
- *  driver: none until some are set, then those. */
+/** A custom timing. 27 bytes. All of it is defined by the driver. The simulated driver: none
+ *  until some are set, then those. */
 typedef struct _QVCAP_VIDEO_CUSTOM_TIMING {
     uint8_t bytes[27];
 } _QVCAP_VIDEO_CUSTOM_TIMING;
@@ -229,7 +230,7 @@ typedef struct _QVCAP_VIDEO_PROCESS_SETTINGS {
     uint32_t settings[5]; /**< defined by the driver */
 } _QVCAP_VIDEO_PROCESS_SETTINGS;
 
-/** What is laid over the picture. 513 bytes. All of it is defined by the driver. The simulated
+/** The overlay of the picture. 513 bytes. All of it is defined by the driver. The simulated
  *  driver: bytes without a meaning, the same at every read; what was set is given back. */
 typedef struct _QVCAP_VIDEO_OSD_SETTINGS {
     uint8_t bytes[513];
@@ -286,8 +287,8 @@ typedef struct _QVCAP_VIDEO_LUMO_CAPTURE_STATUS {
 
 #pragma pack(pop)
 
-/** One stream of a channel. The driver defines the record and its size; the library never looks
- *  inside, so callers bring their driver's definition. */
+/** One stream of a channel. The driver defines the record and its size; the library never reads
+ *  it, so callers use their driver's definition. */
 typedef struct _QVCAP_STREAM_INFO _QVCAP_STREAM_INFO;
 
 #ifdef __cplusplus

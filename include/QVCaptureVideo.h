@@ -1,8 +1,8 @@
 /** @file
  * Video and audio capture of PCIe channels, frame by frame, and OSD images.
  *
- * Part of QVCapture.h; results and thread words as described there. PCIe channels only: a channel
- * of another kind fails. Every function here: @threads per channel. */
+ * Part of QVCapture.h; results and thread words as described there. PCIe channels only: calls
+ * for a channel of another kind fail. Every function here: @threads per channel. */
 #ifndef QV_CAPTURE_VIDEO_H
 #define QV_CAPTURE_VIDEO_H
 
@@ -17,7 +17,7 @@ extern "C" {
 /** Starts video capture; the driver sets @p event as requested frames complete. Event 0 is refused
  * as a bad argument. */
 QV_API QV_RESULT QVStartVideoCapture(QV_CHANNEL channel, unsigned long long event);
-/** Stops video capture. Frame memory that was handed to the driver may be released after this has
+/** Stops video capture. Frame memory that was given to the driver may be released after this has
  * succeeded, not before. */
 QV_API QV_RESULT QVStopVideoCapture(QV_CHANNEL channel);
 
@@ -40,8 +40,8 @@ QV_API QV_RESULT QVGetVideoCaptureStatus(QV_CHANNEL channel, _QVCAP_VIDEO_CAPTUR
  *   fourcc    pixel format, first character in the low byte
  *   cx, cy    width and height, pixels and lines, 16 bits each in the driver's record */
 
-/** Computes the memory that a frame of a pixel format takes: what a capture request wants as
- * stride and size.
+/** Computes the memory that a frame of a pixel format needs: the stride and size for a capture
+ * request.
  * @param[in]  fourcc  pixel format, first character in the low byte
  * @param[out] stride  bytes from line to line       @param[out] size  bytes in all
  * @retval QV_RESULT_FAILED  the format is unknown, or cannot be captured at these dimensions
@@ -77,8 +77,9 @@ QV_API QV_RESULT QVCaptureVideoFrameWithOSDToVirtualAddress(
     int cy, unsigned long long osdImage, const _RECT* osdRects, int osdRectCount);
 
 /** With every setting of the capture request given: process switches and partial notification
- * (lines; 16 bits travel), OSD, picture values, deinterlacing, source and destination rectangles
- * (null: whole picture), aspect ratio and colour description. Without OSD: image 0, count 0. */
+ * (lines; 16 bits are passed), OSD, picture values, deinterlacing, source and destination
+ * rectangles (null: whole picture), aspect ratio and colour description. Without OSD: image 0,
+ * count 0. */
 QV_API QV_RESULT QVCaptureVideoFrameToPhysicalAddressEx(
     QV_CHANNEL channel, int frame, _LARGE_INTEGER address, unsigned int size, unsigned int stride,
     char bottomUp, unsigned long long context, unsigned int fourcc, int cx, int cy,
@@ -105,7 +106,7 @@ QV_API QV_RESULT QVCaptureVideoFrameToVirtualAddressEx(
 /** Keeps @p size bytes of frame memory resident for the driver. */
 QV_API QV_RESULT QVPinVideoBuffer(QV_CHANNEL channel, unsigned long long address,
                                   unsigned int size);
-/** Gives pinned frame memory free. */
+/** Unpins pinned frame memory. */
 QV_API QV_RESULT QVUnpinVideoBuffer(QV_CHANNEL channel, unsigned long long address);
 
 /* ---- OSD images -------------------------------------------------------------------------- */
@@ -113,9 +114,9 @@ QV_API QV_RESULT QVUnpinVideoBuffer(QV_CHANNEL channel, unsigned long long addre
 /** Creates an OSD image of @p cx by @p cy pixels, 16 bits each.
  * @return its handle, 0 on failure */
 QV_API unsigned long long QVCreateImage(QV_CHANNEL channel, int cx, int cy);
-/** Takes one more reference to an image; @p refCount receives how many there are. */
+/** Adds one reference to an image; @p refCount receives how many there are. */
 QV_API QV_RESULT QVOpenImage(QV_CHANNEL channel, unsigned long long image, long* refCount);
-/** Gives one reference back; @p refCount receives how many are left. */
+/** Drops one reference; @p refCount receives how many are left. */
 QV_API QV_RESULT QVCloseImage(QV_CHANNEL channel, unsigned long long image, long* refCount);
 /** Uploads picture data as the record describes, from memory of the bus. */
 QV_API QV_RESULT QVUploadImageFromPhysicalAddress(QV_CHANNEL channel,
@@ -132,7 +133,7 @@ QV_API QV_RESULT QVStartVideoLumoCapture(QV_CHANNEL channel,
 /** Changes the settings of a running Lumo capture. */
 QV_API QV_RESULT QVSetVideoLumoCaptureSettings(QV_CHANNEL channel,
                                                const _QVCAP_VIDEO_LUMO_CAPTURE_SETTINGS* settings);
-/** Hands one frame request to a running Lumo capture. */
+/** Passes one frame request to a running Lumo capture. */
 QV_API QV_RESULT QVCaptureSetVideoLumoFrame(QV_CHANNEL channel,
                                             const _QVCAP_VIDEO_LUMO_CAPTURE_FRAME* frame);
 /** Reads the state of a Lumo capture. */
@@ -143,7 +144,7 @@ QV_API QV_RESULT QVStopVideoLumoCapture(QV_CHANNEL channel);
 
 /* ---- Audio capture ----------------------------------------------------------------------- */
 
-/** Has the driver buffer audio frames. */
+/** Makes the driver buffer audio frames. */
 QV_API QV_RESULT QVStartAudioCapture(QV_CHANNEL channel);
 /** Ends the buffering of audio frames. */
 QV_API QV_RESULT QVStopAudioCapture(QV_CHANNEL channel);
