@@ -9,12 +9,13 @@ import tempfile
 import unittest
 
 import html5lib
+import jsonschema
 import hypothesis.configuration
 from hypothesis import HealthCheck, given, settings
 from hypothesis import strategies as some
 
 import sample
-from support import COMMAND, NOW, card, host, image, make_page, page_of, run, status, upgraded
+from support import COMMAND, NOW, TREE, card, host, image, make_page, page_of, run, status, upgraded
 
 from plugin_utils import hosts, page
 
@@ -325,6 +326,23 @@ class WholePage(unittest.TestCase):
         links = [link.get("href") for link in found(tree, "a")]
         self.assertGreater(len(links), 50)
         self.assertEqual({link for link in links if not (link[0] == "#" and link[1:] in set(ids))}, set())
+
+
+class Sample(unittest.TestCase):
+    """What these tests show to the page is what hosts may say."""
+
+    def test_host_files_are_of_their_schema(self):
+        formats = TREE / "docs/formats"
+        schema = json.loads((formats / "fleet-host.schema.json").read_text())
+        resolver = jsonschema.RefResolver(f"{formats.as_uri()}/fleet-host.schema.json", schema)
+        check = jsonschema.Draft202012Validator(schema, resolver=resolver)
+        with self.assertRaises(jsonschema.ValidationError):
+            check.validate(host("alpha", status={}))
+        failed = run(upgraded(result="failed"), exit_status=1, problem="one card failed")
+        for document in [*(sample.host(number, 60, 8) for number in range(60)), host("alpha", run=failed)]:
+            if document["host"] == "alpha":
+                document["status"] = None
+            check.validate(document)
 
 
 class Command(unittest.TestCase):
