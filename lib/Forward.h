@@ -1,8 +1,7 @@
-// How the public functions reach the channel objects: argument checks and forwarding, and nothing
-// else.
+// How the public functions call the channel objects: argument checks and forwarding, nothing else.
 //
 // A null channel is refused everywhere, and an operation that only PCIe channels have fails on a
-// channel of another kind: the object is asked for its kind, never cast on trust.
+// channel of another kind: the code asks the object for its kind, and never casts unchecked.
 #pragma once
 
 #include <utility>
@@ -33,7 +32,7 @@ QV_RESULT Pcie(QV_CHANNEL channel, QV_RESULT (CQVCaptureBase::*operation)(Parame
                            : (pcie->*operation)(std::forward<Arguments>(arguments)...);
 }
 
-// The same for operations that make a handle; 0 is none.
+// The same for operations that return a handle; 0 means none.
 template <class... Parameters, class... Arguments>
 unsigned long long Pcie(QV_CHANNEL channel,
                         unsigned long long (CQVCaptureBase::*operation)(Parameters...),

@@ -1,5 +1,5 @@
-// The public functions of the instance, its list of channels, and what every channel has; the one
-// list is that of both registries.
+// The public functions of QVCapture.h: the instance, the list of channels, and the operations that
+// every channel has. The list combines both registries.
 #include "QVCapture.h"
 
 #include <new>
@@ -14,7 +14,8 @@ using qv::Pcie;
 
 namespace {
 
-// The list is the PCIe channels, then the USB channels; a negative index is refused by either.
+// The list holds the PCIe channels first, then the USB channels; both registries refuse a negative
+// index.
 bool IsPcieIndex(int index) { return index < CQVCaptureControlBase::GetChannelCount(); }
 int UsbIndex(int index) { return index - CQVCaptureControlBase::GetChannelCount(); }
 
@@ -56,7 +57,7 @@ bool QVCaptureInitInstance() {
     CQVCaptureControlBase::Init();
     CQVUSBCaptureControlBase::Init();
     QVRefreshDevice();
-    return true;  // Deliberate: listing and firmware work need no event node
+    return true;  // Deliberate: listing and firmware operations need no event node
 }
 
 void QVCaptureExitInstance() {

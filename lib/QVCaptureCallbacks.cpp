@@ -35,7 +35,7 @@ bool QVIsVideoCaptureStalled(QV_CHANNEL channel) {
 }
 
 // ---- With a release --------------------------------------------------------------------------
-// Without one the parameter stays the caller's business.
+// Without a release the caller looks after the parameter.
 
 unsigned long long QVRegisterNotifyWithCallback(QV_CHANNEL channel, unsigned int enableBits,
                                                 QV_NOTIFY_CALLBACK callback, void* param) {
@@ -95,7 +95,7 @@ int QVOpenDoorbell() { return eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK); }
 
 void QVRingDoorbell(int doorbell) {
     const uint64_t once = 1;
-    // A full count means that it is readable already.
+    // A full count means that the descriptor is already readable.
     [[maybe_unused]] const ssize_t written = write(doorbell, &once, sizeof once);
 }
 

@@ -6,7 +6,7 @@
 using qv::Pcie;
 
 // ---- Events ----------------------------------------------------------------------------------
-// The channel object makes the argument checks.
+// The channel object checks the arguments.
 
 unsigned long long QVCreateEvent() { return CQVCaptureBase::CreateEvent(); }
 QV_RESULT QVCloseEvent(unsigned long long event) { return CQVCaptureBase::CloseEvent(event); }

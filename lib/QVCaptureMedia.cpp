@@ -1,7 +1,8 @@
-// The public functions of sound and V4L2 video: which node or sound card a channel has, and
-// forwarding to the units that work on it.
+// The public functions of sound and V4L2 video: find the node or sound card of a channel, and
+// forward to the units that use it.
 //
-// A channel's family text decides, and must agree with the kind of the object: a mismatch fails.
+// A channel's family text decides which, and must agree with the kind of the object: a mismatch
+// fails.
 #include "QVCaptureMedia.h"
 
 #include <cstring>
@@ -20,7 +21,7 @@ constexpr int kPathSize = 512;
 constexpr int kUnitsPerSecond = 10000000;  // of 100 ns
 constexpr int kAudioPeriodMs = 10;
 
-// Audio node of the model table by the caller's node; larger ones are as the last.
+// Audio node of the model table for the caller's node; a larger node counts as the last one.
 constexpr _QVCAP_USB_AUDIO_NODE kAudioNodes[] = {4, 4, 0, 6, 2};
 constexpr _QVCAP_USB_AUDIO_NODE kOtherAudioNode = 4;
 
@@ -28,7 +29,7 @@ _QVCAP_USB_AUDIO_NODE AudioNode(unsigned int node) {
     return node < std::size(kAudioNodes) ? kAudioNodes[node] : kOtherAudioNode;
 }
 
-// What a channel is: at most one of the two is set.
+// The channel as an object of its kind: at most one of the two is set.
 struct Identity {
     CQVCaptureBase* pcie = nullptr;
     CQVUSBCaptureBase* usb = nullptr;
@@ -107,7 +108,7 @@ QV_VIDEO_CAPTURE QVCreateVideoCapture(QV_CHANNEL channel, int cx, int cy, unsign
                              &capture) != 0)
         return nullptr;
     VideoCaptureV4L2SetCallback(capture, callback, param);
-    VideoCaptureV4L2Start(capture);  // Deliberate: a capture that would not start is handed out
+    VideoCaptureV4L2Start(capture);  // Deliberate: returned even if it did not start
     return capture;
 }
 
@@ -174,7 +175,7 @@ QV_AUDIO_CAPTURE QVCreateAudioCapture(QV_CHANNEL channel, unsigned int node,
     if (AudioCaptureALSAStart(capture, pcm, static_cast<int>(sampleRate), bitsPerSample, channels,
                               kAudioPeriodMs) == 0)
         return capture;
-    AudioCaptureALSAStop(capture);  // a device that opened but would not start is still open
+    AudioCaptureALSAStop(capture);  // a device that opened but did not start is still open
     AudioCaptureALSADestroy(capture);
     return nullptr;
 }

@@ -1,7 +1,7 @@
-// Records that only travel between library and driver, with their sizes and offsets proved.
+// Records that only the library and the driver exchange, with their sizes and offsets checked.
 //
-// Not the records that callers of the library see: those are in QVCaptureTypes.h and are proved
-// here too. Packed, little-endian, fixed-width. A user-space address is a 64-bit field filled
+// Not the records that callers of the library see: those are in QVCaptureTypes.h and are checked
+// here, too. Packed, little-endian, fixed-width. A user-space address is a 64-bit field filled
 // through uintptr_t, so a 32-bit caller leaves its upper half 0. Pure data, any thread.
 #pragma once
 
@@ -12,7 +12,7 @@
 
 namespace qv {
 
-// A user-space address as it travels in a record.
+// A user-space address as stored in a record.
 inline uint64_t WireAddress(const void* pointer) {
     return static_cast<uint64_t>(reinterpret_cast<uintptr_t>(pointer));
 }
@@ -25,7 +25,7 @@ inline constexpr uint32_t kNotifyAudioFrame = 0x1000;
 inline constexpr int32_t kFrameNewestBuffered = -1;
 inline constexpr int32_t kFrameNextLowLatency = -2;
 
-// OSD rectangles that one capture request holds.
+// Most OSD rectangles of one capture request.
 inline constexpr int kMaxOsdRects = 4;
 
 #pragma pack(push, 1)
@@ -43,7 +43,7 @@ struct FirmwareEraseRecord {
 
 struct WaitEventRecord {
     uint64_t event;
-    int32_t timeout;  // milliseconds, -1 for ever; the caller's value as it is
+    int32_t timeout;  // milliseconds, -1 for ever; the caller's value unchanged
 };
 
 struct MultiWaitEventRecord {
@@ -74,7 +74,7 @@ struct ScheduleTimerRecord {
 };
 
 struct CountedArrayRecord {
-    uint32_t count;    // elements or bytes: capacity going in, what the driver has coming back
+    uint32_t count;    // elements or bytes: in the capacity, out what the driver has
     uint64_t address;  // the caller's buffer
 };
 

@@ -1,9 +1,9 @@
 // Every request that the library issues to the kernel driver, one line each.
 //
-// Type 'X' goes to a channel's own node /dev/videoN, type 'E' to the shared node /dev/qv-event.
-// The driver defines the numbers; the literal codes are typed here and recomputed from direction,
-// record size, letter and number by a consteval constructor, so that a wrong row does not build.
-// Pure data, any thread.
+// Type 'X' goes to a channel's own node /dev/videoN, type 'E' to the shared node /dev/qv-event. The
+// driver defines the numbers. The literal codes are typed here, and a consteval constructor
+// recomputes them from direction, record size, letter and number, so that a wrong row does not
+// build. Pure data, any thread.
 #pragma once
 
 #include <cstdint>
@@ -47,7 +47,7 @@ template <class Record>
 using Exchange = Request<Direction::kBoth, Record>;  // the driver takes it and fills it
 using Action = Request<Direction::kNone, void>;      // there is no record
 
-// kName is the row; its name is what journals and faults of the simulated driver call it.
+// kName is the row; journals and faults of the simulated driver use its name.
 #define QV_REQUEST(kind, name, letter, number, code) \
     inline constexpr kind k##name { #name, letter, number, code }
 

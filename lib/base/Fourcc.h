@@ -1,4 +1,4 @@
-// Codes of four characters, by which pixel formats are named. Pure; any thread.
+// Four-character codes of pixel formats. Pure; any thread.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What every open channel can be asked, whatever its kind.
+// The interface of every open channel, whatever its kind.
 //
 // The order of the virtual operations is fixed; both implementations follow it. An operation that a
 // kind does not have keeps the default here: QV_RESULT_FAILED. No data, no lock.
@@ -72,7 +72,7 @@ class IQVCaptureDevice {
     virtual QV_RESULT SetSDIANCType(_QVCAP_SDI_ANC_TYPE*) { return QV_RESULT_FAILED; }
     virtual QV_RESULT GetSDIANCPacket(_QVCAP_SDI_ANC_PACKET*) { return QV_RESULT_FAILED; }
 
-    // The kind of the object, known to itself alone: null when it is of the other kind. Never
+    // This object as its kind; null when it is of the other kind. Only the object knows it: never
     // guessed from the family text, which comes from the device.
     virtual CQVCaptureBase* AsPcieChannel() { return nullptr; }
     virtual CQVUSBCaptureBase* AsUsbChannel() { return nullptr; }

@@ -1,4 +1,4 @@
-// A lock that cannot throw: std::mutex reports errors by exceptions, and none crosses this library.
+// A lock that cannot throw: std::mutex reports errors by exceptions, and this library uses none.
 #pragma once
 
 #include <pthread.h>

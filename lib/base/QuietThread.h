@@ -1,8 +1,8 @@
-// Threads of the library's own: the application's signals are none of theirs.
+// Starts the library's own threads, with the application's signals blocked.
 //
-// A signal that one of them took would interrupt its requests to the driver, and the application's
+// A signal on such a thread would interrupt its requests to the driver, and the application's
 // handler would run on a thread that the application does not know. Signals that a fault raises in
-// the thread itself are not blocked: crash handlers go on working. Any thread.
+// the thread itself are not blocked: crash handlers still work. Any thread.
 #pragma once
 
 #include <pthread.h>

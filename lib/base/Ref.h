@@ -1,7 +1,7 @@
-// Shared ownership that allocates nothing: the count is a member of what is owned.
+// Shared ownership that allocates nothing: the count is a member of the owned object.
 //
-// Not std::shared_ptr, whose control block is an allocation that can only fail by an exception; no
-// exception crosses this library's functions. Any thread, as far as the owned type allows.
+// Not std::shared_ptr: if the allocation of its control block fails, it throws, and no exception
+// leaves this library's functions. Any thread, as far as the owned type allows.
 #pragma once
 
 #include <atomic>
@@ -9,7 +9,7 @@
 
 namespace qv {
 
-// Base of what a Ref owns; counts its references and is deleted with the last.
+// Base of an object that a Ref owns; counts its references and is deleted with the last.
 template <class Owned>
 class RefCounted {
   public:

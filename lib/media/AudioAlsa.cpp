@@ -18,7 +18,7 @@ namespace {
 
 constexpr int kFailed = -1;
 constexpr int kMinRate = 1000;                  // Hz; below it a period would hold no frame
-constexpr useconds_t kDeviceGonePause = 10000;  // µs; a device that refuses is asked this rarely
+constexpr useconds_t kDeviceGonePause = 10000;  // µs between attempts on a device that refuses
 
 // Bytes of one sample as ALSASetParams really configures it.
 constexpr int SampleBytes(int bitsPerSample) { return bitsPerSample == 32 ? 4 : 2; }
@@ -35,8 +35,8 @@ void DropAndClosePcm(snd_pcm_t*& pcm) {
     ClosePcm(pcm);
 }
 
-// kFailed for a device that refuses the access, the format or the channels; the negative ALSA error
-// for one that refuses the rate or the whole.
+// kFailed if the device refuses the access, the format or the channels; the negative ALSA error if
+// it refuses the rate or the whole configuration.
 int InstallHardwareParams(snd_pcm_t* pcm, snd_pcm_hw_params_t* params, int bitsPerSample,
                           int channels, int sampleRate) {
     const snd_pcm_format_t format =
@@ -62,13 +62,14 @@ int InstallSoftwareParams(snd_pcm_t* pcm, snd_pcm_uframes_t periodSize, unsigned
     return snd_pcm_sw_params(pcm, params);
 }
 
-// Frames that can be read at once, after recovering an overrun; negative after an error.
+// Number of frames that can be read at once, after recovery from an overrun; negative after an
+// error.
 snd_pcm_sframes_t AvailableFrames(snd_pcm_t* pcm) {
     snd_pcm_sframes_t available = snd_pcm_avail_update(pcm);
     if (available >= 0) {
         const snd_pcm_state_t state = snd_pcm_state(pcm);
         if (state == SND_PCM_STATE_XRUN) available = -EPIPE;
-        // An unplugged device goes on telling what it had before: nothing more will come.
+        // An unplugged device still reports its old frame count: nothing more will come.
         if (state == SND_PCM_STATE_DISCONNECTED) usleep(kDeviceGonePause);
     }
     if (available >= 0) return available;
@@ -84,7 +85,7 @@ void CaptureChunk(AudioCaptureALSAContext* ctx) {
     ALSAResume(ctx->pcm);
     const snd_pcm_sframes_t available = AvailableFrames(ctx->pcm);
     if (ctx->chunkFrames > available) {
-        // Deliberate: the quotient of milliseconds sleeps as microseconds, a short back-off.
+        // Deliberate: the quotient in milliseconds is used as microseconds, a short back-off.
         const int64_t missing = int64_t{ctx->chunkFrames} - available;
         usleep(static_cast<useconds_t>(missing * ctx->periodMs / ctx->chunkFrames));
         return;
@@ -109,7 +110,7 @@ constexpr qv::CaptureWays<AudioCaptureALSAContext> kWays = {"AudioCapture", Capt
                                                             CloseAndRelease};
 using Thread = qv::CaptureThread<AudioCaptureALSAContext, kWays>;
 
-// The buffer of the thread's life. False when a chunk is larger than the callback can be told.
+// Allocates the thread's buffer. False when a chunk's size does not fit the callback's argument.
 bool AllocateChunk(AudioCaptureALSAContext* ctx) {
     const int64_t frames = int64_t{ctx->sampleRate / 1000} * ctx->periodMs;
     const int64_t frameBytes = int64_t{SampleBytes(ctx->bitsPerSample)} * ctx->channels;
@@ -133,7 +134,8 @@ int ALSASetParams(snd_pcm_t* pcm, int isPlayback, int bitsPerSample, int channel
     snd_pcm_hw_params_get_period_size(params, &periodSize, &direction);
     snd_pcm_hw_params_get_periods(params, &periodCount, &direction);
     if (!isPlayback) return hardware;
-    // Deliberate: for playback the software step's result stands, whatever the hardware said.
+    // Deliberate: for playback the software step's result counts, whatever the hardware step
+    // returned.
     return InstallSoftwareParams(pcm, periodSize, periodCount);
 }
 

@@ -1,8 +1,8 @@
 // PCM capture and playback on an ALSA device.
 //
-// Knows device names, not channels: AudioVolume finds the name. Prints nothing.
-// A capture has one thread, "AudioCapture", which owns the PCM handle while it runs; start, stop
-// and destroy come from one thread at a time or from the capture's own callback. Playback has none.
+// Knows device names, not channels: AudioVolume finds the name. Prints nothing. A capture has one
+// thread, "AudioCapture", which owns the PCM handle while it runs; call start, stop and destroy
+// from one thread at a time or from the capture's own callback. Playback has no thread.
 #pragma once
 
 #include <alsa/asoundlib.h>
@@ -40,7 +40,7 @@ struct AudioPlaybackALSAContext {
     int32_t extra;
 };
 
-// Exported under a version of their own, for programs of the maker's.
+// Exported under a private version, for the maker's own programs.
 #pragma GCC visibility push(default)
 extern "C" {
 
@@ -54,17 +54,17 @@ int AudioCaptureALSACreate(AudioCaptureALSAContext** out, QV_AUDIO_CAPTURE_CALLB
                            void* param);
 
 // Opens, configures and starts the device, then the thread. -1 also for a rate below 1000 Hz, a
-// period below 1 ms or a capture that still holds a device. After a device that opened but would
-// not start, the handle stays in the context: stop closes it.
+// period below 1 ms or a capture that still holds a device. If the device opened but did not start,
+// the handle stays in the context: stop closes it.
 int AudioCaptureALSAStart(AudioCaptureALSAContext* ctx, const char* device, int sampleRate,
                           int bitsPerSample, int channels, int periodMs);
 
-// Ends the thread, then closes the device. From the capture's own callback only the end of the
-// thread is asked for; the next stop, or the destruction, closes the device.
+// Ends the thread, then closes the device. A call from the capture's own callback only asks the
+// thread to end; the next stop, or the destruction, closes the device.
 void AudioCaptureALSAStop(AudioCaptureALSAContext* ctx);
 
-// Releases a stopped capture. From the capture's own callback the thread does it when the callback
-// has returned.
+// Releases a stopped capture. After a call from the capture's own callback the thread does it when
+// the callback has returned.
 void AudioCaptureALSADestroy(AudioCaptureALSAContext* ctx);
 
 // Steps of the above.

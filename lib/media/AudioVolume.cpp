@@ -35,16 +35,16 @@ namespace {
 
 constexpr int kFailed = -1;
 constexpr int kPathSize = 256;
-constexpr int kLastChannelId = 30;  // of those that ALSA numbers
+constexpr int kLastChannelId = 30;  // of the ids that ALSA numbers
 constexpr int kRoundUp = 1;
-constexpr int16_t kScale = 100;  // volumes of PCIe channels go from 0 to here
+constexpr int16_t kScale = 100;  // volumes of PCIe channels go from 0 to this
 
 template <size_t size>
 void Copy(char (&out)[size], const char* text) {
     snprintf(out, size, "%s", text);
 }
 
-// A mixer that is open for the time of one call.
+// A mixer that is open during one call.
 class Mixer {
   public:
     // result() is the first negative result, else that of the last step.
@@ -151,7 +151,7 @@ bool IsPcieCard(const SOUND_CARD_INFO& card) {
            strstr(card.name, "Lumo Capture") != nullptr;
 }
 
-// Raw range of a capture control. Kept to 32 bits, as wide as any control is, so that the products
+// Raw range of a capture control, limited to 32 bits, the width of every control, so that products
 // fit 64.
 struct CaptureRange {
     long minimum = 0;
@@ -192,8 +192,8 @@ void GetChannel(snd_mixer_elem_t* element, snd_mixer_selem_channel_id_t id,
 using ChannelAction = void (*)(snd_mixer_elem_t*, snd_mixer_selem_channel_id_t, const CaptureRange&,
                                int, _QVCAP_AUDIO_VOLUME*);
 
-// Runs the action on every capture channel of the card's first element and counts them; an element
-// that is of no use is left alone, with the result of loading the mixer.
+// Runs the action on every capture channel of the card's first element and counts them; if that
+// element is unusable, does nothing and returns the result of loading the mixer.
 int ForEachCaptureChannel(const char* devicePath, _QVCAP_AUDIO_VOLUME* volume, ChannelAction action,
                           int* channels) {
     if (devicePath == nullptr || volume == nullptr) return kFailed;
@@ -206,7 +206,7 @@ int ForEachCaptureChannel(const char* devicePath, _QVCAP_AUDIO_VOLUME* volume, C
     CaptureRange range;
     snd_mixer_selem_get_capture_volume_range(element, &range.minimum, &range.maximum);
     range.Bound();
-    volume->minimum = 0;  // Deliberate: also when setting
+    volume->minimum = 0;  // Deliberate: also in a set
     volume->maximum = kScale;
     int i = 0;
     for (int id = 0; id <= kLastChannelId && i < QV_AUDIO_VOLUME_CHANNELS; ++id) {
@@ -300,7 +300,7 @@ int GetPelixCaptureAudioPath(const char* devicePath, char* cardId, char* cardDev
 }
 
 int SetPelixCaptureAudioVolume(const char* devicePath, _QVCAP_AUDIO_VOLUME* volume) {
-    int channels = 0;  // Deliberate: the record's own count stays
+    int channels = 0;  // Deliberate: the record's own count is kept
     return ForEachCaptureChannel(devicePath, volume, SetChannel, &channels);
 }
 

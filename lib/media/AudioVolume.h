@@ -1,9 +1,9 @@
 // The ALSA sound card of a capture device, and its mixer volume.
 //
-// A PCIe channel owns the sound card of its own place in the order of channels; a USB device is
-// known by the bus line of its sound card. Knows paths, bus lines and product names, not channels.
-// Prints nothing; everything is 0 on success and negative on failure.
-// The card table is one for the process and rebuilt by every look-up, without a lock: one thread.
+// A PCIe channel has the sound card at its own place in the order of channels; a USB device is
+// found by the bus line of its sound card. Knows paths, bus lines and product names, not channels.
+// Prints nothing; functions return 0 on success and a negative value on failure. The process has
+// one card table, which every look-up rebuilds without a lock: one thread.
 #pragma once
 
 #include <alsa/asoundlib.h>
@@ -40,13 +40,13 @@ struct QVCAP_USB_AUDIO_NODE_FILTER {
     QVCAP_USB_AUDIO_NODE_ITEM nodes[kUsbAudioNodes];
 };
 
-// The models, in the order in which they are looked for in a product name.
+// The models, in the order in which a product name is searched for them.
 extern const QVCAP_USB_AUDIO_NODE_FILTER QVCAP_USB_AUDIO_NODE_FILTERS[4];
 
 // Rebuilds the table. Cards that cannot be opened are left out.
 void RefreshSoundCards();
 
-// Exported under a version of their own, for programs of the maker's.
+// Exported under a private version, for the maker's own programs.
 #pragma GCC visibility push(default)
 extern "C" {
 
@@ -68,7 +68,7 @@ int GetPelixCaptureAudioPath(const char* devicePath, char* cardId, char* cardDev
                              char* pcmDevice);
 
 // Every capture channel of the card's first mixer element, 0 to 100 over the element's own range.
-// The record's minimum and maximum become 0 and 100 in both.
+// Both set the record's minimum and maximum to 0 and 100.
 int SetPelixCaptureAudioVolume(const char* devicePath, _QVCAP_AUDIO_VOLUME* volume);
 int GetPelixCaptureAudioVolume(const char* devicePath, _QVCAP_AUDIO_VOLUME* volume);
 

@@ -1,8 +1,8 @@
 // The thread of a capture: calls one step after another until it is told to end, and releases the
-// capture itself when its own callback has asked for that. Knows no device.
+// capture if the capture's own callback has asked for that. Knows no device.
 //
-// The state is the context's: `thread`, `running`, `hasThread` and `releasedInside`. One thread at
-// a time uses these functions on a context, or the capture's own callback does.
+// The context holds the state: `thread`, `running`, `hasThread` and `releasedInside`. Only one
+// thread at a time, or the capture's own callback, uses these functions on a context.
 #pragma once
 
 #include <pthread.h>
@@ -18,17 +18,17 @@ template <class Context>
 struct CaptureWays {
     const char* name;           // of the thread, at most 15 characters
     void (*step)(Context*);     // must end within a short time
-    void (*release)(Context*);  // ends what the capture has open, and frees it
+    void (*release)(Context*);  // closes everything of the capture, and frees it
 };
 
 template <class Context, const CaptureWays<Context>& kWays>
 class CaptureThread {
   public:
-    // 0, or the error of the thread that could not be made.
+    // 0, or the error when no thread could be made.
     static int Start(Context* ctx) {
         ctx->running = 1;
         ctx->hasThread = true;
-        // From here on the context belongs to the thread too: its callback may release it at once.
+        // From here on the thread owns the context, too: its callback may release it at once.
         const int error = CreateQuietThread(&ctx->thread, Run, ctx);
         if (error == 0) return 0;
         ctx->running = 0;
@@ -36,12 +36,12 @@ class CaptureThread {
         return error;
     }
 
-    // Whether this is the capture's own callback: no thread joins itself.
+    // Whether the caller is the capture's own callback: no thread joins itself.
     static bool IsInside(const Context* ctx) { return ctx == t_current; }
 
     static void AskToEnd(Context* ctx) { ctx->running.store(0, std::memory_order_relaxed); }
 
-    // Has the thread end, if there is one, and waits for that. Not from its own callback.
+    // Ends the thread, if there is one, and waits for it. Not from its own callback.
     static void End(Context* ctx) {
         AskToEnd(ctx);
         if (!ctx->hasThread) return;

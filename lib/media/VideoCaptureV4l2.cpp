@@ -21,8 +21,8 @@ namespace {
 
 constexpr int kFailed = -1;
 constexpr int kClosed = -1;
-constexpr int kPollMs = 10;                // bounds how long a stop takes
-constexpr useconds_t kErrorPause = 10000;  // µs; an unplugged device is asked this rarely
+constexpr int kPollMs = 10;                // limits how long a stop takes
+constexpr useconds_t kErrorPause = 10000;  // µs between attempts on an unplugged device
 
 v4l2_buffer Buffer(uint32_t index) {
     v4l2_buffer buffer{};
@@ -55,10 +55,11 @@ v4l2_streamparm StreamParm() {
     return parm;
 }
 
-// A node that will not have it keeps its own interval.
+// A node that refuses the interval keeps its own.
 void SetInterval(int fd, int numerator, int denominator) {
     v4l2_streamparm parm = StreamParm();
-    // Deliberate: equal, not merely containing. A node with further abilities keeps its interval.
+    // Deliberate: tests for equality, not for the bit. A node with further capabilities keeps its
+    // interval.
     if (ioctl(fd, VIDIOC_G_PARM, &parm) >= 0 && numerator >= 1 && denominator >= 1 &&
         parm.parm.capture.capability == V4L2_CAP_TIMEPERFRAME) {
         parm.parm.capture.timeperframe.numerator = static_cast<uint32_t>(numerator);
@@ -78,13 +79,13 @@ bool Configure(int fd, uint32_t pixelFormat, uint32_t width, uint32_t height, in
     return v4l2_ioctl(fd, VIDIOC_G_FMT, &format) >= 0;
 }
 
-// Ends the stream and every mapping; a slot that holds none is refused by the system.
+// Ends the stream and every mapping; for an empty slot the system refuses the call.
 void Unmap(VideoCaptureV4L2Context* ctx) {
     int type = V4L2_BUF_TYPE_VIDEO_CAPTURE;
     v4l2_ioctl(ctx->fd, VIDIOC_STREAMOFF, &type);
     for (VideoCaptureV4L2Buffer& slot : ctx->buffers) {
         v4l2_munmap(slot.address, slot.length);
-        slot = {};  // a later failure must not unmap what has the address by then
+        slot = {};  // a later failure must not unmap a new mapping at this address
     }
 }
 
@@ -98,7 +99,7 @@ bool MapBuffer(VideoCaptureV4L2Context* ctx, uint32_t index) {
     return true;
 }
 
-// Asks for the buffers, maps and queues those that there are slots for.
+// Requests the buffers, and maps and queues as many as there are slots.
 bool MapAndQueue(VideoCaptureV4L2Context* ctx) {
     v4l2_requestbuffers request{};
     request.count = kV4L2Buffers;
@@ -116,12 +117,12 @@ bool MapAndQueue(VideoCaptureV4L2Context* ctx) {
     return true;
 }
 
-// Hands out one frame, if there is one.
+// Delivers one frame, if there is one.
 void CaptureFrame(VideoCaptureV4L2Context* ctx) {
     pollfd waiting{ctx->fd, POLLIN, 0};
     const int ready = poll(&waiting, 1, kPollMs);
     if (ready != 1 || waiting.revents != POLLIN) {
-        if (ready != 0) usleep(kErrorPause);  // an error answers at once, again and again
+        if (ready != 0) usleep(kErrorPause);  // an error returns at once, again and again
         return;
     }
     v4l2_buffer buffer = Buffer(0);

@@ -1,10 +1,10 @@
 // Video of USB channels through their V4L2 node: capture, queries, picture controls, node look-up.
 //
-// Knows nodes, not channels. Prints nothing; everything is 0 on success and -1 on failure. The
-// streaming path goes through libv4l2, which converts pixel formats; queries and controls go to the
-// kernel as they are.
-// A capture has one thread, "VideoCapture"; start, stop and close come from one thread at a time or
-// from the capture's own callback. The queries open the node themselves and need no capture.
+// Knows nodes, not channels. Prints nothing; functions return 0 on success and -1 on failure.
+// Streaming uses libv4l2, which converts pixel formats; queries and controls go directly to the
+// kernel. A capture has one thread, "VideoCapture"; call start, stop and close from one thread at a
+// time or from the capture's own callback. The queries open the node themselves and need no
+// capture.
 #pragma once
 
 #include <pthread.h>
@@ -15,7 +15,7 @@
 
 #include "QVCaptureMedia.h"
 
-inline constexpr int kV4L2Buffers = 4;  // asked for, and at most used
+inline constexpr int kV4L2Buffers = 4;  // requested, and the most that are used
 
 struct VideoCaptureV4L2Buffer {
     void* address;  // null when not mapped
@@ -48,11 +48,11 @@ struct VideoFrameFraction {
     uint32_t numerator;
 };
 
-// Exported under a version of their own, for programs of the maker's.
+// Exported under a private version, for the maker's own programs.
 #pragma GCC visibility push(default)
 extern "C" {
 
-// Opens and configures a node; nothing streams yet. The driver's adjustments are not told.
+// Opens and configures a node; nothing streams yet. The driver's adjustments are not reported.
 int VideoCaptureV4L2Open(const char* devicePath, unsigned int pixelFormat, unsigned int width,
                          unsigned int height, int intervalNumerator, int intervalDenominator,
                          VideoCaptureV4L2Context** out);
@@ -64,11 +64,12 @@ void VideoCaptureV4L2SetCallback(VideoCaptureV4L2Context* ctx, QV_VIDEO_CAPTURE_
 // context open and unmapped.
 int VideoCaptureV4L2Start(VideoCaptureV4L2Context* ctx);
 
-// Ends the thread, then the stream and the mappings. From the capture's own callback only the end
-// of the thread is asked for; the next stop, or the close, does the rest.
+// Ends the thread, then the stream and the mappings. A call from the capture's own callback only
+// asks the thread to end; the next stop, or the close, does the rest.
 void VideoCaptureV4L2Stop(VideoCaptureV4L2Context* ctx);
 
-// Stops, closes the node and frees the context; from its own callback when that has returned.
+// Stops, closes the node and frees the context; after a call from its own callback, when that has
+// returned.
 void VideoCaptureV4L2Close(VideoCaptureV4L2Context* ctx);
 
 int SetVideoProcParamV4L2(VideoCaptureV4L2Context* ctx, _QVCAP_VIDEO_PROC_PARAM_TYPE type,
@@ -82,7 +83,7 @@ int GetVideoProcParamV4L2(VideoCaptureV4L2Context* ctx, _QVCAP_VIDEO_PROC_PARAM_
 int GetVideoCaptureSupportColorFormatV4L2(const char* devicePath, unsigned int* fourccs,
                                           int* count);
 
-// Of the first pixel format. Every output may be null; count tells all sizes of a list.
+// Of the first pixel format. Every output may be null; count is the number of all sizes in a list.
 int GetVideoCaptureSupportResolutionV4L2(const char* devicePath, int* mode, int* count,
                                          _QVCAP_VIDEO_RESOLUTION_RANGE* range,
                                          _QVCAP_VIDEO_RESOLUTION_LIST* list);
@@ -96,11 +97,11 @@ int GetVideoCaptureSupportFrameRateV4L2(const char* devicePath, VideoFrameRate* 
 // line ("001/004"). devicePath: at least 32 bytes.
 int GetUSBCaptureVideoPath(const char* usbBus, char* devicePath);
 
-// The first capture node of the USB device with this serial number; untouched buffer when there is
-// none.
+// The first capture node of the USB device with this serial number; the buffer is untouched when
+// there is none.
 int GetUSBCaptureVideoPathbySerial(const char* serial, char* devicePath);
 
-// Deliberately not inverse of each other: a node that offers "YUYV" reports "YUYV", not "YUY2".
+// Deliberately not the inverse of each other: a node that offers "YUYV" reports "YUYV", not "YUY2".
 unsigned int QVFourcc2V4L2Fmt(unsigned int fourcc);
 unsigned int V4L2Fmt2QVFourcc(unsigned int pixelFormat);
 

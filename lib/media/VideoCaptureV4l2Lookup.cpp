@@ -25,20 +25,20 @@ bool CanOpen(const char* path) {
     return true;
 }
 
-// A USB device has nodes of several kinds; only one that captures will do.
+// A USB device has nodes of several kinds; only a node that captures is accepted.
 bool CanCapture(const char* path) {
     const int fd = open(path, O_RDWR | O_NONBLOCK);
     if (fd < 0) return false;
     v4l2_capability capability{};
     const bool answered = ioctl(fd, VIDIOC_QUERYCAP, &capability) >= 0;
     close(fd);
-    // capabilities are those of the whole device where the node's own are told apart
+    // if the node reports its own capabilities, `capabilities` are those of the whole device
     const bool own = (capability.capabilities & V4L2_CAP_DEVICE_CAPS) != 0;
     const uint32_t caps = own ? capability.device_caps : capability.capabilities;
     return answered && (caps & V4L2_CAP_VIDEO_CAPTURE) != 0;
 }
 
-// Whether the node's device hangs on the USB bus with this number's digit.
+// Whether the node's device is on the USB bus whose number is this digit.
 bool IsOnBus(int index, char busDigit) {
     char link[kPathSize];
     char target[256] = {};

@@ -10,7 +10,7 @@
 namespace {
 
 constexpr int kFailed = -1;
-constexpr uint32_t kMaxEnumerated = 4096;       // a node that never ends its list is cut off here
+constexpr uint32_t kMaxEnumerated = 4096;       // the end for a node whose list never ends
 constexpr uint32_t kUnitsPerSecond = 10000000;  // of 100 ns
 
 using qv::Fourcc;
@@ -42,7 +42,7 @@ constexpr uint32_t Translate(const FourccPair (&table)[size], uint32_t code) {
     return code;
 }
 
-// A node that is open for the time of one query.
+// A node that is open during one query.
 class Node {
   public:
     explicit Node(const char* path)
@@ -98,7 +98,7 @@ _QVCAP_VIDEO_RESOLUTION_RANGE Range(const v4l2_frmsizeenum& size) {
             from.max_height};
 }
 
-// The size whose rates are asked for. False for a size of an unknown kind.
+// The size whose rates are queried. False for a size of an unknown kind.
 bool RepresentativeSize(const v4l2_frmsizeenum& size, _QVCAP_VIDEO_RESOLUTION* out) {
     if (size.type == V4L2_FRMSIZE_TYPE_DISCRETE)
         *out = {size.discrete.width, size.discrete.height};
@@ -109,7 +109,7 @@ bool RepresentativeSize(const v4l2_frmsizeenum& size, _QVCAP_VIDEO_RESOLUTION* o
     return true;
 }
 
-// What a count reports: how many were stored, or how many there are when nobody wanted them.
+// The value of a count: how many were stored, or how many there are when there is no array.
 int Reported(bool wanted, int capacity, int stored, int total) {
     return wanted && capacity != 0 ? stored : total;
 }

@@ -25,7 +25,7 @@ int AudioCapture::Open(_QVCAP_AUDIO_CAPTURE* request) {
 
 void AudioCapture::AddEvents(WaitSet* set) { set->Add(this, m_event.Handle(), m_event.Serial()); }
 
-// One frame a wake-up, whatever the notification's status says: it is not read.
+// One frame per wake-up; the notification's status is not read.
 void AudioCapture::OnSignal(uint64_t serial) {
     if (serial != m_event.Serial()) return;
     _QVCAP_AUDIO_CAPTURE_FRAME frame;

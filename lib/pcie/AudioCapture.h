@@ -1,7 +1,7 @@
 // Callback audio capture of the channel worker.
 //
-// Worker thread only, but for stopping the driver and for the release: whoever stops the worker
-// does both when its thread has ended.
+// Worker thread only, except stopping the driver and the release: the thread that stops the worker
+// does both after the worker's thread has ended.
 #pragma once
 
 #include "DriverStop.h"
@@ -18,8 +18,8 @@ class AudioCapture final : public EventSource {
   public:
     explicit AudioCapture(WorkerScope* scope) : m_scope(scope) {}
 
-    // 0 when the request is the capture now; otherwise it stays the caller's, and a capture that is
-    // open already goes on.
+    // 0 when the request has become the capture; otherwise the caller still owns it, and a capture
+    // that is already open goes on.
     int Open(_QVCAP_AUDIO_CAPTURE* request);
     int Close();
 

@@ -1,6 +1,8 @@
-// The parameter that a caller gives with a callback, and who is told when nobody will use it again.
+// The parameter that a caller passes with a callback, and the release to call when nobody will use
+// it again.
 //
-// Whoever holds it last tells: a call that fails on its way drops it like any other owner.
+// The last owner calls the release: a call that fails half-way drops the parameter like any other
+// owner.
 #pragma once
 
 #include <utility>
@@ -11,7 +13,7 @@ namespace qv {
 
 class CallerParam {
   public:
-    // A parameter by itself stays the caller's business.
+    // A parameter without a release: the caller looks after it.
     CallerParam(void* value) : m_value(value) {}
     CallerParam(void* value, QV_RELEASE_CALLBACK release)
         : m_value(value), m_release(release), m_owned(true) {}
@@ -29,7 +31,7 @@ class CallerParam {
         if (m_release != nullptr) m_release(m_value);
     }
     void* Value() const { return m_value; }
-    // Given to the library, with a release or without one.
+    // Passed to the library, with or without a release.
     bool IsOwned() const { return m_owned; }
 
   private:

@@ -13,17 +13,17 @@
 
 namespace {
 
-// How long a poster sleeps in the driver before it looks whether its command was discarded: what
-// closing an event does to its waiters is the driver's affair, so no poster may depend on it.
+// How long a poster sleeps in the driver before it checks whether its command was discarded:
+// drivers differ in what closing an event does to its waiters, so no poster may depend on it.
 constexpr int kCompletionSliceMs = 100;
-// Pauses where a driver answers at once instead of waiting; they keep a dead driver from costing a
-// processor.
+// Pauses after a driver answered at once instead of waiting, so that a dead driver does not keep a
+// processor busy.
 constexpr useconds_t kPosterPauseUs = 1000;
 constexpr useconds_t kWorkerPauseUs = 5000;
-// How often a poster whose event was set looks for the mark that follows at once.
+// How often a poster whose event was set checks for the mark that follows immediately.
 constexpr int kLooksForTheMark = 1000;
-// A driver that will not set the wake event is asked again: a command that cannot be posted leaves
-// a callback behind that its owner wanted to end.
+// A driver that refuses to set the wake event is asked again: a command that cannot be posted
+// leaves a callback registered that its owner wanted to end.
 constexpr int kWakeTries = 3;
 constexpr int kInterruptedTries = 1000;
 constexpr time_t kSecondsUntilTheWakeEventIsClosed = 2;
@@ -33,7 +33,7 @@ constexpr int kSlicesUntilTheNextWake = 20;
 
 ChannelEntity::~ChannelEntity() { StopChannelThread(); }
 
-// By what the thread says of itself: the identity of a joined thread goes to another.
+// Uses the mark that the thread sets itself: the identity of a joined thread may be used again.
 bool ChannelEntity::OnWorkerThread() const {
     const pthread_t self = m_self.load(std::memory_order_acquire);
     return self != 0 && pthread_equal(self, pthread_self()) != 0;
@@ -49,7 +49,7 @@ int ChannelEntity::StartChannelThread() {
     if (wake == 0) return -1;  // a thread that can never be woken would hang
     m_wakeEvent.store(wake, std::memory_order_release);
     m_accepting = true;
-    // Set before the thread exists and only cleared afterwards: a stop is never lost.
+    // Set before the thread exists and afterwards only cleared: so a stop is never lost.
     m_running.store(1, std::memory_order_release);
     pthread_t thread = 0;
     if (qv::CreateQuietThread(&thread, &ChannelEntity::ChannelThreadproc, this) != 0) {
@@ -77,9 +77,9 @@ int ChannelEntity::StopChannelThread() {
     return 0;
 }
 
-// A driver may have said that it set the event, and not done so. Closing it ends a wait; a worker
-// that only is in a long callback does not need it any more, so a clock that jumps only shifts
-// this.
+// A driver may have reported that it set the event although it did not. Closing the event ends a
+// wait; a worker that is only in a long callback does not need the event any more. So a clock that
+// jumps only changes the time of the close.
 void ChannelEntity::Join(pthread_t thread) {
     timespec until{};
     clock_gettime(CLOCK_REALTIME, &until);
@@ -89,7 +89,7 @@ void ChannelEntity::Join(pthread_t thread) {
     pthread_join(thread, nullptr);
 }
 
-// A driver that will not set the event loses it: closing it ends the worker's wait, or makes the
+// If the driver refuses to set the event, it is closed: this ends the worker's wait, or makes the
 // next one fail.
 void ChannelEntity::WakeForTheLastTime() {
     {
@@ -110,7 +110,7 @@ void ChannelEntity::CloseOwnerAfterCallback(qv::CallerParam param) {
     m_running.store(0, std::memory_order_release);
 }
 
-// The thread's own end of life when a callback closed the channel: nobody will join it.
+// How the thread ends when a callback closed the channel: nobody will join it.
 void ChannelEntity::EndWithOwner() {
     if (!m_scope.channel->ClaimDeferredClose(&m_closeParam)) {
         m_self.store(0, std::memory_order_release);
@@ -145,7 +145,7 @@ bool ChannelEntity::PostItem(Runnable* item, bool wait) {
         return false;
     }
     if (OnWorkerThread()) {
-        const bool runs = !m_ended;  // what a release makes of it now would never be released
+        const bool runs = !m_ended;  // a release could create what nobody would release
         if (runs) item->Run();
         delete item;
         return runs;
@@ -165,8 +165,8 @@ bool ChannelEntity::PostItem(Runnable* item, bool wait) {
     return true;
 }
 
-// Queued and the worker woken, or neither: in one hold of the lock, so that nobody sets a wake
-// event that was closed, whose handle may be another's by then.
+// Queues the command and wakes the worker, or does neither, under one hold of the lock: so nobody
+// sets a closed wake event, whose handle may belong to another event by then.
 bool ChannelEntity::Enqueue(Runnable* item, unsigned long long completion,
                             std::atomic<Progress>* progress) {
     const qv::Guard guard(&m_queueLock);
@@ -192,8 +192,8 @@ bool ChannelEntity::Wake() {
     return false;
 }
 
-// Interrupted waits, time-outs, signals that nobody sent and failing drivers all lead back to the
-// command's own progress.
+// After an interrupted wait, a time-out, an unexpected signal or a driver's failure, only the
+// command's own progress decides.
 void ChannelEntity::AwaitCompletion(unsigned long long completion,
                                     const std::atomic<Progress>& progress) {
     const auto waiting = [&progress] {
@@ -203,13 +203,13 @@ void ChannelEntity::AwaitCompletion(unsigned long long completion,
         const bool signalled = m_scope.events.Wait(completion, kCompletionSliceMs) == 1;
         for (int i = 0; signalled && waiting() && i < kLooksForTheMark; ++i) sched_yield();
         if (!waiting()) {
-            // A discarded command's event is closed, never set: this signal was for whoever has the
-            // handle now.
+            // A discarded command's event is closed, never set: this signal was meant for the
+            // present owner of the handle.
             if (signalled && progress.load(std::memory_order_acquire) == Progress::kDiscarded)
                 m_scope.events.Set(completion);
             return;
         }
-        // The driver may only have pretended to set the wake event.
+        // The driver may not have set the wake event although it said so.
         if (slices % kSlicesUntilTheNextWake == 0) {
             const qv::Guard guard(&m_queueLock);
             Wake();
@@ -218,7 +218,7 @@ void ChannelEntity::AwaitCompletion(unsigned long long completion,
     }
 }
 
-// The mark is the last that is done for a command: the poster, and its event, may be gone after it.
+// The mark is the last step of a command: after it the poster and its event may be gone.
 void ChannelEntity::RunOneCommand() {
     RunnableItem entry;
     {
@@ -227,7 +227,7 @@ void ChannelEntity::RunOneCommand() {
         entry = *m_firstItem;
         m_firstItem = entry.next;
         if (m_firstItem == nullptr) m_lastLink = &m_firstItem;
-        // One command a wake-up: the other events get their turn in between.
+        // One command per wake-up, so that the other events get their turn in between.
         if (m_firstItem != nullptr) m_commandDue = !Wake();
     }
     entry.item->Run();
@@ -237,7 +237,7 @@ void ChannelEntity::RunOneCommand() {
     entry.progress->store(Progress::kDone, std::memory_order_release);
 }
 
-// Marked first: no poster may go back to waiting on an event that is closed already.
+// Marked first: no poster may wait again on an event that is already closed.
 void ChannelEntity::ClearRunnableItem() {
     const qv::Guard guard(&m_queueLock);
     m_accepting = false;
@@ -285,7 +285,7 @@ void ChannelEntity::ChannelThreadproc() {
     ClearRunnableItem();
 }
 
-// Afresh on each pass, notifications first: what a command changed counts from the next pass on.
+// Rebuilt in each pass, notifications first: a command's changes take effect in the next pass.
 void ChannelEntity::BuildWaitSet() {
     m_waitSet.count = 0;
     m_waitSet.timeout = qv::WaitSet::kForEver;

@@ -1,10 +1,10 @@
 // The worker of one PCIe channel: a queue of commands, a wait loop and their one thread.
 //
-// Not for callers of the library: the channel object owns it and forwards to it. What the worker
-// does for callers belongs to its duties (registrations, video, audio, timers), each of which owns
-// its state; here is what drives them. Duties belong to the worker thread: other threads change
-// them by posting a command and waiting for it. Callbacks run on the worker thread and may call
-// every operation here: on that thread a command runs at once.
+// Not for callers of the library: the channel object owns it and forwards to it. This class drives
+// the duties of the worker (registrations, video, audio, timers), each of which owns its state.
+// Duties belong to the worker thread: other threads change them by posting a command and waiting
+// for it. Callbacks run on the worker thread and may call every operation here: on that thread a
+// command runs at once.
 #pragma once
 
 #include <pthread.h>
@@ -25,12 +25,12 @@ class ChannelEntity : public qv::RefCounted<ChannelEntity> {
     explicit ChannelEntity(CQVCaptureBase* owner) : m_scope(owner) {}
     virtual ~ChannelEntity();
 
-    // 0, or -1 when there is no event node, event or thread to be had.
+    // 0, or -1 when there is no event node, or no event or thread can be created.
     int StartChannelThread();
-    // 0 when the thread has ended and everything is released; -1 when none runs.
+    // 0 when the thread has ended and everything is released; -1 when no thread runs.
     int StopChannelThread();
-    // Asks the worker, from one of its own callbacks, to end after that callback, to close the
-    // channel, to delete the owner and to drop the parameter then.
+    // Called from one of the worker's own callbacks. After that callback the worker ends, closes
+    // the channel, deletes the owner and drops the parameter.
     void CloseOwnerAfterCallback(qv::CallerParam param);
     bool OnWorkerThread() const;
 
@@ -51,7 +51,7 @@ class ChannelEntity : public qv::RefCounted<ChannelEntity> {
     class Runnable;
 
   private:
-    // How far a posted command has come; lives with its poster.
+    // How far a posted command has come; stored by its poster.
     enum class Progress { kQueued, kDone, kDiscarded };
 
     // A command's place in the queue; a member of the command, so that queueing allocates nothing.
@@ -107,8 +107,8 @@ class ChannelEntity : public qv::RefCounted<ChannelEntity> {
         Second m_second;
     };
 
-    // Queues a command, owned from here on, and waits for it when asked to. False when it did not
-    // and will not run.
+    // Queues a command, takes ownership of it, and waits for it on request. False when it did not
+    // run and never will.
     bool PostItem(Runnable* item, bool wait);
 
   private:
@@ -158,7 +158,7 @@ class ChannelEntity : public qv::RefCounted<ChannelEntity> {
 
     qv::Ref<qv::EventNodeFile> m_eventNode;
     std::atomic<pthread_t> m_thread{0};  // to be joined
-    std::atomic<pthread_t> m_self{0};    // set and cleared by the thread itself: of a living one
+    std::atomic<pthread_t> m_self{0};    // set and cleared by the running thread itself
     std::atomic<unsigned char> m_running{0};
     qv::CallerParam m_closeParam{nullptr};  // worker thread only
     bool m_ended = false;                   // worker thread only: no command runs any more

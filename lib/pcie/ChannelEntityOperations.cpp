@@ -1,11 +1,11 @@
-// What callers ask of the worker: each operation is a command that is posted and waited for.
+// The worker's operations for callers: each posts a command and waits for it.
 #include <new>
 #include <utility>
 
 #include "ChannelEntity.h"
 #include "QVCaptureBase.h"
 
-// True when the command has run; its results are then where its arguments point.
+// True when the command has run; it has then stored its results where its arguments point.
 template <class Argument>
 bool ChannelEntity::Post(void (ChannelEntity::*operation)(Argument), Argument argument) {
     using Command = Functor1<ChannelEntity, decltype(operation), Argument>;
@@ -67,7 +67,7 @@ int ChannelEntity::CreateTimer(QV_TIMER_CALLBACK callback, long long delay, long
     const bool owned = param.IsOwned();
     auto* timer = new (std::nothrow) _QVCAP_TIMER(std::move(param));
     if (timer == nullptr) return -1;
-    // Who owns a parameter may ask for the end of a timer that is gone already.
+    // The owner of a parameter may destroy a timer that no longer exists.
     const unsigned long long made = owned ? qv::NextKey() : qv::HandleOf(timer);
     timer->handle = made;
     timer->callback = callback;

@@ -1,5 +1,6 @@
-// Whether the driver took the stop of a capture when its worker ended, and whether that stop was
-// the last word: a worker that goes on until its thread has ended may ask for a frame after it.
+// Whether the driver accepted the stop of a capture when its worker ended, and whether that stop
+// was the last request: a worker runs until its thread has ended, and may ask for a frame after the
+// stop.
 #pragma once
 
 #include <atomic>
@@ -10,21 +11,22 @@ namespace qv {
 
 class DriverStop {
   public:
-    // After each request that has the driver begin something. Worker thread.
+    // Called after each request that makes the driver start something. Worker thread.
     void NoteRequest() { m_requests.fetch_add(1); }
 
-    // The thread that ends the worker: asks the driver to stop.
+    // Called by the thread that ends the worker: asks the driver to stop.
     template <class Stop>
     void Ask(Stop stop) {
         m_requestsBefore = m_requests.load();  // a request that is not counted here came later
         m_taken = stop() == QV_RESULT_OK;
     }
-    // The same thread, after the worker's: asks again when the worker asked for something since.
+    // Called by the same thread after the worker's thread has ended: asks again if the worker has
+    // asked for something since.
     template <class Stop>
     void AskAgain(Stop stop) {
         if (m_requests.load() != m_requestsBefore) Ask(stop);
     }
-    // Whether the driver took the last one: it writes to no frame memory any more.
+    // Whether the driver accepted the last stop: then it writes to no frame memory any more.
     bool Taken() const { return m_taken; }
 
   private:

@@ -1,8 +1,9 @@
 // What the channel worker and its duties share: events with serials, the wait set, the records
 // behind callbacks. A duty is an EventSource; the worker's loop is in ChannelEntity.
 //
-// Worker thread only, unless said otherwise. Nothing here allocates: records are made by whoever
-// asks for them, where a failure can still be told, and linked through members of their own.
+// Worker thread only, unless said otherwise. Nothing here allocates: the code that needs a record
+// makes it, where a failure can still be reported, and records are linked through their own
+// members.
 #pragma once
 
 #include <atomic>
@@ -22,8 +23,8 @@ inline unsigned long long HandleOf(const void* pointer) {
         static_cast<long long>(reinterpret_cast<intptr_t>(pointer)));
 }
 
-// Handles of the library's own: they count from 1 for the whole process and never come back. Bit 63
-// keeps them apart from the driver's handles; the zeros behind it from a kernel's addresses.
+// The library's own handles: they count from 1 for the whole process and are never used again. Bit
+// 63 distinguishes them from the driver's handles, the zeros below it from a kernel's addresses.
 inline constexpr unsigned long long kKeyBit = 1ull << 63;
 inline unsigned long long NextKey() {
     static std::atomic<uint64_t> last{0};
@@ -31,7 +32,7 @@ inline unsigned long long NextKey() {
 }
 inline bool MayBeKey(unsigned long long handle) { return handle >> 48 == kKeyBit >> 48; }
 
-// Something that a callback is called for. Its owner hands it to WorkerScope::Retire() in the end.
+// A record with a callback. Its owner passes it to WorkerScope::Retire() in the end.
 struct CallbackRecord {
     explicit CallbackRecord(CallerParam given) : param(std::move(given)) {}
     CallbackRecord(const CallbackRecord&) = delete;
@@ -46,7 +47,7 @@ struct CallbackRecord {
 struct WorkerScope {
     explicit WorkerScope(CQVCaptureBase* owner) : channel(owner) {}
 
-    // Deletes a record, once the callback that is running has returned.
+    // Deletes a record, but not before a running callback has returned.
     void Retire(CallbackRecord* record) {
         if (!m_inCallback) {
             delete record;
@@ -55,7 +56,7 @@ struct WorkerScope {
         record->nextRetired = m_retired;
         m_retired = record;
     }
-    // Runs one callback; `call` is the last user of what it gives to it.
+    // Runs one callback; nothing uses its arguments after `call`.
     template <class Call>
     void CallBack(Call call) {
         m_inCallback = true;
@@ -70,15 +71,15 @@ struct WorkerScope {
     CQVCaptureBase* const channel;
     EventNode events{kClosed};
     uint64_t lastSerial = 0;
-    bool ending = false;  // a callback has closed the channel: no other is called
+    bool ending = false;  // a callback has closed the channel: no further one is called
 
   private:
     bool m_inCallback = false;
     CallbackRecord* m_retired = nullptr;
 };
 
-// An event that a duty waits for. The driver may give the handle of a closed event to the next one;
-// a serial never comes back, so that no signal is taken for a later event's.
+// An event that a duty waits for. The driver may reuse the handle of a closed event; a serial is
+// never used again, so that no signal is taken for that of a later event.
 class WorkerEvent {
   public:
     void Open(WorkerScope* scope) {
@@ -122,7 +123,7 @@ struct WaitSet {
         events[count] = event;
         ++count;
     }
-    // Has the worker come round again soon, even when nothing is signalled.
+    // Makes the worker start the next pass soon, even when nothing is signalled.
     void ComeBackSoon() { timeout = kSoonMs; }
 };
 
@@ -132,10 +133,10 @@ class EventSource {
     EventSource(const EventSource&) = delete;
     EventSource& operator=(const EventSource&) = delete;
 
-    // Adds the events that it waits for.
+    // Adds the events that this duty waits for.
     virtual void AddEvents(WaitSet* set) = 0;
-    // The event with this serial was set. A callback of the same pass may have closed it since, and
-    // opened another: then nothing is to be done.
+    // Called when the event with this serial was set. A callback of the same pass may have closed
+    // it since and opened another: then there is nothing to do.
     virtual void OnSignal(uint64_t serial) = 0;
 
   protected:

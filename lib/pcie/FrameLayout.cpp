@@ -44,8 +44,8 @@ FrameLayout Layout(int64_t stride, int64_t size) {
 }
 
 FrameLayout PlanarLayout(const PlanarFormat& format, int64_t width, int64_t height) {
-    // One-byte luma is padded to an even line; two-byte luma is not, and an odd width then misses
-    // the multiple of four that its chroma pairs need.
+    // One-byte luma is padded to an even line length; two-byte luma is not, so an odd width gives
+    // no multiple of four, which its chroma pairs need.
     const int64_t stride = format.bytesPerSample == 1 ? EvenUp(width) : width * 2;
     const bool wholePairs = stride % (int64_t{2} * format.bytesPerSample) == 0;
     const bool wholeLines = !format.evenHeight || height % 2 == 0;

@@ -14,8 +14,8 @@ struct FrameLayout {
     friend bool operator==(const FrameLayout&, const FrameLayout&) = default;
 };
 
-// Layout of the two buffers of callback capture. Both values are 0 for an unknown format; so are
-// they where a dimension does not fit the 16 bits that a capture request has for it.
+// Layout of the two buffers of callback capture. Both values are 0 for an unknown format, and when
+// a dimension does not fit the 16 bits that a capture request has for it.
 FrameLayout LayoutOf(uint32_t fourcc, int32_t width, int32_t height);
 
 }  // namespace qv

@@ -1,4 +1,4 @@
-// The two frame buffers of a callback video capture, linked without a further allocation.
+// The two frame buffers of a callback video capture, linked without another allocation.
 #pragma once
 
 #include <cstdlib>

@@ -100,7 +100,7 @@ QV_RESULT CQVCaptureBase::GetAudioInputSourceArray(unsigned int* sources, unsign
                        qv::Excess::kRefuse);
 }
 
-// No request exists for it on a PCIe channel.
+// A PCIe channel has no request for it.
 QV_RESULT CQVCaptureBase::GetInputSourceScanState(char*) { return QV_RESULT_FAILED; }
 
 QV_RESULT CQVCaptureBase::GetHDMIInfoFramePacket(_QVCAP_HDMI_INFOFRAME_ID id,

@@ -1,6 +1,6 @@
 // One open channel of a PCIe card: every operation is exactly one driver request.
 //
-// Argument checks give QV_RESULT_BAD_ARGUMENT, a refusal by the driver QV_RESULT_FAILED; nothing is
+// A bad argument gives QV_RESULT_BAD_ARGUMENT, a refusal by the driver QV_RESULT_FAILED; nothing is
 // split, retried or printed. No lock: one thread at a time per channel; the event operations are
 // static, go to the shared event node and may be called from any thread.
 #pragma once
@@ -15,7 +15,7 @@
 
 class ChannelEntity;
 
-// What one capture request asks for; the fields are those of the driver's record.
+// The arguments of one capture request; the fields are those of the driver's record.
 struct FrameRequest {
     int frame;
     bool physical;
@@ -35,7 +35,7 @@ struct OsdOverlay {
     int rectCount;
 };
 
-// The settings that only the Ex variants give; the defaults are those of the other variants.
+// The settings that only the Ex variants take; the defaults are those of the other variants.
 struct FrameSettings {
     unsigned int processSwitches = 0;
     int partialNotify = 0;
@@ -225,7 +225,7 @@ class CQVCaptureBase final : public IQVCaptureDevice {
     // The worker. Calls that need one fail with QV_RESULT_FAILED, or 0, without it. Any thread.
     QV_RESULT StartChannelThread();
     QV_RESULT
-    StopChannelThread();  // and closes and deletes the object when a callback asked for it
+    StopChannelThread();  // also closes and deletes the object if a callback asked for that
     QV_RESULT StopWorker();
     unsigned long long RegisterNotifyWithCallback(unsigned int enableBits,
                                                   QV_NOTIFY_CALLBACK callback,
@@ -242,14 +242,14 @@ class CQVCaptureBase final : public IQVCaptureDevice {
     QV_RESULT StartAudioCaptureWithCallback(QV_AUDIO_CALLBACK callback, qv::CallerParam param);
     QV_RESULT StopAudioCaptureWithCallback();
 
-    // True when called from a callback of this channel's worker, which then closes and deletes the
-    // object after that callback, and drops the parameter last.
+    // True when called from a callback of this channel's worker; the worker then closes and deletes
+    // the object after that callback, and drops the parameter last.
     bool DeferCloseToWorker(qv::CallerParam* param);
 
-    // For the worker alone.
+    // Only for the worker.
     QV_RESULT UnregisterNotifyAtDriver(unsigned long long notify);
     void KeepUntilClosed(qv::FrameMemory* frames);  // owned; the driver may still write to it
-    // False when another thread is stopping the worker, which then takes the close over.
+    // False when another thread is stopping the worker; that thread then also closes the channel.
     bool ClaimDeferredClose(qv::CallerParam* param);
     void FinishDeferredClose();  // closes and deletes this object
 

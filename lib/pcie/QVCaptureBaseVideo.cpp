@@ -218,7 +218,7 @@ QV_RESULT CQVCaptureBase::StopAudioCapture() { return qv::Do(m_hChannelFD, qv::k
 
 QV_RESULT CQVCaptureBase::CaptureAudioFrame(_QVCAP_AUDIO_CAPTURE_FRAME* frame) {
     if (frame == nullptr || m_hChannelFD == qv::kClosed) return QV_RESULT_BAD_ARGUMENT;
-    // Straight into the caller's record: 6 KiB are not copied twice.
+    // Directly into the caller's record, so that 6 KiB are not copied twice.
     if (qv::Call(m_hChannelFD, qv::kCaptureAudioFrame, frame) != 0)
         return errno == ENODATA ? QV_RESULT_NO_DATA : QV_RESULT_FAILED;
     return frame->marker == QV_AUDIO_FRAME_MARKER ? QV_RESULT_OK : QV_RESULT_FAILED;

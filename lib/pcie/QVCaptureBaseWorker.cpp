@@ -15,11 +15,11 @@ CQVCaptureBase::CQVCaptureBase() = default;
 
 CQVCaptureBase::~CQVCaptureBase() {
     StopWorker();                // before the members that its worker uses are gone
-    m_hChannelFD = qv::kClosed;  // Deliberate: closing is CloseChannel's work alone
+    m_hChannelFD = qv::kClosed;  // Deliberate: only CloseChannel closes
     ReleaseKeptFrames();
 }
 
-// A reference, so that the worker's object outlives every thread that is inside it.
+// Returns a reference, so that the worker's object outlives every thread that runs in it.
 qv::Ref<ChannelEntity> CQVCaptureBase::Entity() {
     const qv::Guard guard(&m_workerLock);
     return m_entity;
@@ -46,13 +46,13 @@ QV_RESULT CQVCaptureBase::StopChannelThread() {
 QV_RESULT CQVCaptureBase::StopWorker() {
     qv::Ref<ChannelEntity> entity;
     {
-        // Look-up and claim in one: what is taken off below is what was looked up here.
+        // Look-up and claim under one lock: the worker removed below is the one looked up here.
         const qv::Guard guard(&m_workerLock);
         if (!m_entity || m_entity->OnWorkerThread() || m_stopping) return QV_RESULT_FAILED;
         entity = m_entity;
         m_stopping = true;
     }
-    // Without the lock: callbacks that are under way may still ask for the worker.
+    // Without the lock: running callbacks may still look up the worker.
     entity->StopChannelThread();
     const qv::Guard guard(&m_workerLock);
     m_entity = {};
@@ -67,7 +67,8 @@ bool CQVCaptureBase::DeferCloseToWorker(qv::CallerParam* param) {
     return true;
 }
 
-// A worker that is being stopped must not end on its own: who stops it closes the channel then.
+// A worker that is being stopped must not end on its own: the thread that stops it closes the
+// channel.
 bool CQVCaptureBase::ClaimDeferredClose(qv::CallerParam* param) {
     const qv::Guard guard(&m_workerLock);
     if (!m_stopping) {
@@ -121,8 +122,8 @@ QV_RESULT CQVCaptureBase::QVUnregisterNotifyOfCallback(unsigned long long handle
     return FromWorker(entity->UnregisterNotifyWithCallback(handle));
 }
 
-// A caller's handle may be a registration's key or one of the driver's. The worker, which may be
-// in a long callback, is asked only about what can be a key.
+// A caller's handle may be a registration's key or one of the driver's. The worker is asked only
+// about handles that can be keys, because it may be in a long callback.
 QV_RESULT CQVCaptureBase::UnregisterNotify(unsigned long long notify) {
     if (m_hChannelFD == qv::kClosed || notify == 0) return QV_RESULT_BAD_ARGUMENT;
     if (qv::MayBeKey(notify) && QVUnregisterNotifyOfCallback(notify) == QV_RESULT_OK)

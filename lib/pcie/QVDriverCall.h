@@ -1,8 +1,8 @@
 // The only way from the library to the driver's ioctl, and the few shapes that its requests have.
 //
-// Every helper checks its arguments (QV_RESULT_BAD_ARGUMENT), issues exactly one request and judges
-// it by ioctl's return value alone: 0 is QV_RESULT_OK, anything else QV_RESULT_FAILED. Out-values
-// are stored on success only. No state; as thread-safe as the driver.
+// Every helper checks its arguments (QV_RESULT_BAD_ARGUMENT) and makes exactly one request; only
+// ioctl's return value decides: 0 is QV_RESULT_OK, anything else QV_RESULT_FAILED. Out-values are
+// stored on success only. No state; as thread-safe as the driver.
 #pragma once
 
 #include <sys/ioctl.h>
@@ -15,7 +15,7 @@ namespace qv {
 
 inline constexpr int kClosed = -1;  // value of a descriptor that is not open
 
-// ioctl as it is: its return value, errno set by it.
+// Plain ioctl: returns its value, errno is set by it.
 template <Direction direction, class Record>
 int Call(int fd, Request<direction, Record> request, Record* record) {
     return ioctl(fd, request.code, record);
@@ -36,21 +36,21 @@ QV_RESULT Do(int fd, Set<Record> request, Record record) {
     return FromCall(Call(fd, request, &record));
 }
 
-// Sends the caller's record; a copy travels, so that a driver cannot write into a const one.
+// Sends a copy of the caller's record, so that a driver cannot write into a const one.
 template <class Record>
 QV_RESULT DoGiven(int fd, Set<Record> request, const Record* given) {
     if (given == nullptr) return QV_RESULT_BAD_ARGUMENT;
     return Do(fd, request, *given);
 }
 
-// Sends a value in the width of the record: callers write int, the wire says int32_t.
+// Sends a value in the width of the record: callers pass int, the record has int32_t.
 template <class Record, class Value>
 QV_RESULT DoValue(int fd, Set<Record> request, Value value) {
     static_assert(sizeof(Record) == sizeof(Value));
     return Do(fd, request, static_cast<Record>(value));
 }
 
-// Sends a handle, 0 being none.
+// Sends a handle; 0 means none.
 inline QV_RESULT DoHandle(int fd, Set<uint64_t> request, unsigned long long handle) {
     if (handle == 0) return QV_RESULT_BAD_ARGUMENT;
     return Do(fd, request, uint64_t{handle});
@@ -72,9 +72,9 @@ QV_RESULT Do(int fd, Exchange<Record> request, Record* record) {
     return FromCall(Call(fd, request, record));
 }
 
-// What becomes of a driver count above the caller's capacity.
+// How to treat a driver count above the caller's capacity.
 enum class Excess {
-    kHandBack,  // told to the caller: it says how much there is
+    kHandBack,  // returned to the caller: it says how much there is
     kRefuse,    // a failure, the caller's count stays
 };
 
@@ -83,7 +83,7 @@ template <class Element, class Count>
 QV_RESULT DoArray(int fd, Exchange<CountedArrayRecord> request, Element* array, Count* count,
                   Excess excess = Excess::kHandBack) {
     if (fd == kClosed || array == nullptr || count == nullptr) return QV_RESULT_BAD_ARGUMENT;
-    // Deliberate: a capacity beyond 32 bits travels as the largest that the record holds.
+    // Deliberate: a capacity beyond 32 bits is sent as the largest that the record holds.
     const uint32_t capacity = *count > UINT32_MAX ? UINT32_MAX : static_cast<uint32_t>(*count);
     CountedArrayRecord record{capacity, WireAddress(array)};
     if (Call(fd, request, &record) != 0) return QV_RESULT_FAILED;
@@ -92,7 +92,7 @@ QV_RESULT DoArray(int fd, Exchange<CountedArrayRecord> request, Element* array, 
     return QV_RESULT_OK;
 }
 
-// Sends an array; nothing is read back. More than 32 bits can count is refused.
+// Sends an array; nothing is read back. A count that does not fit 32 bits is refused.
 template <class Element>
 QV_RESULT DoArray(int fd, Set<CountedArrayRecord> request, const Element* array,
                   unsigned long count) {

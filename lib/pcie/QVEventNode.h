@@ -1,8 +1,8 @@
 // The event operations of the driver, through one open descriptor of /dev/qv-event.
 //
-// Raw answers of ioctl where callers need them; 0 when there is nobody to ask. The node's file is
-// owned by EventNodeFile: the registry holds one reference, every running channel worker another,
-// so that the worker's wake-ups outlive an instance that is closed too early. Any thread.
+// Returns ioctl's raw answers where callers need them; 0 when no node is open. EventNodeFile owns
+// the node's file: the registry holds one reference, every running channel worker another, so that
+// the worker's wake-ups still work after an instance was closed too early. Any thread.
 #pragma once
 
 #include <unistd.h>
@@ -25,7 +25,7 @@ class EventNodeFile : public RefCounted<EventNodeFile> {
     const int m_fd;
 };
 
-// One event node, by descriptor; kClosed is a node that is not open.
+// One event node, by its descriptor; kClosed is a node that is not open.
 class EventNode {
   public:
     explicit EventNode(int fd) : m_fd(fd) {}
@@ -48,7 +48,7 @@ class EventNode {
     int Wait(unsigned long long event, int timeout) const {
         return event == 0 ? 0 : Ask(kWaitEvent, WaitEventRecord{event, timeout});
     }
-    // Bit i modulo 32 stands for event i, deliberately: event 32 shares bit 0 with event 0.
+    // Bit i modulo 32 belongs to event i, deliberately: event 32 shares bit 0 with event 0.
     unsigned int MultiWait(const unsigned long long* events, int count, int timeout) const {
         if (events == nullptr) return 0;
         const MultiWaitEventRecord record{WireAddress(events), count, timeout};

@@ -87,7 +87,8 @@ bool CQVCaptureControlBase::Probe(int node, ChannelRecord* record) {
 
 bool CQVCaptureControlBase::EnumDevice() {
     m_nChannelCount = 0;
-    // The names only size the range: numbers are probed whether or not a name was seen.
+    // The names only decide the size of the range: a number is probed even if its name was not
+    // seen.
     const int seen = CountVideoNodes();
     if (seen < 0) return false;
     for (int node = 0; node < seen + kProbesBeyondNodesSeen; ++node) {

@@ -1,7 +1,7 @@
 // The process-wide registry of PCIe capture channels and the shared event node.
 //
-// Static data without a lock: Init, EnumDevice and Exit run on one thread while nobody looks a
-// channel up. Prints nothing; a node that is not a capture channel is skipped silently.
+// Static data without a lock: Init, EnumDevice and Exit run on one thread while no other thread
+// looks up a channel. Prints nothing; a node that is not a capture channel is skipped silently.
 #pragma once
 
 #include "QVCaptureTypes.h"
@@ -13,7 +13,7 @@ class EventNodeFile;
 
 class CQVCaptureControlBase {
   public:
-    // Empties the table and opens /dev/qv-event unless it is open already; false when it cannot.
+    // Empties the table and opens /dev/qv-event unless it is already open; false when that fails.
     static bool Init();
     // Empties the table and closes the event node.
     static void Exit();
@@ -51,7 +51,7 @@ class CQVCaptureControlBase {
     static ChannelRecord m_arrChannelInfo[QV_MAX_CHANNELS];  // valid: 0 ... count-1
     static int m_nChannelCount;
     static int m_hEventFD;
-    // Owns m_hEventFD. A plain pointer with a reference of its own: nothing here may end before a
-    // program's static objects, whose destructors may still call Exit().
+    // Owns m_hEventFD. A plain pointer that holds a reference: nothing here may be destroyed before
+    // a program's static objects, because their destructors may still call Exit().
     static qv::EventNodeFile* m_eventNode;
 };

@@ -33,7 +33,7 @@ QV_RESULT Registrations::Release(_QVCAP_NOTIFY** link) {
     const QV_RESULT result = m_scope->channel->UnregisterNotifyAtDriver(record->driverHandle);
     m_scope->events.Close(record->event);
     *link = record->next;
-    GiveBackPlace();  // first: a caller's release may register its successor
+    GiveBackPlace();  // first: a caller's release may register again
     m_scope->Retire(record);
     return result;
 }

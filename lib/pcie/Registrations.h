@@ -1,6 +1,6 @@
 // The channel worker's notification callbacks: registrations in the order in which they were made.
 //
-// Worker thread only, but for the places, which any thread reserves.
+// Worker thread only, except the places, which any thread may reserve.
 #pragma once
 
 #include <atomic>
@@ -10,7 +10,7 @@
 // One callback registration.
 struct _QVCAP_NOTIFY final : qv::CallbackRecord {
     using CallbackRecord::CallbackRecord;
-    unsigned long long key = 0;  // what the caller names it by; its event's serial, too
+    unsigned long long key = 0;  // the caller's handle; also its event's serial
     unsigned long long event = 0;
     unsigned long long enableBits = 0;
     QV_NOTIFY_CALLBACK callback = nullptr;
@@ -24,13 +24,14 @@ class Registrations final : public EventSource {
   public:
     explicit Registrations(WorkerScope* scope) : m_scope(scope) {}
 
-    // A place must be had before anything is made, so that two cannot share the last one.
+    // A place is reserved before anything is made, so that two registrations cannot share the last
+    // one.
     bool ReservePlace();
     void GiveBackPlace() { m_places.fetch_sub(1); }
 
-    // Takes the record over, with its place.
+    // Takes ownership of the record and its place.
     void Append(_QVCAP_NOTIFY* record);
-    // 0, or -1 for an unknown key and when the driver refused; the record is gone all the same.
+    // 0, or -1 for an unknown key and when the driver refused; then the record is removed, too.
     int Remove(unsigned long long key);
     void Clear();
 
@@ -40,7 +41,7 @@ class Registrations final : public EventSource {
   private:
     static constexpr int kPlaces = WaitSet::kSize - 5;  // the other events of a worker
 
-    // The link that points at the record; at null when there is none.
+    // The link that points at the record, or at null when there is none.
     _QVCAP_NOTIFY** Find(unsigned long long key);
     QV_RESULT Release(_QVCAP_NOTIFY** link);
 

@@ -64,8 +64,8 @@ bool TimerList::ScheduleFirst() {
            m_scope->channel->ScheduleTimer(m_driverTimer, m_first->expiry) == QV_RESULT_OK;
 }
 
-// The driver timer was given up for a change that the driver then refused: the timers that are left
-// must not end with it. Tried again with every pass until the driver takes it.
+// The driver timer was unregistered for a change that the driver then refused: the remaining timers
+// must still fire. Tried again in every pass until the driver accepts it.
 void TimerList::ServeTheOthers() {
     m_unserved = m_first != nullptr;
     if (m_unserved) ResetDriverTimer();
@@ -77,8 +77,8 @@ void TimerList::AddEvents(WaitSet* set) {
     set->Add(this, m_event.Handle(), m_event.Serial());
 }
 
-// The scan stops at the first that is not due yet. Callbacks may create and destroy timers: the
-// walk is over those that were due when it began and are still there.
+// The scan stops at the first timer that is not due yet. Callbacks may create and destroy timers:
+// the walk covers those that were due when it began and still exist.
 void TimerList::OnSignal(uint64_t serial) {
     long long now = 0;
     if (serial != m_event.Serial()) return;
@@ -104,13 +104,13 @@ _QVCAP_TIMER* TimerList::NextDue() {
     return timer;
 }
 
-// A single timer is gone before its callback is called; a periodic one may be gone after it.
+// A one-shot timer is removed before its callback is called; a periodic one may be gone after it.
 void TimerList::Fire(_QVCAP_TIMER* timer, long long now) {
     const bool once = timer->period <= 0;
     if (once)
         Unlink(timer);
     else
-        timer->expiry = LaterTime(now, timer->period);  // late calls are not caught up with
+        timer->expiry = LaterTime(now, timer->period);  // missed calls are not made up for
     m_scope->CallBack([this, timer, once] {
         if (timer->callback != nullptr) timer->callback(timer->handle, timer->param.Value());
         if (once) m_scope->Retire(timer);

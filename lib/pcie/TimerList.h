@@ -8,25 +8,25 @@
 // One timer.
 struct _QVCAP_TIMER final : qv::CallbackRecord {
     using CallbackRecord::CallbackRecord;
-    unsigned long long handle = 0;  // its address, or a value that never comes back
+    unsigned long long handle = 0;  // its address, or a value that is never used again
     QV_TIMER_CALLBACK callback = nullptr;
     long long delay = 0;   // device-clock units
     long long period = 0;  // device-clock units; 0 or less fires once
     long long expiry = 0;  // device time
-    bool due = false;      // in the walk that is under way
+    bool due = false;      // in the current walk
     _QVCAP_TIMER* next = nullptr;
 };
 
 namespace qv {
 
-// A caller's delay or period may be anything; a sum beyond the clock's range stays at its end.
+// A caller's delay or period may be anything; a sum beyond the clock's range is limited to its end.
 long long LaterTime(long long time, long long by);
 
 class TimerList final : public EventSource {
   public:
     explicit TimerList(WorkerScope* scope) : m_scope(scope) {}
 
-    // 0 when it is in the list; otherwise the record stays the caller's.
+    // 0 when it is in the list; otherwise the caller still owns the record.
     int Insert(_QVCAP_TIMER* timer);
     // -1 for an unknown handle and, deliberately, when that was the last timer.
     int Destroy(unsigned long long handle);

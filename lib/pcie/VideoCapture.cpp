@@ -8,13 +8,13 @@
 
 namespace qv {
 
-// A capture that is open already is replaced; what it holds is released with the new one, since the
-// driver may still be writing to its memory.
+// An open capture is replaced; its memory is released with the new one, because the driver may
+// still be writing to it.
 int VideoCapture::Open(_QVCAP_VIDEO_CAPTURE* request) {
     const FrameLayout layout = LayoutOf(request->fourcc, request->width, request->height);
     request->stride = layout.stride;
     request->frameSize = layout.size;
-    // Taken before the driver is asked, so that there is nothing to undo on failure.
+    // Allocated before the driver is asked, so that there is nothing to undo on failure.
     request->frames = FrameMemory::Allocate(layout.size);
     if (request->frames == nullptr) return -1;
     if (const int result = StartDriver(request); result != QV_RESULT_OK) return result;
@@ -38,7 +38,7 @@ int VideoCapture::StartDriver(_QVCAP_VIDEO_CAPTURE* request) {
     return result;
 }
 
-// A refused request simply yields no completion: in either mode nothing asks for a frame again.
+// A refused request never completes: in neither mode is a frame requested again.
 void VideoCapture::CaptureInto(int buffer, int frameSelector) {
     const _QVCAP_VIDEO_CAPTURE& capture = *m_capture;
     const QV_RESULT result = m_scope->channel->CaptureVideoFrameToVirtualAddress(
@@ -66,7 +66,7 @@ void VideoCapture::OnDone() {
     _QVCAP_VIDEO_CAPTURE_STATUS status{};
     const bool read = m_scope->channel->GetVideoCaptureStatus(&status) == QV_RESULT_OK;
     if (!read || status.frameCompleted == 0) {
-        // Of a request that is outstanding nothing will be heard again.
+        // An outstanding request will never complete.
         const bool outstanding =
             m_capture->mode == QV_VIDEO_CAPTURE_BACK_TO_BACK || m_capture->index < 0;
         if (!read && outstanding) m_stalled.store(true, std::memory_order_relaxed);
@@ -90,7 +90,7 @@ void VideoCapture::OnDone() {
     Deliver(finished, &info);
 }
 
-// The callback may end the capture: its record and memory last until it has returned.
+// The callback may end the capture: its record and memory are kept until it has returned.
 void VideoCapture::Deliver(int finished, _QVCAP_VIDEO_FRAME_INFO* info) {
     const _QVCAP_VIDEO_CAPTURE* const capture = m_capture;
     if (capture->callback == nullptr) return;
@@ -101,7 +101,7 @@ void VideoCapture::Deliver(int finished, _QVCAP_VIDEO_FRAME_INFO* info) {
     });
 }
 
-// Waking is enough: the notification's status is not read.
+// The wake-up is enough: the notification's status is not read.
 void VideoCapture::OnNotify() {
     if (m_capture->mode == QV_VIDEO_CAPTURE_BACK_TO_BACK) return;
     if (m_capture->index < 0) return;  // a capture is in flight: this notification is dropped
@@ -125,7 +125,7 @@ void VideoCapture::StopDriverAgain() {
 
 void VideoCapture::Release(bool driverStopped) {
     m_stalled.store(false, std::memory_order_relaxed);
-    // Taken off first, and deleted last: a caller's release may open another capture.
+    // Unlinked first and deleted last: a caller's release may open another capture.
     _QVCAP_VIDEO_CAPTURE* const first = CurrentThenOldest(std::exchange(m_capture, nullptr));
     for (auto* capture = first; capture != nullptr; capture = capture->replaced)
         GiveBack(capture, driverStopped);

@@ -1,14 +1,14 @@
 // Callback video capture of the channel worker, in both pacing modes.
 //
-// Worker thread only, but for stopping the driver and for the release: whoever stops the worker
-// does both when its thread has ended.
+// Worker thread only, except stopping the driver and the release: the thread that stops the worker
+// does both after the worker's thread has ended.
 #pragma once
 
 #include "DriverStop.h"
 #include "EventSource.h"
 #include "FrameMemory.h"
 
-// One capture: what was asked for, and what it holds while it is open.
+// One capture: what was requested, and what it holds while it is open.
 struct _QVCAP_VIDEO_CAPTURE final : qv::CallbackRecord {
     using CallbackRecord::CallbackRecord;
     ~_QVCAP_VIDEO_CAPTURE() override { delete frames; }
@@ -22,7 +22,7 @@ struct _QVCAP_VIDEO_CAPTURE final : qv::CallbackRecord {
     unsigned int stride = 0;     // bytes per line
 
     qv::FrameMemory* frames = nullptr;  // owned
-    int index = 0;  // buffer in turn; -1 while a notification-mode capture is in flight
+    int index = 0;  // current buffer; -1 while a notification-mode capture is in flight
     qv::WorkerEvent done;
     qv::WorkerEvent notify;
     unsigned long long notifyHandle = 0;
@@ -35,7 +35,7 @@ class VideoCapture final : public EventSource {
   public:
     explicit VideoCapture(WorkerScope* scope) : m_scope(scope) {}
 
-    // 0 when the request is the capture now; otherwise it stays the caller's.
+    // 0 when the request has become the capture; otherwise the caller still owns it.
     int Open(_QVCAP_VIDEO_CAPTURE* request);
     int Close();
 

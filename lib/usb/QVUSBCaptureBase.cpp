@@ -30,7 +30,7 @@ void CQVUSBCaptureControlBase::Exit() {
     QVUSBStop();
 }
 
-// The search fills a table of its own: when it fails half-way the list stays as it was.
+// The search fills a separate table: when it fails half-way the list does not change.
 QV_RESULT CQVUSBCaptureControlBase::EnumDevice() {
     static _QVUSBCAP_CHANNEL_ENTRY entries[QV_MAX_CHANNELS];
     memset(entries, 0, sizeof entries);
@@ -92,7 +92,7 @@ void CQVUSBCaptureBase::CloseChannel() {
 
 namespace {
 
-// out has as many bytes as the text, which need not be terminated.
+// out has as many bytes as the text, which may lack a terminator.
 template <size_t size>
 QV_RESULT CopyText(const char (&text)[size], char* out) {
     snprintf(out, size, "%.*s", static_cast<int>(size - 1), text);

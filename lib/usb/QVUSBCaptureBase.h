@@ -2,10 +2,10 @@
 //
 // Every operation of the object is one transfer of a command with a fixed payload, see
 // QVUSBCommands.h; audio volume goes to the sound card instead. A closed channel and a failed
-// transfer are QV_RESULT_FAILED, a null pointer QV_RESULT_BAD_ARGUMENT. Outputs are untouched on
-// failure unless said otherwise.
-// No lock here: one thread at a time per channel; the registry like the PCIe one. The hot-plug
-// watcher has a mutex, and each device one in the transport unit.
+// transfer give QV_RESULT_FAILED, a null pointer QV_RESULT_BAD_ARGUMENT. Outputs are untouched on
+// failure unless said otherwise. No lock here: one thread at a time per channel; the registry
+// follows the rule of the PCIe one. The hot-plug watcher has a mutex, and each device has one in
+// the transport unit.
 #pragma once
 
 #include "QVUSBCommands.h"
@@ -16,13 +16,14 @@ class CQVUSBCaptureControlBase {
   public:
     // Starts the transport; QV_RESULT_FAILED when there is none or it cannot start.
     static QV_RESULT Init();
-    // Ends the watcher, empties the table and lets the transport stop.
+    // Ends the watcher, empties the table and allows the transport to stop.
     static void Exit();
-    // Rebuilds the table; QV_RESULT_FAILED, and the table as it was, when the transport cannot
-    // tell.
+    // Rebuilds the table; when the transport's search fails, returns QV_RESULT_FAILED and does not
+    // change the table.
     static QV_RESULT EnumDevice();
 
-    // Starts the watcher. QV_RESULT_FAILED when the transport cannot watch or one runs already.
+    // Starts the watcher. QV_RESULT_FAILED when the transport cannot watch or a watcher already
+    // runs.
     static QV_RESULT RegisterHotPlug(QVUSB_HOT_PLUG_CALLBACK callback, void* param);
     // Ends the watcher, if one runs. Always QV_RESULT_OK.
     static QV_RESULT UnRegisterHotPlug();
@@ -47,7 +48,7 @@ class CQVUSBCaptureControlBase {
 class CQVUSBCaptureBase final : public IQVCaptureDevice {
   public:
     CQVUSBCaptureBase() = default;
-    ~CQVUSBCaptureBase() override = default;  // closing is CloseChannel's work
+    ~CQVUSBCaptureBase() override = default;  // only CloseChannel closes
     CQVUSBCaptureBase(const CQVUSBCaptureBase&) = delete;
     CQVUSBCaptureBase& operator=(const CQVUSBCaptureBase&) = delete;
 
@@ -68,8 +69,8 @@ class CQVUSBCaptureBase final : public IQVCaptureDevice {
     QV_RESULT GetFamilyInfo(void* info, unsigned int size) override;  // 10 bytes, size ignored
     QV_RESULT GetVideoCaps(_QVCAP_VIDEO_CAPS* caps) override;
     QV_RESULT GetAudioCaps(_QVCAP_AUDIO_CAPS* caps) override;
-    // count: in the capacity, out the codes stored; with null sources what the device has. Written
-    // also after a failure. At most 16.
+    // count: in the capacity, out the codes stored; with null sources the number that the device
+    // has. Written even after a failure. At most 16.
     QV_RESULT GetVideoInputSourceArray(unsigned int* sources, unsigned int* count) override;
     QV_RESULT GetAudioInputSourceArray(unsigned int* sources, unsigned int* count) override;
     QV_RESULT GetInputSourceScan(char* scan) override;
@@ -90,7 +91,7 @@ class CQVUSBCaptureBase final : public IQVCaptureDevice {
     QV_RESULT GetHDMIInfoFramePacket(_QVCAP_HDMI_INFOFRAME_ID id,
                                      _HDMI_INFOFRAME_PACKET* packet) override;
     QV_RESULT SetVideoInputAspectRatio(int x, int y) override;
-    // Each output may be null; written also after a failure, then with zeros.
+    // Each output may be null; after a failure it is set to zero.
     QV_RESULT GetVideoInputAspectRatio(int* x, int* y) override;
     QV_RESULT SetVideoInputColorFormat(_QVCAP_VIDEO_COLOR_FORMAT format) override;
     QV_RESULT GetVideoInputColorFormat(_QVCAP_VIDEO_COLOR_FORMAT* format) override;
@@ -103,7 +104,8 @@ class CQVUSBCaptureBase final : public IQVCaptureDevice {
     // In chunks of 64 bytes; at most 2 GiB. read may be null.
     QV_RESULT ReadFirmwareData(unsigned int address, unsigned char* data, unsigned int size,
                                unsigned int* read) override;
-    // In packets of 2048 bytes, the device no longer busy after each; nothing behind 4 GiB.
+    // In packets of 2048 bytes; waits after each until the device is no longer busy. Nothing beyond
+    // 4 GiB.
     QV_RESULT WriteFirmwareData(unsigned int address, unsigned char* data,
                                 unsigned int size) override;
 
@@ -116,10 +118,10 @@ class CQVUSBCaptureBase final : public IQVCaptureDevice {
     QV_RESULT SetEDIDMode(_QVCAP_EDID_MODE mode);
     QV_RESULT GetLoopThroughValid(signed char* valid);
     QV_RESULT GetAudioVolume(_QVCAP_USB_AUDIO_NODE node, _QVCAP_AUDIO_VOLUME* volume);
-    // On the sound card, not on the device: the first channelCount entries, all of them tried.
+    // On the sound card, not on the device: tries all of the first channelCount entries.
     QV_RESULT SetAudioVolume(_QVCAP_USB_AUDIO_NODE node, _QVCAP_AUDIO_VOLUME* volume);
     QV_RESULT GetVideoCaptureConnectionFormat(_QVCAP_VIDEO_CONNECTION_FORMAT* format);
-    // The record is written also after a failure, then with zeros.
+    // After a failure the record is set to zeros.
     QV_RESULT GetVideoCaptureProcessSettings(_QVCAP_VIDEO_PROCESS_SETTINGS* settings);
     QV_RESULT SetVideoCaptureProcessSettings(_QVCAP_VIDEO_PROCESS_SETTINGS* settings);
     QV_RESULT GetVideoOutputFOURCC(_QVCAP_VIDEO_OUTPUT_FOURCC* fourcc);

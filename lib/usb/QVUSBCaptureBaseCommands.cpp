@@ -17,7 +17,7 @@ constexpr uint8_t kSaveOptions = 2;
 // Sampling phases are 0x00 to 0x3F; 0xFF stands for none.
 constexpr bool IsSamplingPhase(unsigned char phase) { return phase <= 0x3F || phase == 0xFF; }
 
-// Zeros of a size that the caller names, for a transfer that must not touch his own memory.
+// Zeroed memory of the caller's size, for a transfer that must not touch the caller's own memory.
 class OwnBytes {
   public:
     explicit OwnBytes(unsigned long size)
@@ -36,7 +36,7 @@ class OwnBytes {
 
 // ---- shapes of a command
 
-// The payload arrives in a copy, so that a failed transfer leaves the caller's record alone.
+// The payload is read into a copy, so that a failed transfer does not change the caller's record.
 template <class Payload, class Out>
 QV_RESULT CQVUSBCaptureBase::Fetch(Get<Payload> command, Out* out) {
     static_assert(sizeof(Out) >= sizeof(Payload));
@@ -53,7 +53,7 @@ QV_RESULT CQVUSBCaptureBase::Send(Set<Payload> command, Payload payload) {
     return USBChannelSetData(command.id, &payload, sizeof payload);
 }
 
-// A copy travels: a device may answer into what it was sent.
+// Sends a copy: a device may answer into the same memory.
 template <class Payload>
 QV_RESULT CQVUSBCaptureBase::SendGiven(Set<Payload> command, const Payload* given) {
     if (!IsOpen()) return QV_RESULT_FAILED;
@@ -75,7 +75,7 @@ QV_RESULT CQVUSBCaptureBase::InputSourceArray(Get<InputSources> command, unsigne
                                               unsigned int* count) {
     if (count == nullptr) return QV_RESULT_BAD_ARGUMENT;
     InputSources payload{};
-    payload.count = static_cast<uint8_t>(*count);  // Deliberate: the low byte travels
+    payload.count = static_cast<uint8_t>(*count);  // Deliberate: only the low byte is sent
     const QV_RESULT result = USBChannelGetData(command.id, &payload, sizeof payload);
     if (sources == nullptr) {
         *count = payload.count;
@@ -198,7 +198,7 @@ QV_RESULT CQVUSBCaptureBase::GetFirmwareStorageInfo(_QVCAP_FIRMWARE_STORAGE* sto
     return Fetch(kGetFirmwareStorageInfo, storage);
 }
 
-// ---- operations of USB channels alone
+// ---- operations of USB channels only
 
 QV_RESULT CQVUSBCaptureBase::SetNotifyEnable(_QVCAP_NOTIFY_ENABLE* enable) {
     return SendGiven(kSetNotifyEnable, enable);
@@ -328,7 +328,7 @@ QV_RESULT CQVUSBCaptureBase::GetExtensionSupported(unsigned int* extensions) {
     return Fetch(kGetExtensionSupported, extensions);
 }
 
-// ---- operations with a step of their own
+// ---- operations with an extra step
 
 QV_RESULT CQVUSBCaptureBase::SetEDID(unsigned char* data, unsigned long size) {
     if (!IsOpen()) return QV_RESULT_FAILED;
@@ -449,7 +449,7 @@ QV_RESULT CQVUSBCaptureBase::WriteFirmwareData(unsigned int address, unsigned ch
 }
 
 QV_RESULT CQVUSBCaptureBase::ReadChunk(uint32_t address, unsigned char* data, uint32_t size) {
-    // Without the address in front of it the packet would be a write of zeros.
+    // Without the address before it the packet would be a write of zeros.
     const QVUSBAlone alone(m_pContext->handle);
     const QV_RESULT result = Send(kSetFirmwareReadAddress, address);
     if (result != QV_RESULT_OK) return result;

@@ -1,7 +1,7 @@
 // Every command that the library sends to a USB device, one line each.
 //
-// The device defines ids and sizes; a size is typed here and compared with the payload's record by
-// a consteval constructor, so that a wrong row does not build. Pure data, any thread.
+// The device defines ids and sizes. A consteval constructor compares each size typed here with the
+// payload's record, so that a wrong row does not build. Pure data, any thread.
 #pragma once
 
 #include <cstdint>
@@ -84,7 +84,7 @@ inline constexpr Get<_QVCAP_VIDEO_CUSTOM_TIMING_ARRAY> kGetCustomVideoTimings{0x
 inline constexpr Set<_QVCAP_VIDEO_CUSTOM_TIMING_ARRAY> kSetCustomVideoTimings{0x96, 217};
 inline constexpr Get<_QVCAP_VIDEO_CUSTOM_RESOLUTION_ARRAY> kGetCustomVideoResolutions{0x97, 65};
 inline constexpr Set<_QVCAP_VIDEO_CUSTOM_RESOLUTION_ARRAY> kSetCustomVideoResolutions{0x97, 65};
-inline constexpr uint8_t kEDID = 0x98;             // get and set; as many bytes as the caller says
+inline constexpr uint8_t kEDID = 0x98;             // get and set; the caller decides the size
 inline constexpr uint8_t kEDIDLoopThrough = 0x99;  // get; likewise
 inline constexpr Get<uint8_t> kGetEDIDMode{0x9A, 1};
 inline constexpr Set<uint8_t> kSetEDIDMode{0x9A, 1};

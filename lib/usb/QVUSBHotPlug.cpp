@@ -1,5 +1,5 @@
 // The watcher of USB devices that come and go: a thread that asks the transport again and again
-// until it is told to end; see QVUSBCaptureBase.h.
+// until the watch ends; see QVUSBCaptureBase.h.
 #include <pthread.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -9,11 +9,11 @@
 
 namespace {
 
-constexpr int kWaitMs = 100;            // how long an end of the watching waits at most
-constexpr unsigned kPauseUs = 100'000;  // after a watching that failed at once
+constexpr int kWaitMs = 100;            // the longest time that the end of the watch waits
+constexpr unsigned kPauseUs = 100'000;  // after a wait that failed at once
 
-// Whether the calling thread is the one that is to watch: after an end and a new beginning in its
-// own callback it is another one.
+// Whether the calling thread is the current watcher: when its own callback ended the watch and
+// started a new one, another thread is.
 bool Watches(_QVUSB_HOTPLUG_ENTITY* entity) {
     pthread_mutex_lock(&entity->mutex);
     const bool watches = entity->running != 0 && pthread_equal(entity->thread, pthread_self()) != 0;
@@ -64,8 +64,8 @@ QV_RESULT CQVUSBCaptureControlBase::UnRegisterHotPlug() {
     m_hotplugEntity.thread = {};
     pthread_mutex_unlock(&m_hotplugEntity.mutex);
     if (!running) return QV_RESULT_OK;
-    // A callback cannot wait for its own end. From elsewhere outside the mutex: the watcher takes
-    // it to look at the flag.
+    // A callback cannot wait for its own end. Other callers wait without the mutex, because the
+    // watcher takes it to read the flag.
     if (pthread_equal(thread, pthread_self()) != 0)
         pthread_detach(thread);
     else

@@ -1,5 +1,5 @@
 // Records of USB channels: the registry's, the open device's, and the payloads that only USB
-// commands have, with their sizes proved.
+// commands have, with their sizes checked.
 //
 // Packed payloads, little-endian, fixed-width; fields that only the device understands are byte
 // arrays. Pure data, any thread.
@@ -31,7 +31,7 @@ struct _QVUSB_HOTPLUG_ENTITY {
     void* param;
 };
 
-// 32-bit settings that travel as one byte.
+// 32-bit settings that are sent as one byte.
 typedef uint32_t _QVCAP_EDID_MODE;
 typedef uint32_t _QVCAP_STATUS_IMAGE_MODE;
 typedef uint32_t _QVCAP_DEVICE_NAME_MODE;
@@ -83,13 +83,13 @@ struct FirmwareRange {
     uint32_t size;
 };
 
-// Firmware data going out, or asked for and coming back in the same place.
+// Firmware data to write, or a read request whose data comes back in the same place.
 struct FirmwarePacket {
     FirmwareRange range;
     uint8_t data[kMaxWrite];
 };
 
-// _QVCAP_VIDEO_PROCESS_SETTINGS as it travels.
+// _QVCAP_VIDEO_PROCESS_SETTINGS as it is sent.
 struct ProcessSettings {
     uint32_t processMask;
     uint16_t left;

@@ -1,4 +1,4 @@
-// What the program supplied, and the devices that are open through it; see QVUSBTransport.h.
+// The transport that the program supplied, and the devices that it has open; see QVUSBTransport.h.
 #include "QVUSBTransport.h"
 
 #include <algorithm>
@@ -57,7 +57,7 @@ libusb_device_handle* FindOpen(const char* path) {
     return device;
 }
 
-// The texts are the transport's, and need not be terminated.
+// The texts come from the transport and may lack a terminator.
 template <size_t size>
 void Terminate(char (&text)[size]) {
     text[size - 1] = '\0';
@@ -137,7 +137,7 @@ int QVUSBFindDevices(_QVUSBCAP_CHANNEL_ENTRY* entries, int capacity) {
     }
     const int told = g_seam.transport.find(entries, capacity, g_seam.user);
     if (told < 0) return kFailed;
-    // What has no path cannot be opened, whatever the count says.
+    // An entry without a path cannot be opened, whatever the count says.
     const auto end =
         std::remove_if(entries, entries + std::min(told, capacity),
                        [](const _QVUSBCAP_CHANNEL_ENTRY& entry) { return entry.path[0] == '\0'; });
