@@ -356,7 +356,7 @@ def valid_report(controller, value):
     jsonschema.Draft202012Validator(store["fleet-host.schema.json"], resolver=resolver).validate(value)
 
 
-SHORT = [a_healthy_fleet, a_failing_canary]
+SHORT = [a_healthy_fleet, a_failing_canary, a_killed_controller]
 ALL = [a_healthy_fleet, a_failing_canary, a_lost_connection, a_host_that_stays_away, a_full_host,
        a_host_that_captures, a_staged_host, nobody_turns_hosts_off, hosts_that_turn_themselves_off,
        a_killed_controller, a_package_that_fits_nothing, two_controllers, a_rollback, the_page]

@@ -62,6 +62,7 @@ class Run:
         self.request = read_json(os.path.join(folder, "request.json")) or {}
         self.events = program.parse_events(self._text("out.jsonl"))
         self.cards = program.closing_cards(self.events)
+        self.said = self._text("errors.txt").strip().splitlines()
 
     def _text(self, name):
         try:
@@ -98,7 +99,6 @@ class Run:
         status = self.exit_status
         if status in (program.DONE, program.NOTHING_TO_DO):
             return None
-        said = self._text("errors.txt").strip().splitlines()
         if status is None:
             return f"qvcap was killed or did not start; what it said is in {self.folder}"
         notices = [event["message"] for event in program.of_kind(self.events, "notice")]
@@ -106,7 +106,7 @@ class Run:
             return notices[-1]
         if status == program.NO_CARD:
             return "no card was found, or no package fits one"
-        return said[-1] if said else f"qvcap ended with status {status}"
+        return self.said[-1] if self.said else f"qvcap ended with status {status}"
 
     def summary(self, active):
         """As docs/formats/fleet-host.schema.json has it."""
