@@ -53,6 +53,7 @@ class Controller:
     def __init__(self, tree, work, forks=10):
         self.tree = pathlib.Path(tree)
         self.work = pathlib.Path(work)
+        self.forks = forks
         self.report = self.work / "report"
         self.inventory = self.work / "inventory"
         self.config = self.work / "ansible.cfg"

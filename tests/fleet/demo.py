@@ -14,7 +14,7 @@ import scenarios
 from controller import Controller
 from hosts import Host, run
 
-FIRST_PORT = 22400
+FIRST_PORT = int(os.environ.get("QV_FLEET_PORT", "22400"))  # hosts take those behind it
 
 
 def installed_layer(tree, given, work, controller):

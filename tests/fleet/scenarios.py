@@ -27,8 +27,13 @@ def fresh(hosts, controller):
         host.power_returns = True
         host.start()
     shutil.rmtree(controller.report, ignore_errors=True)
+    packages_of(hosts[0], controller)
+
+
+def packages_of(host, controller):
+    """Brings the packages for its cards to the controller."""
     shutil.rmtree(controller.firmware, ignore_errors=True)
-    shutil.copytree(hosts[0].root / "var/lib/cards/packages", controller.firmware)
+    shutil.copytree(host.root / "var/lib/cards/packages", controller.firmware)
 
 
 def all_of(hosts, value):
