@@ -10,75 +10,97 @@ import unittest
 
 from support import TREE, card, host, write
 
+# One run of Ansible for all of it: each costs seconds.
 PLAY = """
 - hosts: localhost
   gather_facts: false
   tasks:
-    - qvcapture.fleet.qvcap_report: {src: reports, dest: %s}
-      register: result
+    - name: Checked
+      qvcapture.fleet.qvcap_report: {src: before, dest: fleet.html}
+      check_mode: true
+      register: checked
+    - {name: See whether it is there, ansible.builtin.stat: {path: fleet.html}, register: there}
+    - {name: First, qvcapture.fleet.qvcap_report: {src: before, dest: fleet.html}, register: first}
+    - {name: See it, ansible.builtin.stat: {path: fleet.html}, register: seen}
+    - {name: Again, qvcapture.fleet.qvcap_report: {src: before, dest: fleet.html}, register: again}
+    - {name: See it again, ansible.builtin.stat: {path: fleet.html}, register: seen_again}
+    - {name: Later, qvcapture.fleet.qvcap_report: {src: after, dest: fleet.html}, register: later}
+    - name: Nowhere to write
+      qvcapture.fleet.qvcap_report: {src: after, dest: /nowhere/fleet.html}
       ignore_errors: true
-    - ansible.builtin.copy: {content: "{{ result | to_json }}", dest: result.json}
-      check_mode: false
+      register: no_dest
+    - name: Nothing to read
+      qvcapture.fleet.qvcap_report: {src: missing, dest: other.html}
+      ignore_errors: true
+      register: no_src
+    - ansible.builtin.copy:
+        content: "{{ {'checked': checked, 'there': there, 'first': first, 'seen': seen, 'again': again,
+                      'seen_again': seen_again, 'later': later, 'no_dest': no_dest, 'no_src': no_src} | to_json }}"
+        dest: results.json
 """
 
 
 class Task(unittest.TestCase):
-    def setUp(self):
-        self.folder = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
-        collections = self.folder / "collections/ansible_collections/qvcapture"
+    @classmethod
+    def setUpClass(cls):
+        cls.folder = pathlib.Path(cls.enterClassContext(tempfile.TemporaryDirectory()))
+        collections = cls.folder / "collections/ansible_collections/qvcapture"
         collections.mkdir(parents=True)
         (collections / "fleet").symlink_to(TREE / "fleet")
-        (self.folder / "reports").mkdir()
-        self.page = self.folder / "fleet.html"
+        for name, state in (("before", "current"), ("after", "staged")):
+            (cls.folder / name).mkdir()
+            write(cls.folder / name, host("alpha", card(state=state)))
+        (cls.folder / "play.yml").write_text(PLAY)
+        made = cls.ansible("ansible-playbook", "play.yml")
+        assert made.returncode == 0, made.stdout + made.stderr
+        cls.results = json.loads((cls.folder / "results.json").read_text())
 
-    def ansible(self, program, *arguments):
+    @classmethod
+    def ansible(cls, program, *arguments):
         environment = os.environ | {
-            "ANSIBLE_COLLECTIONS_PATH": str(self.folder / "collections"),
-            "ANSIBLE_HOME": str(self.folder / "home"),
-            "ANSIBLE_LOCAL_TEMP": str(self.folder / "tmp"),
+            "ANSIBLE_COLLECTIONS_PATH": str(cls.folder / "collections"),
+            "ANSIBLE_HOME": str(cls.folder / "home"),
+            "ANSIBLE_LOCAL_TEMP": str(cls.folder / "tmp"),
             "ANSIBLE_LOCALHOST_WARNING": "false",
             "ANSIBLE_NOCOLOR": "1",
         }
         return subprocess.run(
             [program, *arguments],
-            cwd=self.folder,
+            cwd=cls.folder,
             env=environment,
             capture_output=True,
             text=True,
-            timeout=300,
+            timeout=600,
         )
 
-    def play(self, *options, dest="fleet.html"):
-        (self.folder / "play.yml").write_text(PLAY % dest)
-        made = self.ansible("ansible-playbook", "play.yml", *options)
-        self.assertEqual(made.returncode, 0, made.stdout + made.stderr)
-        return json.loads((self.folder / "result.json").read_text())
+    def test_check_mode_says_so_and_writes_nothing(self):
+        self.assertTrue(self.results["checked"]["changed"])
+        self.assertFalse(self.results["there"]["stat"]["exists"])
 
     def test_it_is_changed_exactly_when_the_page_shows_something_else(self):
-        write(self.folder / "reports", host("alpha", card()))
-        self.assertEqual((self.play("--check")["changed"], self.page.exists()), (True, False))
-        result = self.play()
-        self.assertEqual((result["changed"], result["size"]), (True, self.page.stat().st_size))
-        self.assertEqual((result["totals"]["hosts"], result["totals"]["cards"]), (1, 1))
-        self.assertEqual(result["dest"], str(self.page))
-        first = self.page.read_bytes()
-        self.assertEqual((self.play()["changed"], self.page.read_bytes()), (False, first))
-        write(self.folder / "reports", host("alpha", card(state="staged")))
-        self.assertTrue(self.play()["changed"])
-        self.assertEqual(re.findall(r'<li class="s(.)"', self.page.read_text()), ["s"])
-        self.assertEqual(sorted(entry.name for entry in self.folder.glob("*.html*")), ["fleet.html"])
+        changed = [self.results[step]["changed"] for step in ("first", "again", "later")]
+        self.assertEqual(changed, [True, False, True])
+        before, after = (self.results[step]["stat"] for step in ("seen", "seen_again"))
+        self.assertEqual((before["checksum"], before["inode"]), (after["checksum"], after["inode"]))
+        page = (self.folder / "fleet.html").read_text()
+        self.assertEqual(re.findall(r'<li class="s(.)"', page), ["s"])
+
+    def test_it_returns_the_figures_of_the_page(self):
+        later = self.results["later"]
+        self.assertEqual(later["dest"], str(self.folder / "fleet.html"))
+        self.assertEqual(later["size"], (self.folder / "fleet.html").stat().st_size)
+        figures = [later["totals"][name] for name in ("hosts", "cards", "power_cycle", "left_out")]
+        self.assertEqual(figures, [1, 1, 1, 0])
 
     def test_what_cannot_be_done_is_told_and_leaves_nothing(self):
-        result = self.play(dest="/nowhere/fleet.html")
-        self.assertTrue(result["failed"])
+        self.assertTrue(self.results["no_dest"]["failed"])
         self.assertEqual(
-            result["msg"], "the page /nowhere/fleet.html cannot be written: No such file or directory"
+            self.results["no_dest"]["msg"],
+            "the page /nowhere/fleet.html cannot be written: No such file or directory",
         )
-        (self.folder / "reports").rmdir()
-        result = self.play()
-        self.assertTrue(result["failed"])
-        self.assertIn("/reports cannot be read: No such file or directory", result["msg"])
-        self.assertFalse(self.page.exists())
+        self.assertTrue(self.results["no_src"]["failed"])
+        self.assertIn("/missing cannot be read: No such file or directory", self.results["no_src"]["msg"])
+        self.assertEqual([entry.name for entry in self.folder.glob("*.html*")], ["fleet.html"])
 
     def test_its_documentation_is_shown(self):
         shown = self.ansible("ansible-doc", "--json", "qvcapture.fleet.qvcap_report")

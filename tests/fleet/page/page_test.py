@@ -137,7 +137,7 @@ def rows_of(tree):
 
 class RoundTrip(unittest.TestCase):
     @settings(
-        max_examples=60,
+        max_examples=30,
         derandomize=True,
         deadline=None,
         database=None,
