@@ -15,7 +15,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr size_t kMaxPackages = 32;  // what qvcap-upgrade lists
+constexpr size_t kMaxPackages = 32;  // as many as qvcap-upgrade lists
 
 // In the order of the directory, which is the order of qvcap-upgrade.
 std::vector<std::string> PackageNames(const std::string& folder) {
@@ -32,7 +32,7 @@ std::vector<std::string> PackageNames(const std::string& folder) {
     return names;
 }
 
-// One package among those that are judged together.
+// One of the packages that are judged together.
 struct Candidate {
     std::string name;  // in findings
     std::string path;
@@ -108,7 +108,7 @@ void CheckFolder(const std::string& folder, const CheckOptions& options, CheckRe
         candidates.push_back({name, (fs::path(folder) / name).string()});
     const size_t before = report.findings.size();
     Group(options, true, report).Judge(candidates);
-    // Judged in the directory's order, told by name.
+    // Judged in the directory's order, reported by name.
     std::stable_sort(report.findings.begin() + static_cast<ptrdiff_t>(before),
                      report.findings.end(),
                      [](const Finding& a, const Finding& b) { return a.file < b.file; });

@@ -11,7 +11,7 @@ namespace qvf {
 
 struct CheckOptions {
     FlashLayout flash;
-    std::string keys;  // file of public keys; empty: signatures are not looked at
+    std::string keys;  // file of public keys; empty: signatures are not checked
 };
 
 struct CheckReport {
@@ -19,13 +19,13 @@ struct CheckReport {
     std::vector<Finding> findings;
 };
 
-// Each path is a package or a folder of packages; the packages given by themselves are judged
-// together like those of a folder without an order. What is neither, or cannot be read, is a
-// Mistake.
+// Each path is a package or a folder of packages; packages that are named one by one are judged
+// together, like those of a folder without an order. Throws a Mistake for a path that is neither or
+// cannot be read.
 CheckReport CheckPaths(const std::vector<std::string>& paths, const CheckOptions& options);
 
 // "FILE: LEVEL: MESSAGE [RULE]" for each finding.
 std::string ReportText(const CheckReport& report);
-std::string ReportJson(const CheckReport& report);  // docs/formats/qvftool-json.md
+std::string ReportJson(const CheckReport& report);  // docs/formats/qvftool.md
 
 }  // namespace qvf

@@ -82,7 +82,7 @@ int CheckAll(const Arguments& arguments, std::ostream& out) {
     return report.findings.empty() ? kDone : kFindings;
 }
 
-// What is not a package that can be read is not signed.
+// Only a readable package is signed.
 int SignPackages(const Arguments& arguments) {
     for (const std::string& path : arguments.inputs) {
         const Package package = ReadPackage(path, Read::kEverything);
@@ -91,7 +91,7 @@ int SignPackages(const Arguments& arguments) {
     return kDone;
 }
 
-// The commands, each of which leaves its exit status in `status`.
+// The commands; each stores its exit status in `status`.
 class Commands {
   public:
     Commands(CLI::App& app, Arguments& given, std::ostream& out, int& status)

@@ -1,5 +1,5 @@
-// The command line of qvftool. Prints to the given streams; exit status 0 done and clean, 1 the
-// check found something, 2 wrong arguments or an unusable file, and nothing was written.
+// The command line of qvftool. Prints to the given streams. Exit status: 0 done, nothing found; 1
+// findings or differences; 2 wrong arguments or an unusable file, and nothing was written.
 #pragma once
 
 #include <ostream>

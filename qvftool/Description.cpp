@@ -17,7 +17,7 @@ namespace {
 constexpr char kDescriptionName[] = "description.toml";
 constexpr char kTrailingName[] = "trailing.bin";
 
-// One table of a description, which has no keys but the known ones: hands out its values.
+// One table of a description, which may have only the known keys: returns its values.
 class Table {
   public:
     Table(const std::string& path, const toml::table& table, const std::vector<std::string>& known)
@@ -56,7 +56,7 @@ class Table {
         return *value;
     }
 
-    // Hexadecimal digits for exactly the bytes of the array; zeros when the key is not there.
+    // Hexadecimal digits for exactly the bytes of the array; zeros when the key is missing.
     template <size_t kSize>
     void Hex(const std::string& key, std::array<uint8_t, kSize>& out) {
         const toml::node* node = Find(key);
@@ -70,7 +70,7 @@ class Table {
             out[i] = static_cast<uint8_t>(std::stoi(digits.substr(2 * i, 2), nullptr, 16));
     }
 
-    // The bytes of a file that a text names, beside the description.
+    // The bytes of a named file in the description's folder.
     Bytes Content(const toml::node& node, const std::string& key) const {
         const std::filesystem::path folder = std::filesystem::path(m_path).parent_path();
         const std::string file = (folder / Text(node, key)).string();
@@ -129,8 +129,7 @@ void ReadName(Table& table, Section& section) {
     std::copy(name.begin(), name.end(), section.name.begin());
 }
 
-// A file's bytes; or, for a section that is cleared and whose data no card gets, as many as wanted
-// of one value.
+// A file's bytes; or, for a clear section, whose data reaches no card, `size` bytes of `fill`.
 Bytes SectionData(Table& table, const Section& section) {
     const toml::node* size = table.Find("size");
     const toml::node* fill = table.Find("fill");
@@ -203,7 +202,7 @@ std::string HexLine(const char* key, const std::array<uint8_t, kSize>& bytes) {
     return line + "\"\n";
 }
 
-// Zeros are what a description without the key makes.
+// A description without the key gives zeros.
 template <size_t kSize>
 std::string ReservedLine(const char* key, const std::array<uint8_t, kSize>& bytes) {
     return bytes == std::array<uint8_t, kSize>{} ? "" : HexLine(key, bytes);
@@ -223,7 +222,7 @@ std::string HardwareValue(uint8_t version) {
     return text.size() == 1 ? Quoted(text) : std::to_string(version);
 }
 
-// "01-Factory.Main.bin": unique by its number, whatever the name holds.
+// "01-Factory.Main.bin": unique by its number, whatever the section's name.
 std::string DataFileName(size_t number, const Section& section) {
     std::string name = (number < 10 ? "0" : "") + std::to_string(number) + "-";
     for (const char c : section.NameText())

@@ -1,5 +1,5 @@
-// The text form of a package: a TOML description and one file for each section's data.
-// Knows TOML and file names; the package format is Package.h's. Mistakes name file and line.
+// The text form of a package: a TOML description and one file for each section's data. Knows TOML
+// and file names, but not the package format, see Package.h. Mistakes name file and line.
 #pragma once
 
 #include <string>
@@ -9,10 +9,10 @@
 
 namespace qvf {
 
-// Files that the description names are looked for beside it.
+// Files that the description names are in its folder.
 Package ReadDescription(const std::string& path);
 
-// Writes description.toml and the data files, so that reading them gives the same package.
+// Writes description.toml and the data files; reading them gives the same package.
 void WriteDescription(const Package& package, const NewFolder& folder);
 
 }  // namespace qvf

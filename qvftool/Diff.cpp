@@ -44,8 +44,8 @@ std::string DiffSections(const Section& a, const Section& b) {
            ChangedData(title + " data", a.data, b.data);
 }
 
-// The place in `b` of each section of `a`: the first of its name that no other one has; b's size
-// when there is none.
+// The index in `b` of each section of `a`: the first of the same name that is not yet taken; b's
+// size when there is none.
 std::vector<size_t> Partners(const std::vector<Section>& a, const std::vector<Section>& b) {
     std::vector<bool> taken(b.size(), false);
     std::vector<size_t> partners;

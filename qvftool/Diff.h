@@ -7,8 +7,8 @@
 
 namespace qvf {
 
-// One line for each difference, empty when the packages are the same, byte for byte. Of packages
-// that were read with everything in them. Sections are matched by their names.
+// One line for each difference, empty when the packages are the same, byte for byte. Needs packages
+// that were read completely. Sections are matched by their names.
 std::string DiffText(const Package& a, const Package& b);
 
 }  // namespace qvf

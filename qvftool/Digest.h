@@ -1,4 +1,4 @@
-// SHA-256, computed by the system's own program. Failures are Mistakes. One thread.
+// SHA-256, computed by a program of the system. Failures are Mistakes. One thread.
 #pragma once
 
 #include <string>

@@ -29,7 +29,7 @@ Character First(std::string_view text) {
     return {code, length};
 }
 
-// What is shown where it stands and changes nothing else: no controls, no marks of direction,
+// Characters that are displayed in place and affect nothing else: no controls, no direction marks,
 // nothing without a width.
 bool IsReadable(uint32_t code) {
     if (code < 0x20 || (code >= 0x7F && code < 0xA0)) return false;

@@ -1,4 +1,5 @@
-// Names and messages for a terminal: text from files and users must not steer it. Pure functions.
+// Escapes names and messages for a terminal: text from files and users must not control it. Pure
+// functions.
 #pragma once
 
 #include <string>
@@ -6,7 +7,7 @@
 
 namespace qvf {
 
-// Readable UTF-8 as it is; every other byte as "\x1b".
+// Readable UTF-8 unchanged; every other byte as in "\x1b".
 std::string Escaped(std::string_view text);
 
 }  // namespace qvf

@@ -15,7 +15,7 @@ namespace {
     throw Mistake(path + ": " + what + ": " + std::strerror(errno));
 }
 
-// A FIFO must not keep anybody waiting for its writer.
+// An open must not wait for the writer of a FIFO.
 std::FILE* OpenForReading(const std::string& path) {
     const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) return nullptr;

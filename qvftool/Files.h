@@ -1,4 +1,4 @@
-// Files as qvftool reads them: regular ones, never waiting for anything else. Failures are Mistakes
+// How qvftool reads files: only regular ones, and without waiting for others. Failures are Mistakes
 // that name the file. One thread per object.
 #pragma once
 
@@ -10,7 +10,7 @@
 
 namespace qvf {
 
-// A regular file that knows how much of it is left.
+// A regular file that knows how many bytes are left.
 class InputFile {
   public:
     explicit InputFile(const std::string& path);

@@ -27,7 +27,7 @@ const char* ImageOf(const Section& section) {
     return section.ForUpgradeImage() ? "upgrade" : "main";
 }
 
-// Names from files may hold anything; terminals and JSON get plain characters.
+// Names from files may contain anything; terminals and JSON get plain characters.
 std::string ShownName(const Section& section) {
     return section.NameIsPlain() ? section.NameText() : "hex:" + HexDigits(section.name);
 }
@@ -43,7 +43,7 @@ bool IsZero(const Array& bytes) {
     return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0; });
 }
 
-// Of an array that is zero only when zeros are wanted.
+// A zero array is shown only on request.
 template <class Array>
 std::string ReservedLine(const char* label, const Array& bytes, bool zeros) {
     return zeros || !IsZero(bytes) ? Line(label, HexDigits(bytes)) : "";

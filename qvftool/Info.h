@@ -14,13 +14,13 @@ struct Digests {
     std::vector<std::string> sections;
 };
 
-// Of a package that was read with everything in it.
+// Needs a package that was read completely.
 Digests DigestsOf(const Package& package);
 
-// Reserved fields that are zero are shown on demand only.
+// Reserved fields that are zero are shown only on request.
 std::string InfoText(const std::string& name, const Package& package, const Digests& digests,
                      bool zeros);
-// docs/formats/qvftool-json.md; without a line's end.
+// See docs/formats/qvftool.md; no newline at the end.
 std::string InfoJson(const std::string& name, const Package& package, const Digests& digests);
 
 }  // namespace qvf

@@ -16,7 +16,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
-constexpr size_t kPiece = 1 << 20;  // bytes written between two looks for a signal
+constexpr size_t kPiece = 1 << 20;  // bytes written between two checks for a signal
 constexpr int kMostLinks = 40;
 
 [[noreturn]] void Fail(const std::string& path, const char* what) {
@@ -28,7 +28,7 @@ bool IsIgnored(int signal) {
     return sigaction(signal, nullptr, &action) == 0 && action.sa_handler == SIG_IGN;
 }
 
-// What a process of this user would get for a new file.
+// The mode that a new file of this process gets.
 mode_t NewFileMode() {
     const mode_t mask = umask(0);
     umask(mask);
@@ -41,10 +41,10 @@ std::optional<struct stat> StatusOf(const std::string& path) {
     return status;
 }
 
-// Where the links lead to, whether something is there or not.
+// The target of the links, whether it exists or not.
 std::string Followed(const std::string& path) {
     fs::path place = path;
-    std::error_code missing;  // what is not there is no link
+    std::error_code missing;  // a missing file is no link
     for (int i = 0; fs::is_symlink(place, missing); ++i) {
         std::error_code error;
         const fs::path target = fs::read_symlink(place, error);
@@ -70,7 +70,7 @@ bool WriteAll(int fd, const Bytes& bytes) {
     return true;
 }
 
-// A name that was given must be there after a loss of power, too. Some file systems cannot tell.
+// A new name must survive a loss of power, too. Some file systems cannot sync a folder.
 void SyncFolder(const std::string& folder) {
     const int fd = open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return;
@@ -78,7 +78,7 @@ void SyncFolder(const std::string& folder) {
     close(fd);
 }
 
-// A file beside its place, removed unless it was moved there.
+// A temporary file beside its destination, removed unless it was moved there.
 class BesideFile {
   public:
     explicit BesideFile(const std::string& place)
@@ -113,7 +113,7 @@ class BesideFile {
     bool m_moved = false;
 };
 
-// Signals end the program here as ever: a FIFO may wait for its reader, and nothing is left behind.
+// Signals still end the program here: a FIFO may wait for its reader, and no temporary file exists.
 void WriteInto(const std::string& path, const Bytes& bytes) {
     const int fd = open(path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) Fail(path, "cannot be written");
@@ -129,7 +129,7 @@ void WriteInto(const std::string& path, const Bytes& bytes) {
 HeldSignals::HeldSignals() {
     sigset_t held;
     sigemptyset(&held);
-    // An ignored signal that waits could not be told from one that must end the program.
+    // A pending ignored signal would look like one that must end the program.
     for (const int signal : kEndingSignals)
         if (!IsIgnored(signal)) sigaddset(&held, signal);
     sigprocmask(SIG_BLOCK, &held, &m_before);
@@ -171,7 +171,7 @@ NewFolder::NewFolder(const std::string& place) {
 }
 
 NewFolder::~NewFolder() {
-    std::error_code ignored;  // what cannot be removed has a name that tells what it is
+    std::error_code ignored;  // the name of a leftover says what it is
     if (!m_committed) fs::remove_all(m_temporary, ignored);
 }
 

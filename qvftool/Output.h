@@ -1,6 +1,6 @@
-// Files and folders as qvftool writes them: complete or not at all, also when INT, TERM or HUP
-// comes in between. What is under way has a name that qvcap-upgrade does not take for a package.
-// Failures are Mistakes that name the file. One thread per process.
+// How qvftool writes files and folders: complete or not at all, even when INT, TERM or HUP comes in
+// between. An unfinished file has a name that qvcap-upgrade does not take for a package. Failures
+// are Mistakes that name the file. One thread per process.
 #pragma once
 
 #include <csignal>
@@ -10,8 +10,9 @@
 
 namespace qvf {
 
-// While it lives, the signals that end a program wait, but for those that are ignored anyway. They
-// come when the last one of these is gone, and what was under way has been removed by then.
+// While it exists, the signals that end a program are blocked, except those that are ignored
+// anyway. They are delivered when the last object of this kind is gone; unfinished files have been
+// removed by then.
 class HeldSignals {
   public:
     HeldSignals();
@@ -19,21 +20,22 @@ class HeldSignals {
     HeldSignals(const HeldSignals&) = delete;
     HeldSignals& operator=(const HeldSignals&) = delete;
 
-    // A Mistake when one waits.
+    // Throws a Mistake when a signal is pending.
     static void StopIfOneWaits();
 
   private:
     sigset_t m_before;
 };
 
-// Follows links. A regular file is replaced as a whole and keeps its mode: an older one stays whole
-// until then. Anything else (a device, a FIFO) is written into.
+// Follows links. A regular file is replaced at once and keeps its mode: the old file stays complete
+// until then. Anything else (a device, a FIFO) is written to directly.
 void WriteFile(const std::string& path, const Bytes& bytes);
 
-// A folder that is filled beside its place and appears in it by Commit(); without, it vanishes.
+// A folder that is filled under a temporary name beside its destination. Commit() moves it there;
+// without Commit() it is removed.
 class NewFolder {
   public:
-    // The place must be free, or an empty folder.
+    // The destination must not exist, or be an empty folder.
     explicit NewFolder(const std::string& place);
     ~NewFolder();
     NewFolder(const NewFolder&) = delete;

@@ -13,7 +13,7 @@ constexpr char kMagic[] = "QVFH";
 
 bool IsPrintable(uint8_t c) { return c >= 0x20 && c < 0x7F; }
 
-// Takes fields off the front of a block; the caller has made sure that it is long enough.
+// Reads fields from the front of a block; the caller has checked that it is long enough.
 class Fields {
   public:
     explicit Fields(const uint8_t* at) : m_at(at) {}
@@ -119,7 +119,7 @@ Package ReadPackage(const std::string& path, Read what) {
     ParseTable(path, file.Take(kEntryLength * count), count, package);
     for (size_t i = 0; i < count; ++i) {
         Section& section = package.sections[i];
-        // Before memory is taken: a damaged size is recognised, not believed.
+        // Checked before memory is allocated: a size may be damaged.
         if (section.size > file.Left())
             Fail(path, "section " + std::to_string(i + 1) + " has " + std::to_string(section.size) +
                            " bytes, but only " + std::to_string(file.Left()) +

@@ -1,7 +1,8 @@
 // A firmware package as data, read from bytes and turned into bytes again without losing any.
 //
-// The format is docs/man/qvf.5.scd. A reader of its own: it must be able to judge what other
-// readers make of a file. Every failure is a Mistake. Values may be used from any thread.
+// The format is described in docs/man/qvf.5.scd. The reader is independent of the upgrade tool's,
+// because it judges how that one will read a file. Every failure is a Mistake. Values may be used
+// from any thread.
 #pragma once
 
 #include <array>
@@ -14,7 +15,7 @@ namespace qvf {
 
 using Bytes = std::vector<uint8_t>;
 
-// What is wrong and where, for whoever runs the program.
+// What is wrong and where, as a message for the user.
 struct Mistake : std::runtime_error {
     using std::runtime_error::runtime_error;
 };
@@ -33,7 +34,7 @@ struct Section {
     Bytes data;  // empty when only the header was read
 
     std::string NameText() const;  // up to the first zero byte
-    bool NameIsPlain() const;      // printable characters, then nothing but zero bytes
+    bool NameIsPlain() const;      // printable characters, then only zero bytes
     bool ForUpgradeImage() const;
     bool IsClear() const;
     uint64_t End() const { return uint64_t{address} + size; }
@@ -48,7 +49,7 @@ struct Package {
     uint32_t firmwareVersion = 0;
     std::array<uint8_t, 136> reserved20{};
     std::vector<Section> sections;
-    Bytes trailing;  // behind the last section; empty when only the header was read
+    Bytes trailing;  // after the last section; empty when only the header was read
     uint64_t trailingSize = 0;
 
     size_t HeaderLength() const { return kFixedLength + kEntryLength * sections.size(); }
@@ -57,7 +58,7 @@ struct Package {
 
 enum class Read { kHeader, kEverything };
 
-// Reads a package file; also with kHeader, the file must be long enough for all its data.
+// Reads a package file. Even with kHeader, the file must be long enough for all its data.
 Package ReadPackage(const std::string& path, Read what);
 
 // Each section's size must be that of its data.

@@ -20,7 +20,7 @@ int NewMemoryFile() {
     const int first = memfd_create("qvf", 0);  // inherited: the program opens it by its path
     if (first < 0) Fail("a file in memory cannot be made", errno);
     if (first > STDERR_FILENO) return first;
-    // A standard stream is closed: its number will be the program's own.
+    // A standard stream is closed: the new program will use its number.
     const int fd = fcntl(first, F_DUPFD, STDERR_FILENO + 1);
     const int error = errno;
     close(first);

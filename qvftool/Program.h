@@ -1,5 +1,5 @@
-// Other programs of the system, run to their end with bytes in and bytes out. Failures to start one
-// are Mistakes. One thread.
+// Runs other programs of the system to their end, bytes in and bytes out. A failure to start one is
+// a Mistake. One thread.
 #pragma once
 
 #include <string>
@@ -9,7 +9,7 @@
 
 namespace qvf {
 
-// A file without a name, in memory, for a program that wants one.
+// A file without a name, in memory, for a program that needs a file.
 class MemoryFile {
   public:
     explicit MemoryFile(const Bytes& bytes);
@@ -30,8 +30,8 @@ struct ProgramRun {
     std::string errors;
 };
 
-// `arguments` begins with the program, looked for on PATH; `package` is the Debian package that
-// brings it, for the message when it is not there.
+// `arguments` begins with the program, which is searched on PATH; `package` is the Debian package
+// that contains it, for the message when it is missing.
 ProgramRun RunProgram(const std::vector<std::string>& arguments, const MemoryFile& input,
                       const std::string& package);
 

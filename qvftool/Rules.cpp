@@ -6,7 +6,7 @@
 namespace qvf {
 namespace {
 
-// Above it, the percentage that is shown wraps: 100 times the bytes do not fit 32 bits.
+// Above this the displayed percentage wraps: 100 times the bytes do not fit 32 bits.
 constexpr uint64_t kMostForPercentage = 0xFFFFFFFFu / 100;
 constexpr uint16_t kNeverSafe = 1;
 constexpr uint64_t kSafeHeaderDistance = 4096;
@@ -68,7 +68,7 @@ bool Meet(uint64_t begin, uint64_t end, uint64_t otherBegin, uint64_t otherEnd) 
     return std::max(begin, otherBegin) < std::min(end, otherEnd);
 }
 
-// Erasing takes whole sectors, so those that a section touches count.
+// An erase clears whole sectors, so every sector that a section touches counts.
 bool TouchesSectors(const Section& section, uint64_t begin, uint64_t size) {
     constexpr uint64_t kMask = ~uint64_t{kEraseSector - 1};
     const uint64_t from = section.address & kMask;
@@ -128,7 +128,7 @@ void CheckNames(const Package& package, Findings& findings) {
     });
 }
 
-// What counts as 100% of an upgrade.
+// The bytes that count as 100% of an upgrade.
 uint64_t TotalBytes(const Package& package, bool safe) {
     uint64_t total = package.HeaderLength();
     for (const Section& section : package.sections)

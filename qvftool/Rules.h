@@ -1,5 +1,5 @@
-// What wrecks a card, or fools who upgrades it: rules about one package, each with a name that
-// stays. Judges, changes nothing. Pure functions.
+// Rules that find what would break a card or mislead its user. Each rule has a name that does not
+// change. Judges, changes nothing. Pure functions.
 #pragma once
 
 #include <optional>
@@ -55,10 +55,10 @@ struct Finding {
 
 const char* LevelText(Level level);  // "error", "warning"
 
-// What is known of the cards' flash.
+// What is known about the cards' flash.
 struct FlashLayout {
     std::optional<uint64_t> size;          // bytes
-    std::optional<uint32_t> firmwareArea;  // where the header stands
+    std::optional<uint32_t> firmwareArea;  // address of the header
 };
 
 // Findings without their file.

@@ -14,7 +14,7 @@ constexpr char kDebianPackage[] = "openssh-client";
 constexpr char kNamespace[] = "qvf";  // a signature made for anything else does not count
 constexpr char kSigner[] = "packager";
 
-// The keys as ssh-keygen wants those that may sign: each with who it is and what it may sign.
+// The keys as ssh-keygen's list of allowed signers: each with its identity and namespace.
 Bytes AllowedSigners(const std::string& path) {
     const Bytes bytes = ReadFile(path);
     std::istringstream lines(std::string(bytes.begin(), bytes.end()));
@@ -39,7 +39,7 @@ std::string SignaturePath(const std::string& package) {
 }
 
 Bytes Sign(const Bytes& package, const std::string& key) {
-    // Looked at here: ssh-keygen would take its public half and look for an agent.
+    // Checked here: ssh-keygen would take a public key and look for an agent.
     if (const Bytes bytes = ReadFile(key);
         std::string(bytes.begin(), bytes.end()).find("PRIVATE KEY") == std::string::npos)
         throw Mistake(key + ": this is no private key");

@@ -1,5 +1,5 @@
-// qvftool: makes, shows, checks and takes apart firmware packages. The work is in CommandLine.cpp;
-// here only the process's own arguments and streams.
+// qvftool: makes, shows, checks, signs and unpacks firmware packages. CommandLine.cpp does the
+// work; this file only passes on the process's arguments and streams.
 #include <cerrno>
 #include <cstring>
 #include <iostream>
@@ -11,7 +11,7 @@ int main(int argc, char** argv) {
     errno = 0;
     std::cout.flush();
     if (std::cout) return status;
-    // What could not be printed was not shown.
+    // Output that cannot be written is a failure.
     std::cerr << "qvftool: standard output: cannot be written"
               << (errno != 0 ? std::string(": ") + std::strerror(errno) : "") << "\n";
     return 2;

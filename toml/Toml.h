@@ -1,10 +1,10 @@
-// The TOML parser, with what it takes for granted checked.
+// The TOML parser, with checks of what it assumes.
 //
-// Of some texts, "[[" without a name behind it for one, it assumes what it has not looked at: an
-// abort with assertions, undefined without. Here each such assumption that does not hold throws
-// std::logic_error in every build; its text is what follows "FILE:". Characters beyond ASCII
-// are refused, but for those of comments, which are taken out: it takes some of them for
-// impossible. Pure functions, any thread.
+// For some texts, for example "[[" without a name after it, the parser relies on assumptions that
+// it has not checked: it aborts in a build with assertions, and its behaviour is undefined without.
+// Here each failed assumption throws std::logic_error in every build; its message is the text after
+// "FILE:". Characters beyond ASCII are refused, because the parser considers some of them
+// impossible; those in comments are replaced. Pure functions, any thread.
 #pragma once
 
 #include <algorithm>
@@ -23,7 +23,8 @@ constexpr void TomlMustHold(bool holds) {
 #include <toml++/toml.h>
 #pragma pop_macro("NDEBUG")
 
-// The place behind the text in quotation marks that begins at `at`; the end when it has none.
+// The position after the quoted text that begins at `at`; the end of the text when the quote is not
+// closed.
 inline size_t TomlTextEnd(std::string_view text, size_t at) {
     const char mark = text[at];
     const std::string_view three = mark == '"' ? "\"\"\"" : "'''";
@@ -37,7 +38,7 @@ inline size_t TomlTextEnd(std::string_view text, size_t at) {
         }
         if (text.substr(at, end.size()) != end) continue;
         at += end.size();
-        // A long text may end in one or two marks of its own.
+        // A multi-line text may itself end in one or two quotation marks.
         for (int i = 0; isLong && i < 2 && at < text.size() && text[at] == mark; ++i) ++at;
         return at;
     }

@@ -1,5 +1,5 @@
-// What to say of a word that is none of those known: the nearest one, or all of them.
-// Pure functions, any thread.
+// What to say about an unknown word: the nearest known word, or all of them. Pure functions, any
+// thread.
 #pragma once
 
 #include <algorithm>
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-// How many letters must be changed, added or left out to make one word of the other.
+// How many letters must be changed, added or left out to turn one word into the other.
 inline size_t WordDistance(const std::string& one, const std::string& other) {
     std::vector<size_t> row(other.size() + 1);
     std::iota(row.begin(), row.end(), size_t{0});
@@ -26,7 +26,7 @@ inline size_t WordDistance(const std::string& one, const std::string& other) {
 
 // "; misspelt for 'serial'?" when a known word is near enough, otherwise "; known are: ...".
 inline std::string KnownWords(const std::string& word, const std::vector<std::string>& known) {
-    constexpr size_t kLongest = 64;  // a file's words have any length
+    constexpr size_t kLongest = 64;  // words in a file can have any length
     const std::string* nearest = nullptr;
     size_t least = 0;
     for (const std::string& each : known) {

@@ -55,7 +55,7 @@ int ListBoard() {
 struct OptionAction {
     int letter;
     uint32_t bit;
-    int (*run)();  // null when setting the bit is all
+    int (*run)();  // null when the option only sets its bit
 };
 
 constexpr OptionAction kActions[] = {

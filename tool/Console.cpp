@@ -26,8 +26,8 @@ void PrintClear(int n) {
 }
 
 int mygetch() {
-    // Deliberate: results are not checked. What is not a terminal has no settings to change, and a
-    // key can be read from it all the same.
+    // Deliberate: results are not checked. Input that is not a terminal has no settings to change,
+    // but a key can still be read from it.
     termios saved = {};
     tcgetattr(STDIN_FILENO, &saved);
     termios raw = saved;

@@ -18,14 +18,14 @@ namespace {
 constexpr char kMagic[4] = {'Q', 'V', 'F', 'H'};
 constexpr std::string_view kUpgradePrefix = "Upgrade.";
 
-// The name comes first: foreign files are not looked at, which costs a call each and can take for
-// ever on a mount that has died.
+// The name is tested first: looking at a foreign file would cost a call and can take for ever on a
+// dead mount.
 bool IsPackageFile(const char* name) {
     struct stat status;
     return strstr(name, ".qvf") != nullptr && stat(name, &status) == 0 && S_ISREG(status.st_mode);
 }
 
-// Never waits: what was a regular file when it was listed may be a FIFO by now.
+// Never waits: a file that was regular when it was listed may be a FIFO by now.
 FILE* OpenForReading(const char* path) {
     const int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     if (fd < 0) return nullptr;
@@ -34,7 +34,7 @@ FILE* OpenForReading(const char* path) {
     return file;
 }
 
-// A package file being read, which knows how much it still holds.
+// An open package file, which knows how many bytes are left.
 class PackageFile {
   public:
     explicit PackageFile(const char* path) : m_file(OpenForReading(path)) {
@@ -73,7 +73,7 @@ bool ReadHeader(PackageFile& file, _QV_FIRMWARE_HEADER* header) {
 bool ReadSections(PackageFile& file, const _QV_FIRMWARE_HEADER& header, unsigned char** data) {
     for (int i = 0; i < header.sectionCount; ++i) {
         const uint32_t size = header.sections[i].size;
-        // Checked first: a damaged size must not take memory that the file could never fill.
+        // Checked first: a damaged size must not allocate memory that the file could never fill.
         if (!file.Holds(size)) return false;
         data[i] = static_cast<unsigned char*>(malloc(std::max<size_t>(size, 1)));
         if (data[i] == nullptr || !file.Read(data[i], size)) return false;
@@ -137,7 +137,7 @@ bool READQVF(const char* path, _QV_FIRMWARE_HEADER* header, unsigned char** data
 int GetUpgradeDataFromQVFFile(QV_CHANNEL channel, QVFFileName* names, int count,
                               _QV_FIRMWARE_HEADER* header, unsigned char** data) {
     if (IsNoChannel(channel) || names == nullptr || count == 0) return 1;
-    // Deliberate: a failed query leaves zeros, which no sensible package is made for.
+    // Deliberate: a failed query leaves zeros, which no sensible package matches.
     _QVCAP_CHANNEL_INFO info = {};
     QVGetChannelInfo(channel, &info);
     for (int i = 0; i < count; ++i) {

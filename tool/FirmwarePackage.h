@@ -11,7 +11,7 @@
 #pragma pack(push, 1)
 
 struct _QV_FIRMWARE_SECTION_HEADER {
-    char name[16];     // its beginning says which image it belongs to; not always terminated
+    char name[16];     // its beginning says which image it belongs to; may lack a terminator
     uint32_t address;  // flash address
     uint32_t size;     // bytes in the file and in flash
     uint8_t reserved24[4];
@@ -19,8 +19,8 @@ struct _QV_FIRMWARE_SECTION_HEADER {
 
 inline constexpr int kMaxSections = 16;
 
-// Stands at the start of a package and, in flash, at the start of the firmware area. What the tool
-// does not read is carried into flash unchanged.
+// The start of a package and, in flash, of the firmware area. Fields that the tool does not read
+// are written to flash unchanged.
 struct _QV_FIRMWARE_HEADER {
     char magic[4];
     uint8_t reserved4[4];
@@ -52,8 +52,8 @@ static_assert(offsetof(_QV_FIRMWARE_HEADER, firmwareVersion) == 16);
 static_assert(offsetof(_QV_FIRMWARE_HEADER, sectionCount) == 156);
 static_assert(offsetof(_QV_FIRMWARE_HEADER, sections) == kHeaderFixedLength);
 
-// All bits set is no channel for the tool; the library's own failure value, null, is one that
-// cannot be queried.
+// All bits set means no channel for the tool; the library's own failure value, null, means a
+// channel that cannot be queried.
 inline bool IsNoChannel(QV_CHANNEL channel) { return reinterpret_cast<intptr_t>(channel) == -1; }
 
 inline constexpr int kMaxQVFFiles = 32;
@@ -91,18 +91,18 @@ int GetQVFFileList(const char* dir, QVFFileName* names, int* count);
 //                   to be released with FreeSectionData(); on failure null again
 bool READQVF(const char* path, _QV_FIRMWARE_HEADER* header, unsigned char** data);
 
-// Loads the first listed package for the channel's product code and hardware version. Packages
-// that cannot be read are reported and passed over.
+// Loads the first listed package for the channel's product code and hardware version. Packages that
+// cannot be read are reported and skipped.
 // @return 0 when header and data are loaded, 1 when no package fits
 int GetUpgradeDataFromQVFFile(QV_CHANNEL channel, QVFFileName* names, int count,
                               _QV_FIRMWARE_HEADER* header, unsigned char** data);
 
-// Whether the section takes part: "Upgrade." sections in a safe upgrade (normalMode 0), all others
-// in a normal one.
+// Whether the section belongs to the upgrade: "Upgrade." sections to a safe one (normalMode 0), all
+// others to a normal one.
 bool IsMatchedSection(char normalMode, const _QV_FIRMWARE_SECTION_HEADER* section);
 
-// Whether the section's range is only erased and checked to be blank. At most 16 characters of the
-// name are looked at.
+// Whether the section's range is only erased and checked to be blank. Reads at most 16 characters
+// of the name.
 bool IsCLRSection(const char* name);
 
 void FreeSectionData(unsigned char** data, int count);

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr unsigned int kPostReconfigValue = 200;  // its meaning is the driver's
+constexpr unsigned int kPostReconfigValue = 200;  // the driver defines its meaning
 constexpr int kAnnouncementWidth = 80;
 
 unsigned char g_blankPattern[kChunkSize];
@@ -28,8 +28,8 @@ bool ForEachChunk(uint32_t size, Step step) {
     return true;
 }
 
-// What one upgrade works on, and its work on the header and on one chunk of a section, for each
-// of the three stages. Every function is false on failure.
+// The data of one upgrade, and for each of the three stages its work on the header and on one chunk
+// of a section. Every function returns false on failure.
 class FlashJob {
   public:
     FlashJob(QV_CHANNEL channel, _QV_FIRMWARE_HEADER* header, unsigned char** data,
@@ -171,7 +171,7 @@ class ProgressLine {
 
     const Stage& m_stage;
     uint32_t m_total;
-    int m_width;  // of the line with a percentage of two digits, whatever it shows
+    int m_width;  // of the line with a two-digit percentage, whatever it shows
     uint32_t m_done = 0;
 };
 
@@ -208,7 +208,7 @@ bool RunStage(FlashJob& job, const Stage& stage, unsigned int* progress) {
     return done;
 }
 
-// What the messages about one channel say.
+// The values in the messages about one channel.
 struct Announcement {
     int index = 0;
     int count = 0;
@@ -224,7 +224,7 @@ void PrintStart(const Announcement& about) {
     fflush(stdout);
 }
 
-// Whether to go ahead; the line that the progress follows is printed then.
+// Whether to go ahead; if so, prints the line that the progress follows.
 bool Confirm(Announcement& about, char mode) {
     about.verb = mode == kSafeMode ? "Safe upgrade" : "Upgrade";
     if ((g_dwCMD & kCmdYes) != 0) {

@@ -1,6 +1,6 @@
-// Upgrading one opened channel: asking, then erasing, writing and verifying its flash from a
-// package, and asking the driver to reconfigure the card. Prints progress; the result line is the
-// caller's. Single-threaded, with buffers of its own: one upgrade at a time.
+// Upgrades one open channel: asks, then erases, writes and verifies its flash from a package, and
+// asks the driver to reconfigure the card. Prints progress, but not the result line.
+// Single-threaded, with its own buffers: one upgrade at a time.
 #pragma once
 
 #include <cstdint>
@@ -22,8 +22,9 @@ inline constexpr int kUpgraded = 16;
 inline constexpr char kSafeMode = 0;
 inline constexpr char kNormalMode = 1;
 
-inline constexpr uint32_t kChunkSize = 65536;          // bytes of one library call at most
-inline constexpr uint32_t kSafeHeaderDistance = 4096;  // safe header behind the normal one, bytes
+inline constexpr uint32_t kChunkSize = 65536;  // most bytes of one library call
+inline constexpr uint32_t kSafeHeaderDistance =
+    4096;  // from the normal header to the safe one, bytes
 
 // Asks, unless -y was given, and upgrades.
 // @param[in]  index     1-based number of the channel, for the messages; of `count`

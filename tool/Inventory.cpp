@@ -15,7 +15,7 @@ namespace {
 // The compatibility code of firmware that never allows a safe upgrade.
 constexpr uint16_t kNeverSafe = 1;
 
-// Paths of USB channels can be longer than a record has room for.
+// Paths of USB channels can be too long for a record.
 constexpr size_t kLibraryPathSize = 512;
 
 struct DevicePath {
@@ -27,8 +27,8 @@ void CopyText(char (&to)[kSize], const char* from) {
     snprintf(to, kSize, "%s", from);
 }
 
-// The code that a package must equal for a safe upgrade. A stored header of other firmware than
-// the running one says nothing about it: then 0.
+// The code that a package must have for a safe upgrade. A stored header of firmware other than the
+// running one says nothing about it: then 0.
 uint16_t ReferenceCode(const _QV_FIRMWARE_HEADER& stored, uint32_t runningVersion) {
     return stored.firmwareVersion == runningVersion ? stored.compatibilityCode : uint16_t{0};
 }
@@ -53,7 +53,7 @@ bool PassesFilter(const _QVCAP_CHANNEL_INFO& info, int board, int channel) {
            (channel == kAnyIndex || info.channelIndex == channel);
 }
 
-// Whether an earlier record already stands for this channel's firmware.
+// Whether an earlier record already covers this channel's firmware.
 bool SharesFirmwareWithListed(const _QVCAP_CHANNEL_INFO& info,
                               const _QVCAP_UPGRADE_LIST_INFO_* list, int count) {
     const std::string_view family(info.familyName,
@@ -66,8 +66,8 @@ bool SharesFirmwareWithListed(const _QVCAP_CHANNEL_INFO& info,
     return false;
 }
 
-// Sets the filter from "board:channel"; false unless there are exactly two fields. Empty fields
-// are passed over.
+// Sets the filter from "board:channel"; false unless there are exactly two fields. Empty fields are
+// skipped.
 bool SetFilterFromText(const char* arg) {
     char* fields = strdup(arg);
     if (fields == nullptr) return false;
@@ -75,7 +75,7 @@ bool SetFilterFromText(const char* arg) {
     char* rest = nullptr;
     for (const char* field = strtok_r(fields, ":", &rest); field != nullptr;
          field = strtok_r(nullptr, ":", &rest)) {
-        // Deliberate: masked, so that -1 means number 255 here and not every number.
+        // Deliberate: masked, so that -1 means number 255 here, not every number.
         const int value = atoi(field) & 0xFF;
         if (count == 0) g_nBoardIndex = value;
         if (count == 1) g_nChannelIndex = value;
@@ -121,8 +121,8 @@ int GetDeviceInfo(const char* path, _QVCAP_UPGRADE_LIST_INFO_* record) {
     record->newVersion[0] = '\0';
 
     LoadedPackage package;
-    // Deliberate: without a package the channel stays open to the end of the process. Later opens
-    // and requests come in the same order either way, and the driver sees no close here.
+    // Deliberate: without a package the channel stays open until the process ends, so the driver
+    // sees no close here. The order of later opens and requests is the same either way.
     if (GetUpgradeDataFromQVFFile(channel, g_szQVFFileList, g_nQVFFileNum, &package.header,
                                   package.data) != 0)
         return kInventoryOk;

@@ -1,5 +1,5 @@
-// The upgrade list: which channels to work on, whether each needs an upgrade and whether a safe
-// one will do. Reads identity and flash; writes nothing. Single-threaded.
+// The upgrade list: which channels to work on, whether each needs an upgrade and whether a safe one
+// is possible. Reads identity and flash; writes nothing. Single-threaded.
 #pragma once
 
 #include <cstddef>
@@ -12,9 +12,9 @@ struct _QVCAP_UPGRADE_LIST_INFO_ {
     char devicePath[256];
     char currentVersion[16];     // running, "major.minor"
     char newVersion[16];         // of the matching package; empty when there is none
-    char boardSerialNumber[16];  // raw bytes, not always terminated
+    char boardSerialNumber[16];  // raw bytes, may lack a terminator
     uint8_t needUpgrade;         // the package is newer than the running firmware
-    uint8_t safeUpgrade;         // writing the upgrade image alone will do
+    uint8_t safeUpgrade;         // writing only the upgrade image is enough
     char hardwareVersion;
 };
 
@@ -25,11 +25,11 @@ inline constexpr int kNoSuchDevice = 2;
 inline constexpr int kBadArgument = 3;
 inline constexpr int kDeviceFailed = 5;  // it could not be opened or queried
 
-// "board:channel product", with at most the 64 characters that the channel's record has room for.
+// "board:channel product", cut to the 64 characters of the channel's record.
 inline constexpr size_t kCaptureNameSize = sizeof _QVCAP_UPGRADE_LIST_INFO_::captureName;
 void PrintCaptureName(char (&text)[kCaptureNameSize], const _QVCAP_CHANNEL_INFO& info);
 
-// 1 when `path` is the path of a channel in the library's list, of whatever family; else 0.
+// 1 when `path` is the path of a channel in the library's list, of any family; else 0.
 int IsPelixCaptureDevice(const char* path);
 
 // Fills one record. When no package fits, the new version is empty and both flags stay as they
@@ -41,8 +41,8 @@ int GetDeviceInfo(const char* path, _QVCAP_UPGRADE_LIST_INFO_* record);
 // @param[in,out] count  capacity of `list` on entry, records on success; unchanged on failure
 int GetDevicesInfo(_QVCAP_UPGRADE_LIST_INFO_* list, int* count, int board, int channel);
 
-// Lists what the argument of -d names: a device path, or "board:channel", which also becomes the
-// filter (g_nBoardIndex, g_nChannelIndex).
+// Lists the channel that the argument of -d names: a device path, or "board:channel", which also
+// becomes the filter (g_nBoardIndex, g_nChannelIndex).
 int PraiseDeviceArg(char* arg, _QVCAP_UPGRADE_LIST_INFO_* list, int* count);
 
 // Prints the table of g_arrChannsInfo.

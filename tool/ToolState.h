@@ -1,5 +1,5 @@
-// The tool's process-wide state, all of it in one place: what the command line asked for, the
-// package files found and the channels to work on. No behaviour. The tool is single-threaded.
+// All process-wide state of the tool: the command line's requests, the package files found and the
+// channels to work on. No code. The tool is single-threaded.
 #pragma once
 
 #include <cstdint>
@@ -25,8 +25,8 @@ extern int g_nChannelIndex;  // the same for the channel's number on its board
 
 extern _QVCAP_UPGRADE_LIST_INFO_ g_arrChannsInfo[kListCapacity];
 extern int g_nDevicesNum;  // records of g_arrChannsInfo that are valid
-// Every time a record was found to need an upgrade. Deliberate: never reset, so a list that is
-// built twice counts twice.
+// Counts the records that need an upgrade. Deliberate: never reset, so a list that is built twice
+// counts twice.
 extern int g_nDevicesNeedUpgrade;
 
 extern QVFFileName* g_szQVFFileList;  // kMaxQVFFiles slots, null when there is no list

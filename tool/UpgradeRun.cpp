@@ -12,7 +12,7 @@ namespace {
 
 constexpr int kLineWidth = 80;
 
-// How much of "MODE from CURRENT to NEW" stands between the channel's name and the ending.
+// How much of "MODE from CURRENT to NEW" is printed between the channel's name and the ending.
 enum class Says { kNothing, kMode, kModeAndVersions };
 
 struct ResultLine {
@@ -20,7 +20,7 @@ struct ResultLine {
     bool clearsFirst;
     Says says;
     const char* ending;       // null when a stage has failed
-    const char* failedStage;  // the ending names it, with the percentage reached
+    const char* failedStage;  // named in the ending, with the percentage reached
     int UpgradeCounters::*counter;
 };
 
@@ -33,8 +33,8 @@ constexpr ResultLine FailedIn(const char* stage, int result) {
             .counter = &UpgradeCounters::fail};
 }
 
-// Deliberate: results without a line here (no package, reconfiguration refused) print nothing and
-// count nowhere.
+// Deliberate: results without a row here (no package, reconfiguration refused) print nothing and
+// are not counted.
 constexpr ResultLine kResultLines[] = {
     {.result = kCannotQuery,
      .clearsFirst = true,
@@ -119,8 +119,9 @@ class IgnoredInterruptKey {
     bool m_ignored;
 };
 
-// False when the channel or the interrupt key could not be had, or the key not be put back: nothing
-// is reported then. A null channel goes on: it cannot be queried, which is reported.
+// False when the channel could not be opened, or the interrupt key could not be ignored or
+// restored: then nothing is reported. A null channel goes on: it cannot be queried, and that is
+// reported.
 bool UpgradeAndReport(int i, UpgradeCounters* counters) {
     const OpenedChannel channel(g_arrChannsInfo[i].devicePath);
     if (IsNoChannel(channel.Get())) return false;
@@ -169,9 +170,9 @@ void OfferPowerOff(const UpgradeCounters& counters) {
     fflush(stdout);  // the question must be seen before its answer is awaited
     const bool powerOff = AskYesNo();
     printf("\n");
-    fflush(stdout);  // the command prints too, behind what was printed here
+    fflush(stdout);  // the command prints, too, after the text printed here
     if (!powerOff) return;
     const int ignored =
         system("sync; if [ `id -u` -ne 0 ]; then  sudo poweroff; echo; else poweroff; echo; fi");
-    static_cast<void>(ignored);  // whether it worked shows by itself
+    static_cast<void>(ignored);  // the user sees whether it worked
 }

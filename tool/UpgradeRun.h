@@ -1,5 +1,5 @@
-// Upgrading the listed channels one after another: result lines, summary, and the offer to power
-// the computer off. What happens inside one upgrade is FlashEngine's. Single-threaded.
+// Upgrades the listed channels one after another: result lines, summary, and the offer to power the
+// computer off. FlashEngine does each upgrade. Single-threaded.
 #pragma once
 
 struct UpgradeCounters {

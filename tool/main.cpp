@@ -1,6 +1,5 @@
-// qvcap-upgrade: upgrades the firmware of the capture cards of this computer from the package
-// files of the current directory. The run as a list of steps; the steps are elsewhere.
-// Single-threaded.
+// qvcap-upgrade: upgrades the firmware of the capture cards of this computer from the package files
+// of the current directory. main() is a list of steps; other files implement them. Single-threaded.
 #include <malloc.h>
 #include <unistd.h>
 
@@ -19,9 +18,9 @@ namespace {
 constexpr int kExitOk = 0;
 constexpr int kExitBadArguments = -1;
 
-// The memory of a package stays with the process when it is released, and the next package is read
-// into it: fresh pages for every load cost more than reading it. Packages are loaded one at a time
-// and released whole, so the process holds little more than the largest of them.
+// The process keeps the memory of a released package and reads the next package into it: fresh
+// pages for every load cost more than the reading. Packages are loaded one at a time and released
+// completely, so the process holds little more than the largest of them.
 void KeepPackageMemory() {
     mallopt(M_MMAP_MAX, 0);
     mallopt(M_TRIM_THRESHOLD, -1);
@@ -32,8 +31,8 @@ int Leave(int status) {
     return status;
 }
 
-// Whether the result of parsing ends the run, with its message printed. Deliberate: a device that
-// could not be queried and an unknown option do not; what was set before them stands.
+// Prints the message of a parsing result, and returns whether it ends the run. Deliberate: a device
+// that could not be queried and an unknown option do not end it; earlier options stay in force.
 bool RefusesToRun(int parsed) {
     switch (parsed) {
         case kNotACaptureDevice:
