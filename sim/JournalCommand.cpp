@@ -47,7 +47,7 @@ std::string Text(const JournalLine& line) {
     return out + " = " + line.result;
 }
 
-// Prints what came behind `last`, which moves on; an empty text or what is wrong with the journal.
+// Prints what came after `last`, and moves it on. Returns an error message, empty on success.
 std::string PrintNews(const std::string& dir, bool json, uint64_t& last) {
     std::string error;
     uint64_t newest = last;

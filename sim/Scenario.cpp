@@ -9,135 +9,52 @@
 #include <limits>
 #include <map>
 #include <sstream>
-#include <stdexcept>
 #include <vector>
 
 #include "Hex.h"
 #include "Protocol.h"
-#include "Toml.h"
+#include "TomlTable.h"
 #include "Words.h"
 
 namespace qvsim {
 namespace {
 
-// What is wrong, and where.
-struct Mistake : std::runtime_error {
-    Mistake(const toml::node& at, const std::string& what)
-        : std::runtime_error(what), line(at.source().begin.line) {}
-    Mistake(toml::source_index where, const std::string& what)
-        : std::runtime_error(what), line(where) {}
-    toml::source_index line;
-};
-
-// A table that has no keys but the known ones.
-class Table {
-  public:
-    Table(const toml::table& table, const std::vector<std::string>& known) : m_table(table) {
-        for (const auto& [key, node] : m_table) {
-            const std::string word(key.str());
-            if (std::find(known.begin(), known.end(), word) == known.end())
-                throw Mistake(node, "unknown key '" + word + "'" + KnownWords(word, known));
-        }
-    }
-
-    const toml::node* Find(const char* key) const { return m_table.get(key); }
-    void Text(const char* key, std::string& out) {
-        if (const toml::node* node = Find(key)) out = TextOf(*node, key);
-    }
-    template <class Number>
-    void Integer(const char* key, Number& out, int64_t low, int64_t high) {
-        const toml::node* node = Find(key);
-        if (node) out = static_cast<Number>(IntegerOf(*node, key, low, high));
-    }
-    void Flag(const char* key, bool& out) {
-        const toml::node* node = Find(key);
-        if (!node) return;
-        const auto value = node->value_exact<bool>();
-        if (!value) throw Mistake(*node, std::string(key) + " is true or false");
-        out = *value;
-    }
-    // A number of frames per second above 0, or "max".
-    void Rate(const char* key, double& out) {
-        const toml::node* node = Find(key);
-        if (!node) return;
-        if (node->value_exact<std::string>() == "max") {
-            out = 0;
-            return;
-        }
-        const auto value = node->value<double>();
-        if (!value || !(*value > 0) || *value > 10000)
-            throw Mistake(*node, std::string(key) + " is a number of 0 to 10000, or \"max\"");
-        out = *value;
-    }
-    void FirmwareVersion(const char* key, uint32_t& out) {
-        if (const toml::node* node = Find(key)) out = VersionOf(*node, key);
-    }
-
-    static std::string TextOf(const toml::node& node, const std::string& key) {
-        const auto value = node.value_exact<std::string>();
-        if (!value) throw Mistake(node, key + " is a text in quotes");
-        return *value;
-    }
-    static int64_t IntegerOf(const toml::node& node, const std::string& key, int64_t low,
-                             int64_t high) {
-        const auto value = node.value_exact<int64_t>();
-        if (!value || *value < low || *value > high)
-            throw Mistake(node, key + " is a whole number from " + std::to_string(low) + " to " +
-                                    std::to_string(high));
-        return *value;
-    }
-    static uint32_t VersionOf(const toml::node& node, const std::string& key) {
-        const std::string text = TextOf(node, key);
-        unsigned major = 0;
-        unsigned minor = 0;
-        char rest = 0;
-        if (std::sscanf(text.c_str(), "%5u.%5u%c", &major, &minor, &rest) != 2 || major > 0xFFFF ||
-            minor > 0xFFFF)
-            throw Mistake(node, key + " is \"major.minor\", both up to 65535");
-        return major << 16 | minor;
-    }
-
-  private:
-    const toml::table& m_table;
-};
-
-const toml::table& TableOf(const toml::node& node, const char* key) {
-    if (const toml::table* table = node.as_table()) return *table;
-    throw Mistake(node, std::string(key) + " is a table");
-}
-
-// Calls `each` with every element of the array under `key`.
-template <class Each>
-void ForEach(Table& table, const char* key, Each each) {
+// A number of frames per second above 0, or "max".
+void ReadRate(const TomlTable& table, const char* key, double& out) {
     const toml::node* node = table.Find(key);
     if (!node) return;
-    const toml::array* array = node->as_array();
-    if (!array) throw Mistake(*node, std::string(key) + " is a list");
-    for (const toml::node& element : *array) each(element);
+    if (node->value_exact<std::string>() == "max") {
+        out = 0;
+        return;
+    }
+    const auto value = node->value<double>();
+    if (!value || !(*value > 0) || *value > 10000)
+        throw TomlMistake(*node, std::string(key) + " is a number of 0 to 10000, or \"max\"");
+    out = *value;
 }
 
 void ReadStored(const toml::node& node, BoardPlan& board) {
     if (node.is_string()) {
-        if (Table::TextOf(node, "stored") != "none")
-            throw Mistake(node, "stored is \"none\" or a table");
+        if (TomlTable::TextOf(node, "stored") != "none")
+            throw TomlMistake(node, "stored is \"none\" or a table");
         board.noStoredHeader = true;
         return;
     }
-    Table table(TableOf(node, "stored"), {"version", "compatibility_code"});
+    const TomlTable table(TomlTableOf(node, "stored"), {"version", "compatibility_code"});
     StoredPlan stored{board.firmware, 1};
-    table.FirmwareVersion("version", stored.version);
+    table.Version("version", stored.version);
     table.Integer("compatibility_code", stored.compatibilityCode, 0, 0xFFFF);
     board.stored = stored;
 }
 
-void ReadStorage(Table& table, BoardPlan& board) {
+void ReadStorage(const TomlTable& table, BoardPlan& board) {
     const toml::node* node = table.Find("storage");
     if (!node) return;
     const toml::array* words = node->as_array();
-    if (!words || words->size() != 4) throw Mistake(*node, "storage is a list of four numbers");
+    if (!words || words->size() != 4) throw TomlMistake(*node, "storage is a list of four numbers");
     for (size_t i = 0; i < 4; ++i) {
         const auto word = static_cast<uint32_t>(
-            Table::IntegerOf((*words)[i], "storage", 0, std::numeric_limits<uint32_t>::max()));
+            TomlTable::IntegerOf((*words)[i], "storage", 0, std::numeric_limits<uint32_t>::max()));
         if (i < 3)
             board.storageWords[i] = word;
         else
@@ -145,19 +62,19 @@ void ReadStorage(Table& table, BoardPlan& board) {
     }
 }
 
-void ReadMedia(Table& table, BoardPlan& board) {
+void ReadMedia(const TomlTable& table, BoardPlan& board) {
     if (const toml::node* node = table.Find("video")) {
-        Table video(TableOf(*node, "video"), {"width", "height", "fps"});
+        const TomlTable video(TomlTableOf(*node, "video"), {"width", "height", "fps"});
         video.Integer("width", board.video.width, 2, 16384);
         video.Integer("height", board.video.height, 2, 16384);
-        video.Rate("fps", board.video.framesPerSecond);
+        ReadRate(video, "fps", board.video.framesPerSecond);
     }
     if (const toml::node* node = table.Find("audio")) {
-        Table audio(TableOf(*node, "audio"), {"fps"});
-        audio.Rate("fps", board.audio.framesPerSecond);
+        const TomlTable audio(TomlTableOf(*node, "audio"), {"fps"});
+        ReadRate(audio, "fps", board.audio.framesPerSecond);
     }
-    ForEach(table, "signal", [&](const toml::node& element) {
-        Table entry(TableOf(element, "signal"), {"at_ms", "present"});
+    ForEachToml(table, "signal", [&](const toml::node& element) {
+        const TomlTable entry(TomlTableOf(element, "signal"), {"at_ms", "present"});
         SignalStep step;
         entry.Integer("at_ms", step.atMilliseconds, 0, 86'400'000);
         entry.Flag("present", step.present);
@@ -171,21 +88,21 @@ std::vector<uint8_t> ReadRecord(const toml::node& node, const std::string& name,
     const bool array = row.element > 0;
     std::vector<uint8_t> bytes(array ? row.element : row.Size());
     if (!node.is_string()) {
-        const int64_t value = Table::IntegerOf(node, name, std::numeric_limits<int32_t>::min(),
-                                               std::numeric_limits<uint32_t>::max());
+        const int64_t value = TomlTable::IntegerOf(node, name, std::numeric_limits<int32_t>::min(),
+                                                   std::numeric_limits<uint32_t>::max());
         for (size_t i = 0; i < bytes.size(); ++i)
             bytes[i] = static_cast<uint8_t>(value >> std::min<size_t>(8 * i, 63));
         return bytes;
     }
-    const std::string hex = Table::TextOf(node, name);
+    const std::string hex = TomlTable::TextOf(node, name);
     const size_t size = hex.size() / 2;
     if (array) bytes.resize(size);
     if (size != bytes.size() || size % std::max(1u, row.element) != 0 || size > (64u << 10) ||
         !FromHex(hex, bytes.data(), bytes.size()))
-        throw Mistake(node, name + " is a number or hexadecimal text of " +
-                                (array ? "whole elements of " + std::to_string(row.element)
-                                       : std::to_string(row.Size())) +
-                                " bytes");
+        throw TomlMistake(node, name + " is a number or hexadecimal text of " +
+                                    (array ? "whole elements of " + std::to_string(row.element)
+                                           : std::to_string(row.Size())) +
+                                    " bytes");
     return bytes;
 }
 
@@ -206,8 +123,8 @@ void ReadRecords(const toml::node& node, BoardPlan& board) {
     const std::map<std::string, const Row*> records = Records();
     std::vector<std::string> names;
     for (const auto& [name, row] : records) names.push_back(name);
-    const toml::table& values = TableOf(node, "records");
-    const Table known(values, names);
+    const toml::table& values = TomlTableOf(node, "records");
+    const TomlTable known(values, names);
     for (const auto& [key, value] : values) {
         const std::string name(key.str());
         board.records[name] = ReadRecord(value, name, *records.at(name));
@@ -215,23 +132,23 @@ void ReadRecords(const toml::node& node, BoardPlan& board) {
 }
 
 BoardPlan ReadBoard(const toml::node& node) {
-    Table table(TableOf(node, "board"),
-                {"family", "product", "product_code", "hardware", "serial", "index", "channels",
-                 "firmware", "golden", "flash_size", "first_node", "storage", "stored", "video",
-                 "audio", "signal", "records"});
+    const TomlTable table(TomlTableOf(node, "board"),
+                          {"family", "product", "product_code", "hardware", "serial", "index",
+                           "channels", "firmware", "golden", "flash_size", "first_node", "storage",
+                           "stored", "video", "audio", "signal", "records"});
     BoardPlan board;
     table.Text("family", board.family);
     table.Text("product", board.product);
     table.Integer("product_code", board.productCode, 0, 0xFFFF);
     std::string hardware(1, board.hardware);
     table.Text("hardware", hardware);
-    if (hardware.size() != 1) throw Mistake(node, "hardware is one character");
+    if (hardware.size() != 1) throw TomlMistake(node, "hardware is one character");
     board.hardware = hardware[0];
     table.Text("serial", board.serial);
     table.Integer("index", board.index, 0, 15);
     table.Integer("channels", board.channels, 1, 16);
-    table.FirmwareVersion("firmware", board.firmware);
-    table.FirmwareVersion("golden", board.golden);
+    table.Version("firmware", board.firmware);
+    table.Version("golden", board.golden);
     table.Integer("flash_size", board.flashSize, NorFlash::kSector, 1 << 30);
     table.Integer("first_node", board.firstNode, 0, 9999);
     ReadStorage(table, board);
@@ -244,11 +161,12 @@ BoardPlan ReadBoard(const toml::node& node) {
 // An errno by name or number.
 uint32_t ReadErrno(const toml::node& node) {
     // A kernel passes on no others from a driver in a process.
-    if (!node.is_string()) return static_cast<uint32_t>(Table::IntegerOf(node, "value", 1, 511));
-    const std::string name = Table::TextOf(node, "value");
+    if (!node.is_string())
+        return static_cast<uint32_t>(TomlTable::IntegerOf(node, "value", 1, 511));
+    const std::string name = TomlTable::TextOf(node, "value");
     for (int error = 1; error < 134; ++error)
         if (ErrorName(error) == name) return static_cast<uint32_t>(error);
-    throw Mistake(node, "value '" + name + "' is no errno known here; give its number");
+    throw TomlMistake(node, "value '" + name + "' is no errno known here; give its number");
 }
 
 std::vector<std::string> RequestNames() {
@@ -261,16 +179,16 @@ std::vector<std::string> RequestNames() {
 }
 
 Fault ReadFault(const toml::node& node) {
-    Table table(TableOf(node, "fault"), {"request", "nth", "count", "one_in", "seed", "board",
-                                         "channel", "per", "kind", "value"});
+    const TomlTable table(TomlTableOf(node, "fault"), {"request", "nth", "count", "one_in", "seed",
+                                                       "board", "channel", "per", "kind", "value"});
     Fault fault;
     table.Text("request", fault.request);
     const bool signal =
         std::find(std::begin(kSignals), std::end(kSignals), fault.request) != std::end(kSignals);
     if (!signal && fault.request != kOpen && fault.request != kAnyRequest &&
         !FindRow(fault.request))
-        throw Mistake(node, "fault names no request: '" + fault.request + "'" +
-                                KnownWords(fault.request, RequestNames()));
+        throw TomlMistake(node, "fault names no request: '" + fault.request + "'" +
+                                    KnownWords(fault.request, RequestNames()));
     table.Integer("nth", fault.nth, 1, std::numeric_limits<int>::max());
     table.Integer("count", fault.count, -1, std::numeric_limits<int>::max());
     table.Integer("one_in", fault.oneIn, 1, std::numeric_limits<int>::max());
@@ -281,14 +199,15 @@ Fault ReadFault(const toml::node& node) {
     table.Text("per", per);
     fault.perProcess = per == "process";
     if (!fault.perProcess && per != "folder")
-        throw Mistake(node, "per is \"folder\" or \"process\"");
+        throw TomlMistake(node, "per is \"folder\" or \"process\"");
     std::string kind;
     table.Text("kind", kind);
     if (!FaultKindFromName(kind, fault.effect.kind))
-        throw Mistake(node, "fault has no kind, or one that is unknown: '" + kind + "'" +
-                                KnownWords(kind, FaultKindNames()));
+        throw TomlMistake(node, "fault has no kind, or one that is unknown: '" + kind + "'" +
+                                    KnownWords(kind, FaultKindNames()));
     if (signal && fault.effect.kind != FaultKind::kPretend)
-        throw Mistake(node, fault.request + " is a signal: the only kind for it is \"pretend\"");
+        throw TomlMistake(node,
+                          fault.request + " is a signal: the only kind for it is \"pretend\"");
     if (fault.effect.kind == FaultKind::kRefuse || fault.effect.kind == FaultKind::kRefuseLate) {
         const toml::node* value = table.Find("value");
         fault.effect.value = value ? ReadErrno(*value) : static_cast<uint32_t>(EIO);
@@ -303,28 +222,29 @@ Fault ReadFault(const toml::node& node) {
 std::vector<std::string> ReadNames(const toml::node& node, const char* key) {
     std::vector<std::string> names;
     const toml::array* array = node.as_array();
-    if (!array) throw Mistake(node, std::string(key) + " is a list of texts");
-    for (const toml::node& name : *array) names.push_back(Table::TextOf(name, key));
+    if (!array) throw TomlMistake(node, std::string(key) + " is a list of texts");
+    for (const toml::node& name : *array) names.push_back(TomlTable::TextOf(name, key));
     return names;
 }
 
 CameraSize ReadSize(const toml::node& node) {
-    Table table(TableOf(node, "camera"), {"width", "height", "fps"});
+    const TomlTable table(TomlTableOf(node, "camera"), {"width", "height", "fps"});
     CameraSize size;
     table.Integer("width", size.width, 2, 4096);
     table.Integer("height", size.height, 2, 4096);
     if (const toml::node* fps = table.Find("fps")) {
         const toml::array* array = fps->as_array();
-        if (!array) throw Mistake(*fps, "fps is a list of whole numbers");
+        if (!array) throw TomlMistake(*fps, "fps is a list of whole numbers");
         size.fps.clear();
         for (const toml::node& rate : *array)
-            size.fps.push_back(static_cast<int>(Table::IntegerOf(rate, "fps", 1, 240)));
+            size.fps.push_back(static_cast<int>(TomlTable::IntegerOf(rate, "fps", 1, 240)));
     }
     return size;
 }
 
 Fault ReadUsbFault(const toml::node& node) {
-    Table table(TableOf(node, "fault"), {"transfer", "nth", "count", "kind", "value"});
+    const TomlTable table(TomlTableOf(node, "fault"),
+                          {"transfer", "nth", "count", "kind", "value"});
     Fault fault;
     table.Text("transfer", fault.request);
     unsigned command = 0;
@@ -333,8 +253,8 @@ Fault ReadUsbFault(const toml::node& node) {
                            static_cast<size_t>(used) == fault.request.size() && used == 4;
     std::vector<std::string> names(std::begin(kUsbTransfers), std::end(kUsbTransfers));
     if (!isCommand && std::find(names.begin(), names.end(), fault.request) == names.end())
-        throw Mistake(node, "fault names no transfer: '" + fault.request + "'" +
-                                KnownWords(fault.request, names) + ", or a command as 0x05");
+        throw TomlMistake(node, "fault names no transfer: '" + fault.request + "'" +
+                                    KnownWords(fault.request, names) + ", or a command as 0x05");
     table.Integer("nth", fault.nth, 1, std::numeric_limits<int>::max());
     table.Integer("count", fault.count, -1, std::numeric_limits<int>::max());
     std::string kind;
@@ -345,30 +265,32 @@ Fault ReadUsbFault(const toml::node& node) {
         FaultKind::kShortRead, FaultKind::kHalf};
     if (!FaultKindFromName(kind, fault.effect.kind) ||
         std::find(known.begin(), known.end(), fault.effect.kind) == known.end())
-        throw Mistake(node, "a USB device has no fault of the kind '" + kind + "'");
+        throw TomlMistake(node, "a USB device has no fault of the kind '" + kind + "'");
     table.Integer("value", fault.effect.value, 0, std::numeric_limits<uint32_t>::max());
     return fault;
 }
 
 UsbControl ReadUsbControl(const toml::node& node) {
-    Table table(TableOf(node, "control"), {"firmware", "golden", "stored_code", "flash_size",
-                                           "firmware_offset", "busy_polls", "fault"});
+    const TomlTable table(TomlTableOf(node, "control"),
+                          {"firmware", "golden", "stored_code", "flash_size", "firmware_offset",
+                           "busy_polls", "fault"});
     UsbControl control;
-    table.FirmwareVersion("firmware", control.firmware);
+    table.Version("firmware", control.firmware);
     control.golden = control.firmware;
-    table.FirmwareVersion("golden", control.golden);
+    table.Version("golden", control.golden);
     table.Integer("stored_code", control.storedCode, 0, 0xFFFF);
     table.Integer("flash_size", control.flashSize, 4 * NorFlash::kSector, 64 << 20);
     table.Integer("firmware_offset", control.firmwareOffset, 0, 64 << 20);
     table.Integer("busy_polls", control.busyPolls, 0, 1000);
-    ForEach(table, "fault",
-            [&](const toml::node& e) { control.faults.push_back(ReadUsbFault(e)); });
+    ForEachToml(table, "fault",
+                [&](const toml::node& e) { control.faults.push_back(ReadUsbFault(e)); });
     return control;
 }
 
 UsbPlan ReadUsb(const toml::node& node) {
-    Table table(TableOf(node, "usb"), {"product", "serial", "hardware", "product_code",
-                                       "controller", "captures", "playbacks", "camera", "control"});
+    const TomlTable table(TomlTableOf(node, "usb"),
+                          {"product", "serial", "hardware", "product_code", "controller",
+                           "captures", "playbacks", "camera", "control"});
     UsbPlan device;
     table.Text("product", device.product);
     table.Text("serial", device.serial);
@@ -382,13 +304,15 @@ UsbPlan ReadUsb(const toml::node& node) {
     if (const toml::node* control = table.Find("control"))
         device.control = ReadUsbControl(*control);
     if (table.Find("camera")) device.camera.emplace();
-    ForEach(table, "camera", [&](const toml::node& e) { device.camera->push_back(ReadSize(e)); });
+    ForEachToml(table, "camera",
+                [&](const toml::node& e) { device.camera->push_back(ReadSize(e)); });
     return device;
 }
 
 DriverWays ReadDriver(const toml::node& node) {
-    Table table(TableOf(node, "driver"), {"reuse_handles", "frames_after_stop", "strict_erase",
-                                          "strict_values", "busy_capture"});
+    const TomlTable table(
+        TomlTableOf(node, "driver"),
+        {"reuse_handles", "frames_after_stop", "strict_erase", "strict_values", "busy_capture"});
     DriverWays ways;
     table.Flag("reuse_handles", ways.reuseHandles);
     table.Flag("strict_erase", ways.strictErase);
@@ -397,38 +321,39 @@ DriverWays ReadDriver(const toml::node& node) {
     std::string afterStop = AfterStopName(ways.afterStop);
     table.Text("frames_after_stop", afterStop);
     if (!AfterStopFromName(afterStop, ways.afterStop))
-        throw Mistake(node, "frames_after_stop is \"refuse\", \"at_once\" or \"at_start\"");
+        throw TomlMistake(node, "frames_after_stop is \"refuse\", \"at_once\" or \"at_start\"");
     return ways;
 }
 
 void ReadAll(const toml::table& root, CardsPlan& plan) {
-    Table table(root, {"event_node", "foreign_nodes", "journal_limit", "driver", "latency", "board",
-                       "usb", "fault"});
+    const TomlTable table(root, {"event_node", "foreign_nodes", "journal_limit", "driver",
+                                 "latency", "board", "usb", "fault"});
     table.Flag("event_node", plan.eventNode);
-    ForEach(table, "foreign_nodes", [&](const toml::node& element) {
+    ForEachToml(table, "foreign_nodes", [&](const toml::node& element) {
         plan.foreignNodes.push_back(
-            static_cast<int>(Table::IntegerOf(element, "foreign_nodes", 0, 9999)));
+            static_cast<int>(TomlTable::IntegerOf(element, "foreign_nodes", 0, 9999)));
     });
     if (const toml::node* node = table.Find("journal_limit")) {
         constexpr int64_t kShortest = 64 << 10;
         plan.journalLimit = static_cast<uint32_t>(
-            Table::IntegerOf(*node, "journal_limit", kShortest, int64_t{1} << 31));
+            TomlTable::IntegerOf(*node, "journal_limit", kShortest, int64_t{1} << 31));
     }
     if (const toml::node* node = table.Find("driver")) plan.driver = ReadDriver(*node);
     if (const toml::node* node = table.Find("latency")) {
         constexpr int64_t kMaxDelay = 10'000'000;
-        Table latency(TableOf(*node, "latency"), {"erase_sector", "program_page", "read_kib"});
+        const TomlTable latency(TomlTableOf(*node, "latency"),
+                                {"erase_sector", "program_page", "read_kib"});
         latency.Integer("erase_sector", plan.latencies.erasePerSector, 0, kMaxDelay);
         latency.Integer("program_page", plan.latencies.programPerPage, 0, kMaxDelay);
         latency.Integer("read_kib", plan.latencies.readPerKiB, 0, kMaxDelay);
     }
-    ForEach(table, "board", [&](const toml::node& e) { plan.boards.push_back(ReadBoard(e)); });
-    ForEach(table, "usb", [&](const toml::node& e) {
+    ForEachToml(table, "board", [&](const toml::node& e) { plan.boards.push_back(ReadBoard(e)); });
+    ForEachToml(table, "usb", [&](const toml::node& e) {
         plan.usbDevices.push_back(ReadUsb(e));
         if (const std::string error = CompleteLastUsb(plan.usbDevices); !error.empty())
-            throw Mistake(e, error);
+            throw TomlMistake(e, error);
     });
-    ForEach(table, "fault", [&](const toml::node& e) { plan.faults.push_back(ReadFault(e)); });
+    ForEachToml(table, "fault", [&](const toml::node& e) { plan.faults.push_back(ReadFault(e)); });
     // Each board is checked alone first, so that the message can name its line.
     CardsPlan soFar;
     soFar.foreignNodes = plan.foreignNodes;
@@ -437,28 +362,19 @@ void ReadAll(const toml::table& root, CardsPlan& plan) {
         soFar.boards.push_back(plan.boards[i]);
         CardsPlan trial = soFar;
         const std::string error = CompletePlan(trial);
-        if (!error.empty()) throw Mistake((*boards)[i], error);
+        if (!error.empty()) throw TomlMistake((*boards)[i], error);
     }
-    if (const std::string error = CompletePlan(plan); !error.empty()) throw Mistake(root, error);
+    if (const std::string error = CompletePlan(plan); !error.empty())
+        throw TomlMistake(root, error);
 }
 
 }  // namespace
 
 std::string ParseScenario(const std::string& text, const std::string& name, CardsPlan& plan) {
-    const auto place = [&name](toml::source_index line) {
-        return name + ":" + std::to_string(line) + ": ";
-    };
     plan = CardsPlan();
-    try {
-        ReadAll(ParseToml(text, name), plan);
-        return {};
-    } catch (const toml::parse_error& error) {
-        return place(error.source().begin.line) + std::string(error.description());
-    } catch (const Mistake& mistake) {
-        return place(mistake.line) + mistake.what();
-    } catch (const std::logic_error& error) {
-        return name + ":" + error.what();
-    }
+    const auto mistake =
+        ReadToml(text, name, [&](const toml::table& root) { ReadAll(root, plan); });
+    return mistake ? mistake->In(name) : std::string();
 }
 
 std::string ParseFault(const std::vector<std::string>& pairs, Fault& fault) {
@@ -473,14 +389,9 @@ std::string ParseFault(const std::vector<std::string>& pairs, Fault& fault) {
                             value.find_first_of("0123456789") <= 1;
         text += pair.substr(0, equals + 1) + (number ? value : "\"" + value + "\"") + "\n";
     }
-    try {
-        fault = ReadFault(ParseToml(text, "fault"));
-        return {};
-    } catch (const toml::parse_error& error) {
-        return std::string(error.description());
-    } catch (const std::exception& error) {
-        return error.what();
-    }
+    const auto mistake =
+        ReadToml(text, "fault", [&](const toml::table& root) { fault = ReadFault(root); });
+    return mistake ? mistake->what() : std::string();
 }
 
 std::string ReadScenario(const std::string& path, CardsPlan& plan) {

@@ -45,8 +45,7 @@ CuseServer::CuseServer(std::shared_ptr<Model> model, CuseWays ways)
       m_ways(std::move(ways)),
       m_epoll(epoll_create1(EPOLL_CLOEXEC)),
       m_changed(eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {
-    const std::lock_guard lock(m_model->Mutex());
-    m_model->Events().Listen([this](uint64_t event) {
+    Model::Locked(*m_model)->Events().Listen([this](uint64_t event) {
         const std::lock_guard guard(m_changing);
         if (m_changedEvents.empty()) Wake(m_changed);
         m_changedEvents.insert(event);
@@ -54,10 +53,7 @@ CuseServer::CuseServer(std::shared_ptr<Model> model, CuseWays ways)
 }
 
 CuseServer::~CuseServer() {
-    {
-        const std::lock_guard lock(m_model->Mutex());
-        m_model->Events().Listen(nullptr);
-    }
+    Model::Locked(*m_model)->Events().Listen(nullptr);
     for (const int fd : {m_epoll, m_changed})
         if (fd >= 0) close(fd);
 }

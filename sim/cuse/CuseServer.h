@@ -41,11 +41,11 @@ class CuseServer {
     CuseServer(const CuseServer&) = delete;
     CuseServer& operator=(const CuseServer&) = delete;
 
-    // An empty text when every node stands, else why not. Ends early, see Stopped(), when `stop` is
-    // readable.
+    // Makes every node. Returns an error message, empty on success. Ends early when `stop` becomes
+    // readable, see Stopped().
     std::string Start(int stop);
-    // Serves until `stop`, the same, is readable; an empty text, or what ended it before. All waits
-    // have ended and all files are closed when it returns.
+    // Serves until `stop`, the same, becomes readable. Returns an error message, empty when
+    // `stop` ended it. All waits have ended and all files are closed when it returns.
     std::string Run();
     // `stop` was readable.
     bool Stopped() const { return m_stopped; }

@@ -106,8 +106,8 @@ std::string StatePath(const std::string& dir);
 // One line for each time that a fault was met.
 std::string MetFaultsPath(const std::string& dir);
 
-// All return an empty text, or what went wrong and where. What was loaded is a whole: boards have
-// channels, and no index or node is there twice. Saving replaces the file as a whole.
+// All return an error message that says where, empty on success. What was loaded is a whole: boards
+// have channels, and no index or node is there twice. Saving replaces the file as a whole.
 std::string LoadState(const std::string& dir, CardsState& state);
 // Every process on the folder learns of it. Faults without a slot get one, and are counted from 0.
 std::string SaveState(const std::string& dir, const CardsState& state);

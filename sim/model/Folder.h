@@ -52,7 +52,7 @@ Number CountShared(Number& shared, Number step = 1) {
 
 class Folder {
   public:
-    // The page of new cards. An empty text or what went wrong.
+    // The page of new cards. Returns an error message, empty on success.
     static std::string Make(const std::string& dir);
     // Null, and what went wrong, when the directory holds no cards.
     static std::unique_ptr<Folder> Open(const std::string& dir, std::string& error);

@@ -36,7 +36,7 @@ std::vector<JournalLine> ReadJournal(const std::string& dir, std::string* error 
 // The same as a text, without what is in writing.
 std::string JournalText(const std::string& dir);
 std::string JournalPath(const std::string& dir);
-// Forgets all lines; the numbers go on. An empty text or what went wrong.
+// Forgets all lines; the numbers go on. Returns an error message, empty on success.
 std::string ClearJournal(Folder& folder);
 
 // "EIO"; "E131" for one without a name here.
@@ -49,7 +49,7 @@ class Journal {
     Journal& operator=(const Journal&) = delete;
     ~Journal();
 
-    // An empty text or what went wrong.
+    // Returns an error message, empty on success.
     std::string Open(Folder& folder, uint32_t limit);
     bool IsOpen() const { return m_fd >= 0; }
     // Room for what one request can write. False: the disk is full, see errno.

@@ -1,20 +1,10 @@
 #include "Model.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cerrno>
-#include <charconv>
-#include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <new>
 #include <utility>
-
-#include "FirmwareImage.h"
-#include "Hex.h"
-#include "OpenRecord.h"
 
 namespace qvsim {
 namespace {
@@ -22,230 +12,19 @@ namespace {
 constexpr char kFolder[] = "/dev/";
 constexpr char kEventName[] = "qv-event";
 constexpr char kVideoName[] = "video";
-constexpr char kEventPath[] = "/dev/qv-event";
-constexpr char kVideoPrefix[] = "/dev/video";
-
-// The number of a video node; none for another path, and for a number with a zero before it.
-std::optional<int> NodeOf(const std::string& path) {
-    constexpr size_t kPrefix = sizeof kVideoPrefix - 1;
-    int node = 0;
-    if (path.compare(0, kPrefix, kVideoPrefix) != 0) return std::nullopt;
-    const char* const end = path.data() + path.size();
-    const auto [last, error] = std::from_chars(path.data() + kPrefix, end, node);
-    if (error != std::errc() || last != end) return std::nullopt;
-    if (path[kPrefix] == '0' && path.size() > kPrefix + 1) return std::nullopt;
-    return node;
-}
-
-// Tells one run of the machine from another; its clock begins at 0 in each.
-uint64_t BootOfMachine() {
-    const std::string id = ReadText("/proc/sys/kernel/random/boot_id");
-    return uint64_t{1} << 32 | Crc32(id.data(), id.size());
-}
 
 }  // namespace
 
 std::shared_ptr<Model> Model::Load(const std::string& dir, std::string& error) {
     std::shared_ptr<Model> model(new Model);
-    error = LoadState(dir, model->m_state);
-    if (!error.empty()) return nullptr;
-    model->m_folder = Folder::Open(dir, error);
-    if (!model->m_folder) return nullptr;
-    const Folder::Lock lock(model->m_folder.get());
-    // Now that nobody else changes anything.
-    model->m_generation = LoadShared(model->m_folder->Page().generation);
-    error = LoadState(dir, model->m_state);
-    if (error.empty()) error = model->Build();
-    if (error.empty()) error = model->m_journal.Open(*model->m_folder, model->m_state.journalLimit);
-    if (!error.empty()) return nullptr;
-    if (model->m_journal.HasRoom()) CloseForTheDead(*model->m_folder, model->m_journal);
-    return model;
+    error = model->m_cards.Load(dir);
+    return error.empty() ? model : nullptr;
 }
 
 std::shared_ptr<Model> Model::InMemory(CardsState state, std::string& error) {
     std::shared_ptr<Model> model(new Model);
-    model->m_state = std::move(state);
-    error = model->Build();
+    error = model->m_cards.LayOut(std::move(state));
     return error.empty() ? model : nullptr;
-}
-
-Model::~Model() { ShutDown(); }
-
-std::string Model::Build() {
-    for (BoardState& board : m_state.boards)
-        if (std::string error = BuildBoard(board); !error.empty()) return error;
-    TakeOnDriverWays();
-    if (!m_folder) {
-        for (const Fault& fault : m_state.faults) m_faults.Add(fault);
-        return {};
-    }
-    LivePage& page = m_folder->Page();
-    m_faults.Take(m_state.faults, page.faultSeen);
-    const uint64_t boot = BootOfMachine();
-    const bool newBoot = page.boot != boot;
-    page.boot = boot;
-    for (const auto& board : m_boards) {
-        board->clock.Share(&page.clocks[board->state->index], m_time.Start());
-        if (newBoot) board->clock.Set(m_time.Now(), 0);
-    }
-    return {};
-}
-
-void Model::TakeOnDriverWays() {
-    for (HandlePool* pool :
-         {&m_events.Handles(), &m_notifications.Handles(), &m_timers.Handles(), &m_imageHandles})
-        pool->UseAgain(m_state.driver.reuseHandles);
-    m_media.SetAfterStop(m_state.driver.afterStop);
-    m_events.SetVeto([this](const char* signal, const Channel* channel) {
-        return EffectOf(MeetFaults(signal, channel), FaultKind::kPretend).has_value();
-    });
-}
-
-std::string Model::BuildBoard(BoardState& state) {
-    auto board = std::make_unique<Board>();
-    board->state = &state;
-    for (size_t i = 0; i < state.channels.size(); ++i) {
-        if (i == 0 || !state.sharedFlash) {
-            auto flash = m_folder ? std::make_unique<NorFlash>()
-                                  : std::make_unique<NorFlash>(state.flashSize);
-            const std::string name = FlashFileName(state, static_cast<int>(i));
-            std::string error;
-            if (m_folder) error = flash->Open(m_folder->Dir() + "/" + name, state.flashSize);
-            if (!error.empty()) return error;
-            board->flashes.push_back(std::move(flash));
-        }
-        auto channel = std::make_unique<Channel>();
-        channel->board = board.get();
-        channel->state = &state.channels[i];
-        channel->index = static_cast<int>(i);
-        channel->flash = board->flashes.back().get();
-        if (m_folder)
-            if (std::string error = LoadSettings(*channel); !error.empty()) return error;
-        m_channels.push_back(std::move(channel));
-    }
-    m_boards.push_back(std::move(board));
-    return {};
-}
-
-std::string Model::SettingsPath(const Channel& channel) const {
-    return m_folder->Dir() + "/settings-b" + std::to_string(channel.board->state->index) + "-c" +
-           std::to_string(channel.index);
-}
-
-uint32_t& Model::SettingsGeneration(const Channel& channel) const {
-    return m_folder->Page().settings[channel.board->state->index][channel.index];
-}
-
-// An empty text or what is wrong; the folder's lock is held, here and below.
-std::string Model::LoadSettings(Channel& channel) const {
-    channel.settingsSeen = LoadShared(SettingsGeneration(channel));
-    const std::string text = ReadText(SettingsPath(channel));
-    channel.settingsBytes = text.size();
-    if (channel.settingsFile >= 0) CloseOwn(std::exchange(channel.settingsFile, -1));
-    const int line = channel.settings.Load(text);
-    if (line == 0) return {};
-    return SettingsPath(channel) + ":" + std::to_string(line) + ": not a line of a settings file";
-}
-
-bool Model::OpenSettings(Channel& channel) const {
-    constexpr size_t kLongest = 256u << 10;
-    if (channel.settingsFile >= 0 && channel.settingsBytes < kLongest) return true;
-    // A file that is new, or has grown long, is written as what it comes to.
-    if (channel.settingsBytes == 0 || channel.settingsBytes >= kLongest) {
-        Settings whole;
-        whole.Load(ReadText(SettingsPath(channel)));
-        const std::string text = whole.Save();
-        if (!ReplaceFile(SettingsPath(channel), text)) return false;
-        channel.settingsBytes = text.size();
-    }
-    if (channel.settingsFile >= 0) CloseOwn(channel.settingsFile);
-    channel.settingsFile = OpenOutOfTheWay(SettingsPath(channel), O_WRONLY | O_APPEND);
-    return channel.settingsFile >= 0;
-}
-
-bool Model::KeepSettings(Channel* channel) {
-    if (!channel) return true;
-    const std::string changes = channel->settings.TakeChanges();
-    if (changes.empty() || !m_folder) return true;
-    const Folder::Lock lock(m_folder.get());
-    const bool stale = channel->settingsSeen != LoadShared(SettingsGeneration(*channel));
-    // Another process may have put another file in its place.
-    if (stale && channel->settingsFile >= 0) CloseOwn(std::exchange(channel->settingsFile, -1));
-    if (stale) channel->settingsBytes = ReadText(SettingsPath(*channel)).size();
-    bool kept = OpenSettings(*channel);
-    if (kept && !WriteAll(channel->settingsFile, changes.data(), changes.size())) {
-        kept = false;
-        const int error = errno;
-        const auto before = static_cast<off_t>(channel->settingsBytes);
-        if (ftruncate(channel->settingsFile, before) != 0) channel->settingsBytes = 0;
-        errno = error;
-    }
-    if (kept) {
-        channel->settingsBytes += changes.size();
-        const uint32_t mine = CountShared<uint32_t>(SettingsGeneration(*channel));
-        if (!stale) channel->settingsSeen = mine;
-    } else {
-        Complain(SettingsPath(*channel), errno);
-    }
-    if (stale || !kept) LoadSettings(*channel);
-    return kept;
-}
-
-void Model::Complain(const std::string& what, int error) {
-    if (std::exchange(m_complained, true)) return;
-    std::fprintf(stderr, "qvcap-sim: %s: %s; requests fail until that is mended\n", what.c_str(),
-                 std::strerror(error));
-}
-
-bool Model::HasRoom() {
-    if (!m_folder || m_journal.HasRoom()) return true;
-    Complain(JournalPath(m_folder->Dir()), errno);
-    return false;
-}
-
-void Model::CatchUp(Channel* channel) {
-    if (!m_folder) return;
-    if (LoadShared(m_folder->Page().generation) != m_generation) {
-        const Folder::Lock lock(m_folder.get());
-        m_generation = LoadShared(m_folder->Page().generation);
-        CardsState fresh;
-        // A file that cannot be read leaves this process with what it knows.
-        if (const std::string error = LoadState(m_folder->Dir(), fresh); error.empty())
-            TakeOverState(fresh);
-    }
-    if (!channel || LoadShared(SettingsGeneration(*channel)) == channel->settingsSeen) return;
-    const Folder::Lock lock(m_folder.get());
-    LoadSettings(*channel);
-}
-
-// What can change while cards are in use; cards that were laid out anew are others.
-void Model::TakeOverState(const CardsState& fresh) {
-    if (fresh.boards.size() != m_state.boards.size()) return;
-    m_state.eventNodeGone = fresh.eventNodeGone;
-    m_state.faults = fresh.faults;
-    m_faults.Take(m_state.faults, m_folder->Page().faultSeen);
-    for (size_t b = 0; b < fresh.boards.size(); ++b) {
-        BoardState& board = m_state.boards[b];
-        if (fresh.boards[b].channels.size() != board.channels.size()) continue;
-        board.powerLost = fresh.boards[b].powerLost;
-        for (size_t c = 0; c < board.channels.size(); ++c) {
-            board.channels[c].info = fresh.boards[b].channels[c].info;
-            board.channels[c].gone = fresh.boards[b].channels[c].gone;
-        }
-    }
-}
-
-template <class Change>
-bool Model::ChangeState(Change change) {
-    const Folder::Lock lock(m_folder.get());
-    CatchUp(nullptr);
-    change();
-    if (!m_folder) return true;
-    const std::string error = SaveState(*m_folder, m_state);
-    m_generation = LoadShared(m_folder->Page().generation);
-    if (error.empty()) return true;
-    Complain(StatePath(m_folder->Dir()), errno);
-    return false;
 }
 
 bool Model::Answers(const char* path) {
@@ -260,321 +39,100 @@ bool Model::AnswersName(const char* name) {
     return std::strspn(name + prefix, "0123456789") == std::strlen(name + prefix);
 }
 
-Channel* Model::ChannelOfNode(const std::string& path) {
-    const std::optional<int> node = NodeOf(path);
-    for (const auto& channel : m_channels)
-        if (channel->state->node == node) return channel.get();
-    return nullptr;
-}
-
-bool Model::IsForeign(const std::string& path) const {
-    const std::optional<int> wanted = NodeOf(path);
-    return std::any_of(m_state.foreignNodes.begin(), m_state.foreignNodes.end(),
-                       [&](int node) { return node == wanted; });
-}
-
-bool Model::Exists(const std::string& path) {
-    const std::lock_guard lock(m_mutex);
-    CatchUp(nullptr);
-    if (path == kEventPath) return m_state.eventNode && !m_state.eventNodeGone;
-    if (const Channel* channel = ChannelOfNode(path)) return !channel->state->gone;
-    return IsForeign(path);
-}
-
-std::vector<std::string> Model::NodeNames() {
-    const std::lock_guard lock(m_mutex);
-    CatchUp(nullptr);
-    std::vector<std::string> names;
-    for (const auto& channel : m_channels)
-        if (!channel->state->gone) names.push_back("video" + std::to_string(channel->state->node));
-    for (const int node : m_state.foreignNodes) names.push_back("video" + std::to_string(node));
-    if (m_state.eventNode && !m_state.eventNodeGone) names.push_back("qv-event");
-    return names;
-}
-
-int Model::OpenError(const std::string& path, const Channel* owner) const {
-    if (path == kEventPath) {
-        if (!m_state.eventNode) return ENOENT;
-    } else if (!owner) {
-        return IsForeign(path) ? 0 : ENOENT;
-    }
-    return m_shutDown || IsGone(owner) ? ENODEV : 0;
-}
-
-int Model::OpenFault(const std::vector<FaultEffect>& effects, Channel* owner) {
-    int error = 0;
-    for (const FaultEffect& effect : effects) {
-        if (effect.kind == FaultKind::kRefuse) error = static_cast<int>(effect.value);
-        if (effect.kind == FaultKind::kNodeGone) LoseNode(owner);
-        if (effect.kind != FaultKind::kPowerLoss) continue;
-        for (const auto& board : m_boards)
-            if (!owner || board.get() == owner->board) LosePower(*board);
-    }
-    return IsGone(owner) ? ENODEV : error;
-}
-
 std::shared_ptr<OpenFile> Model::Open(const std::string& path, int& error) {
-    Lock lock(m_mutex);
-    CatchUp(nullptr);
-    Channel* const owner = ChannelOfNode(path);
-    const NodeKind kind = path == kEventPath ? NodeKind::kEvents
-                          : owner            ? NodeKind::kChannel
-                                             : NodeKind::kForeign;
-    error = OpenError(path, owner);
-    if (!error && !HasRoom()) error = ENOSPC;
+    Locked cards(*this);
+    cards->CatchUp(nullptr);
+    Channel* const owner = cards->ChannelOfNode(path);
+    error = cards->OpenError(path, owner);
+    if (!error && !cards->HasRoom()) error = ENOSPC;
     if (error) return nullptr;
-    const std::vector<FaultEffect> effects = MeetFaults("open", owner);
+    const std::vector<FaultEffect> effects = cards->MeetFaults("open", owner);
     if (const auto slow = EffectOf(effects, FaultKind::kSlow)) {
-        lock.unlock();
-        std::this_thread::sleep_for(std::chrono::milliseconds(*slow));
-        lock.lock();
-        NoteMet(FaultKind::kSlow, "open", owner);
+        cards.Sleep(std::chrono::milliseconds(*slow));
+        cards->NoteMet(FaultKind::kSlow, "open", owner);
     }
-    error = kind == NodeKind::kForeign
-                ? static_cast<int>(EffectOf(effects, FaultKind::kRefuse).value_or(0))
-                : OpenFault(effects, owner);
-    if (m_shutDown) error = ENODEV;
+    error = cards->OpenFault(path, effects, owner);
+    if (cards->IsShutDown()) error = ENODEV;
     if (error) return nullptr;
-    m_files.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, path, {}}));
-    std::shared_ptr<OpenFile> file = m_files.back();
-    Kick();  // a signal's script may have begun
+    std::shared_ptr<OpenFile> file = cards->AddFile(path, {});
+    cards.Kick();  // a signal's script may have begun
     return file;
 }
 
-std::vector<FaultEffect> Model::MeetFaults(const std::string& request, const Channel* channel) {
-    const int board = channel ? channel->board->state->index : -1;
-    std::vector<FaultEffect> effects = m_faults.Hits(request, board, channel ? channel->index : -1);
-    for (const FaultEffect& effect : effects)
-        if (effect.kind != FaultKind::kSlow) NoteMet(effect.kind, request, channel);
-    return effects;
-}
-
-void Model::NoteMet(FaultKind kind, const std::string& request, const Channel* channel) const {
-    if (!m_folder) return;
-    AppendText(MetFaultsPath(m_folder->Dir()),
-               std::string(FaultKindName(kind)) + " " + request +
-                   " board=" + std::to_string(channel ? channel->board->state->index : -1) +
-                   " channel=" + std::to_string(channel ? channel->index : -1) + "\n");
-}
-
-void Model::JournalOpen(const std::string& path, int descriptor, int error) {
-    const std::lock_guard lock(m_mutex);
-    if (!m_journal.IsOpen() || !m_journal.HasRoom()) return;
-    if (error)
-        m_journal.Write("open " + path, Refused(error));
-    else
-        m_journal.Write("open " + path + " fd=" + std::to_string(descriptor), Ok());
-}
-
-int Model::MakeDescriptor(int flags, std::string& record) {
-    const std::lock_guard lock(m_mutex);
-    if (m_folder) return MakeOpenRecord(*m_folder, flags, record);
-    return open("/dev/null", flags & (O_ACCMODE | O_NONBLOCK | O_CLOEXEC | O_APPEND));
-}
-
-void Model::DropDescriptor(const std::string& record) {
-    const std::lock_guard lock(m_mutex);
-    if (m_folder) EndOpenRecord(*m_folder, record);
-}
-
-void Model::JournalOpen(OpenFile& file, const std::string& record, int descriptor) {
-    JournalOpen(file.path, descriptor, 0);
-    const std::lock_guard lock(m_mutex);
-    file.record = record;
-    if (m_folder) NameOpenRecord(*m_folder, file.record, {file.path, getpid(), descriptor});
-}
-
-std::shared_ptr<OpenFile> Model::Adopt(const std::string& link) {
-    const std::lock_guard lock(m_mutex);
-    OpenRecord record;
-    if (!m_folder || !ParseOpenRecord(m_folder->Dir(), link, record)) return nullptr;
-    for (const auto& file : m_files)
-        if (file->record == link) return file;
-    Channel* const owner = ChannelOfNode(record.node);
-    const NodeKind kind = record.node == kEventPath ? NodeKind::kEvents
-                          : owner                   ? NodeKind::kChannel
-                                                    : NodeKind::kForeign;
-    m_files.push_back(std::make_shared<OpenFile>(OpenFile{kind, owner, record.node, link}));
-    return m_files.back();
+void Model::Close(const std::shared_ptr<OpenFile>& file, int descriptor) {
+    Locked cards(*this);
+    cards->Close(cards.Lock(), file, descriptor);
 }
 
 void Model::BeginInChild() {
-    // None of them is in use, and none of what they know is true here.
+    // Neither is in use, and what they know is not true here.
     new (&m_timeChanged) std::condition_variable;
     new (&m_timekeeper) std::thread;
-    m_events.BeginInChild();
-    m_media.BeginInChild();
-    for (const auto& channel : m_channels) {
-        channel->video.waiting.clear();
-        channel->video.late.clear();
-    }
-}
-
-void Model::Close(const std::shared_ptr<OpenFile>& file, int descriptor) {
-    Lock lock(m_mutex);
-    if (file->channel) m_media.DropOwner(lock, *file->channel, file.get());
-    m_notifications.DropOwner(file.get());
-    m_timers.DropOwner(file.get());
-    m_events.DropOwner(file.get());
-    std::erase(m_files, file);
-    if (!m_journal.IsOpen() || !EndOpenRecord(*m_folder, file->record)) return;
-    m_journal.Write("close " + file->path + " fd=" + std::to_string(descriptor), Ok());
-}
-
-Channel* Model::FindChannel(int board, int channel) {
-    for (const auto& candidate : m_channels)
-        if (candidate->board->state->index == board && candidate->index == channel)
-            return candidate.get();
-    return nullptr;
-}
-
-void Model::PowerCycle() {
-    const std::lock_guard lock(m_mutex);
-    const Folder::Lock folderLock(m_folder.get());
-    ChangeState([this] {
-        m_state.eventNodeGone = false;
-        for (const auto& board : m_boards) board->clock.Set(m_time.Now(), 0);
-        for (const auto& channel : m_channels) {
-            channel->state->info.firmwareVersion =
-                LoadFirmware(*channel->flash, channel->state->storage.firmwareOffset,
-                             channel->board->state->goldenVersion);
-            channel->board->state->powerLost = false;
-            channel->state->gone = false;
-        }
-    });
-    for (const auto& channel : m_channels) {
-        CatchUp(channel.get());
-        channel->settings.Reset();
-        KeepSettings(channel.get());
-    }
-}
-
-void Model::LosePower(Board& board) {
-    ChangeState([&] { board.state->powerLost = true; });
-}
-
-void Model::LoseNode(Channel* channel) {
-    if (IsGone(channel)) return;
-    ChangeState([&] { (channel ? channel->state->gone : m_state.eventNodeGone) = true; });
-}
-
-void Model::AddFault(const Fault& fault) {
-    const std::lock_guard lock(m_mutex);
-    if (!m_folder) return m_faults.Add(fault);
-    ChangeState([&] { m_state.faults.push_back(fault); });
-    m_faults.Take(m_state.faults, m_folder->Page().faultSeen);
-}
-
-void Model::ClearFaults() {
-    const std::lock_guard lock(m_mutex);
-    ChangeState([&] { m_state.faults.clear(); });
-    m_faults.Clear();
+    m_cards.BeginInChild();
 }
 
 void Model::RaiseNotification(int board, int channel, uint64_t bits) {
-    const std::lock_guard lock(m_mutex);
-    if (Channel* found = FindChannel(board, channel)) m_notifications.Raise(found, bits, m_events);
+    const Locked cards(*this);
+    if (Channel* const found = cards->FindChannel(board, channel))
+        cards->Notifies().Raise(found, bits, cards->Events());
 }
 
 void Model::SetSignal(int board, int channel, bool present) {
-    const std::lock_guard lock(m_mutex);
-    if (Channel* found = FindChannel(board, channel))
-        m_media.SetSignal(*found, present, m_time.Now());
+    const Locked cards(*this);
+    if (Channel* const found = cards->FindChannel(board, channel))
+        cards->Media().SetSignal(*found, present, cards->Now());
 }
 
 void Model::InterruptFrame(int board, int channel) {
-    const std::lock_guard lock(m_mutex);
-    if (Channel* found = FindChannel(board, channel)) m_media.Interrupt(*found);
-}
-
-Bytes Model::LastRecord(int board, int channel, const std::string& request) {
-    const std::lock_guard lock(m_mutex);
-    const Channel* found = FindChannel(board, channel);
-    if (!found && board != -1) return {};
-    const auto& records = found ? found->lastRecord : m_eventRecords;
-    const auto record = records.find(request);
-    return record == records.end() ? Bytes() : record->second;
+    const Locked cards(*this);
+    if (Channel* const found = cards->FindChannel(board, channel)) cards->Media().Interrupt(*found);
 }
 
 NorFlash* Model::Flash(int board, int channel) {
-    const std::lock_guard lock(m_mutex);
-    const Channel* found = FindChannel(board, channel);
+    const Channel* const found = Locked(*this)->FindChannel(board, channel);
     return found ? found->flash : nullptr;
 }
 
-void Model::SetRecord(int board, int channel, const std::string& key, const Bytes& record) {
-    const std::lock_guard lock(m_mutex);
-    Channel* const found = FindChannel(board, channel);
-    if (!found) return;
-    CatchUp(found);
-    found->settings.Put(key, record);
-    KeepSettings(found);
-}
-
-Alive Model::CountAlive() {
-    const std::lock_guard lock(m_mutex);
-    Alive alive;
-    alive.files = m_files.size();
-    alive.events = m_events.Count();
-    alive.notifications = m_notifications.Count();
-    alive.timers = m_timers.Count();
-    for (const auto& channel : m_channels) {
-        alive.images += channel->images.size();
-        alive.pinnedBuffers += channel->pinned.size();
-        alive.frames += m_media.InWork(*channel);
-        alive.captures += (channel->video.running ? 1u : 0u) + (channel->audio.running ? 1u : 0u);
-    }
-    return alive;
-}
-
-void Model::FreezeClock() {
-    const std::lock_guard lock(m_mutex);
-    m_time.Freeze();
-}
-
 void Model::AdvanceClock(int64_t units) {
-    const std::lock_guard lock(m_mutex);
-    m_time.Advance(units);
-    Kick();
+    Locked cards(*this);
+    cards->Time().Advance(units);
+    cards.Kick();
 }
 
-std::optional<int64_t> Model::RunDue() {
-    const int64_t now = m_time.Now();
-    const std::optional<int64_t> timer = m_timers.Run(now, m_events);
-    const std::optional<int64_t> media = m_media.Run(m_channels, now);
-    return timer && media ? std::min(*timer, *media) : timer ? timer : media;
+void Model::Locked::Sleep(std::chrono::microseconds time) {
+    m_lock.unlock();
+    std::this_thread::sleep_for(time);
+    m_lock.lock();
 }
 
-void Model::Kick() {
-    const bool somethingComes = RunDue().has_value();
-    if (somethingComes && !m_timekeeper.joinable() && !m_time.Frozen() && !m_shutDown)
-        m_timekeeper = QuietThread([this] { KeepTime(); });
-    m_timeChanged.notify_all();
+void Model::Locked::Kick() {
+    LiveCards& cards = m_model.m_cards;
+    const bool somethingComes = cards.RunDue().has_value();
+    if (somethingComes && !m_model.m_timekeeper.joinable() && !cards.Time().Frozen() &&
+        !cards.IsShutDown())
+        m_model.m_timekeeper = QuietThread([model = &m_model] { model->KeepTime(); });
+    m_model.m_timeChanged.notify_all();
 }
 
 void Model::KeepTime() {
     constexpr int64_t kLongestSleep = 60 * kClockUnitsPerSecond;
-    Lock lock(m_mutex);
-    while (!m_shutDown) {
-        const std::optional<int64_t> next = RunDue();
-        if (!next || m_time.Frozen()) {
-            m_timeChanged.wait(lock);
+    Locked cards(*this);
+    while (!cards->IsShutDown()) {
+        const std::optional<int64_t> next = cards->RunDue();
+        if (!next || cards->Time().Frozen()) {
+            m_timeChanged.wait(cards.Lock());
         } else {
             const int64_t units = std::min(*next, kLongestSleep);
-            m_timeChanged.wait_for(lock, std::chrono::nanoseconds(units * 100));
+            m_timeChanged.wait_for(cards.Lock(), std::chrono::nanoseconds(units * 100));
         }
     }
 }
 
 void Model::ShutDown() {
-    {
-        const std::lock_guard lock(m_mutex);
-        m_shutDown = true;
-        m_events.ShutDown();
-        m_timeChanged.notify_all();
-    }
+    Locked(*this)->ShutDown();
+    m_timeChanged.notify_all();
     if (m_timekeeper.joinable()) m_timekeeper.join();
-    m_media.Stop();
+    m_cards.Media().Stop();
 }
 
 }  // namespace qvsim

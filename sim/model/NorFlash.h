@@ -27,8 +27,8 @@ class NorFlash {
     NorFlash(const NorFlash&) = delete;
     NorFlash& operator=(const NorFlash&) = delete;
 
-    // Opens or creates the files; with `readOnly` a missing one is a blank chip. An empty text or
-    // what went wrong.
+    // Opens or creates the files; with `readOnly` a missing one is a blank chip. Returns an
+    // error message, empty on success.
     std::string Open(const std::string& path, uint32_t size, bool readOnly = false);
 
     uint32_t Size() const { return m_size; }

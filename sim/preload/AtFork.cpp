@@ -23,7 +23,7 @@ void Before() {
     auto* const forking = new Forking;
     forking->model = HoldAttachment();
     // In the order of everybody else: a model that works opens and closes files of its own.
-    if (forking->model) forking->model->Mutex().lock();
+    if (forking->model) forking->model->HoldForFork();
     LockTable();
     g_forking = forking;
 }
@@ -31,7 +31,7 @@ void Before() {
 void LetGo() {
     const Forking* const forking = std::exchange(g_forking, nullptr);
     UnlockTable();
-    if (forking->model) forking->model->Mutex().unlock();
+    if (forking->model) forking->model->LetGoAfterFork();
     ReleaseAttachment();
     delete forking;
 }

@@ -19,8 +19,9 @@ namespace qvsim {
 // Null when this process has no simulated cards.
 std::shared_ptr<Model> CurrentModel();
 
-// Test programs only: turns the cards of a state directory on; an empty text or what went wrong.
-// Detach() ends every wait in them; descriptors that are still open answer ENODEV from then on.
+// Test programs only: turns the cards of a state directory on. Returns an error message, empty on
+// success. Detach() ends every wait in them; descriptors that are still open answer ENODEV from
+// then on.
 std::string Attach(const std::string& dir);
 void Attach(std::shared_ptr<Model> model);
 void Detach();

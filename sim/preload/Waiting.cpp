@@ -57,9 +57,9 @@ Answer SleepOn(Model& model, const ParkedWait& wait, const sigset_t& outer) {
         return answer;
     }
     {
-        const Model::Lock lock(model.Mutex());
+        const Model::Locked cards(model);
         Bells().push_back(bell);
-        model.Events().Listen([](uint64_t) { RingAll(); });
+        cards->Events().Listen([](uint64_t) { RingAll(); });
     }
     for (bool late = false; !AskAgain(model, wait, late, 0, answer);) {
         const int came = SleepUntil(bell, deadline, outer);
@@ -67,7 +67,7 @@ Answer SleepOn(Model& model, const ParkedWait& wait, const sigset_t& outer) {
         late = came == 0;
     }
     {
-        const Model::Lock lock(model.Mutex());
+        const Model::Locked cards(model);
         std::erase(Bells(), bell);
     }
     CloseOwn(bell);

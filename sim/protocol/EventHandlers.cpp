@@ -17,10 +17,10 @@ uint64_t HandleOf(Call& call, const char* name) {
 
 // Sleeps, or leaves the wait to the door; see ParkedWait.
 Answer WaitFor(Call& call, const std::vector<uint64_t>& events, bool takes, int timeout) {
-    EventTable& table = call.model.Events();
+    EventTable& table = call.cards->Events();
     const int patience = call.parked ? 0 : timeout;
-    const Answer answer = takes ? table.Wait(call.lock, events[0], patience)
-                                : table.WaitSeveral(call.lock, events, patience);
+    const Answer answer = takes ? table.Wait(call.cards.Lock(), events[0], patience)
+                                : table.WaitSeveral(call.cards.Lock(), events, patience);
     if (call.parked && timeout != 0 && answer.error == 0 && answer.value == 0) {
         call.parked->events = events;
         call.parked->takes = takes;
@@ -32,16 +32,16 @@ Answer WaitFor(Call& call, const std::vector<uint64_t>& events, bool takes, int 
 }  // namespace
 
 Answer CreateEvent(Call& call) {
-    call.As<uint64_t>() = call.model.Events().Create(&call.file);
+    call.As<uint64_t>() = call.cards->Events().Create(&call.file);
     HandleOf(call, "event");
     return Ok();
 }
 
-Answer CloseEvent(Call& call) { return call.model.Events().Close(HandleOf(call, "event")); }
-Answer SetEvent(Call& call) { return call.model.Events().Set(HandleOf(call, "event")); }
-Answer ClearEvent(Call& call) { return call.model.Events().Clear(HandleOf(call, "event")); }
-Answer IsSetEvent(Call& call) { return call.model.Events().IsSet(HandleOf(call, "event")); }
-Answer TryWaitEvent(Call& call) { return call.model.Events().TryWait(HandleOf(call, "event")); }
+Answer CloseEvent(Call& call) { return call.cards->Events().Close(HandleOf(call, "event")); }
+Answer SetEvent(Call& call) { return call.cards->Events().Set(HandleOf(call, "event")); }
+Answer ClearEvent(Call& call) { return call.cards->Events().Clear(HandleOf(call, "event")); }
+Answer IsSetEvent(Call& call) { return call.cards->Events().IsSet(HandleOf(call, "event")); }
+Answer TryWaitEvent(Call& call) { return call.cards->Events().TryWait(HandleOf(call, "event")); }
 
 Answer WaitEvent(Call& call) {
     const auto [event, timeout] = call.As<qv::WaitEventRecord>();
@@ -62,7 +62,7 @@ Answer MultiWaitEvent(Call& call) {
 }
 
 Answer GetDeviceTime(Call& call) {
-    call.As<int64_t>() = call.channel->board->clock.At(call.model.Now());
+    call.As<int64_t>() = call.channel->board->clock.At(call.cards->Now());
     return Ok();
 }
 
@@ -70,22 +70,22 @@ Answer GetDeviceTime(Call& call) {
 Answer SetDeviceTime(Call& call) {
     const int64_t time = call.As<int64_t>();
     call.NoteNumber("time", time);
-    call.channel->board->clock.Set(call.model.Now(), time);
-    call.model.Kick();
+    call.channel->board->clock.Set(call.cards->Now(), time);
+    call.cards.Kick();
     return Ok();
 }
 
 Answer RegisterTimer(Call& call) {
     auto& record = call.As<qv::RegisterTimerRecord>();
     call.NoteHex("event", record.event);
-    if (!call.model.Events().Exists(record.event)) return Refused(EINVAL);
-    record.timer = call.model.DriverTimers().Register(call.channel, &call.file, record.event);
+    if (!call.cards->Events().Exists(record.event)) return Refused(EINVAL);
+    record.timer = call.cards->DriverTimers().Register(call.channel, &call.file, record.event);
     call.NoteHex("timer", record.timer);
     return Ok();
 }
 
 Answer UnregisterTimer(Call& call) {
-    const bool known = call.model.DriverTimers().Unregister(call.channel, HandleOf(call, "timer"));
+    const bool known = call.cards->DriverTimers().Unregister(call.channel, HandleOf(call, "timer"));
     return known ? Ok() : Refused(EINVAL);
 }
 
@@ -93,8 +93,8 @@ Answer ScheduleTimer(Call& call) {
     const auto [timer, expiry] = call.As<qv::ScheduleTimerRecord>();
     call.NoteHex("timer", timer);
     call.NoteNumber("expiry", expiry);
-    if (!call.model.DriverTimers().Schedule(call.channel, timer, expiry)) return Refused(EINVAL);
-    call.model.Kick();
+    if (!call.cards->DriverTimers().Schedule(call.channel, timer, expiry)) return Refused(EINVAL);
+    call.cards.Kick();
     return Ok();
 }
 
@@ -102,16 +102,16 @@ Answer RegisterNotify(Call& call) {
     auto& record = call.As<qv::RegisterNotifyRecord>();
     call.NoteHex("bits", record.enableBits);
     call.NoteHex("event", record.event);
-    if (!call.model.Events().Exists(record.event)) return Refused(EINVAL);
+    if (!call.cards->Events().Exists(record.event)) return Refused(EINVAL);
     record.notify =
-        call.model.Notifies().Register(call.channel, &call.file, record.enableBits, record.event);
+        call.cards->Notifies().Register(call.channel, &call.file, record.enableBits, record.event);
     call.NoteHex("notify", record.notify);
-    call.model.Media().Registered(*call.channel, record.enableBits);
+    call.cards->Media().Registered(*call.channel, record.enableBits);
     return Ok();
 }
 
 Answer UnregisterNotify(Call& call) {
-    const bool known = call.model.Notifies().Unregister(call.channel, HandleOf(call, "notify"));
+    const bool known = call.cards->Notifies().Unregister(call.channel, HandleOf(call, "notify"));
     return known ? Ok() : Refused(EINVAL);
 }
 
@@ -119,7 +119,7 @@ Answer GetNotifyStatus(Call& call) {
     auto& record = call.As<qv::NotifyStatusRecord>();
     call.NoteHex("notify", record.notify);
     uint64_t status = 0;
-    if (!call.model.Notifies().TakeStatus(call.channel, record.notify, status))
+    if (!call.cards->Notifies().TakeStatus(call.channel, record.notify, status))
         return Refused(EINVAL);
     record.statusBits = status;
     call.NoteHex("status", status);

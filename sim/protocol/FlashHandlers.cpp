@@ -97,10 +97,10 @@ Answer EraseFirmwareData(Call& call) {
     NorFlash& flash = *call.channel->flash;
     if (!flash.InRange(offset, size)) return Refused(EINVAL);
     const bool whole = offset % NorFlash::kSector == 0 && size % NorFlash::kSector == 0;
-    if (call.model.Ways().strictErase && !whole) return Refused(EINVAL);
-    if (!Busy(call, Units(size, NorFlash::kSector) * call.model.Delays().erasePerSector))
+    if (call.cards->Ways().strictErase && !whole) return Refused(EINVAL);
+    if (!Busy(call, Units(size, NorFlash::kSector) * call.cards->Delays().erasePerSector))
         return Ok();
-    const Folder::Lock lock = call.model.LockFolder();
+    const Folder::Lock lock = call.cards->LockFolder();
     const uint32_t done = SizeBeforeCut(call, size);
     if (!flash.Erase(offset, done) || !GarbleAfterCut(call, offset, done)) EndForHost();
     constexpr uint8_t kProgrammed = 0x5A;
@@ -114,8 +114,9 @@ Answer WriteFirmwareData(Call& call) {
     NoteRange(call, offset, size);
     NorFlash& flash = *call.channel->flash;
     if (!flash.InRange(offset, size)) return Refused(EINVAL);
-    if (!Busy(call, Units(size, NorFlash::kPage) * call.model.Delays().programPerPage)) return Ok();
-    const Folder::Lock lock = call.model.LockFolder();
+    if (!Busy(call, Units(size, NorFlash::kPage) * call.cards->Delays().programPerPage))
+        return Ok();
+    const Folder::Lock lock = call.cards->LockFolder();
     const auto stuck =
         static_cast<uint8_t>(EffectOf(call.effects, FaultKind::kStuckBits).value_or(0));
     const uint32_t wanted = SizeBeforeCut(call, size);
@@ -147,7 +148,7 @@ Answer ReadFirmwareData(Call& call) {
     NoteRange(call, record.offset, record.size);
     NorFlash& flash = *call.channel->flash;
     if (!flash.InRange(record.offset, record.size)) return Refused(EINVAL);
-    if (!Busy(call, Units(record.size, 1024) * call.model.Delays().readPerKiB)) return Ok();
+    if (!Busy(call, Units(record.size, 1024) * call.cards->Delays().readPerKiB)) return Ok();
     const uint32_t wanted =
         std::min(record.size, EffectOf(call.effects, FaultKind::kShortRead).value_or(record.size));
     const auto flip = EffectOf(call.effects, FaultKind::kFlipBit);

@@ -11,7 +11,7 @@ Answer CreateImage(Call& call) {
     call.NoteNumber("width", record.width);
     call.NoteNumber("height", record.height);
     if (record.width == 0 || record.height == 0) return Refused(EINVAL);
-    const uint64_t image = call.model.ImageHandles().Take();
+    const uint64_t image = call.cards->ImageHandles().Take();
     call.channel->images[image] = 1;
     record.image = image;
     call.NoteHex("image", image);
@@ -36,7 +36,7 @@ Answer CloseImage(Call& call) {
     record.referenceCount = --image->second;
     call.NoteNumber("references", record.referenceCount);
     if (image->second > 0) return Ok();
-    call.model.ImageHandles().Give(image->first);
+    call.cards->ImageHandles().Give(image->first);
     call.channel->images.erase(image);
     return Ok();
 }

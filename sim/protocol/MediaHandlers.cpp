@@ -49,10 +49,11 @@ Answer CheckFrame(Call& call, const qv::VideoCaptureFrameRecord& record) {
 Answer StartVideoCapture(Call& call) {
     const uint64_t event = call.As<uint64_t>();
     call.NoteHex("event", event);
-    if (!call.model.Events().Exists(event)) return Refused(EINVAL);
-    if (call.model.Ways().busyCapture && call.channel->video.running) return Refused(EBUSY);
-    call.model.Media().StartVideo(call.lock, *call.channel, &call.file, event, call.model.Now());
-    call.model.Kick();
+    if (!call.cards->Events().Exists(event)) return Refused(EINVAL);
+    if (call.cards->Ways().busyCapture && call.channel->video.running) return Refused(EBUSY);
+    call.cards->Media().StartVideo(call.cards.Lock(), *call.channel, &call.file, event,
+                                   call.cards->Now());
+    call.cards.Kick();
     return Ok();
 }
 
@@ -72,18 +73,18 @@ Answer CaptureVideoFrame(Call& call) {
     request.size = record.size;
     request.stride = record.stride;
     request.context = record.context;
-    return call.model.Media().RequestFrame(*call.channel, std::move(request), record.frameIndex,
-                                           call.model.Now());
+    return call.cards->Media().RequestFrame(*call.channel, std::move(request), record.frameIndex,
+                                            call.cards->Now());
 }
 
 Answer StopVideoCapture(Call& call) {
-    call.model.Media().StopVideo(call.lock, *call.channel);
+    call.cards->Media().StopVideo(call.cards.Lock(), *call.channel);
     return Ok();
 }
 
 Answer GetVideoCaptureStatus(Call& call) {
     if (!call.channel->video.running) return Refused(EINVAL);
-    const FrameCompletion completion = call.model.Media().TakeCompletion(*call.channel);
+    const FrameCompletion completion = call.cards->Media().TakeCompletion(*call.channel);
     auto& record = call.As<_QVCAP_VIDEO_CAPTURE_STATUS>();
     std::memcpy(record.bytes0, &completion.context, sizeof completion.context);
     std::memcpy(record.bytes0 + 8, &completion.number, sizeof completion.number);
@@ -125,16 +126,16 @@ Answer GetVideoFrameInfo(Call& call) {
 }
 
 Answer StartAudioCapture(Call& call) {
-    if (call.model.Ways().busyCapture && call.channel->audio.running) return Refused(EBUSY);
-    call.model.Media().StartAudio(*call.channel, &call.file, call.model.Now());
-    call.model.Kick();
+    if (call.cards->Ways().busyCapture && call.channel->audio.running) return Refused(EBUSY);
+    call.cards->Media().StartAudio(*call.channel, &call.file, call.cards->Now());
+    call.cards.Kick();
     return Ok();
 }
 
 Answer CaptureAudioFrame(Call& call) {
     // A capture that was not started has no frame ready either.
     std::optional<uint32_t> number;
-    if (call.channel->audio.running) number = call.model.Media().TakeAudio(*call.channel);
+    if (call.channel->audio.running) number = call.cards->Media().TakeAudio(*call.channel);
     if (!number) return Refused(ENODATA);
     auto& frame = call.As<_QVCAP_AUDIO_CAPTURE_FRAME>();
     DrawTone(*number, frame);
@@ -144,7 +145,7 @@ Answer CaptureAudioFrame(Call& call) {
 }
 
 Answer StopAudioCapture(Call& call) {
-    call.model.Media().StopAudio(*call.channel);
+    call.cards->Media().StopAudio(*call.channel);
     return Ok();
 }
 

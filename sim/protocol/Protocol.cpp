@@ -3,7 +3,6 @@
 #include <cerrno>
 #include <chrono>
 #include <cstdio>
-#include <thread>
 
 #include "QVDriverRecords.h"
 
@@ -22,15 +21,15 @@ char LetterOf(uint32_t code) { return static_cast<char>(code >> 8 & 0xFF); }
 
 // What a dead board, a vanished node or a fault makes of the request before any handler sees it.
 Answer Precheck(Call& call) {
-    if (call.model.IsShutDown()) return Refused(ENODEV);
+    if (call.cards->IsShutDown()) return Refused(ENODEV);
     Channel* channel = call.channel;
     const auto slow = EffectOf(call.effects, FaultKind::kSlow);
     if (slow) {
         if (!call.TakeTime(std::chrono::milliseconds(*slow))) return Ok();
-        call.model.NoteMet(FaultKind::kSlow, call.row.name, channel);
+        call.cards->NoteMet(FaultKind::kSlow, call.row.name, channel);
     }
-    if (EffectOf(call.effects, FaultKind::kNodeGone)) call.model.LoseNode(channel);
-    if (call.model.IsGone(channel)) return Refused(ENODEV);
+    if (EffectOf(call.effects, FaultKind::kNodeGone)) call.cards->LoseNode(channel);
+    if (call.cards->IsGone(channel)) return Refused(ENODEV);
     if (channel && channel->board->state->powerLost) return Refused(EIO);
     if (const auto error = EffectOf(call.effects, FaultKind::kRefuse))
         return Refused(static_cast<int>(*error));
@@ -54,7 +53,7 @@ Answer Run(Call& call, uint64_t address) {
         if (call.row.TakesRecord() && !call.memory.Read(address, call.record, call.size))
             return Refused(EFAULT);
     }
-    auto& records = call.channel ? call.channel->lastRecord : call.model.EventRecords();
+    auto& records = call.channel ? call.channel->lastRecord : call.cards->EventRecords();
     if (call.row.TakesRecord() || call.size == 0)
         records[call.row.name] = Bytes(call.record, call.record + call.size);
     if (const Answer early = Precheck(call); early.error || LeftToTheDoor(call)) return early;
@@ -64,7 +63,7 @@ Answer Run(Call& call, uint64_t address) {
         call.channel && EffectOf(call.effects, FaultKind::kPowerLoss).has_value();
     const Answer answer = powerLoss ? CutPower(call) : call.row.handler(call);
     if (LeftToTheDoor(call) || (call.parked && call.parked->ForEvent())) return answer;
-    if (powerLoss) call.model.LosePower(*call.channel->board);
+    if (powerLoss) call.cards->LosePower(*call.channel->board);
     if (const auto late = EffectOf(call.effects, FaultKind::kRefuseLate))
         return Refused(static_cast<int>(*late));
     if (answer.error == 0 && call.row.GivesRecord() &&
@@ -88,52 +87,49 @@ bool Call::TakeTime(std::chrono::microseconds time) {
         parked->delay = time;
         return false;
     }
-    lock.unlock();
-    std::this_thread::sleep_for(time);
-    lock.lock();
+    cards.Sleep(time);
     return true;
 }
 
 Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t address,
                     CallerMemory& memory, ParkedWait* parked) {
-    Model::Lock lock(model.Mutex());
+    Model::Locked cards(model);
     const std::string head = "ioctl " + file.path + " ";
     const Row* row = FindRow(code);
     const char letter = file.kind == NodeKind::kEvents ? 'E' : 'X';
     if (!row || LetterOf(code) != letter || file.kind == NodeKind::kForeign) {
         const Answer answer = Refused(ENOTTY);
-        model.RequestJournal().Write(head + (row ? row->name : HexText(code)), answer);
+        cards->RequestJournal().Write(head + (row ? row->name : HexText(code)), answer);
         return answer;
     }
-    model.CatchUp(file.channel);
-    if (!model.HasRoom()) return Refused(ENOSPC);
+    cards->CatchUp(file.channel);
+    if (!cards->HasRoom()) return Refused(ENOSPC);
     // A request that is served again has been counted.
     const std::vector<FaultEffect> effects = parked && parked->delaysOver > 0
                                                  ? parked->effects
-                                                 : model.MeetFaults(row->name, file.channel);
+                                                 : cards->MeetFaults(row->name, file.channel);
     alignas(8) uint8_t record[kLargestRecord] = {};
-    Call call{model,  lock,        file,    file.channel, *row, memory,
-              record, row->Size(), effects, parked,       {}};
+    Call call{cards, file, file.channel, *row, memory, record, row->Size(), effects, parked, {}};
     Answer answer = Run(call, address);
-    if (!model.KeepSettings(file.channel)) answer = Refused(ENOSPC);
+    if (!cards->KeepSettings(file.channel)) answer = Refused(ENOSPC);
     const std::string line = head + row->name + call.arguments;
     if (LeftToTheDoor(call))
         parked->effects = effects;
     else if (parked && parked->ForEvent())
         parked->line = line;
     else
-        model.RequestJournal().Write(line, answer);
+        cards->RequestJournal().Write(line, answer);
     return answer;
 }
 
 bool AskAgain(Model& model, const ParkedWait& parked, bool last, int error, Answer& answer) {
-    Model::Lock lock(model.Mutex());
-    EventTable& events = model.Events();
+    Model::Locked cards(model);
+    EventTable& events = cards->Events();
     answer = error          ? Refused(error)
-             : parked.takes ? events.Wait(lock, parked.events[0], 0)
-                            : events.WaitSeveral(lock, parked.events, 0);
+             : parked.takes ? events.Wait(cards.Lock(), parked.events[0], 0)
+                            : events.WaitSeveral(cards.Lock(), parked.events, 0);
     if (!last && answer.error == 0 && answer.value == 0) return false;
-    model.RequestJournal().Write(parked.line, answer);
+    cards->RequestJournal().Write(parked.line, answer);
     return true;
 }
 

@@ -40,10 +40,9 @@ struct ParkedWait {
     }
 };
 
-// One request on its way through a handler; the model's lock is held.
+// One request on its way through a handler.
 struct Call {
-    Model& model;
-    Model::Lock& lock;
+    Model::Locked& cards;
     OpenFile& file;
     Channel* channel;  // null on the event node
     const Row& row;

@@ -102,7 +102,7 @@ bool IsListed(const Call& call) {
 
 Answer SetRecordValue(Call& call) {
     NoteRecord(call);
-    if (call.model.Ways().strictValues && !IsListed(call)) return Refused(EINVAL);
+    if (call.cards->Ways().strictValues && !IsListed(call)) return Refused(EINVAL);
     call.channel->settings.Put(call.row.key, Bytes(call.record, call.record + call.size));
     return Ok();
 }

@@ -36,7 +36,8 @@ class UsbServer {
     // empty text, or why not. Ends early, see Stopped(), when `stop` is readable.
     std::string Start(int stop);
     // Serves until `stop`, the same, is readable, and takes orders from `orders` (-1: none) until
-    // that ends. All devices are unplugged when it returns. An empty text, or what ended it before.
+    // that ends. All devices are unplugged when it returns. Returns an
+    // error message, empty when it was ended.
     std::string Run(int orders);
     // `stop` was readable.
     bool Stopped() const { return m_stopped; }

@@ -15,7 +15,7 @@ TEST_F(CuseTest, ASlowCardHoldsUpNobodyButItsCaller) {
     uint64_t slow = 0;
     uint64_t quick = 0;
     {
-        const std::lock_guard both(m_model->Mutex());  // are there before either is served
+        const Model::Locked both(*m_model);  // are there before either is served
         slow = Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kGetTemperature.code, &temperature));
         quick = Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kGetChannelInfo.code, &info));
     }
@@ -46,7 +46,7 @@ TEST_F(CuseTest, FlashWorkIsDoneWhenItsTimeHasPassed) {
     uint64_t erasing = 0;
     uint64_t reading = 0;
     {
-        const std::lock_guard both(m_model->Mutex());  // are there before either is served
+        const Model::Locked both(*m_model);  // are there before either is served
         erasing = Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kEraseFirmwareData.code, &erase));
         reading = Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kReadFirmwareData.code, &read));
     }
@@ -69,7 +69,7 @@ TEST_F(CuseTest, APowerCutComesWhenTheFlashIsAtWork) {
     _QVCAP_CHANNEL_INFO info{};
     uint64_t erasing = 0;
     {
-        const std::lock_guard both(m_model->Mutex());  // are there before either is served
+        const Model::Locked both(*m_model);  // are there before either is served
         erasing = Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kEraseFirmwareData.code, &erase));
         Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kGetChannelInfo.code, &info));
     }
@@ -143,7 +143,7 @@ TEST_F(CuseTest, ACloseComesBeforeWhatItsProcessAsksOfAnotherNodeNext) {
     m_rig.ClearJournal();
     {
         // Held up in a request, the server finds both in one go, in the wrong order.
-        const std::lock_guard busy(m_model->Mutex());
+        const Model::Locked busy(*m_model);
         Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kIsSetEvent.code, &event));
         AwaitHeldUp(kEvents);
         Send(kEvents, FUSE_IOCTL, Ioctl(events, qv::kSetEvent.code, &event));
@@ -179,7 +179,7 @@ TEST_F(CuseTest, WhatWasSentBeforeTheEndIsStillServed) {
     fuse_release_in release{};
     release.fh = Open(kVideo);
     {
-        const std::lock_guard busy(m_model->Mutex());
+        const Model::Locked busy(*m_model);
         _QVCAP_CHANNEL_INFO info{};
         Send(kVideo, FUSE_IOCTL, Ioctl(release.fh, qv::kGetChannelInfo.code, &info));
         AwaitHeldUp(kVideo);

@@ -7,6 +7,7 @@
 
 #include "gmock/gmock.h"
 #include "sim/Requests.h"
+#include "support/Recorder.h"
 #include "support/SimRig.h"
 
 namespace qvsim {
@@ -281,24 +282,14 @@ class Held {
   public:
     FrameSink Sink() {
         return [gate = m_gate](uint64_t, const void*, uint32_t) {
-            std::unique_lock lock(gate->mutex);
-            gate->changed.wait(lock, [&] { return gate->free; });
+            gate->Pass();
             return true;
         };
     }
-    void Free() {
-        const std::lock_guard lock(m_gate->mutex);
-        m_gate->free = true;
-        m_gate->changed.notify_all();
-    }
+    void Free() { m_gate->Open(); }
 
   private:
-    struct Gate {
-        std::mutex mutex;
-        std::condition_variable changed;
-        bool free = false;
-    };
-    std::shared_ptr<Gate> m_gate = std::make_shared<Gate>();
+    std::shared_ptr<qvtest::Gate> m_gate = std::make_shared<qvtest::Gate>();
 };
 
 TEST_F(MediaTest, AFrameThatIsThereAlreadyCountsAmongThoseInWork) {
@@ -308,15 +299,16 @@ TEST_F(MediaTest, AFrameThatIsThereAlreadyCountsAmongThoseInWork) {
     int error = 0;
     const std::shared_ptr<OpenFile> file = model.Open("/dev/video0", error);
     ASSERT_TRUE(file);
-    Model::Lock lock(model.Mutex());
-    const auto ask = [&] {
-        return model.Media()
-            .RequestFrame(*file->channel, {held.Sink(), kSize, kStride}, -2, 0)
-            .error;
-    };
-    for (int i = 0; i < 64; ++i) ASSERT_EQ(0, ask());
-    EXPECT_EQ(EBUSY, ask());
-    lock.unlock();
+    {
+        const Model::Locked cards(model);
+        const auto ask = [&] {
+            return cards->Media()
+                .RequestFrame(*file->channel, {held.Sink(), kSize, kStride}, -2, 0)
+                .error;
+        };
+        for (int i = 0; i < 64; ++i) ASSERT_EQ(0, ask());
+        EXPECT_EQ(EBUSY, ask());
+    }
     held.Free();
     ASSERT_EQ(1, m_events->Wait(m_done, -1));
     EXPECT_EQ(0, Capture(-2));

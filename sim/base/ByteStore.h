@@ -17,7 +17,7 @@ class ByteStore {
     ~ByteStore();
 
     // Without a file the bytes are in memory. A missing one is made when first written to; with
-    // `readOnly` it stays missing. An empty text or what went wrong.
+    // `readOnly` it stays missing. Returns an error message, empty on success.
     std::string Open(const std::string& path, bool readOnly);
 
     size_t Length() const;

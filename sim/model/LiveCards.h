@@ -1,0 +1,167 @@
+// The simulated cards as they are: boards, flash, open nodes, events, timers, faults, journal.
+//
+// What requests do is done to these, and one thread at a time may: Model holds the lock, and only
+// Model::Locked gives them out. Knows nothing of request numbers, of threads, nor of how a caller
+// gets here.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "Card.h"
+#include "EventTable.h"
+#include "FaultSet.h"
+#include "Folder.h"
+#include "Journal.h"
+#include "MediaSource.h"
+#include "Notifications.h"
+#include "Timers.h"
+
+namespace qvsim {
+
+// What is alive; everything is 0 when a caller has cleaned up after itself.
+struct Alive {
+    size_t files = 0;
+    size_t events = 0;
+    size_t notifications = 0;
+    size_t timers = 0;
+    size_t images = 0;
+    size_t pinnedBuffers = 0;
+    size_t captures = 0;  // video and audio captures started and not stopped
+    size_t frames = 0;    // asked for, and may still be written into the caller's memory
+    bool operator==(const Alive&) const = default;
+};
+
+class LiveCards {
+  public:
+    using Lock = EventTable::Lock;
+
+    // `mutex`: the one that is held in every call; the thread that writes pictures takes it.
+    explicit LiveCards(std::mutex& mutex) : m_media(mutex, m_events, m_notifications) {}
+    // Once, before anything else: the cards of a state directory, or cards with blank flash that
+    // live in this process alone, without a directory and a journal. Returns an error message,
+    // empty on success.
+    std::string Load(const std::string& dir);
+    std::string LayOut(CardsState state);
+    LiveCards(const LiveCards&) = delete;
+    LiveCards& operator=(const LiveCards&) = delete;
+
+    // Empty: in memory alone.
+    std::string Dir() const { return m_folder ? m_folder->Dir() : std::string(); }
+    const CardsState& State() const { return m_state; }
+    const Latencies& Delays() const { return m_state.latencies; }
+    const DriverWays& Ways() const { return m_state.driver; }
+    // Takes over what other processes on the folder have changed since the last look. Null: nothing
+    // of a channel.
+    void CatchUp(Channel* channel);
+    // Writes down what a request set. False: the disk is full, and nothing was set.
+    bool KeepSettings(Channel* channel);
+    // Whether a request can be written down. False, and said once, when the disk is full.
+    bool HasRoom();
+    // Held while files of the folder change.
+    Folder::Lock LockFolder() { return Folder::Lock(m_folder.get()); }
+
+    // --- nodes: paths in /dev, and the files that are open on them ----------------------------
+    bool Exists(const std::string& path);
+    // Names in /dev that exist: "video0", "qv-event".
+    std::vector<std::string> NodeNames();
+    // Null: the event node, another driver's, or none at all.
+    Channel* ChannelOfNode(const std::string& path);
+    // Why such a node cannot be opened, faults aside; 0 when it can.
+    int OpenError(const std::string& path, const Channel* owner) const;
+    // What the faults that an open met make of it: an errno, or 0.
+    int OpenFault(const std::string& path, const std::vector<FaultEffect>& effects, Channel* owner);
+    std::shared_ptr<OpenFile> AddFile(const std::string& path, const std::string& record);
+    // See the functions of these names in Model.h.
+    std::shared_ptr<OpenFile> Adopt(const std::string& link);
+    int MakeDescriptor(int flags, std::string& record);
+    void DropDescriptor(const std::string& record);
+    void JournalOpen(const std::string& path, int descriptor, int error);
+    void JournalOpen(OpenFile& file, const std::string& record, int descriptor);
+    void Close(Lock& lock, const std::shared_ptr<OpenFile>& file, int descriptor);
+    // Null when there is no such channel; boards by index, channels by position on their board.
+    Channel* FindChannel(int board, int channel);
+
+    // --- faults and power ---------------------------------------------------------------------
+    // Counts a request, or an "open", on every fault; what hits it. Null: the event node. What is
+    // met is written down in the folder of the cards, except for kSlow: only when the caller has
+    // let the time pass, by NoteMet().
+    std::vector<FaultEffect> MeetFaults(const std::string& request, const Channel* channel);
+    void NoteMet(FaultKind kind, const std::string& request, const Channel* channel) const;
+    void AddFault(const Fault& fault);
+    void ClearFaults();
+    void PowerCycle();
+    // The board is dead from now on, for every process.
+    void LosePower(Board& board);
+    // A node vanishes until the next power cycle. Null: the event node.
+    void LoseNode(Channel* channel);
+    bool IsGone(const Channel* channel) const {
+        return channel ? channel->state->gone : m_state.eventNodeGone;
+    }
+    bool IsShutDown() const { return m_shutDown; }
+    // Ends every wait with ENODEV, now and in future.
+    void ShutDown();
+
+    // --- what requests work on ----------------------------------------------------------------
+    EventTable& Events() { return m_events; }
+    Notifications& Notifies() { return m_notifications; }
+    Timers& DriverTimers() { return m_timers; }
+    MediaSource& Media() { return m_media; }
+    HandlePool& ImageHandles() { return m_imageHandles; }
+    Journal& RequestJournal() { return m_journal; }
+    // Records as they came to the event node, by request.
+    std::map<std::string, Bytes>& EventRecords() { return m_eventRecords; }
+    Bytes LastRecord(int board, int channel, const std::string& request);
+    void SetRecord(int board, int channel, const std::string& key, const Bytes& record);
+    Alive CountAlive() const;
+
+    // --- time ---------------------------------------------------------------------------------
+    TimeSource& Time() { return m_time; }
+    int64_t Now() const { return m_time.Now(); }
+    // Lets everything happen that is due; clock units until the next such thing, if any.
+    std::optional<int64_t> RunDue();
+    // In a child after fork(): threads and waiters are the parent's.
+    void BeginInChild();
+
+  private:
+    std::string Build();
+    std::string BuildBoard(BoardState& state);
+    void TakeOnDriverWays();
+    bool IsForeign(const std::string& path) const;
+    static NodeKind KindOf(const std::string& path, const Channel* owner);
+    void TakeOverState(const CardsState& fresh);
+    // Changes the state of the folder for all its processes. False when it cannot be written: then
+    // this process goes on with it alone.
+    template <class Change>
+    bool ChangeState(Change change);
+    void Complain(const std::string& what, int error);
+    uint32_t& SettingsGeneration(const Channel& channel) const;
+    bool OpenSettings(Channel& channel) const;
+    std::string LoadSettings(Channel& channel) const;
+    std::string SettingsPath(const Channel& channel) const;
+
+    std::unique_ptr<Folder> m_folder;  // null: in memory alone
+    CardsState m_state;
+    uint32_t m_generation = 0;  // of the state file that is in `m_state`
+    std::vector<std::unique_ptr<Board>> m_boards;
+    std::vector<std::unique_ptr<Channel>> m_channels;
+    std::vector<std::shared_ptr<OpenFile>> m_files;
+    TimeSource m_time;
+    EventTable m_events;
+    Notifications m_notifications;
+    Timers m_timers;
+    MediaSource m_media;
+    FaultSet m_faults;
+    Journal m_journal;
+    std::map<std::string, Bytes> m_eventRecords;
+    HandlePool m_imageHandles{0x4001};
+    bool m_shutDown = false;
+    bool m_complained = false;
+};
+
+}  // namespace qvsim
