@@ -8,8 +8,7 @@
 #include <vector>
 
 #include "Files.h"
-#include "Toml.h"
-#include "Words.h"
+#include "TomlTable.h"
 
 namespace qvf {
 namespace {
@@ -17,179 +16,125 @@ namespace {
 constexpr char kDescriptionName[] = "description.toml";
 constexpr char kTrailingName[] = "trailing.bin";
 
-// One table of a description, which may have only the known keys: returns its values.
-class Table {
-  public:
-    Table(const std::string& path, const toml::table& table, const std::vector<std::string>& known)
-        : m_path(path), m_table(table) {
-        for (const auto& [key, node] : m_table) {
-            const std::string word(key.str());
-            if (std::find(known.begin(), known.end(), word) == known.end())
-                Fail(node, "'" + word + "' is not known here" + KnownWords(word, known));
-        }
-    }
+// Hexadecimal digits for exactly the bytes of the array; zeros when the key is missing.
+template <size_t kSize>
+void ReadHex(const TomlTable& table, const std::string& key, std::array<uint8_t, kSize>& out) {
+    const toml::node* node = table.Find(key);
+    if (node == nullptr) return;
+    const std::string digits = TomlTable::TextOf(*node, key);
+    if (digits.size() != 2 * kSize || !std::all_of(digits.begin(), digits.end(), [](char c) {
+            return std::isxdigit(static_cast<unsigned char>(c)) != 0;
+        }))
+        throw TomlMistake(*node, key + " is " + std::to_string(2 * kSize) + " hexadecimal digits");
+    for (size_t i = 0; i < kSize; ++i)
+        out[i] = static_cast<uint8_t>(std::stoi(digits.substr(2 * i, 2), nullptr, 16));
+}
 
-    [[noreturn]] void Fail(const toml::node& at, const std::string& what) const {
-        throw Mistake(m_path + ":" + std::to_string(at.source().begin.line) + ": " + what);
-    }
+uint32_t NumberOf(const toml::node& node, const std::string& key, uint32_t most) {
+    return static_cast<uint32_t>(TomlTable::IntegerOf(node, key, 0, most));
+}
 
-    const toml::node* Find(const std::string& key) const { return m_table.get(key); }
-    const toml::node& Need(const std::string& key) const {
-        const toml::node* node = Find(key);
-        if (node == nullptr) Fail(m_table, "'" + key + "' is missing");
-        return *node;
+// The bytes of a file that a text names, beside the description.
+Bytes ContentOf(const toml::node& node, const std::string& key, const std::string& description) {
+    const std::filesystem::path folder = std::filesystem::path(description).parent_path();
+    const std::string file = (folder / TomlTable::TextOf(node, key)).string();
+    try {
+        return ReadFile(file);
+    } catch (const Mistake& mistake) {
+        throw TomlMistake(node, mistake.what());
     }
-
-    uint32_t Number(const toml::node& node, const std::string& key, uint32_t most) const {
-        const auto value = node.value_exact<int64_t>();
-        if (!value || *value < 0 || *value > int64_t{most})
-            Fail(node, "'" + key + "' is a number from 0 to " + std::to_string(most));
-        return static_cast<uint32_t>(*value);
-    }
-    uint32_t NeedNumber(const std::string& key, uint32_t most) {
-        return Number(Need(key), key, most);
-    }
-
-    std::string Text(const toml::node& node, const std::string& key) const {
-        const auto value = node.value_exact<std::string>();
-        if (!value) Fail(node, "'" + key + "' is a text in quotation marks");
-        return *value;
-    }
-
-    // Hexadecimal digits for exactly the bytes of the array; zeros when the key is missing.
-    template <size_t kSize>
-    void Hex(const std::string& key, std::array<uint8_t, kSize>& out) {
-        const toml::node* node = Find(key);
-        if (node == nullptr) return;
-        const std::string digits = Text(*node, key);
-        if (digits.size() != 2 * kSize || !std::all_of(digits.begin(), digits.end(), [](char c) {
-                return std::isxdigit(static_cast<unsigned char>(c)) != 0;
-            }))
-            Fail(*node, "'" + key + "' is " + std::to_string(2 * kSize) + " hexadecimal digits");
-        for (size_t i = 0; i < kSize; ++i)
-            out[i] = static_cast<uint8_t>(std::stoi(digits.substr(2 * i, 2), nullptr, 16));
-    }
-
-    // The bytes of a named file in the description's folder.
-    Bytes Content(const toml::node& node, const std::string& key) const {
-        const std::filesystem::path folder = std::filesystem::path(m_path).parent_path();
-        const std::string file = (folder / Text(node, key)).string();
-        try {
-            return ReadFile(file);
-        } catch (const Mistake& mistake) {
-            Fail(node, mistake.what());
-        }
-    }
-
-  private:
-    const std::string& m_path;
-    const toml::table& m_table;
-};
-
-// "1.2", both from 0 to 65535.
-uint32_t FirmwareVersion(Table& table) {
-    const toml::node& node = table.Need("firmware");
-    const std::string text = table.Text(node, "firmware");
-    const size_t dot = text.find('.');
-    uint32_t parts[2] = {};
-    for (int i = 0; i < 2; ++i) {
-        const std::string part =
-            i == 0 ? text.substr(0, dot) : text.substr(std::min(text.size(), dot + 1));
-        if (dot == text.npos || part.empty() || part.size() > 5 ||
-            part.find_first_not_of("0123456789") != part.npos || std::stoul(part) > 0xFFFF)
-            table.Fail(node, "'firmware' is \"major.minor\", each from 0 to 65535");
-        parts[i] = static_cast<uint32_t>(std::stoul(part));
-    }
-    return parts[0] << 16 | parts[1];
 }
 
 // One character in quotation marks, or its number.
-uint8_t HardwareVersion(Table& table) {
+uint8_t HardwareVersion(const TomlTable& table) {
     const toml::node& node = table.Need("hardware");
-    if (node.is_integer()) return static_cast<uint8_t>(table.Number(node, "hardware", 255));
+    if (node.is_integer()) return static_cast<uint8_t>(NumberOf(node, "hardware", 255));
     const auto text = node.value_exact<std::string>();
     if (!text || text->size() != 1)
-        table.Fail(node, "'hardware' is one character in quotation marks or its number");
+        throw TomlMistake(node, "hardware is one character in quotation marks or its number");
     return static_cast<uint8_t>((*text)[0]);
 }
 
-void ReadName(Table& table, Section& section) {
+void ReadName(const TomlTable& table, Section& section) {
     const toml::node* hex = table.Find("name_hex");
     if (hex != nullptr) {
         if (const toml::node* name = table.Find("name"))
-            table.Fail(*name, "either 'name' or 'name_hex', not both");
-        table.Hex("name_hex", section.name);
+            throw TomlMistake(*name, "either name or name_hex, not both");
+        ReadHex(table, "name_hex", section.name);
         return;
     }
     const toml::node& node = table.Need("name");
-    const std::string name = table.Text(node, "name");
+    const std::string name = TomlTable::TextOf(node, "name");
     if (name.size() >= kNameLength)
-        table.Fail(node,
-                   "'name' has at most 15 characters; use 'name_hex' for 16 bytes as they are");
+        throw TomlMistake(node,
+                          "name has at most 15 characters; use name_hex for 16 bytes as they are");
     std::copy(name.begin(), name.end(), section.name.begin());
 }
 
-// A file's bytes; or, for a clear section, whose data reaches no card, `size` bytes of `fill`.
-Bytes SectionData(Table& table, const Section& section) {
+// A file's bytes; or, for a section that is cleared and whose data no card gets, as many as wanted
+// of one value.
+Bytes SectionData(const std::string& path, const TomlTable& table, const Section& section) {
     const toml::node* size = table.Find("size");
     const toml::node* fill = table.Find("fill");
     if (size == nullptr) {
-        if (fill != nullptr) table.Fail(*fill, "'fill' goes with 'size'");
+        if (fill != nullptr) throw TomlMistake(*fill, "fill goes with size");
         const toml::node& file = table.Need("file");
-        Bytes data = table.Content(file, "file");
-        if (data.size() > 0xFFFFFFFFu) table.Fail(file, "the file has 4 GiB or more");
+        Bytes data = ContentOf(file, "file", path);
+        if (data.size() > 0xFFFFFFFFu) throw TomlMistake(file, "the file has 4 GiB or more");
         return data;
     }
     if (const toml::node* file = table.Find("file"))
-        table.Fail(*file, "either 'file' or 'size', not both");
+        throw TomlMistake(*file, "either file or size, not both");
     if (!section.IsClear())
-        table.Fail(*size,
-                   "'size' is for clear sections alone; what is written comes from a 'file'");
-    const uint32_t count = table.Number(*size, "size", 0xFFFFFFFF);
-    const uint32_t value = fill == nullptr ? 0xFF : table.Number(*fill, "fill", 0xFF);
+        throw TomlMistake(*size,
+                          "size is for clear sections alone; what is written comes from a file");
+    const uint32_t count = NumberOf(*size, "size", 0xFFFFFFFF);
+    const uint32_t value = fill == nullptr ? 0xFF : NumberOf(*fill, "fill", 0xFF);
     if (uint64_t{count} > std::numeric_limits<size_t>::max() / 4)
-        table.Fail(*size, "'size' is too large for this computer's memory");
+        throw TomlMistake(*size, "size is too large for this computer's memory");
     return Bytes(count, static_cast<uint8_t>(value));
 }
 
 Section ReadSection(const std::string& path, const toml::table& toml) {
-    Table table(path, toml, {"name", "name_hex", "address", "file", "size", "fill", "reserved24"});
+    const TomlTable table(toml,
+                          {"name", "name_hex", "address", "file", "size", "fill", "reserved24"});
     Section section;
     ReadName(table, section);
-    section.address = table.NeedNumber("address", 0xFFFFFFFF);
-    section.data = SectionData(table, section);
+    section.address = NumberOf(table.Need("address"), "address", 0xFFFFFFFF);
+    section.data = SectionData(path, table, section);
     section.size = static_cast<uint32_t>(section.data.size());
-    table.Hex("reserved24", section.reserved24);
+    ReadHex(table, "reserved24", section.reserved24);
     return section;
 }
 
-void ReadSections(const std::string& path, Table& table, Package& package) {
+void ReadSections(const std::string& path, const TomlTable& table, Package& package) {
     const toml::node* node = table.Find("section");
     if (node == nullptr) return;
     const toml::array* entries = node->as_array();
-    if (entries == nullptr) table.Fail(*node, "'section' is a list of tables: [[section]]");
+    if (entries == nullptr) throw TomlMistake(*node, "section is a list of tables: [[section]]");
     for (const toml::node& entry : *entries) {
-        if (!entry.is_table()) table.Fail(entry, "'section' is a list of tables: [[section]]");
+        if (!entry.is_table()) throw TomlMistake(entry, "section is a list of tables: [[section]]");
         if (package.sections.size() == kMaxSections)
-            table.Fail(entry, "a package has at most 16 sections");
+            throw TomlMistake(entry, "a package has at most 16 sections");
         package.sections.push_back(ReadSection(path, *entry.as_table()));
     }
 }
 
 Package FromTable(const std::string& path, const toml::table& toml) {
-    Table table(path, toml,
-                {"product_code", "hardware", "firmware", "compatibility", "reserved4", "reserved15",
-                 "reserved20", "trailing", "section"});
+    const TomlTable table(toml, {"product_code", "hardware", "firmware", "compatibility",
+                                 "reserved4", "reserved15", "reserved20", "trailing", "section"});
     Package package;
-    package.productCode = static_cast<uint16_t>(table.NeedNumber("product_code", 0xFFFF));
+    package.productCode =
+        static_cast<uint16_t>(NumberOf(table.Need("product_code"), "product_code", 0xFFFF));
     package.hardwareVersion = HardwareVersion(table);
-    package.firmwareVersion = FirmwareVersion(table);
-    package.compatibilityCode = static_cast<uint16_t>(table.NeedNumber("compatibility", 0xFFFF));
-    table.Hex("reserved4", package.reserved4);
-    table.Hex("reserved15", package.reserved15);
-    table.Hex("reserved20", package.reserved20);
+    package.firmwareVersion = TomlTable::VersionOf(table.Need("firmware"), "firmware");
+    package.compatibilityCode =
+        static_cast<uint16_t>(NumberOf(table.Need("compatibility"), "compatibility", 0xFFFF));
+    ReadHex(table, "reserved4", package.reserved4);
+    ReadHex(table, "reserved15", package.reserved15);
+    ReadHex(table, "reserved20", package.reserved20);
     if (const toml::node* trailing = table.Find("trailing"))
-        package.trailing = table.Content(*trailing, "trailing");
+        package.trailing = ContentOf(*trailing, "trailing", path);
     package.trailingSize = package.trailing.size();
     ReadSections(path, table, package);
     return package;
@@ -202,7 +147,7 @@ std::string HexLine(const char* key, const std::array<uint8_t, kSize>& bytes) {
     return line + "\"\n";
 }
 
-// A description without the key gives zeros.
+// Zeros are what a description without the key makes.
 template <size_t kSize>
 std::string ReservedLine(const char* key, const std::array<uint8_t, kSize>& bytes) {
     return bytes == std::array<uint8_t, kSize>{} ? "" : HexLine(key, bytes);
@@ -222,7 +167,7 @@ std::string HardwareValue(uint8_t version) {
     return text.size() == 1 ? Quoted(text) : std::to_string(version);
 }
 
-// "01-Factory.Main.bin": unique by its number, whatever the section's name.
+// "01-Factory.Main.bin": unique by its number, whatever the name holds.
 std::string DataFileName(size_t number, const Section& section) {
     std::string name = (number < 10 ? "0" : "") + std::to_string(number) + "-";
     for (const char c : section.NameText())
@@ -243,15 +188,11 @@ std::string SectionText(const Section& section, const std::string& file) {
 Package ReadDescription(const std::string& path) {
     const Bytes bytes = ReadFile(path);
     const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-    try {
-        const toml::table table = ParseToml(text, path);
-        return FromTable(path, table);
-    } catch (const toml::parse_error& error) {
-        throw Mistake(path + ":" + std::to_string(error.source().begin.line) + ": " +
-                      std::string(error.description()));
-    } catch (const std::logic_error& error) {
-        throw Mistake(path + ":" + error.what());
-    }
+    Package package;
+    const auto mistake =
+        ReadToml(text, path, [&](const toml::table& root) { package = FromTable(path, root); });
+    if (mistake) throw Mistake(mistake->In(path));
+    return package;
 }
 
 void WriteDescription(const Package& package, const NewFolder& folder) {

@@ -108,50 +108,51 @@ TEST_F(CreateTest, EveryMistakeNamesFileAndLine) {
         std::string text;
         const char* message;
     } kRows[] = {
-        {"", "d.toml:1: 'product_code' is missing"},
+        {"", "d.toml:1: product_code is missing"},
         {"a = [\n", "d.toml:"},
-        {"product_code = 0x10000\n", "d.toml:1: 'product_code' is a number from 0 to 65535"},
-        {"product_code = -1\n", "d.toml:1: 'product_code' is a number from 0 to 65535"},
-        {"product_code = \"1\"\n", "d.toml:1: 'product_code' is a number"},
-        {"\nproduct_code = 1\n\nhardware = \"AB\"\n", "d.toml:4: 'hardware' is one character"},
-        {"product_code = 1\nhardware = 256\n", "d.toml:2: 'hardware' is a number from 0 to 255"},
-        {"product_code = 1\nhardware = \"\"\n", "d.toml:2: 'hardware'"},
-        {"product_code = 1\nhardware = true\n", "d.toml:2: 'hardware'"},
+        {"product_code = 0x10000\n", "d.toml:1: product_code is a whole number from 0 to 65535"},
+        {"product_code = -1\n", "d.toml:1: product_code is a whole number from 0 to 65535"},
+        {"product_code = \"1\"\n", "d.toml:1: product_code is a whole number"},
+        {"\nproduct_code = 1\n\nhardware = \"AB\"\n", "d.toml:4: hardware is one character"},
+        {"product_code = 1\nhardware = 256\n",
+         "d.toml:2: hardware is a whole number from 0 to 255"},
+        {"product_code = 1\nhardware = \"\"\n", "d.toml:2: hardware is"},
+        {"product_code = 1\nhardware = true\n", "d.toml:2: hardware is"},
         {std::string(kPlain) + "color = 3\n",
-         "d.toml:5: 'color' is not known here; known are: product_code, hardware, "
+         "d.toml:5: unknown key 'color'; known are: product_code, hardware, "
          "firmware, compatibility, reserved4, reserved15, reserved20, "
          "trailing, section"},
         // Not that the right one is missing.
-        {"product_cod = 1\n",
-         "d.toml:1: 'product_cod' is not known here; misspelt for 'product_code'?"},
-        {std::string(kPlain) + "reserved4 = \"00\"\n", "d.toml:5: 'reserved4' is 8 hexadecimal"},
-        {std::string(kPlain) + "reserved15 = \"0g\"\n", "d.toml:5: 'reserved15' is 2 hexadecimal"},
-        {std::string(kPlain) + "reserved20 = 5\n", "d.toml:5: 'reserved20' is a text"},
+        {"product_cod = 1\n", "d.toml:1: unknown key 'product_cod'; misspelt for 'product_code'?"},
+        {std::string(kPlain) + "reserved4 = \"00\"\n", "d.toml:5: reserved4 is 8 hexadecimal"},
+        {std::string(kPlain) + "reserved15 = \"0g\"\n", "d.toml:5: reserved15 is 2 hexadecimal"},
+        {std::string(kPlain) + "reserved20 = 5\n", "d.toml:5: reserved20 is a text"},
         {std::string(kPlain) + "trailing = \"no.bin\"\n", "d.toml:5: no.bin: cannot be opened"},
-        {std::string(kPlain) + "section = 3\n", "d.toml:5: 'section' is a list of tables"},
-        {std::string(kPlain) + "section = [3]\n", "d.toml:5: 'section' is a list of tables"},
-        {kPlain + section + "address = 1\n", "d.toml:5: 'name' is missing"},
-        {kPlain + section + "name = \"n\"\n", "d.toml:5: 'address' is missing"},
+        {std::string(kPlain) + "section = 3\n", "d.toml:5: section is a list of tables"},
+        {std::string(kPlain) + "section = [3]\n", "d.toml:5: section is a list of tables"},
+        {kPlain + section + "address = 1\n", "d.toml:5: name is missing"},
+        {kPlain + section + "name = \"n\"\n", "d.toml:5: address is missing"},
         {kPlain + section + "name = \"n\"\naddress = 0x100000000\n",
-         "d.toml:7: 'address' is a num"},
-        {kPlain + section + "name = \"n\"\naddress = 1\n", "d.toml:5: 'file' is missing"},
+         "d.toml:7: address is a whole num"},
+        {kPlain + section + "name = \"n\"\naddress = 1\n", "d.toml:5: file is missing"},
         {kPlain + section + "name = \"n\"\naddress = 1\nfile = \"no.bin\"\n",
          "d.toml:8: no.bin: cannot be opened: No such file"},
         {kPlain + section + "name = \"n\"\naddress = 1\nfile = \".\"\n", "d.toml:8: "},
-        {kPlain + section + "name = \"1234567890123456\"\n", "d.toml:6: 'name' has at most 15"},
-        {kPlain + section + "name_hex = \"00\"\n", "d.toml:6: 'name_hex' is 32 hexadecimal"},
-        {kPlain + section + "name = \"n\"\nname_hex = \"00\"\n", "d.toml:6: either 'name' or"},
+        {kPlain + section + "name = \"1234567890123456\"\n", "d.toml:6: name has at most 15"},
+        {kPlain + section + "name_hex = \"00\"\n", "d.toml:6: name_hex is 32 hexadecimal"},
+        {kPlain + section + "name = \"n\"\nname_hex = \"00\"\n", "d.toml:6: either name or"},
         {kPlain + section + "name = \"n\"\naddress = 0\nfile = \"f.bin\"\ncolor = 1\n",
-         "d.toml:9: 'color' is not known here; known are: name, name_hex, address, file, size, "
+         "d.toml:9: unknown key 'color'; known are: name, name_hex, address, file, size, "
          "fill, "
          "reserved24"},
         {kPlain + section + "name = \"n\"\naddress = 0\nsize = 1\n",
-         "d.toml:8: 'size' is for clear sections alone"},
-        {kPlain + clear + "file = \"f.bin\"\nsize = 1\n", "d.toml:8: either 'file' or 'size'"},
-        {kPlain + clear + "fill = 1\n", "d.toml:8: 'fill' goes with 'size'"},
-        {kPlain + clear + "size = 1\nfill = 256\n", "d.toml:9: 'fill' is a number from 0 to 255"},
-        {kPlain + clear + "size = -1\n", "d.toml:8: 'size' is a number from 0 to 4294967295"},
-        {kPlain + clear, "d.toml:5: 'file' is missing"},
+         "d.toml:8: size is for clear sections alone"},
+        {kPlain + clear + "file = \"f.bin\"\nsize = 1\n", "d.toml:8: either file or size"},
+        {kPlain + clear + "fill = 1\n", "d.toml:8: fill goes with size"},
+        {kPlain + clear + "size = 1\nfill = 256\n",
+         "d.toml:9: fill is a whole number from 0 to 255"},
+        {kPlain + clear + "size = -1\n", "d.toml:8: size is a whole number from 0 to 4294967295"},
+        {kPlain + clear, "d.toml:5: file is missing"},
     };
     for (const auto& row : kRows)
         EXPECT_THAT(Refused(row.text), StartsWith(std::string("qvftool: ") + row.message))
@@ -163,7 +164,7 @@ TEST_F(CreateTest, AVersionIsTwoNumbersOf16Bits) {
                                 "-1.0", "1. 2", "000001.1"})
         EXPECT_THAT(Refused("product_code = 1\nhardware = \"A\"\nfirmware = \"" +
                             std::string(version) + "\"\ncompatibility = 1\n"),
-                    HasSubstr("d.toml:3: 'firmware' is \"major.minor\""))
+                    HasSubstr("d.toml:3: firmware is \"major.minor\""))
             << version;
     EXPECT_EQ(0, Create("product_code = 1\nhardware = \"A\"\nfirmware = \"65535.65535\"\n"
                         "compatibility = 1\n")
