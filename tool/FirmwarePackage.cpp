@@ -92,7 +92,7 @@ void PrintVersion(char (&text)[kVersionTextSize], uint32_t version) {
 
 int InitialQVFList() {
     ExitQVFList();
-    char directory[256];
+    char directory[kQVFNameSize];
     if (getcwd(directory, sizeof directory) == nullptr) return 1;
     g_szQVFFileList = static_cast<QVFFileName*>(malloc(kMaxQVFFiles * sizeof(QVFFileName)));
     g_nQVFFileNum = kMaxQVFFiles;

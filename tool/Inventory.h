@@ -7,9 +7,11 @@
 
 #include "QVCapture.h"
 
+inline constexpr size_t kListTextSize = 256;
+
 struct _QVCAP_UPGRADE_LIST_INFO_ {
-    char captureName[256];  // "00:01 product": board, channel, product name
-    char devicePath[256];
+    char captureName[kListTextSize];  // "00:01 product": board, channel, product name
+    char devicePath[kListTextSize];
     char currentVersion[16];     // running, "major.minor"
     char newVersion[16];         // of the matching package; empty when there is none
     char boardSerialNumber[16];  // raw bytes, may lack a terminator

@@ -22,11 +22,13 @@ struct VideoCaptureV4L2Buffer {
     size_t length;  // bytes
 };
 
+inline constexpr size_t kVideoPathSize = 256;  // with the closing zero
+
 struct VideoCaptureV4L2Context {
     QV_VIDEO_CAPTURE_CALLBACK callback;
     void* param;
-    char path[256];  // cut to fit
-    int32_t fd;      // -1 when closed
+    char path[kVideoPathSize];  // cut to fit
+    int32_t fd;                 // -1 when closed
     uint32_t pixelFormat;
     uint32_t width;
     uint32_t height;

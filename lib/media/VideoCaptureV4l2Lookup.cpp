@@ -16,6 +16,7 @@ constexpr int kFailed = -1;
 constexpr int kNodesBeyondChannels = 31;  // nodes tried beyond one per channel
 constexpr int kMaxNodes = 256;            // minor numbers that the kernel has for video
 constexpr int kPathSize = 64;
+constexpr int kTextSize = 256;  // the target of a link, a line
 constexpr size_t kBusDigit = 2;  // "00N/ddd": where a sound card's bus line has the bus number
 
 bool CanOpen(const char* path) {
@@ -41,7 +42,7 @@ bool CanCapture(const char* path) {
 // Whether the node's device is on the USB bus whose number is this digit.
 bool IsOnBus(int index, char busDigit) {
     char link[kPathSize];
-    char target[256] = {};
+    char target[kTextSize] = {};
     snprintf(link, sizeof link, "/sys/class/video4linux/video%d", index);
     const ssize_t length = readlink(link, target, sizeof target - 1);
     if (length < 0) return false;
@@ -52,7 +53,7 @@ bool IsOnBus(int index, char busDigit) {
 
 bool HasSerial(int index, const char* serial) {
     char path[kPathSize];
-    char line[256];
+    char line[kTextSize];
     // The node's device is an interface; its parent is the USB device, which has the serial number.
     snprintf(path, sizeof path, "/sys/class/video4linux/video%d/device/../serial", index);
     qv::ReadFirstLine(path, line, sizeof line);

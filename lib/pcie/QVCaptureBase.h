@@ -262,7 +262,8 @@ class CQVCaptureBase final : public IQVCaptureDevice {
     QV_RESULT CaptureFrameWithOsd(const FrameRequest& request, const OsdOverlay& osd);
 
     int m_hChannelFD = qv::kClosed;
-    char m_szDevicePath[512] = {};
+    static constexpr size_t kDevicePathSize = 512;
+    char m_szDevicePath[kDevicePathSize] = {};
     qv::Mutex m_workerLock;           // guards what follows; held for look-ups and a start only
     qv::Ref<ChannelEntity> m_entity;  // the worker, while one is started
     bool m_stopping = false;

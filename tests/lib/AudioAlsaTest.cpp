@@ -3,13 +3,12 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <sys/prctl.h>
 
 #include <atomic>
 #include <cerrno>
-#include <condition_variable>
 #include <ctime>
 
+#include "lib/CaptureLog.h"
 #include "lib/FakeAlsa.h"
 #include "lib/RefusedThreads.h"
 #include "lib/TestThreads.h"
@@ -28,46 +27,16 @@ using testing::HasSubstr;
 
 namespace {
 
-// What the callback saw; the test waits for chunks instead of sleeping.
-struct Chunks {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int count = 0;
-    int bytes = 0;
-    long long reserved = -1;
-    std::vector<unsigned char> last;
+struct Chunk {
+    int bytes;
+    long long reserved;
+    std::vector<unsigned char> data;
     std::string threadName;
-    void (*inside)(Chunks*) = nullptr;  // run on the capture thread at the end of the callback
-    AudioCaptureALSAContext* capture = nullptr;
-
-    void WaitFor(int wanted) {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [&] { return count >= wanted; });
-    }
-    int Count() {
-        const std::lock_guard lock(mutex);
-        return count;
-    }
 };
+using Chunks = CaptureLog<Chunk, AudioCaptureALSAContext>;
 
 void OnChunk(const unsigned char* data, int bytes, long long reserved, void* param) {
-    auto* chunks = static_cast<Chunks*>(param);
-    void (*inside)(Chunks*) = nullptr;
-    {
-        const std::lock_guard lock(chunks->mutex);
-        char name[16] = {};
-        prctl(PR_GET_NAME, name, 0, 0, 0);
-        chunks->threadName = name;
-        chunks->bytes = bytes;
-        chunks->reserved = reserved;
-        chunks->last.assign(data, data + bytes);
-        inside = chunks->inside;
-        chunks->inside = nullptr;
-    }
-    if (inside != nullptr) inside(chunks);
-    const std::lock_guard lock(chunks->mutex);
-    ++chunks->count;
-    chunks->changed.notify_all();
+    static_cast<Chunks*>(param)->Take({bytes, reserved, {data, data + bytes}, ThreadName()});
 }
 
 class AudioAlsaTest : public testing::Test {
@@ -158,17 +127,18 @@ TEST_P(AudioAlsaChunkTest, ChunksHoldThePeriodInTheFormatReallyConfigured) {
     HaveFrames({size.frames, size.frames - 1, size.frames + 1});
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", size.rate, size.bits, size.channels,
                                        size.periodMs));
-    chunks.WaitFor(2);
+    chunks.AwaitCount(2);
     StopAndDestroy(capture);
-    EXPECT_EQ(2, chunks.count);
-    EXPECT_EQ(size.bytes, chunks.bytes);
-    EXPECT_EQ(0, chunks.reserved);
-    EXPECT_EQ("AudioCapture", chunks.threadName);
+    ASSERT_EQ(2u, chunks.Count());
+    const Chunk last = chunks.Items().back();
+    EXPECT_EQ(size.bytes, last.bytes);
+    EXPECT_EQ(0, last.reserved);
+    EXPECT_EQ("AudioCapture", last.threadName);
     EXPECT_EQ("snd_pcm_hw_params_set_format(" + std::string(size.format) + ")",
               alsa.CallsOf("snd_pcm_hw_params_set_format").at(0));
     const std::string read = "snd_pcm_readi(" + std::to_string(size.frames) + ")";
     EXPECT_THAT(alsa.CallsOf("snd_pcm_readi"), ElementsAre(read, read));
-    EXPECT_EQ(static_cast<uint32_t>(size.frames) & 0xFF, chunks.last.at(0))
+    EXPECT_EQ(static_cast<uint32_t>(size.frames) & 0xFF, last.data.at(0))
         << "the second chunk begins with the frame after the first chunk";
 }
 
@@ -228,7 +198,7 @@ TEST_F(AudioAlsaTest, ASecondStartIsRefusedAndTheRunningCaptureGoesOn) {
         const std::lock_guard lock(alsa.mutex);
         alsa.available = {480};
     }
-    chunks.WaitFor(1);
+    chunks.AwaitCount(1);
     StopAndDestroy(capture);
 }
 
@@ -236,14 +206,14 @@ TEST_F(AudioAlsaTest, AStoppedCaptureStartsAgainWithOtherSizes) {
     AudioCaptureALSAContext* capture = Create();
     HaveFrames({480});
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
-    chunks.WaitFor(1);
+    chunks.AwaitCount(1);
     AudioCaptureALSAStop(capture);
     AudioCaptureALSAStop(capture);  // a second stop finds nothing to do
     HaveFrames({960});
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 96000, 32, 4, 10));
-    chunks.WaitFor(2);
+    chunks.AwaitCount(2);
     StopAndDestroy(capture);
-    EXPECT_EQ(960 * 4 * 4, chunks.bytes);
+    EXPECT_EQ(960 * 4 * 4, chunks.Items().back().bytes);
     EXPECT_EQ(2, alsa.Count("snd_pcm_close"));
 }
 
@@ -253,7 +223,7 @@ TEST_F(AudioAlsaTest, AnOverrunIsDrainedRecoveredAndStartedAndCaptureGoesOn) {
     AudioCaptureALSAContext* capture = Create();
     HaveFrames({-EPIPE, 480});
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
-    chunks.WaitFor(1);
+    chunks.AwaitCount(1);
     StopAndDestroy(capture);
     EXPECT_EQ(1, alsa.Count("snd_pcm_drain"));
     EXPECT_THAT(alsa.CallsOf("snd_pcm_recover"), ElementsAre("snd_pcm_recover(-32, 0)"));
@@ -265,10 +235,10 @@ TEST_F(AudioAlsaTest, AnOverrunThatOnlyTheStateTellsIsRecoveredTheSameWay) {
     HaveFrames({480, 480});
     alsa.states = {SND_PCM_STATE_XRUN, SND_PCM_STATE_RUNNING};
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
-    chunks.WaitFor(1);
+    chunks.AwaitCount(1);
     StopAndDestroy(capture);
     EXPECT_THAT(alsa.CallsOf("snd_pcm_recover"), ElementsAre("snd_pcm_recover(-32, 0)"));
-    EXPECT_EQ(1, chunks.count);
+    EXPECT_EQ(1u, chunks.Count());
 }
 
 TEST_F(AudioAlsaTest, CaptureOutlivesADeviceThatWillNotRecoverOrWillNotStart) {
@@ -277,7 +247,7 @@ TEST_F(AudioAlsaTest, CaptureOutlivesADeviceThatWillNotRecoverOrWillNotStart) {
     alsa.Refuse("snd_pcm_recover", -ENODEV, 1);
     alsa.Refuse("snd_pcm_start", -EIO, 2);  // the start after the second, successful recovery
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
-    chunks.WaitFor(1);
+    chunks.AwaitCount(1);
     StopAndDestroy(capture);
     EXPECT_THAT(alsa.CallsOf("snd_pcm_recover"),
                 ElementsAre("snd_pcm_recover(-19, 0)", "snd_pcm_recover(-32, 0)"));
@@ -292,7 +262,7 @@ TEST_F(AudioAlsaTest, AnUnpluggedDeviceIsPolledUntilTheCaptureIsStopped) {
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
     EXPECT_TRUE(Eventually([&] { return alsa.Count("snd_pcm_recover") >= 3; }));
     StopAndDestroy(capture);
-    EXPECT_EQ(0, chunks.count);
+    EXPECT_EQ(0u, chunks.Count());
 }
 
 TEST_F(AudioAlsaTest, AnUnpluggedDeviceThatStillTellsOfFramesIsAskedRarely) {
@@ -306,7 +276,7 @@ TEST_F(AudioAlsaTest, AnUnpluggedDeviceThatStillTellsOfFramesIsAskedRarely) {
     StopAndDestroy(capture);
     EXPECT_EQ(alsa.Count("snd_pcm_avail_update"), g_longPauses) << "a pause in every pass";
     EXPECT_EQ(0, alsa.Count("snd_pcm_recover"));
-    EXPECT_EQ(0, chunks.count);
+    EXPECT_EQ(0u, chunks.Count());
 }
 
 TEST_F(AudioAlsaTest, ASuspendedDeviceIsResumedOnEveryPass) {
@@ -314,7 +284,7 @@ TEST_F(AudioAlsaTest, ASuspendedDeviceIsResumedOnEveryPass) {
     HaveFrames({480});
     alsa.statusStates = {SND_PCM_STATE_SUSPENDED, SND_PCM_STATE_RUNNING};
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
-    chunks.WaitFor(1);
+    chunks.AwaitCount(1);
     StopAndDestroy(capture);
     EXPECT_EQ(1, alsa.Count("snd_pcm_resume"));
 }
@@ -324,9 +294,9 @@ TEST_F(AudioAlsaTest, AShortReadIsNotDelivered) {
     HaveFrames({480, 480, 480, 480});
     alsa.reads = {479, 0, -EIO};
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
-    chunks.WaitFor(1);
+    chunks.AwaitCount(1);
     StopAndDestroy(capture);
-    EXPECT_EQ(1, chunks.count);
+    EXPECT_EQ(1u, chunks.Count());
     EXPECT_EQ(4, alsa.Count("snd_pcm_readi"));
 }
 
@@ -367,13 +337,13 @@ TEST_F(AudioAlsaTest, EveryRefusedCallOfARunningCaptureIsSurvived) {
     for (int call = 11; call <= 40; ++call) {
         SCOPED_TRACE(call);
         alsa.Reset();
-        chunks.count = 0;
+        chunks.Clear();
         alsa.RefuseCall(call, -EIO);
         alsa.defaultAvailable = 480;
         alsa.available = {480, -EPIPE, 480, -ESTRPIPE, 480};
         AudioCaptureALSAContext* capture = Create();
         ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
-        chunks.WaitFor(8);
+        chunks.AwaitCount(8);
         StopAndDestroy(capture);
         EXPECT_EQ(0, alsa.pcmsOpen);
     }
@@ -388,7 +358,7 @@ TEST_F(AudioAlsaTest, AThreadThatCannotBeMadeFailsTheStartAndStopReleasesTheDevi
     EXPECT_EQ(1, alsa.Count("snd_pcm_close"));
     alsa.available = {480};
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
-    chunks.WaitFor(1);
+    chunks.AwaitCount(1);
     StopAndDestroy(capture);
 }
 
@@ -397,12 +367,12 @@ TEST_F(AudioAlsaTest, AThreadThatCannotBeMadeFailsTheStartAndStopReleasesTheDevi
 TEST_F(AudioAlsaTest, StopFromTheCallbackEndsTheThreadAndALaterStopClosesTheDevice) {
     AudioCaptureALSAContext* capture = Create();
     chunks.capture = capture;
-    chunks.inside = [](Chunks* seen) { AudioCaptureALSAStop(seen->capture); };
+    chunks.inside = AudioCaptureALSAStop;
     alsa.defaultAvailable = 480;
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
-    chunks.WaitFor(1);
+    chunks.AwaitCount(1);
     EXPECT_TRUE(Eventually(NoCaptureThreadIsLeft));
-    EXPECT_EQ(1, chunks.Count());
+    EXPECT_EQ(1u, chunks.Count());
     EXPECT_EQ(0, alsa.Count("snd_pcm_close"));
     AudioCaptureALSAStop(capture);
     EXPECT_EQ(1, alsa.Count("snd_pcm_close"));
@@ -412,24 +382,24 @@ TEST_F(AudioAlsaTest, StopFromTheCallbackEndsTheThreadAndALaterStopClosesTheDevi
 TEST_F(AudioAlsaTest, DestructionFromTheCallbackReleasesEverythingAfterTheCallback) {
     AudioCaptureALSAContext* capture = Create();
     chunks.capture = capture;
-    chunks.inside = [](Chunks* seen) {
-        AudioCaptureALSAStop(seen->capture);
-        AudioCaptureALSADestroy(seen->capture);
+    chunks.inside = [](AudioCaptureALSAContext* seen) {
+        AudioCaptureALSAStop(seen);
+        AudioCaptureALSADestroy(seen);
         EXPECT_EQ(0, Alsa::Get().Count("snd_pcm_close")) << "not under the callback";
     };
     alsa.defaultAvailable = 480;
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
-    chunks.WaitFor(1);
+    chunks.AwaitCount(1);
     EXPECT_TRUE(Eventually([&] { return alsa.Count("snd_config_update_free_global") == 1; }));
     EXPECT_TRUE(Eventually(NoCaptureThreadIsLeft));
-    EXPECT_EQ(1, chunks.Count());
+    EXPECT_EQ(1u, chunks.Count());
 }
 
 TEST_F(AudioAlsaTest, DestructionOfARunningCaptureStopsItFirst) {
     AudioCaptureALSAContext* capture = Create();
     alsa.defaultAvailable = 480;
     ASSERT_EQ(0, AudioCaptureALSAStart(capture, "hw:0", 48000, 16, 2, 10));
-    chunks.WaitFor(1);
+    chunks.AwaitCount(1);
     AudioCaptureALSADestroy(capture);
 }
 

@@ -4,43 +4,29 @@
 // other tests script, these hold against the library as it is.
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <mutex>
 #include <vector>
 
 #include "AudioAlsa.h"
 #include "AudioVolume.h"
 #include "lib/TestThreads.h"
+#include "support/Recorder.h"
 #include "support/TempFolder.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-struct Received {
-    std::mutex mutex;
-    std::condition_variable changed;
-    std::vector<unsigned char> bytes;
-    std::vector<int> chunks;
-
-    void WaitFor(size_t count) {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [&] { return chunks.size() >= count; });
-    }
-};
+using Chunk = std::vector<unsigned char>;
+using Chunks = qvtest::Recorder<Chunk>;
 
 void OnChunk(const unsigned char* data, int bytes, long long, void* param) {
-    auto* received = static_cast<Received*>(param);
-    const std::lock_guard lock(received->mutex);
-    if (received->chunks.size() < 16) {
-        received->bytes.insert(received->bytes.end(), data, data + bytes);
-        received->chunks.push_back(bytes);
-    }
-    received->changed.notify_all();
+    constexpr size_t kMost = 16;  // a file is read as fast as it goes
+    auto* chunks = static_cast<Chunks*>(param);
+    if (chunks->Count() < kMost) chunks->Add({data, data + bytes});
 }
 
 std::vector<unsigned char> Numbers(size_t count) {
@@ -59,19 +45,23 @@ class RealAlsaTest : public testing::Test {
     ~RealAlsaTest() override { EXPECT_TRUE(NoCaptureThreadIsLeft()); }
 
     // Captures the input file and returns the bytes of the first chunks.
-    std::vector<unsigned char> Capture(const char* device, int bits, int channels, size_t chunks,
+    std::vector<unsigned char> Capture(const char* device, int bits, int channels, size_t count,
                                        int chunkBytes) {
         AudioCaptureALSAContext* capture = nullptr;
-        Received received;
-        EXPECT_EQ(0, AudioCaptureALSACreate(&capture, OnChunk, &received));
+        Chunks chunks;
+        EXPECT_EQ(0, AudioCaptureALSACreate(&capture, OnChunk, &chunks));
         const int result = AudioCaptureALSAStart(capture, device, 48000, bits, channels, 10);
         EXPECT_EQ(0, result);
-        if (result == 0) received.WaitFor(chunks);
+        if (result == 0) chunks.AwaitCount(count);
         AudioCaptureALSAStop(capture);
         AudioCaptureALSADestroy(capture);
-        for (const int bytes : received.chunks) EXPECT_EQ(chunkBytes, bytes);
-        received.bytes.resize(chunks * static_cast<size_t>(chunkBytes));
-        return received.bytes;
+        std::vector<unsigned char> bytes;
+        for (const Chunk& chunk : chunks.Items()) {
+            EXPECT_EQ(static_cast<size_t>(chunkBytes), chunk.size());
+            bytes.insert(bytes.end(), chunk.begin(), chunk.end());
+        }
+        bytes.resize(count * static_cast<size_t>(chunkBytes));
+        return bytes;
     }
 
     const qvtest::TempFolder temporary{"qv-alsa"};

@@ -4,57 +4,32 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/prctl.h>
 
 #include <cerrno>
-#include <condition_variable>
 #include <cstring>
 
+#include "lib/CaptureLog.h"
 #include "lib/FakeV4l2.h"
 #include "lib/RefusedThreads.h"
 #include "lib/TestThreads.h"
 
 using fake::V4l2;
 using testing::ElementsAre;
+using testing::Field;
 
 namespace {
 
 constexpr uint32_t kYuyv = v4l2_fourcc('Y', 'U', 'Y', 'V');
 
-// What the callback saw; the test waits for frames instead of sleeping.
-struct Frames {
-    std::mutex mutex;
-    std::condition_variable changed;
-    int count = 0;
-    std::vector<const unsigned char*> addresses;
-    std::vector<unsigned> sizes;
+struct Frame {
+    const unsigned char* address;
+    unsigned bytes;
     std::string threadName;
-    void (*inside)(Frames*) = nullptr;  // run on the capture thread, once
-    VideoCaptureV4L2Context* capture = nullptr;
-
-    void WaitFor(int wanted) {
-        std::unique_lock lock(mutex);
-        changed.wait(lock, [&] { return count >= wanted; });
-    }
 };
+using Frames = CaptureLog<Frame, VideoCaptureV4L2Context>;
 
 void OnFrame(const unsigned char* frame, unsigned bytesUsed, void* param) {
-    auto* frames = static_cast<Frames*>(param);
-    void (*inside)(Frames*) = nullptr;
-    {
-        const std::lock_guard lock(frames->mutex);
-        char name[16] = {};
-        prctl(PR_GET_NAME, name, 0, 0, 0);
-        frames->threadName = name;
-        frames->addresses.push_back(frame);
-        frames->sizes.push_back(bytesUsed);
-        inside = frames->inside;
-        frames->inside = nullptr;
-    }
-    if (inside != nullptr) inside(frames);
-    const std::lock_guard lock(frames->mutex);
-    ++frames->count;
-    frames->changed.notify_all();
+    static_cast<Frames*>(param)->Take({frame, bytesUsed, ThreadName()});
 }
 
 class VideoCaptureV4l2Test : public testing::Test {
@@ -219,7 +194,7 @@ TEST_F(VideoCaptureV4l2Test, OneGrantedBufferIsUsedAlone) {
     VideoCaptureV4L2Context* capture = OpenAndStart();
     EXPECT_EQ(1, v4l2.Mappings());
     v4l2.Deliver(0, 100);
-    frames.WaitFor(1);
+    frames.AwaitCount(1);
     VideoCaptureV4L2Close(capture);
 }
 
@@ -278,7 +253,7 @@ TEST_F(VideoCaptureV4l2Test, AThreadThatCannotBeMadeFailsTheStartAndEndsTheStrea
     EXPECT_EQ(0, v4l2.Mappings());
     ASSERT_EQ(0, VideoCaptureV4L2Start(capture));
     v4l2.Deliver(0, 1);
-    frames.WaitFor(1);
+    frames.AwaitCount(1);
     VideoCaptureV4L2Close(capture);
 }
 
@@ -287,7 +262,7 @@ TEST_F(VideoCaptureV4l2Test, ASecondStartIsRefusedAndTheCaptureGoesOn) {
     EXPECT_EQ(-1, VideoCaptureV4L2Start(capture));
     EXPECT_EQ(4, v4l2.Mappings());
     v4l2.Deliver(1, 10);
-    frames.WaitFor(1);
+    frames.AwaitCount(1);
     VideoCaptureV4L2Close(capture);
 }
 
@@ -298,12 +273,13 @@ TEST_F(VideoCaptureV4l2Test, FramesArriveInPlaceOnTheCaptureThreadAndAreQueuedAg
     v4l2.Deliver(2, 4096);
     v4l2.Deliver(0, 0);
     v4l2.Deliver(3, 17);
-    frames.WaitFor(3);
-    EXPECT_EQ("VideoCapture", frames.threadName);
-    EXPECT_THAT(frames.sizes, ElementsAre(4096, 0, 17));
-    EXPECT_EQ(capture->buffers[2].address, frames.addresses[0]);
-    EXPECT_EQ(capture->buffers[0].address, frames.addresses[1]);
-    EXPECT_EQ(capture->buffers[3].address, frames.addresses[2]);
+    const std::vector<Frame> seen = frames.AwaitCount(3);
+    EXPECT_EQ("VideoCapture", seen.back().threadName);
+    EXPECT_THAT(seen, ElementsAre(Field(&Frame::bytes, 4096), Field(&Frame::bytes, 0),
+                                  Field(&Frame::bytes, 17)));
+    EXPECT_EQ(capture->buffers[2].address, seen[0].address);
+    EXPECT_EQ(capture->buffers[0].address, seen[1].address);
+    EXPECT_EQ(capture->buffers[3].address, seen[2].address);
     VideoCaptureV4L2Stop(capture);
     EXPECT_THAT(v4l2.queued, ElementsAre(0, 1, 2, 3, 2, 0, 3));
     VideoCaptureV4L2Close(capture);
@@ -312,8 +288,8 @@ TEST_F(VideoCaptureV4l2Test, FramesArriveInPlaceOnTheCaptureThreadAndAreQueuedAg
 TEST_F(VideoCaptureV4l2Test, MoreBytesThanTheBufferHoldsAreNotToldToTheCallback) {
     VideoCaptureV4L2Context* capture = OpenAndStart();
     v4l2.Deliver(1, 0xFFFFFFFF);
-    frames.WaitFor(1);
-    EXPECT_EQ(4096u, frames.sizes[0]);
+    frames.AwaitCount(1);
+    EXPECT_EQ(4096u, frames.Items()[0].bytes);
     VideoCaptureV4L2Close(capture);
 }
 
@@ -324,9 +300,9 @@ TEST_F(VideoCaptureV4l2Test, AnIndexWithoutBufferIsSkipped) {
     v4l2.Deliver(4, 2);
     v4l2.Deliver(0xFFFFFFFF, 3);
     v4l2.Deliver(1, 4);
-    frames.WaitFor(1);
+    frames.AwaitCount(1);
     VideoCaptureV4L2Close(capture);
-    EXPECT_THAT(frames.sizes, ElementsAre(4));
+    EXPECT_THAT(frames.Items(), ElementsAre(Field(&Frame::bytes, 4)));
     EXPECT_THAT(v4l2.queued, ElementsAre(0, 1, 1));
 }
 
@@ -349,7 +325,7 @@ TEST_F(VideoCaptureV4l2Test, OnlyAPollThatAnswersDataAndNothingElseIsFollowed) {
         return v4l2.polls.empty();
     }));
     v4l2.Deliver(0, 1);
-    frames.WaitFor(1);
+    frames.AwaitCount(1);
     VideoCaptureV4L2Close(capture);
     EXPECT_EQ(1, v4l2.Count("DQBUF"));
 }
@@ -359,7 +335,7 @@ TEST_F(VideoCaptureV4l2Test, FailedDequeuesAreTriedAgain) {
     v4l2.Refuse("DQBUF", EIO);
     v4l2.frames = {{0, 1}};
     VideoCaptureV4L2Context* capture = OpenAndStart();
-    frames.WaitFor(1);
+    frames.AwaitCount(1);
     VideoCaptureV4L2Close(capture);
     EXPECT_EQ(3, v4l2.Count("DQBUF"));
 }
@@ -417,13 +393,13 @@ TEST_F(VideoCaptureV4l2Test, AFailedRestartUnmapsNothingThatIsNotItsOwn) {
 }
 
 TEST_F(VideoCaptureV4l2Test, StopFromTheCallbackEndsTheThreadAndALaterStopUnmaps) {
-    frames.inside = [](Frames* seen) { VideoCaptureV4L2Stop(seen->capture); };
+    frames.inside = VideoCaptureV4L2Stop;
     VideoCaptureV4L2Context* capture = Open();
     frames.capture = capture;
     VideoCaptureV4L2SetCallback(capture, OnFrame, &frames);
     ASSERT_EQ(0, VideoCaptureV4L2Start(capture));
     v4l2.Deliver(0, 1);
-    frames.WaitFor(1);
+    frames.AwaitCount(1);
     EXPECT_TRUE(NoCaptureThreadIsLeft());
     EXPECT_EQ(4, v4l2.Mappings());
     VideoCaptureV4L2Stop(capture);
@@ -432,9 +408,9 @@ TEST_F(VideoCaptureV4l2Test, StopFromTheCallbackEndsTheThreadAndALaterStopUnmaps
 }
 
 TEST_F(VideoCaptureV4l2Test, CloseFromTheCallbackReleasesEverythingAfterTheCallback) {
-    frames.inside = [](Frames* seen) {
-        VideoCaptureV4L2Stop(seen->capture);
-        VideoCaptureV4L2Close(seen->capture);
+    frames.inside = [](VideoCaptureV4L2Context* seen) {
+        VideoCaptureV4L2Stop(seen);
+        VideoCaptureV4L2Close(seen);
         EXPECT_EQ(4, V4l2::Get().Mappings()) << "not under the callback";
     };
     VideoCaptureV4L2Context* capture = Open();
@@ -442,7 +418,7 @@ TEST_F(VideoCaptureV4l2Test, CloseFromTheCallbackReleasesEverythingAfterTheCallb
     VideoCaptureV4L2SetCallback(capture, OnFrame, &frames);
     ASSERT_EQ(0, VideoCaptureV4L2Start(capture));
     v4l2.Deliver(0, 1);
-    frames.WaitFor(1);
+    frames.AwaitCount(1);
     EXPECT_TRUE(Eventually([&] { return v4l2.Descriptors() == 0; }));
     EXPECT_TRUE(NoCaptureThreadIsLeft());
 }

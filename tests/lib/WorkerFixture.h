@@ -3,7 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -11,53 +10,9 @@
 #include <thread>
 
 #include "ChannelFixture.h"
+#include "support/Recorder.h"
 
 namespace qvtest {
-
-// What callbacks saw, handed from the worker's thread to the test's.
-template <class Item>
-class Recorder {
-  public:
-    void Add(Item item) {
-        const std::lock_guard guard(m_lock);
-        m_items.push_back(std::move(item));
-        m_changed.notify_all();
-    }
-    // Returns when there are at least so many.
-    std::vector<Item> AwaitCount(size_t count) {
-        std::unique_lock lock(m_lock);
-        m_changed.wait(lock, [&] { return m_items.size() >= count; });
-        return m_items;
-    }
-    std::vector<Item> Items() {
-        const std::lock_guard guard(m_lock);
-        return m_items;
-    }
-
-  private:
-    std::mutex m_lock;
-    std::condition_variable m_changed;
-    std::vector<Item> m_items;
-};
-
-// Opened by one thread, passed by another.
-class Gate {
-  public:
-    void Open() {
-        const std::lock_guard guard(m_lock);
-        m_open = true;
-        m_changed.notify_all();
-    }
-    void Pass() {
-        std::unique_lock lock(m_lock);
-        m_changed.wait(lock, [&] { return m_open; });
-    }
-
-  private:
-    std::mutex m_lock;
-    std::condition_variable m_changed;
-    bool m_open = false;
-};
 
 // How many threads this process has; one that ends by itself counts until its last destructor ran.
 inline ptrdiff_t ThreadsNow() {
