@@ -1,6 +1,6 @@
-// Plain calls of the library beside the same requests made by hand, on the same simulated card, one
-// after the other in random order within one run. Prints rows of a table; exit status 1 when a
-// target is missed, 2 when nothing could be measured.
+// Compares plain calls of the library with the same requests made directly, on the same simulated
+// card, one after the other in random order within one run. Prints rows of a table; exit status 1
+// when a target is missed, 2 when nothing could be measured.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -66,7 +66,7 @@ void FlashBare(State& state) {
     }
 }
 
-// The compiler must not see through a call: the library is a shared one, as for its users.
+// The compiler must not inline a call: the library is shared, as for its users.
 struct Pair {
     const char* what;
     void (*library)(State&);
@@ -78,7 +78,7 @@ constexpr Pair kPairs[] = {
     {"4096 bytes of flash", FlashThroughLibrary, FlashBare},
 };
 
-// Keeps what every repetition took; prints nothing.
+// Stores the time of every repetition; prints nothing.
 class Collector : public benchmark::BenchmarkReporter {
   public:
     bool ReportContext(const Context&) override { return true; }
@@ -94,7 +94,7 @@ class Collector : public benchmark::BenchmarkReporter {
 }  // namespace
 
 int main(int argc, char** argv) {
-    // In random order, so that a slow moment of the machine meets both sides.
+    // In random order, so that a slow moment of the machine affects both sides.
     std::vector<char*> arguments(argv, argv + argc);
     std::string order = "--benchmark_enable_random_interleaving=true";
     std::string often = "--benchmark_repetitions=40";
@@ -126,8 +126,8 @@ int main(int argc, char** argv) {
             fprintf(stderr, "call_bench: %s: a call was refused\n", pair.what);
             return 2;
         }
-        // The quickest repetition of each: what is longer is the machine's doing, and with calls so
-        // short it is more than what is compared.
+        // The quickest repetition of each: the machine makes the others longer, and with such short
+        // calls by more than the difference that is measured.
         const double quickest = *std::min_element(library.begin(), library.end());
         const double quickestBare = *std::min_element(bare.begin(), bare.end());
         const double ratio = quickest / quickestBare;

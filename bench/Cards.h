@@ -1,4 +1,4 @@
-// Cards and packages that the benchmarks of the tool work on. One thread.
+// Cards and packages for the benchmarks of the tool. One thread.
 #pragma once
 
 #include <cstdint>
@@ -12,7 +12,7 @@ inline constexpr uint32_t kKiB = 1u << 10;
 inline constexpr uint32_t kMiB = 1u << 20;
 inline constexpr uint32_t kSectionAddress = 0x200000;
 
-// Newer than what the boards run; fits them. Another seed is other data.
+// Newer than the boards' firmware; fits them. Another seed gives other data.
 inline qvtest::PackageBuilder PackageOf(uint32_t size, uint32_t seed = 1) {
     return qvtest::Package().Firmware(1, 1).Section("Factory.Main", kSectionAddress,
                                                     qvtest::Payload(size, seed));

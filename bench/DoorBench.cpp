@@ -1,5 +1,5 @@
-// What the preload door costs a request: requests per second through it, as a share of those of the
-// model called directly, in turns within one run. Run by `qvcap-sim run DIR -- door_bench`.
+// What the preload door costs a request: requests per second through it, divided by those of direct
+// calls of the model, alternately within one run. Run by `qvcap-sim run DIR -- door_bench`.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>

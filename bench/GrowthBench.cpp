@@ -1,5 +1,5 @@
 // How the tool's cost grows with channels, with the size of a package and with the number of
-// packages: each time the cost of one more, at the far end and nearer to the beginning. Prints rows
+// packages: each time the cost of one unit, for a large number and for a smaller one. Prints rows
 // of a table; exit status 1 when a target is missed.
 #include <algorithm>
 #include <cstdio>
@@ -24,7 +24,7 @@ using qvsim::SimRig;
 
 constexpr int kRounds = 5;
 
-// The quickest of some runs: what grows is the tool's own work, not what else the machine does.
+// The quickest of some runs, to measure the tool's own work and not what else the machine does.
 template <class Once>
 Usage Quickest(Once once) {
     Usage best;
@@ -41,7 +41,7 @@ Usage Quickest(Once once) {
 
 Usage UpgradeOf(int channels, uint32_t packageSize) {
     SimRig rig;
-    // Eight channels a board; one channel is a board of its own.
+    // Eight channels per board; a single channel is one board.
     for (int left = channels; left > 0; left -= 8)
         rig.Add(Board(std::min(left, 8), packageSize + 8 * kMiB));
     Folder work;

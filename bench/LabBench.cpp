@@ -1,14 +1,14 @@
-// The library beside v4l2-ctl and arecord on the same devices of a real kernel; run in the lab's
-// guest by `scripts/lab --bench`.
+// Compares the library with v4l2-ctl and arecord on the same devices of a real kernel; `scripts/lab
+// --bench` runs it in the lab's guest.
 //
 //   lab_peers CAMERA CARD     prints the tables; exit status 1 when a target is missed
 //
-// Every run is a process of its own, this program again for the library, so that both sides are
-// measured the same way, with the kernel's figures. Of video the time between two frames is looked
-// at, which both sides print as '<': starting is not part of it. What was lost of sound is counted
-// from the content, which numbers every sample. Neither side is believed: every frame of the
-// library and the frames that the other writes have to be of the wanted format's size, and a
-// recording has all of its samples.
+// Every run is a separate process (for the library this program again), so that both sides are
+// measured in the same way, with the kernel's figures. For video the time between two frames
+// counts; both sides print a frame as '<', and the start is not included. Lost sound is counted
+// from the content, which numbers every sample. Neither side is trusted: every frame of the library
+// and the frames that the other program writes must have the size of the format, and a recording
+// must have all of its samples.
 #include <fcntl.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -41,7 +41,7 @@ using qvbench::Row;
 using qvbench::Text;
 
 constexpr int kRounds = 3;
-constexpr unsigned kBefore = 10;  // frames of the start, and as many behind the end
+constexpr unsigned kBefore = 10;  // frames at the start, and as many after the end
 constexpr unsigned kFrames = 60;
 constexpr char kFramesFile[] = "/tmp/bench.frames";
 constexpr char kMessages[] = "/tmp/bench.messages";
@@ -51,7 +51,7 @@ constexpr char kMessages[] = "/tmp/bench.messages";
 struct Run {
     double wall = 0;  // seconds
     double cpu = 0;
-    unsigned overruns = 0;  // that the process has told of
+    unsigned overruns = 0;  // reported by the process
 };
 
 double Now() {
@@ -59,7 +59,7 @@ double Now() {
     return duration<double>(steady_clock::now().time_since_epoch()).count();
 }
 
-// Starts a program whose messages go to `messages`; it is ended when it takes too long.
+// Starts a program whose messages go to `messages`; ends it when it takes too long.
 pid_t Start(const std::vector<std::string>& command, int messages) {
     const pid_t pid = fork();
     if (pid != 0) return pid;
@@ -73,7 +73,7 @@ pid_t Start(const std::vector<std::string>& command, int messages) {
     _exit(127);
 }
 
-// A run that failed is said and repeated: a machine that is held up lets devices time out.
+// A failed run is reported and repeated: on a delayed machine devices time out.
 int g_repeated = 0;
 void Repeat(const std::vector<std::string>& command, const std::string& why) {
     constexpr int kMostRepeated = 6;
@@ -93,7 +93,7 @@ unsigned Overruns(const std::string& messages) {
     return count;
 }
 
-// The whole of a process, which writes so many bytes to a file.
+// A whole process, which writes so many bytes to a file.
 Run Whole(const std::vector<std::string>& command, const char* file, uintmax_t bytes) {
     for (;;) {
         std::filesystem::remove(file);
@@ -118,7 +118,7 @@ Run Whole(const std::vector<std::string>& command, const char* file, uintmax_t b
     }
 }
 
-// Seconds of processor time of all threads of a process that lives.
+// Seconds of processor time of all threads of a running process.
 double CpuOf(pid_t pid) {
     double seconds = 0;
     std::error_code ignored;
@@ -131,7 +131,7 @@ double CpuOf(pid_t pid) {
     return seconds;
 }
 
-// From frame kBefore to kFrames later, as the process prints them; no time: it failed.
+// The time from frame kBefore to kFrames later, as the process prints them; no value if it failed.
 Run TryBetween(const std::vector<std::string>& command) {
     int messages[2];
     if (pipe2(messages, O_CLOEXEC) != 0) exit(2);
@@ -168,12 +168,12 @@ Run Between(const std::vector<std::string>& command) {
 
 struct Losses {
     unsigned lost = 0;      // samples missing between those recorded
-    unsigned silent = 0;    // samples in whose place silence was read
-    unsigned overruns = 0;  // as told; a loss of whole seconds is seen by nothing else
+    unsigned silent = 0;    // samples that were read as silence
+    unsigned overruns = 0;  // as reported; nothing else shows a loss of whole seconds
 };
 
-// The right channel numbers the samples, modulo 48000; where it says 0 out of turn, nothing was
-// there yet.
+// The right channel numbers the samples, modulo 48000; an unexpected 0 means that the sample was
+// not there yet.
 Losses CountLosses() {
     Losses losses;
     std::FILE* file = std::fopen(kSound, "rb");
@@ -218,7 +218,8 @@ struct VideoCase {
     int width, height;
     const char* format;
     int fps;
-    bool converted;  // by libv4l2: beside a bare loop over that, since v4l2-ctl never converts
+    bool converted;  // by libv4l2: compared with a bare loop over it, because v4l2-ctl never
+                     // converts
 };
 
 std::string Number(double value) { return Text("%.0f", value); }
@@ -244,7 +245,7 @@ void Video(const VideoCase& row) {
     if (row.converted) {
         peer = own("read");
     } else {
-        // Writing takes time: once, and not in a run that counts.
+        // Writing takes time: done once, not in a run that counts.
         std::vector<std::string> writing = peer;
         writing.push_back(std::string("--stream-to=") + kFramesFile);
         Whole(writing, kFramesFile,

@@ -60,7 +60,7 @@ v4l2_buffer Buffer(unsigned index) {
 
 }  // namespace
 
-// Of a frame in one of the formats that are compared here; 0: another one.
+// Bytes of a frame in one of the compared formats; 0 for any other format.
 unsigned BytesOf(unsigned format, unsigned width, unsigned height) {
     if (std::memcmp(&format, "YUYV", 4) == 0) return width * height * 2;
     if (std::memcmp(&format, "YU12", 4) == 0) return width * height * 3 / 2;
@@ -99,7 +99,7 @@ int ReadVideo(const VideoWish& wish) {
     if (fd < 0 || !Configure(fd, wish)) return 2;
     for (unsigned i = 0; i < 4; ++i) {
         v4l2_buffer buffer = Buffer(i);
-        // Mapped, as a reader would: libv4l2 converts into such memory alone.
+        // Mapped, as a reader would do: libv4l2 converts only into such memory.
         if (v4l2_ioctl(fd, VIDIOC_QUERYBUF, &buffer) != 0 ||
             v4l2_mmap(nullptr, buffer.length, PROT_READ | PROT_WRITE, MAP_SHARED, fd,
                       int64_t{buffer.m.offset}) == MAP_FAILED ||

@@ -1,6 +1,5 @@
-// What a process of the lab's benchmark does by itself: the library's captures, and a bare loop
-// over libv4l2 beside them. Each prints '<' to standard error for a frame. Results are exit
-// statuses.
+// The processes of the lab's benchmark: the library's captures, and a bare loop over libv4l2 for
+// comparison. Each prints '<' to standard error for a frame. Results are exit statuses.
 #pragma once
 
 #include <cstdint>
@@ -21,12 +20,12 @@ struct VideoWish {
     unsigned frames;
 };
 
-// Of a frame in one of the formats that are compared here; 0: another one.
+// Bytes of a frame in one of the compared formats; 0 for any other format.
 unsigned BytesOf(unsigned format, unsigned width, unsigned height);
 
 // Status 3 when a frame is not of its format's size.
 int CaptureVideo(const VideoWish& wish);
-// The least that a program needs that reads through libv4l2.
+// The simplest program that reads through libv4l2.
 int ReadVideo(const VideoWish& wish);
 // Writes kSoundBytes to kSound.
 int CaptureSound(const char* device);

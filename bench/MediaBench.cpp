@@ -1,9 +1,9 @@
-// V4L2 streaming beside a bare loop on the same scripted node, and what PCM capture costs beside
-// `arecord`. Prints rows of a table; exit status 1 when a target is missed.
+// Compares V4L2 streaming with a bare loop on the same scripted node, and the cost of PCM capture
+// with `arecord`. Prints rows of a table; exit status 1 when a target is missed.
 //
-// The node is this program's own: v4l2_open and the others are defined here, frames are ready
-// whenever asked for. ALSA's `null` device delivers as fast as it is read, so the cost of a second
-// of sound is processor time per second delivered.
+// This program supplies the node: it defines v4l2_open and the others, and a frame is always ready.
+// ALSA's `null` device delivers as fast as it is read, so the cost of a second of sound is
+// processor time per second delivered.
 #include <linux/videodev2.h>
 #include <poll.h>
 #include <sys/eventfd.h>
@@ -112,7 +112,7 @@ double CpuSeconds(clockid_t clock) {
 
 constexpr uint32_t kFrames = 200000;
 
-// Reads a line of the picture, as the least that a caller does.
+// Reads a line of the picture, the least that a caller does.
 uint32_t g_sum = 0;
 void Look(const unsigned char* frame) {
     for (uint32_t i = 0; i < 1280; i += 64) g_sum += frame[i];
@@ -124,7 +124,7 @@ struct Stream {
     double start = 0;
 };
 
-// On the capture's thread: its own processor time, from the first frame to the last.
+// Called on the capture's thread: its own processor time, from the first frame to the last.
 void OnFrame(const unsigned char* frame, unsigned int, void* param) {
     auto* stream = static_cast<Stream*>(param);
     Look(frame);

@@ -1,5 +1,5 @@
-// What qvcap costs beside the bare reads of flash, and beside listing by the tool. Prints rows of a
-// table; exit status 1 when a target is missed.
+// Compares the cost of qvcap with that of bare reads of flash, and with a listing by the tool.
+// Prints rows of a table; exit status 1 when a target is missed.
 #include <cstdio>
 #include <filesystem>
 #include <limits>
@@ -27,9 +27,9 @@ void Require(bool good, const char* what) {
     exit(2);
 }
 
-// Eight flashes that hold the package's 16 MiB each, read back by `qvcap status`, and the same
-// requests issued bare by the replay of its journal, in turn. What else the machine does can only
-// add to either, so the least of each is compared.
+// Eight flashes that hold the package's 16 MiB each, read by `qvcap status`, alternately with the
+// same requests made directly by the replay of its journal. Other work of the machine can only add
+// to either, so the least of each is compared.
 void StatusOfWholeFlashes() {
     constexpr int kRounds = 12;
     SimRig rig;

@@ -1,6 +1,6 @@
-// Erasing, writing and verifying 16 MiB: qvcap-upgrade on a simulated card beside Debian's flashrom
-// on the flash chip that it emulates itself, in turn. Both begin on a chip that is full of other
-// data. Prints rows of a table.
+// Erases, writes and verifies 16 MiB: compares qvcap-upgrade on a simulated card with Debian's
+// flashrom on the flash chip that flashrom emulates itself, alternately. Both begin on a chip that
+// is full of other data. Prints rows of a table.
 #include <unistd.h>
 
 #include <cstdio>
@@ -34,7 +34,7 @@ void Require(const Usage& usage, const char* who) {
     exit(2);
 }
 
-// A chip or card that keeps what was written is worth measuring; anything else is not.
+// Measures only if the chip or card holds the written data.
 void RequireContents(const Bytes& found, const Bytes& expected, const char* who) {
     if (found == expected) return;
     fprintf(stderr, "%s has not written what it was given\n", who);
@@ -67,7 +67,7 @@ int main() {
         Require(ours, "qvcap-upgrade");
         RequireContents(rig.Flash(0, 0, qvbench::kSectionAddress, kSize), bytes, "qvcap-upgrade");
         if (round == 0)
-            continue;  // it has filled the card, as the peer's chip is full from here on
+            continue;  // this round filled the card; the peer's chip is full from here on, too
         PackageBuilder::WriteBytes(peer.Path() + "/new", bytes);
         const Usage theirs = Run(
             {}, peer.Path(), {kPeer, "-p", "dummy:emulate=W25Q128FV,image=" + chip, "-w", "new"});

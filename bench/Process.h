@@ -13,9 +13,9 @@ struct Usage {
     long peakKiB = 0;  // largest resident size
 };
 
-// Under the preload door over the cards in `state`, or without it when that is empty, in folder
-// `dir`, with nothing on standard input and its output thrown away. PATH is empty: nothing can be
-// started from there.
+// Runs under the preload door over the cards in `state`, or without the door when that is empty, in
+// folder `dir`, with nothing on standard input and its output discarded. PATH is empty, so it can
+// start no other program.
 Usage Run(const std::string& state, const std::string& dir,
           const std::vector<std::string>& command);
 

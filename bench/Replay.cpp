@@ -1,7 +1,7 @@
-// Issues the requests of a journal again, bare: what the same conversation with the driver costs
-// without the tool. Run under the preload door, with the journal's path as its argument.
+// Makes the requests of a journal again, directly: what the same requests cost without the tool.
+// Run under the preload door, with the journal's path as its argument.
 //
-// Data written is a constant pattern; data read is not looked at. Single-threaded.
+// Writes a constant pattern; ignores the data read. Single-threaded.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>

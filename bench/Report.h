@@ -1,5 +1,5 @@
-// Rows of the table that scripts/bench collects, and the few figures they are made of.
-// One program each; not thread-safe.
+// Rows of the table that scripts/bench collects, and a few statistics. One program each; not
+// thread-safe.
 #pragma once
 
 #include <algorithm>
@@ -10,7 +10,7 @@
 
 namespace qvbench {
 
-// Targets missed by this program; its exit status is made of it.
+// Targets missed by this program; they decide its exit status.
 inline int g_missed = 0;
 
 inline void Row(const char* what, const std::string& measured, const char* target, bool met) {

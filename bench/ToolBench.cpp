@@ -1,5 +1,6 @@
-// What the tool costs beside the bare conversation with the driver: processor time, memory, waiting
-// time, and listing a large rack. Prints rows of a table; exit status 1 when a target is missed.
+// Compares the cost of the tool with that of its bare driver requests: processor time, memory,
+// waiting time, and listing a large rack. Prints rows of a table; exit status 1 when a target is
+// missed.
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -23,7 +24,7 @@ using qvbench::Usage;
 using qvsim::SimRig;
 
 // Eight channels and one package of 16 MiB, on cards that answer at once; the tool and the bare
-// replay of its own journal in turn. What else the machine does can only add to either, so the
+// replay of its own journal alternately. Other work of the machine can only add to either, so the
 // least of each is compared.
 void ProcessorTimeAndMemory() {
     constexpr int kRounds = 12;
@@ -70,7 +71,7 @@ void WaitingTime() {
     Folder work;
     PackageOf(kSize).Write(work.Path() + "/a.qvf");
     const Usage usage = Run(rig.Dir(), work.Path(), {QV_TOOL_FILE, "-a", "-y"});
-    // The header goes along: a sector, a page, and a KiB three times (inventory and verify).
+    // The header counts, too: a sector, a page, and a KiB three times (inventory and verify).
     const double simulated =
         ((kSize / 4096.0 + 1) * kDelays.erasePerSector +
          (kSize / 256.0 + 1) * kDelays.programPerPage + (kSize / 1024.0 + 2) * kDelays.readPerKiB) /

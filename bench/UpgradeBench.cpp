@@ -1,5 +1,5 @@
-// What `qvcap upgrade` costs beside its children, and what several boards at once gain. Prints rows
-// of a table; exit status 1 when a target is missed.
+// What `qvcap upgrade` costs in addition to its children, and what upgrading several boards at once
+// gains. Prints rows of a table; exit status 1 when a target is missed.
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
@@ -28,7 +28,7 @@ void Require(bool good, const char* what) {
     std::exit(2);
 }
 
-// It looks for a program that computes digests, and for no other.
+// qvcap starts a program that computes digests, and no other.
 std::vector<std::string> Upgrade(const Folder& work, const std::vector<std::string>& options) {
     std::vector<std::string> command = {
         "/usr/bin/env", "PATH=/usr/bin:/bin", QV_QVCAP_FILE, "upgrade",
@@ -62,8 +62,9 @@ void EightBoardsAtOnce() {
         Text("%.3f (%.2f s / %.2f s)", ratio, together, alone), "at most 1.15", ratio <= 1.15);
 }
 
-// The same upgrade by the tool itself and by qvcap, less the reading back that qvcap does besides.
-// What is left is the package: read, copied and given its digest by another program, once a run.
+// The same upgrade by the tool itself and by qvcap, minus the reading back that qvcap does in
+// addition. The difference is the package: read, copied and digested by another program, once per
+// run.
 void OverItsChildren() {
     SimRig rig;
     rig.Add(Board(8));
@@ -81,7 +82,7 @@ void OverItsChildren() {
             children += used.cpuSeconds;
         }
         tool = std::min(tool, children);
-        // All is in flash by now: the plan reads it, and so does the reading back of each card.
+        // Everything is in flash now: the plan reads it, and so does the reading back of each card.
         const Usage status = Run(rig.Dir(), work.Path(), {QV_QVCAP_FILE, "status", "--exit-code"});
         Require(status.status == 4, "status");
         reading = std::min(reading, status.cpuSeconds);

@@ -1,5 +1,6 @@
-// The channel worker beside bare loops that make the very same requests on the same simulated
-// cards, in turn within one run. Prints rows of a table; exit status 1 when a target is missed.
+// Compares the channel worker with bare loops that make exactly the same requests on the same
+// simulated cards, alternately within one run. Prints rows of a table; exit status 1 when a target
+// is missed.
 #include <fcntl.h>
 #include <link.h>
 #include <sys/ioctl.h>
@@ -98,13 +99,13 @@ struct Bare {
         return event;
     }
     void Do(uint32_t code, uint64_t event) const { ioctl(events, code, &event); }
-    // As the worker waits: for several, then trying each.
+    // Waits like the worker: for several events, then tries each.
     bool Await(uint64_t event) const {
         qv::MultiWaitEventRecord record{qv::WireAddress(&event), 1, -1};
         return ioctl(events, qv::kMultiWaitEvent.code, &record) >= 1 &&
                ioctl(events, qv::kTryWaitEvent.code, &event) == 1;
     }
-    // The same beside a second event, by which a loop of real life is stopped.
+    // The same with a second event, as a real loop needs one to be stopped.
     bool AwaitBeside(uint64_t stop, uint64_t event) const {
         uint64_t both[2] = {stop, event};
         qv::MultiWaitEventRecord record{qv::WireAddress(both), 2, -1};
@@ -113,7 +114,7 @@ struct Bare {
         return ioctl(events, qv::kTryWaitEvent.code, &both[1]) == 1;
     }
     void AwaitOne(uint64_t event) const {
-        // A slice that ends early must not let the two sides run apart.
+        // A slice that ends early must not make the two sides unequal.
         qv::WaitEventRecord record{event, 100};
         while (ioctl(events, qv::kWaitEvent.code, &record) == 0) continue;
     }

@@ -1,4 +1,4 @@
-// The upgrade tool's pieces over simulated cards whose driver says anything.
+// Targets: the upgrade tool's parts over simulated cards whose driver returns arbitrary data.
 #include <fcntl.h>
 #include <getopt.h>
 #include <sys/mman.h>
@@ -44,18 +44,18 @@ void OfferPackage(const qvtest::PackageBuilder& package) {
     Overwrite(file, bytes.data(), bytes.size());
 }
 
-// Standard input holds these bytes.
+// Makes these bytes the standard input.
 void OfferKeys(const uint8_t* data, size_t size) {
     static const int file = memfd_create("keys", MFD_CLOEXEC);
     static const bool kTaken =
         std::freopen(("/proc/self/fd/" + std::to_string(file)).c_str(), "r", stdin) != nullptr &&
-        std::setvbuf(stdin, nullptr, _IONBF, 0) == 0;  // nothing left over from the run before
+        std::setvbuf(stdin, nullptr, _IONBF, 0) == 0;  // nothing is left from the previous run
     Check(kTaken, "no standard input");
     Overwrite(file, data, size);
     std::rewind(stdin);
 }
 
-// The library and the list of packages, for as long as the tool would run.
+// The library and the list of packages, as during a run of the tool.
 class ToolRun {
   public:
     ToolRun() {
@@ -88,8 +88,8 @@ void CheckList() {
 
 }  // namespace
 
-// One byte: boards, their kind, whether the driver describes the flash in its own way; records for
-// each board; the rest is in the flash.
+// Input: one byte with the number of boards, their kind, and whether the driver describes the flash
+// in its own way; then records for each board; the rest is the flash contents.
 void ListDevices(const uint8_t* data, size_t size) {
     Taker taker(data, size);
     const uint8_t kinds = taker.Byte();
@@ -143,8 +143,8 @@ void ListDevices(const uint8_t* data, size_t size) {
     Check(rig.Cards().CountAlive() == qvsim::Alive{}, "the driver still holds something");
 }
 
-// Arguments, each ended by a newline, up to a zero byte; the keys that are typed behind it. The
-// power-off question is not among what is run.
+// Input: arguments, each ended by a newline, up to a zero byte; then the keys that are typed. The
+// power-off question is left out.
 void RunCommandLine(const uint8_t* data, size_t size) {
     const uint8_t* const end = std::find(data, data + size, uint8_t{0});
     std::vector<std::string> arguments = {"qvcap-upgrade", ""};
@@ -172,7 +172,7 @@ void RunCommandLine(const uint8_t* data, size_t size) {
     rig.AttachInMemory();
     {
         const ToolRun run;
-        optind = 0;  // begins anew
+        optind = 0;  // restarts getopt
         opterr = 0;
         const int parsed = PraseCommandLine(static_cast<int>(arguments.size()), argv.data());
         Check(parsed >= 0 && parsed <= 5, "an unknown result");

@@ -9,7 +9,7 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     return 0;
 }
 
-// The fuzzer starts a thread of its own; leaks are looked for while the C library describes it.
+// The fuzzer starts its own thread; the leak check may run while the C library still sets it up.
 extern "C" const char* __lsan_default_suppressions() {
     return "leak:__pthread_attr_extension\nleak:pthread_attr_setaffinity_np\n";
 }

@@ -1,4 +1,4 @@
-// What qvcap reads that others have written: the tool's output, and the history.
+// Targets: text that qvcap reads and others have written: the tool's output, and the history.
 #include <string_view>
 
 #include "History.h"
@@ -31,7 +31,7 @@ void ParseOutput(const uint8_t* data, size_t size) {
                         report.result == qvo::ToolResult::kWriteFailed ||
                         report.result == qvo::ToolResult::kVerifyFailed;
     Check(failed == report.failedAt.has_value(), "a percentage without a failed stage");
-    // A tail shows what the whole shows, when the whole of the last progress is in it.
+    // A tail gives the same result as the whole output if it contains the last progress completely.
     const qvo::ToolProgress again = qvo::LastProgress(text);
     Check(again.stage == report.progress.stage && again.percent == report.progress.percent,
           "two answers to one question");
@@ -46,7 +46,7 @@ void ReadHistoryFile(const uint8_t* data, size_t size) {
         Check(line.find('\n') == line.size() - 1, "an entry of several lines");
         written += line;
     }
-    // What is longer than a field may be was cut; written anew it stays as it is.
+    // Too long fields were cut; written again they do not change.
     const qvo::History cut = qvo::ParseHistory(written);
     Check(cut.entries.size() == history.entries.size() && cut.damaged == 0, "an entry got lost");
     std::string again;

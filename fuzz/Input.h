@@ -1,4 +1,4 @@
-// Helpers of the targets: input as a file, a check that holds without NDEBUG, a folder to work in.
+// Helpers of the targets: input as a file, a check that also works with NDEBUG, a working folder.
 #pragma once
 
 #include <cstddef>
@@ -15,7 +15,7 @@ inline void Check(bool holds, const char* what) {
     std::abort();
 }
 
-// Makes the bytes all that an open file holds.
+// Replaces the contents of an open file with the bytes.
 void Overwrite(int file, const uint8_t* data, size_t size);
 
 // A regular file in memory that holds the bytes; its path stays the same.

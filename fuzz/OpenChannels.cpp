@@ -1,5 +1,5 @@
-// The linker leads the calls of these two functions here (see CMakeLists.txt): a channel that the
-// tool leaves open to its end is one that a target has to close, which runs many times.
+// The linker redirects the calls of these two functions here (see CMakeLists.txt): the tool leaves
+// some channels open until it ends, but a target runs many times and must close them.
 #include "OpenChannels.h"
 
 #include <algorithm>

@@ -1,4 +1,4 @@
-// qvcap's judge: any flash against any package.
+// Target: qvcap's judge, any flash against any package.
 #include <algorithm>
 #include <cstring>
 #include <vector>
@@ -20,7 +20,7 @@ uint32_t Number(const uint8_t* at, int count) {
     return value;
 }
 
-// Told by itself from the bytes: the package's image stands at the address, whole.
+// Computed independently from the bytes: the package's image is complete at the address.
 bool Holds(const std::vector<uint8_t>& flash, const qvo::PackageContents& contents, bool safe) {
     const qvf::Bytes& header = contents.header;
     const size_t address = safe ? qvo::kSafeHeaderDistance : 0;

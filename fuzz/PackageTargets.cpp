@@ -1,4 +1,4 @@
-// Packages, their descriptions and scenarios: files that somebody hands us.
+// Targets: packages, their descriptions and scenarios, which are files from others.
 #include <fcntl.h>
 
 #include <cstring>
@@ -36,7 +36,7 @@ void LoadPackage(const uint8_t* data, size_t size) {
         Check(bytes <= size - at, "a section beyond the end of the file");
         Check(std::memcmp(sections[i], data + at, bytes) == 0, "a section differs from the file");
         at += bytes;
-        // Whatever the name holds, it is one of the two images.
+        // Whatever its name, a section belongs to one of the two images.
         Check(IsMatchedSection(0, &header.sections[i]) != IsMatchedSection(1, &header.sections[i]),
               "a section of both images or none");
         IsCLRSection(header.sections[i].name);
@@ -52,13 +52,13 @@ void ReadPackage(const uint8_t* data, size_t size) {
         Check(bytes.size() == size && std::memcmp(bytes.data(), data, size) == 0,
               "reading and writing changes a package");
         qvf::ReadPackage(path, qvf::Read::kHeader);
-        // The digests are another program's, which is not run here.
+        // Another program computes digests; it is not run here.
         const qvf::Digests digests{"", std::vector<std::string>(package.sections.size())};
         Check(!qvf::InfoText("p.qvf", package, digests, true).empty(), "no description");
         Check(!qvf::InfoJson("p.qvf", package, digests).empty(), "no JSON");
         Check(qvf::DiffText(package, package).empty(), "a package differs from itself");
         qvf::CheckPackage(package, {.size = size, .firmwareArea = package.firmwareVersion});
-        // A file that this reader accepts is one that the upgrade tool loads, and the reverse.
+        // The upgrade tool loads exactly the files that this reader accepts.
         _QV_FIRMWARE_HEADER header;
         unsigned char* sections[kMaxSections] = {};
         Check(READQVF(path.c_str(), &header, sections), "the two readers do not agree");

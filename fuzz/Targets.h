@@ -1,7 +1,7 @@
-// What is fuzzed: functions that take any bytes, and abort when one of their own checks fails.
+// The fuzz targets: functions that take any bytes, and abort when one of their own checks fails.
 //
 // The same functions run under libFuzzer (scripts/fuzz) and over the corpus in the ordinary tests
-// (tests/fuzz). Standard output is theirs to fill; whoever calls them sends it away. One thread.
+// (tests/fuzz). They print to standard output; the caller redirects it. One thread.
 #pragma once
 
 #include <cstddef>
@@ -14,8 +14,9 @@ struct Target {
     void (*run)(const uint8_t* data, size_t size);
 };
 
-void LoadPackage(const uint8_t* data, size_t size);      // the upgrade tool's package loader
-void ReadPackage(const uint8_t* data, size_t size);      // qvftool's, and everything behind it
+void LoadPackage(const uint8_t* data, size_t size);  // the upgrade tool's package loader
+void ReadPackage(const uint8_t* data,
+                 size_t size);  // qvftool's loader, and everything that uses it
 void ReadDescription(const uint8_t* data, size_t size);  // qvftool's TOML description
 void ParseScenario(const uint8_t* data, size_t size);    // scenario files of the simulation
 void ListDevices(const uint8_t* data, size_t size);      // arbitrary driver records and flash

@@ -19,12 +19,12 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// More than any card's flash has: a header that asks for more is no header.
+// More than any card's flash: a header that names more is no header.
 constexpr uint64_t kMostBytes = uint64_t{256} << 20;
 constexpr int kMostReadings = 4;    // of one chunk, until two agree
 constexpr int kMostNumbers = 1000;  // of backups of one version that differ
 
-// Reads what it is told until it has read it twice alike: what is saved must be what is there.
+// Reads a chunk until two readings agree: the backup must equal the flash.
 class SureReader {
   public:
     SureReader(const Card& card, const Progress& progress)
@@ -108,8 +108,8 @@ uint64_t DataSize(const qvf::Bytes& header) {
     return size;
 }
 
-// Header and sections, as a package has them. Sections of the other image come along as they are:
-// the header has a place for them.
+// Header and sections, as in a package. Sections of the other image are included unchanged, because
+// the header lists them.
 qvf::Bytes PackageOf(SureReader& reader, const qvf::Bytes& header) {
     qvf::Bytes package = header;
     for (const Place& place : SectionsOf(header)) {
@@ -127,7 +127,7 @@ bool IsThere(const std::string& path, const qvf::Bytes& bytes) {
     }
 }
 
-// A folder that is free, or that holds the very same package already.
+// A folder that is free, or that already holds the same package.
 std::string FolderFor(const std::string& folder, const std::string& name, const qvf::Bytes& bytes,
                       bool* wasThere) {
     for (int number = 1; number <= kMostNumbers; ++number) {
@@ -155,7 +155,7 @@ SavedImage Save(const Card& card, const std::string& folder, const qvf::Bytes& p
     const std::string digest = saved.sha256 + "  " + name + ".qvf\n";
     qvf::NewFolder files(place);
     qvf::WriteFile(files / (name + ".qvf"), package);
-    // Not beside it as ".qvf.sha256": qvcap-upgrade would take that for a package, too.
+    // Not named ".qvf.sha256": qvcap-upgrade would take that for a package, too.
     qvf::WriteFile(files / (name + ".sha256"), qvf::Bytes(digest.begin(), digest.end()));
     files.Commit();
     return saved;

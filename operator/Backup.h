@@ -1,7 +1,6 @@
-// A card's images, read out of its flash into ordinary packages, each in a folder of its own
-// together with its SHA-256: qvcap-upgrade with -f, run in that folder, brings the image back.
-// Reads the card, writes below one folder. Failures are Mistakes; what was written before stays.
-// One thread.
+// Saves a card's images from its flash as ordinary packages, each in its own folder together with
+// its SHA-256: qvcap-upgrade with -f, run in that folder, restores the image. Reads the card,
+// writes below one folder. Failures are Mistakes; files written before a failure stay. One thread.
 #pragma once
 
 #include <cstdint>
@@ -18,17 +17,17 @@ struct SavedImage {
     uint32_t version = 0;
     std::string path;  // of the package
     std::string sha256;
-    bool wasThere = false;  // the very same was saved before, and nothing was written
+    bool wasThere = false;  // the same image was saved before, and nothing was written
 };
 
 struct Backup {
     std::vector<SavedImage> images;
-    // What was not saved and why, a sentence each: an image without a valid header is none.
+    // What was not saved and why, one sentence each: without a valid header there is no image.
     std::vector<std::string> notes;
 };
 
-// Makes the folder where it is missing. A package appears there complete, with its digest, or not
-// at all.
+// Makes the folder if it is missing. A package appears there complete, with its digest, or not at
+// all.
 Backup BackUpCard(const Card& card, const std::string& folder, const Progress& progress = nullptr);
 
 // "PX20110001-0-Pelix_Duo_HDMI-1.0-main": letters, digits, dots, dashes and underscores.

@@ -25,7 +25,7 @@ struct Arguments {
 struct Outcome {
     Card card;
     Backup backup;
-    std::string problem;  // empty: all is saved that can be
+    std::string problem;  // empty: everything that can be saved is saved
 };
 
 Outcome BackUp(const Card& card, const std::string& folder, ReadingBar& bar) {

@@ -8,7 +8,7 @@
 
 namespace qvo {
 
-// The processes that have one of the nodes open, without this one.
+// The processes that have one of the nodes open, except this one.
 std::vector<Process> UsersOf(const std::vector<std::string>& nodes,
                              const std::string& proc = "/proc");
 

@@ -19,7 +19,7 @@ std::string Text(const char (&from)[kSize]) {
     return std::string(from, strnlen(from, kSize));
 }
 
-// The driver's reason, when it gave one.
+// The driver's reason, if it gave one.
 std::string Because(const std::string& what, int error) {
     return error == 0 ? what + ": no reason was given" : what + ": " + std::strerror(error);
 }
@@ -36,7 +36,7 @@ void TakeIdentity(const _QVCAP_CHANNEL_INFO& info, Card& card) {
     card.runningVersion = info.firmwareVersion;
 }
 
-// Asks an open channel for what may have changed since the list was made, and for the flash layout.
+// Reads from an open channel what may have changed since the list was made, and the flash layout.
 std::string Ask(QV_CHANNEL channel, Card& card) {
     _QVCAP_CHANNEL_INFO info = {};
     errno = 0;
@@ -94,7 +94,7 @@ bool IsListed(const std::vector<Card>& cards, const std::string& path) {
     });
 }
 
-// A node that the library did not take for a channel, when it should be one.
+// A node that should be a channel but that the library does not list.
 void AddUnlisted(const std::string& path, std::vector<Card>& cards) {
     const NodeAnswers answers = AskNode(path);
     if (!answers.IsChannel() && !answers.ShouldBeChannel()) return;

@@ -1,6 +1,6 @@
-// The cards of this computer, one entry for each flash, each asked on its own: a card that cannot
-// be asked is an entry with the reason, and hides no other. Only asks and reads: nothing here can
-// erase or write. One thread; a Library must exist.
+// The cards of this computer, one entry for each flash, each queried separately: a card that does
+// not answer is an entry with the reason, and hides no other. Only queries and reads: nothing here
+// can erase or write. One thread; a Library must exist.
 #pragma once
 
 #include <cstdint>
@@ -11,14 +11,14 @@
 
 namespace qvo {
 
-// A flash and the channels that run from it. Texts are as the device gave them, cut at their first
-// zero byte: escape them before they are shown.
+// A flash and the channels that run from it. Texts come unchanged from the device, cut at their
+// first zero byte: escape them before they are shown.
 struct Card {
-    std::string path;                // of the channel that stands for the flash: the first one
-    std::vector<std::string> paths;  // of all its channels, that one included
-    std::string problem;             // why it could not be asked, in words; empty when it answered
+    std::string path;                // of the channel that represents the flash: the first one
+    std::vector<std::string> paths;  // of all its channels, including that one
+    std::string problem;             // why it did not answer, as a text; empty when it answered
 
-    bool identified = false;  // the fields up to the running version hold something
+    bool identified = false;  // the fields up to the running version are valid
     int board = 0;
     int channel = 0;
     std::string family;
@@ -34,14 +34,14 @@ struct Card {
     std::string Name() const;
 };
 
-// Where the safe image's header stands: this far behind the main one's.
+// Distance from the main image's header to the safe image's, bytes.
 inline constexpr uint32_t kSafeHeaderDistance = 4096;
 // Bytes of one read request at most.
 inline constexpr uint32_t kReadChunk = 65536;
 
 // Every card of the library's list, in its order. The channels of a Lumo board share one flash and
-// are one entry. Asks each for identity and flash layout, and closes it again. Nodes that should be
-// channels and that the library could not ask are entries too.
+// are one entry. Queries identity and flash layout of each, and closes it again. Nodes that should
+// be channels but did not answer the library are entries, too.
 std::vector<Card> FindCards();
 
 // A card that is open for reading.
@@ -52,10 +52,10 @@ class CardReader {
     CardReader(const CardReader&) = delete;
     CardReader& operator=(const CardReader&) = delete;
 
-    // One request, `size` at most kReadChunk. False with Problem() set when it was refused or came
-    // short.
+    // One request, `size` at most kReadChunk. False with Problem() set when it was refused or
+    // delivered too few bytes.
     bool Read(uint32_t address, uint8_t* buffer, uint32_t size);
-    // Why the last thing failed, in words that name the request; empty when nothing has.
+    // Why the last call failed, as a text that names the request; empty when none has failed.
     const std::string& Problem() const { return m_problem; }
 
   private:

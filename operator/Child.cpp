@@ -34,7 +34,7 @@ struct Descriptor {
     throw qvf::Mistake(what + ": " + std::strerror(error));
 }
 
-// A descriptor above all that the child puts in place, so that no copy overwrites another.
+// A descriptor above all those that the child sets up, so that no copy overwrites another.
 int Raised(int fd) { return fcntl(fd, F_DUPFD_CLOEXEC, 10); }
 
 struct Prepared {
@@ -42,11 +42,12 @@ struct Prepared {
     int output;
     int lock;
     int folder;
-    int report;  // closed by a program that starts; else it is told why none did
+    int report;  // closed when the program starts; otherwise receives the reason why it did not
     char* const* arguments;
 };
 
-// Behind fork() in a program with threads: system calls, and nothing that takes memory or a lock.
+// After fork() in a program with threads: only system calls, nothing that allocates memory or takes
+// a lock.
 [[noreturn]] void Become(const Prepared& prepared) {
     struct sigaction ignore = {};
     ignore.sa_handler = SIG_IGN;
@@ -57,7 +58,7 @@ struct Prepared {
     bool good = setsid() >= 0 && dup2(prepared.input, 0) == 0 && dup2(prepared.output, 1) == 1 &&
                 dup2(prepared.output, 2) == 2 && fchdir(prepared.folder) == 0;
     if (good && prepared.lock >= 0) good = dup2(prepared.lock, kLockInChild) == kLockInChild;
-    // What this process was started with is not the child's: a connection would stay open for it.
+    // The child does not inherit this process's descriptors: it would keep a connection open.
     close_range(prepared.lock >= 0 ? kLockInChild + 1 : kLockInChild, ~0U, CLOSE_RANGE_CLOEXEC);
     if (good) execv(prepared.arguments[0], prepared.arguments);
     const int error = errno;
@@ -132,7 +133,7 @@ bool Child::WaitFor(int milliseconds) {
     const Descriptor process(static_cast<int>(syscall(SYS_pidfd_open, m_pid, 0)));
     pollfd waiting = {process.fd, POLLIN, 0};
     poll(&waiting, 1,
-         milliseconds);  // an older kernel has no such descriptor: it waits all the same
+         milliseconds);  // an older kernel has no such descriptor: waits without it
     return Poll().has_value();
 }
 
@@ -141,7 +142,8 @@ std::string FindTool() {
     const ssize_t length = readlink("/proc/self/exe", own.data(), own.size() - 1);
     std::string folder(own.data(), length > 0 ? static_cast<size_t>(length) : 0);
     folder.resize(folder.find_last_of('/') == folder.npos ? 0 : folder.find_last_of('/'));
-    // Beside this program; in the tree that builds both; where programs of administrators are.
+    // In this program's folder; in the build tree of both; in the folder of administrators'
+    // programs.
     const std::string places[] = {folder, folder + "/../sbin", folder + "/../tool",
                                   "/usr/local/sbin", "/usr/sbin"};
     for (const std::string& place : places) {

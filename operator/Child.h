@@ -1,4 +1,4 @@
-// One run of qvcap-upgrade that nothing but KILL and a loss of power ends: in a session of its own,
+// One run of qvcap-upgrade that only KILL and a loss of power can interrupt: in its own session,
 // with HUP, INT, TERM and PIPE ignored, nothing on standard input, its output in a file. It goes on
 // when this process ends. Failures are Mistakes. One thread per object.
 #pragma once
@@ -14,9 +14,9 @@ namespace qvo {
 struct ChildPlan {
     std::string program;  // path of the tool
     std::vector<std::string> arguments;
-    std::string folder;  // it runs there
-    std::string output;  // file for standard output and error; must not be there yet
-    int lock = -1;       // a descriptor that it keeps open to its end
+    std::string folder;  // its working directory
+    std::string output;  // file for standard output and error; must not exist yet
+    int lock = -1;       // a descriptor that it keeps open until it ends
 };
 
 struct ChildEnd {
@@ -27,14 +27,14 @@ struct ChildEnd {
 class Child {
   public:
     explicit Child(const ChildPlan& plan);
-    ~Child();  // waits for its end: it is never left half-way
+    ~Child();  // waits for its end: it is never interrupted
     Child(const Child&) = delete;
     Child& operator=(const Child&) = delete;
 
     pid_t Number() const { return m_pid; }
-    // Its end, when it has come.
+    // Its result, if it has ended.
     std::optional<ChildEnd> Poll();
-    // Waits for its end, so long; whether it has come.
+    // Waits so long for its end; true if it has ended.
     bool WaitFor(int milliseconds);
 
   private:
@@ -42,7 +42,7 @@ class Child {
     std::optional<ChildEnd> m_end;
 };
 
-// The tool beside this program, or where programs are installed. A Mistake when there is none.
+// The tool in this program's folder, or where programs are installed. A Mistake when there is none.
 std::string FindTool();
 
 }  // namespace qvo

@@ -1,5 +1,5 @@
-// The commands of qvcap, each in a unit of its own: it adds itself to the command line and, when it
-// is called, leaves its exit status. They are called while the command line is parsed. One thread.
+// The commands of qvcap, each in its own unit. Each adds itself to the command line and, when
+// called, stores its exit status. They are called while the command line is parsed. One thread.
 #pragma once
 
 #include <CLI/CLI.hpp>

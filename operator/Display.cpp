@@ -12,7 +12,7 @@
 namespace qvo {
 namespace {
 
-constexpr unsigned kEveryPercent = 10;  // JSON has every so manyth
+constexpr unsigned kEveryPercent = 10;  // steps of the percentage in JSON
 constexpr size_t kBarWidth = 20;
 constexpr size_t kSmallestWidth = 40;
 constexpr unsigned kWhole = 1000;
@@ -192,7 +192,7 @@ void Display::Follow(const Event& event) {
     }
 }
 
-// What only moves a bar is no line of its own on a terminal.
+// On a terminal, an event that only moves a bar gets no line.
 void Display::TakeTerminal(const Event& event) {
     const std::string kind = event.value("event", "");
     Wipe();

@@ -1,6 +1,6 @@
-// What an upgrade shows while it runs: on a terminal a live line for each card in work and a total,
-// elsewhere a line with its time for each event, or the events themselves as JSON. Never a control
-// character into a file. Any thread; lines of several never mix.
+// What an upgrade shows while it runs: on a terminal a live line for each active card and a total,
+// elsewhere a line with its time for each event, or the events as JSON. It never writes a control
+// character to a file. Any thread; lines of several threads never mix.
 #pragma once
 
 #include <chrono>
@@ -15,7 +15,7 @@ namespace qvo {
 
 enum class Look { kPlain, kTerminal, kJson };
 
-// The line of an event for people, without its time; empty for those that are not worth a line.
+// The readable line of an event, without its time; empty for events that need no line.
 std::string PlainText(const Event& event);
 
 class Display {
@@ -48,10 +48,10 @@ class Display {
     const Look m_look;
     std::ostream& m_out;
     std::mutex m_lock;
-    std::map<std::string, unsigned> m_told;  // the last percentage of each card that JSON had
-    std::map<std::string, Line> m_lines;     // of the cards in work
+    std::map<std::string, unsigned> m_told;  // the last percentage of each card in the JSON
+    std::map<std::string, Line> m_lines;     // of the active cards
     size_t m_drawn = 0;                      // lines on the terminal that will be overwritten
-    size_t m_cards = 0;                      // that are to be flashed
+    size_t m_cards = 0;                      // that will be flashed
     size_t m_ended = 0;
     Clock::time_point m_begun = Clock::now();
 };

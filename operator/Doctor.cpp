@@ -57,7 +57,7 @@ Observation OfAnswers(const std::string& path, const NodeAnswers& answers) {
             "power the computer off and on; should it stay so, the card or its driver is broken"};
 }
 
-// What one can only see from all channels together.
+// Checks that need all channels together.
 class Channels {
   public:
     void Add(const _QVCAP_CHANNEL_INFO& info) {

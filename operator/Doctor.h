@@ -1,6 +1,6 @@
-// What stands between an operator and his cards: nodes, permissions, holders, answers, versions,
-// packages. Each observation says what was seen and, where something is wrong, what to do. Opens
-// nodes and asks the two requests of identity, nothing else. One thread.
+// Finds problems with the cards: nodes, permissions, processes that have nodes open, answers,
+// versions, packages. Each observation says what was seen and, if something is wrong, what to do.
+// Opens nodes and sends the two identity requests, nothing else. One thread.
 #pragma once
 
 #include <string>
@@ -20,8 +20,8 @@ struct Observation {
 };
 
 struct Surroundings {
-    std::string packages;  // folder; empty: packages are not looked at
-    int timeout = 5;       // seconds that a node has for its answer
+    std::string packages;  // folder; empty: packages are not checked
+    int timeout = 5;       // seconds to wait for a node's answer
     std::string proc = "/proc";
     std::vector<std::string> ruleFolders = {"/etc/udev/rules.d", "/run/udev/rules.d",
                                             "/usr/lib/udev/rules.d", "/lib/udev/rules.d"};
@@ -29,14 +29,14 @@ struct Surroundings {
 
 std::vector<Observation> Examine(const Surroundings& surroundings);
 
-// Parts of it, each on its own.
+// The parts of the check.
 std::vector<Observation> ExamineNodes(const Surroundings& surroundings);
 std::vector<Observation> ExamineEventNode(const Surroundings& surroundings);
 std::vector<Observation> ExamineSystem(const Surroundings& surroundings);
 std::vector<Observation> ExamineVersions();
 std::vector<Observation> ExaminePackages(const std::string& folder);
 
-// The check of an observation about a channel that answers as it should.
+// The name of the check for a channel that answers correctly.
 inline constexpr char kChannelsCheck[] = "channels";
 
 }  // namespace qvo

@@ -1,5 +1,4 @@
-// The computer around the cards, for Doctor.h: kernel, rules of udev, sound cards, versions,
-// packages.
+// The computer around the cards, for Doctor.h: kernel, udev rules, sound cards, versions, packages.
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -20,7 +19,7 @@ namespace {
 constexpr char kRules[] = "70-qvcapture.rules";
 constexpr char kToolPackage[] = "qvcap-upgrade";
 constexpr char kLibraryPackage[] = "libqvcapture3";
-constexpr int kLongestList = 256;  // lines of a list of sound cards
+constexpr int kLongestList = 256;  // most lines of a list of sound cards
 
 Observation Kernel() {
     utsname about = {};
@@ -74,7 +73,7 @@ std::vector<Observation> SoundCards(const std::string& proc) {
     return seen;
 }
 
-// Of the Debian packages that are installed: their versions. Empty without dpkg.
+// The versions of the installed Debian packages. Empty without dpkg.
 std::map<std::string, std::string> InstalledVersions() {
     std::map<std::string, std::string> versions;
     try {

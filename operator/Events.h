@@ -1,5 +1,5 @@
-// What happens in an upgrade, as it is shown, logged and reported: JSON objects whose key `event`
-// says which one it is (docs/formats/upgrade.schema.json). A sink may be called from any thread.
+// The events of an upgrade, for display, log and report: JSON objects whose key `event` names the
+// kind (docs/formats/upgrade.schema.json). A sink may be called from any thread.
 #pragma once
 
 #include <functional>

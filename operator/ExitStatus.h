@@ -1,5 +1,5 @@
-// The exit statuses of qvcap: the one table that the manual page repeats and that the tests compare
-// row by row. Constants only; any thread.
+// The exit statuses of qvcap, the only such table: the manual page repeats it and the tests compare
+// them row by row. Constants only; any thread.
 #pragma once
 
 namespace qvo {

@@ -19,13 +19,13 @@
 namespace qvo {
 namespace {
 
-constexpr size_t kTail = 400;  // bytes; a progress line has fewer
+constexpr size_t kTail = 400;  // bytes; a progress line is shorter
 constexpr uint64_t kMostOutput = uint64_t{4} * 1024 * 1024;
 constexpr int kLookEvery = 100;  // milliseconds
 
 std::string Text(const qvf::Bytes& bytes) { return {bytes.begin(), bytes.end()}; }
 
-// The end of the output, and how long all of it is.
+// The end of the output, and its total length.
 std::string Tail(const std::string& path, uint64_t* length) {
     std::string text(kTail, '\0');
     const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
@@ -148,7 +148,8 @@ void FlashCard::TryUntilDone() {
     }
 }
 
-// What cannot be saved is not overwritten: that is a Mistake. An image that is none is no loss.
+// An image that cannot be saved is not overwritten: that is a Mistake. Without a valid header there
+// is nothing to lose.
 void FlashCard::BackUp() {
     const Backup backup = BackUpCard(m_job.card, m_means.backup);
     Event event = CardEvent("backup", m_job.card);
@@ -159,7 +160,7 @@ void FlashCard::BackUp() {
                                    {"file", image.path},
                                    {"sha256", image.sha256}});
         if (image.safe) continue;
-        // The package that the card had before is what leads out of an unfinished main image.
+        // The package that the card had before can repair an unfinished main image.
         const FirmwarePackage saved{image.path, image.path,
                                     qvf::ReadPackage(image.path, qvf::Read::kHeader)};
         m_job.earlier.push_back({image.path, ReadContents(saved)});
@@ -169,7 +170,7 @@ void FlashCard::BackUp() {
 }
 
 // A package with another code makes the next upgrade a normal one again. False when there is none,
-// or it did not help.
+// or when it did not help.
 bool FlashCard::BringBack() {
     for (const EarlierPackage& earlier : m_job.earlier) {
         const qvf::Package& package = earlier.contents->package;

@@ -1,6 +1,6 @@
-// One flash on its way through an upgrade: the tool as a child, the flash read back, another
-// attempt, and the way out of an unfinished main image. The flash decides; the tool's words are
-// evidence. One thread per object, any number at once for different boards.
+// The upgrade of one flash: runs the tool as a child, reads the flash back, tries again, and
+// repairs an unfinished main image. The flash decides; the tool's output is evidence. One thread
+// per object; objects for different boards may run at the same time.
 #pragma once
 
 #include <memory>
@@ -18,26 +18,26 @@ namespace qvo {
 enum class Outcome {
     kPlanned,   // not begun
     kDone,      // written and read back
-    kFailed,    // tried in vain, or it cannot be judged
-    kRefused,   // not tried: the package is not to be trusted
+    kFailed,    // tried without success, or it cannot be judged
+    kRefused,   // not tried: the package cannot be trusted
     kBusy,      // not tried: another process has it open
     kLeft,      // current or staged
     kSkipped,   // no package fits
-    kNotBegun,  // the run was ended before
+    kNotBegun,  // the run ended before
 };
 const char* OutcomeText(Outcome outcome);  // "done", "failed", ...
 
-// A package for the way out of an unfinished main image.
+// A package that can repair an unfinished main image.
 struct EarlierPackage {
     std::string name;
     std::shared_ptr<const PackageContents> contents;
 };
 
-// All that is known of one flash in a run.
+// Everything about one flash in a run.
 struct Job {
     Card card;
     Fit fit;
-    std::shared_ptr<const PackageContents> contents;  // null where no single package fits
+    std::shared_ptr<const PackageContents> contents;  // null unless exactly one package fits
     std::string sha256;                               // of that package's file
     Verdict verdict;
     StoredHeader stored;
@@ -48,10 +48,10 @@ struct Job {
     std::string reason;  // for every outcome but kDone
     int attempts = 0;
     ToolReport tool;       // of the last attempt
-    std::string toolFile;  // the tool's whole output then
+    std::string toolFile;  // the tool's whole output in that attempt
 };
 
-// What all flashes of a run have in common.
+// The settings that all flashes of a run share.
 struct Means {
     std::string tool;    // program
     std::string folder;  // for the tool's output
@@ -60,12 +60,12 @@ struct Means {
     int lock = -1;
     int retries = 1;
     std::string backup;     // folder; empty: nothing is saved
-    int stalledAfter = 60;  // seconds without progress that are worth a word
+    int stalledAfter = 60;  // seconds without progress until a message
     bool forceBusy = false;
     EventSink sink;
 };
 
-// Event with the card's name and the time.
+// An event with the card's name and the time.
 Event CardEvent(const std::string& kind, const Card& card);
 
 // Reads the flash of a job and compares it with a package; also reads what decides the mode.
@@ -74,7 +74,7 @@ void ReadBack(Job& job, const PackageContents& contents, const Progress& progres
 class FlashCard {
   public:
     FlashCard(Job& job, const Means& means) : m_job(job), m_means(means) {}
-    // Leaves outcome, reason and evidence in the job. Throws nothing.
+    // Stores outcome, reason and evidence in the job. Throws nothing.
     void Run();
 
   private:

@@ -65,7 +65,7 @@ std::vector<std::string> Months(const std::string& folder) {
     return months;
 }
 
-// The file with nobody else at it, until its end.
+// The open file, locked until this object is destroyed.
 class LockedFile {
   public:
     explicit LockedFile(const std::string& path) : m_path(path) {
@@ -75,7 +75,8 @@ class LockedFile {
         whole.l_type = F_WRLCK;
         whole.l_whence = SEEK_SET;
         while (fcntl(m_fd, F_OFD_SETLKW, &whole) != 0)
-            if (errno != EINTR) break;  // a file system without locks: a run has the machine's lock
+            if (errno != EINTR)
+                break;  // a file system without locks: the run holds the machine's lock
     }
     ~LockedFile() { close(m_fd); }
     LockedFile(const LockedFile&) = delete;
@@ -86,7 +87,7 @@ class LockedFile {
         if (fstat(m_fd, &status) != 0) Fail(m_path, errno);
         return status.st_size;
     }
-    // All of it is in the file, or none.
+    // The file gets all of it, or nothing.
     void Append(const std::string& line) const {
         const off_t before = Length();
         std::string text = EndsWithLine(before) ? line : "\n" + line;
@@ -104,7 +105,7 @@ class LockedFile {
     }
 
   private:
-    // What a cut has left of a line stays a line of its own.
+    // Whether the last line is complete; a line that was cut off stays a separate line.
     bool EndsWithLine(off_t length) const {
         char last = '\n';
         return length == 0 || pread(m_fd, &last, 1, length - 1) != 1 || last == '\n';
@@ -113,7 +114,7 @@ class LockedFile {
     int m_fd = -1;
 };
 
-// The younger half of a file that has grown too large.
+// The newer half of a file that has grown too large.
 void Shorten(const std::string& path) {
     const qvf::Bytes all = qvf::ReadFile(path);
     const auto half = all.begin() + static_cast<std::ptrdiff_t>(all.size() / 2);

@@ -1,5 +1,5 @@
-// The log of what was done to cards: JSON lines in one file a month, appended as a whole or not at
-// all, and bounded. Failures of writing are Mistakes; reading takes any bytes. One thread per
+// The log of upgrades: JSON lines in one file per month, each line appended completely or not at
+// all, of bounded size. A failure to write is a Mistake; reading accepts any bytes. One thread per
 // object.
 #pragma once
 
@@ -15,10 +15,11 @@ namespace qvo {
 inline constexpr char kLogFolder[] = "/var/log/qvcap";
 inline constexpr size_t kMostMonths = 36;  // older files are removed
 inline constexpr uint64_t kMostOfMonth =
-    8 * 1024 * 1024;                              // bytes; the older half of a larger file goes
-inline constexpr size_t kMostOfLine = 16 * 1024;  // bytes; a longer one is not written, nor read
+    8 * 1024 * 1024;  // bytes; the older half of a larger file is removed
+inline constexpr size_t kMostOfLine =
+    16 * 1024;  // bytes; a longer line is neither written nor read
 
-// One flash in one run. Texts are as they were found: any bytes.
+// One flash in one run. Texts are unchanged and may hold any bytes.
 struct HistoryEntry {
     std::string time;  // "2026-11-22T03:10:11Z"
     std::string run;   // the same for all cards of a run
@@ -33,17 +34,17 @@ struct HistoryEntry {
     std::string package;  // file
     std::string sha256;   // of the package
     int attempts = 0;
-    std::string message;  // the tool's last words
+    std::string message;  // the tool's last line
 };
 
 struct History {
     std::vector<HistoryEntry> entries;  // as they were written
-    size_t damaged = 0;                 // lines that are none
+    size_t damaged = 0;                 // lines that are no valid entry
 };
 
 class HistoryLog {
   public:
-    // Makes the folder where it is missing, and tries that it can be written to.
+    // Makes the folder if it is missing, and checks that it is writable.
     explicit HistoryLog(const std::string& folder);
     const std::string& Folder() const { return m_folder; }
     void Append(const HistoryEntry& entry) const;
@@ -54,15 +55,15 @@ class HistoryLog {
 
 std::string HistoryLine(const HistoryEntry& entry);  // with its line feed
 History ParseHistory(std::string_view text);
-// All months of a folder, the oldest first. A folder that is not there has no history.
+// All months of a folder, the oldest first. A missing folder has no history.
 History ReadHistory(const std::string& folder);
 
 nlohmann::ordered_json HistoryJson(const HistoryEntry& entry);
-std::string HistoryText(const History& history);  // a table for people
+std::string HistoryText(const History& history);  // a readable table
 
 std::string TimeText(std::time_t time);  // UTC, "2026-11-22T03:10:11Z"
-// "root", or "root (for anna)" through sudo. Before other threads are started: it asks the system's
-// list of users, which answers one thread at a time.
+// "root", or "root (for anna)" through sudo. Call it before other threads start: the system's user
+// list is not thread-safe.
 std::string WhoRuns();
 
 }  // namespace qvo

@@ -1,4 +1,4 @@
-// qvcap history: what was done to cards.
+// qvcap history: what was done to the cards.
 #include <algorithm>
 #include <iostream>
 #include <memory>

@@ -12,8 +12,8 @@ namespace {
 
 constexpr char kLogind[] = "org.freedesktop.login1";
 
-// The few functions of sd-bus that are needed, by the names and types of its stable interface: they
-// are looked up when the program runs, so that it starts, and is built, without the library.
+// The few functions of sd-bus that are needed, with the names and types of its stable interface.
+// They are looked up at run time, so that the program is built, and starts, without the library.
 class Bus {
   public:
     Bus() : m_library(dlopen("libsystemd.so.0", RTLD_NOW | RTLD_LOCAL)) {
@@ -31,7 +31,7 @@ class Bus {
         if (m_library != nullptr) dlclose(m_library);
     }
 
-    // A descriptor that holds the inhibitor, or -1 with the problem.
+    // A descriptor that holds the inhibitor lock, or -1 with the problem.
     int Inhibit(std::string* problem) {
         if (m_library == nullptr || m_missing) return Say(problem, "libsystemd is not here");
         if (const int result = m_openSystem(&m_bus); result < 0)

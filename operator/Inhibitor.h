@@ -1,6 +1,6 @@
-// While it lives, logind delays no shutdown for a moment only but blocks it: a flash is not cut by
-// an orderly power-off. libsystemd is loaded when there is one; without it, or without a system
-// bus, the reason is kept for one word about it. One thread.
+// While it exists, logind blocks a shutdown, and does not only delay it: an orderly power-off does
+// not interrupt a flash. libsystemd is loaded if it is installed; without it, or without a system
+// bus, the reason is kept for one message. One thread.
 #pragma once
 
 #include <string>

@@ -11,7 +11,7 @@ namespace {
 
 using Contents = std::shared_ptr<const PackageContents>;
 
-// Each package is read once, whatever the order of the cards.
+// Reads each package once, whatever the order of the cards.
 class ContentsKeeper {
   public:
     Contents Of(const FirmwarePackage& package) {
@@ -30,7 +30,7 @@ std::string WhyUnreadable(const PackageSet& packages) {
            ") and could be for this card: replace or remove it";
 }
 
-// The size of a flash is nowhere to be asked: the last byte of each section is read instead.
+// No request tells the size of a flash: this reads the last byte of each section instead.
 std::string Unreachable(const Card& card, const qvf::Package& package) {
     CardReader reader(card);
     for (size_t i = 0; i < package.sections.size(); ++i) {
@@ -38,7 +38,7 @@ std::string Unreachable(const Card& card, const qvf::Package& package) {
         if (section.size == 0 || section.End() > uint64_t{1} << 32) continue;  // another rule's
         const auto last = static_cast<uint32_t>(section.End() - 1);
         uint8_t byte = 0;
-        // Twice: a request that was refused once is no end of the flash.
+        // Twice: one refused request does not mean the end of the flash.
         if (reader.Read(last, &byte, 1) || reader.Read(last, &byte, 1)) continue;
         return "section " + std::to_string(i + 1) + " ends at " + qvf::HexNumber(last, 8) +
                ", which cannot be read, behind the end of the flash perhaps (" + reader.Problem() +
@@ -47,7 +47,7 @@ std::string Unreachable(const Card& card, const qvf::Package& package) {
     return "";
 }
 
-// Where nothing is written, the plan is the outcome.
+// If nothing is written, the plan is the outcome.
 Outcome OutcomeOf(Action action) {
     switch (action) {
         case Action::kFlash:

@@ -1,4 +1,4 @@
-// The jobs of a run: which cards are chosen, what is known of each, and what the whole came to.
+// The jobs of a run: the selected cards, what is known about each, and the result of the whole run.
 // Reads cards and packages, writes nothing. One thread.
 #pragma once
 
@@ -11,16 +11,16 @@
 
 namespace qvo {
 
-// The chosen cards, each read back and with its plan. `packages` must outlive them.
+// The selected cards, each read and with its plan. `packages` must outlive them.
 std::vector<Job> MakeJobs(const UpgradeOptions& options, const PackageSet& packages);
 
 bool IsToBeFlashed(const Job& job);
 
-// What all of it means to whoever started the run.
+// The exit status of the whole run.
 ExitStatus StatusOf(const std::vector<Job>& jobs);
 
 Event PlanEvent(const Job& job);
-// The closing report.
+// The final report.
 Event EndEvent(const std::vector<Job>& jobs, ExitStatus status);
 HistoryEntry EntryOf(const Job& job, const std::string& run, const std::string& who);
 

@@ -52,7 +52,7 @@ class Comparison {
         return image;
     }
 
-    // Compares the sections of an image where that says something.
+    // Compares the sections of an image if the result can matter.
     void Sections(bool safe, Image& image) {
         if (m_failed || m_package == nullptr || m_depth == Depth::kHeaders) return;
         if (!IsWorthReading(safe, image.content)) {
@@ -89,7 +89,8 @@ class Comparison {
         return !m_failed;
     }
 
-    // What is neither erased nor expected is read twice: one wrong bit on the way is no damage.
+    // Data that is neither erased nor expected is read twice: one wrong bit in a transfer is no
+    // damage.
     bool ReadHeader(uint32_t address, qvf::Bytes& bytes) {
         if (!Read(address, bytes.data(), bytes.size())) return false;
         const bool expected = m_package != nullptr && bytes == m_package->header;
@@ -128,7 +129,7 @@ class Comparison {
         if (differs) image.differences.push_back(std::move(difference));
     }
 
-    // Whether the chunk differs, which is added to the difference then.
+    // Whether the chunk differs; if so, adds it to the difference.
     static bool Note(const uint8_t* chunk, const uint8_t* data, uint32_t size, uint32_t offset,
                      bool before, Difference& difference) {
         bool differs = false;
@@ -155,7 +156,7 @@ bool IsWhole(const Image& image) {
     return image.content == Content::kComplete || image.content == Content::kHeaderMatches;
 }
 
-// One of the images is the package's, whole.
+// One of the images is the package's and complete.
 Meaning DecideWhole(const Image& main, const Image& safe, uint32_t running, uint32_t offered) {
     if (running == offered) return {State::kCurrent, ""};
     const Image& other = IsWhole(main) ? safe : main;
@@ -180,7 +181,7 @@ std::string PackageNamesText(const Fit& fit) {
     return text;
 }
 
-// A card without one package to judge it by.
+// A card for which not exactly one package fits.
 Meaning WithoutPackage(const Fit& fit, const PackageSet& packages) {
     if (fit.IsAmbiguous())
         return {State::kUnknown, std::to_string(fit.packages.size()) + " packages fit: " +

@@ -1,11 +1,11 @@
-// The capture library's instance for as long as it is needed, and the standard streams before it.
-// One per process, on the thread that asks the cards.
+// Holds the capture library's instance, and first opens closed standard streams. One per process,
+// on the thread that queries the cards.
 #pragma once
 
 namespace qvo {
 
-// Streams 0 to 2 lead somewhere from then on: without one, the next file that is opened would get
-// its number, a card's node for instance, and what is printed would go there.
+// From then on streams 0 to 2 are open. If one were closed, the next file that is opened, for
+// example a card's node, would get its number, and output would be written there.
 void OccupyStandardStreams();
 
 // From construction to destruction the library has its list of channels.

@@ -1,5 +1,5 @@
-// Judging several cards one after another, with a bar on a terminal. One thread; a Library must
-// exist.
+// Judges several cards one after another, with a progress bar on a terminal. One thread; a Library
+// must exist.
 #pragma once
 
 #include <vector>

@@ -27,7 +27,7 @@ struct flock WholeFile() {
 }  // namespace
 
 MachineLock::MachineLock(const std::string& path) : m_path(path) {
-    // Links are not followed: the file is written to.
+    // Does not follow links, because it writes to the file.
     m_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0644);
     if (m_fd < 0) Fail(path, "the lock of this machine cannot be opened");
 }
@@ -51,7 +51,7 @@ void MachineLock::Wait() {
     Sign();
 }
 
-// A hint for those who may not look into this process; the lock does not depend on it.
+// A hint for users who may not inspect this process; the lock does not depend on it.
 void MachineLock::Sign() const {
     const std::string number = std::to_string(getpid()) + "\n";
     const bool signedIt =

@@ -1,4 +1,5 @@
-// One upgrade at a time on a machine: an open-file-description lock on a file that stays.
+// Allows one upgrade at a time on a machine: an open-file-description lock on a file that is never
+// removed.
 //
 // The lock belongs to the open file and not to a process: a child that inherits the descriptor
 // holds it too, so a qvcap that was killed leaves the machine locked until its child has finished.
@@ -16,7 +17,7 @@ inline constexpr char kLockFile[] = "/run/qvcap.lock";
 
 class MachineLock {
   public:
-    // Opens the file, and makes it where it is missing; a Mistake when it cannot.
+    // Opens the file, and creates it if it is missing; a Mistake when that fails.
     explicit MachineLock(const std::string& path);
     ~MachineLock();
     MachineLock(const MachineLock&) = delete;
@@ -24,13 +25,14 @@ class MachineLock {
 
     // False when somebody else has it.
     bool Take();
-    // Until it has it.
+    // Waits until it has the lock.
     void Wait();
-    // Whoever holds it, as far as it may be seen.
+    // The holders, as far as this process may see them.
     std::vector<Process> Holders() const;
-    // "qvcap-upgrade (process 71)", or what the file says of its last holder, or "another process".
+    // "qvcap-upgrade (process 71)", or what the file says about its last holder, or "another
+    // process".
     std::string HoldersText() const;
-    // To be handed on to children. Closed when another program is executed, but for these.
+    // For children to inherit. Every other program that is executed gets it closed.
     int Descriptor() const { return m_fd; }
 
   private:

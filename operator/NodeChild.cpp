@@ -17,7 +17,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// Travels through a pipe as it is, in one piece.
+// Sent through a pipe unchanged, in one piece.
 static_assert(std::is_trivially_copyable_v<NodeAnswers> && sizeof(NodeAnswers) <= 4096);
 
 [[noreturn]] void AskAndTell(const std::string& path, int pipe) {
@@ -26,7 +26,7 @@ static_assert(std::is_trivially_copyable_v<NodeAnswers> && sizeof(NodeAnswers) <
     _exit(written == sizeof answers ? 0 : 1);
 }
 
-// Whether there is something to read, or nobody left to write it, before the time is up.
+// Whether there is something to read, or no writer is left, before the time is over.
 bool IsReadableUntil(int fd, Clock::time_point end) {
     for (;;) {
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
@@ -55,7 +55,7 @@ std::optional<NodeAnswers> AskNodeWithin(const std::string& path, int seconds) {
     const bool came = IsReadableUntil(ends[0], Clock::now() + std::chrono::seconds(seconds)) &&
                       read(ends[0], &answers, sizeof answers) == sizeof answers;
     close(ends[0]);
-    // A request that hangs in the driver does not end for a signal: then nobody waits for it here.
+    // A signal does not end a request that hangs in the driver: so nobody waits for it here.
     if (!came) kill(child, SIGKILL);
     waitpid(child, nullptr, came ? 0 : WNOHANG);
     if (!came) return {};

@@ -1,5 +1,5 @@
-// Asking a node that may never answer: a child asks it, so that whoever waits can go on. One
-// thread.
+// Queries a node that may never answer: a child sends the request, so that the caller can go on.
+// One thread.
 #pragma once
 
 #include <optional>
@@ -9,8 +9,8 @@
 
 namespace qvo {
 
-// Nothing when no answer came within so many seconds; the child is told to end then, and not waited
-// for.
+// Returns nothing when no answer came within so many seconds; then the child is told to end, and
+// nobody waits for it.
 std::optional<NodeAnswers> AskNodeWithin(const std::string& path, int seconds);
 
 }  // namespace qvo

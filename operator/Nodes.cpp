@@ -19,7 +19,7 @@ namespace {
 constexpr std::string_view kPrefix = "video";
 constexpr size_t kMostDigits = 6;
 
-// The number behind "video", -1 for any other name.
+// The number after "video", -1 for any other name.
 int NodeNumber(std::string_view name) {
     if (!name.starts_with(kPrefix)) return -1;
     const std::string_view digits = name.substr(kPrefix.size());
@@ -30,7 +30,7 @@ int NodeNumber(std::string_view name) {
 
 int IsVideoNode(const dirent* entry) { return NodeNumber(entry->d_name) >= 0 ? 1 : 0; }
 
-// What a driver says to requests that it does not have.
+// The errors of a driver that does not know the request.
 bool IsForeign(int error) { return error == ENOTTY || error == EINVAL || error == ENOSYS; }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// Video nodes as the driver answers them, below the library's list: for the nodes that the library
-// could not take for a channel. Two requests for identity, each read-only. One thread.
+// Queries video nodes directly, without the library's list: for nodes that the library does not
+// list as channels. Sends two identity requests, which only read. One thread.
 #pragma once
 
 #include <optional>
@@ -10,7 +10,7 @@
 
 namespace qvo {
 
-// "/dev/video0" and so on, by their numbers. Only what is there.
+// "/dev/video0" and so on, in the order of their numbers; only existing nodes.
 std::vector<std::string> VideoNodePaths();
 
 struct NodeAnswers {
@@ -21,8 +21,9 @@ struct NodeAnswers {
     bool family = false;
 
     bool IsChannel() const { return identity && family; }
-    // Not a channel, but for one that is broken or not allowed: it cannot be opened, or one of the
-    // two requests was answered, or refused in another way than by a driver that does not know it.
+    // Whether the node is no channel but should be one: it exists and cannot be opened, or only one
+    // of the two requests was answered, or one was refused with another error than by a driver that
+    // does not know it.
     bool ShouldBeChannel() const;
     // Why it is not a channel, in words.
     std::string Problem() const;

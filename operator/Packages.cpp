@@ -37,7 +37,7 @@ std::vector<std::string> PackageNames(const std::string& folder) {
     return names;
 }
 
-// Without the path, which says nothing new beside the name.
+// Without the path, which adds nothing to the name.
 std::string Reason(const std::string& message, const std::string& path) {
     const std::string prefix = path + ": ";
     return message.starts_with(prefix) ? message.substr(prefix.size()) : message;
@@ -88,7 +88,7 @@ std::shared_ptr<const PackageContents> ReadContents(const FirmwarePackage& packa
 }
 
 qvf::Bytes HeaderBytes(const qvf::Package& package) {
-    qvf::Package bare;  // field by field: a copy would take the data of all sections along
+    qvf::Package bare;  // field by field: a copy would also copy the data of all sections
     bare.reserved4 = package.reserved4;
     bare.compatibilityCode = package.compatibilityCode;
     bare.productCode = package.productCode;

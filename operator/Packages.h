@@ -1,6 +1,6 @@
-// The firmware packages of a folder, as qvcap-upgrade would take them there, without the order of
-// the folder deciding anything: packages that cannot be read are kept with the reason, and of two
-// that fit one card none is chosen. Headers are read at once, sections and digest when asked for.
+// The firmware packages of a folder, found as qvcap-upgrade finds them, except that the order of
+// the folder decides nothing: packages that cannot be read are kept with the reason, and of two
+// that fit one card neither is chosen. Headers are read at once, sections and digest on request.
 // One thread.
 #pragma once
 
@@ -14,7 +14,7 @@
 
 namespace qvo {
 
-// A package whose header was read. Names and paths are as the file system has them: escape them
+// A package whose header was read. Names and paths come unchanged from the file system: escape them
 // before they are shown.
 struct FirmwarePackage {
     std::string name;  // without the folder
@@ -24,7 +24,7 @@ struct FirmwarePackage {
     uint32_t Version() const { return header.firmwareVersion; }
 };
 
-// The whole of a package, read at one moment.
+// A whole package, read at one moment.
 struct PackageContents {
     qvf::Package package;  // with the data of every section
     qvf::Bytes header;     // as it is written to flash: fixed part and section table
@@ -56,13 +56,13 @@ class PackageSet {
     const std::string& Folder() const { return m_folder; }
     const std::vector<FirmwarePackage>& Packages() const { return m_packages; }
     const std::vector<UnreadablePackage>& Unreadable() const { return m_unreadable; }
-    // Nothing that could have fitted any card.
+    // No package that could fit any card.
     bool IsEmpty() const { return m_packages.empty() && m_unreadable.empty(); }
 
     // By product code and hardware version.
     Fit For(const Card& card) const;
-    // One of the packages, whole. Those read last are kept: cards of one kind follow one another. A
-    // qvf::Mistake when it cannot be read.
+    // One of the packages, with all data. The last one read is kept, because cards of one kind
+    // follow one another. A qvf::Mistake when it cannot be read.
     std::shared_ptr<const PackageContents> Contents(const FirmwarePackage& package) const;
 
   private:
@@ -76,8 +76,8 @@ class PackageSet {
 // Whether qvcap-upgrade takes a file of this name for a package.
 bool IsPackageName(const std::string& name);
 
-// Reads the whole package. A qvf::Mistake when it cannot be read, or when its header is no longer
-// the one that was read before.
+// Reads the whole package. A qvf::Mistake when it cannot be read, or when its header has changed
+// since it was read.
 std::shared_ptr<const PackageContents> ReadContents(const FirmwarePackage& package);
 
 // The bytes of a header as they are written to flash.

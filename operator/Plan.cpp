@@ -22,7 +22,7 @@ bool HasData(const qvf::Package& package, Mode mode) {
     });
 }
 
-// Rules about images depend on the mode, and are looked at by themselves.
+// Rules about images depend on the mode, and are checked separately.
 bool IsAboutImages(const qvf::Rule& rule) {
     const std::string name = rule.name;
     return name == qvf::kNoUpgradeSection.name || name == qvf::kNoMainSection.name ||
@@ -67,7 +67,7 @@ CardPlan WithoutPackage(const Findings& findings) {
     return plan;
 }
 
-// Why a card that could be flashed is left as it is; empty when it is to be flashed.
+// Why a card that could be flashed is left alone; empty when it will be flashed.
 std::string ReasonToLeave(const Findings& findings) {
     const uint32_t offered = findings.contents->package.firmwareVersion;
     switch (findings.verdict.state) {

@@ -1,5 +1,6 @@
-// What an upgrade will do to one card, decided before anything is written: whether, in which mode,
-// how many bytes, and what is left alone. Pure functions over what was read; any thread.
+// What an upgrade will do to one card, decided before anything is written: whether to flash, in
+// which mode, how many bytes, and what to leave alone. Pure functions of the data that was read;
+// any thread.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +18,7 @@ namespace qvo {
 enum class Mode { kNormal, kSafe };
 const char* ModeText(Mode mode);  // "upgrade", "safe upgrade"
 
-// The two fields that decide the mode, from the place of the main header in flash, whatever is
+// The two fields that decide the mode, read at the address of the main header in flash, whatever is
 // there.
 struct StoredHeader {
     uint32_t version = 0;
@@ -32,7 +33,7 @@ Mode ModeOf(const qvf::Package& package, const StoredHeader& stored, uint32_t ru
 struct Work {
     uint64_t erase = 0;   // header, and all sections of the mode
     uint64_t write = 0;   // the same without clear sections
-    uint64_t verify = 0;  // what is read back of what was written
+    uint64_t verify = 0;  // bytes to read back
 };
 Work WorkOf(const qvf::Package& package, Mode mode);
 bool TakesPart(const qvf::Section& section, Mode mode);
@@ -42,27 +43,27 @@ enum class Action {
     kBringBack,  // the main image is unfinished, and the next upgrade would leave it so
     kLeave,      // current, staged, newer
     kSkip,       // no package fits
-    kRefuse,     // the package, or the folder, is not to be trusted
+    kRefuse,     // the package, or the folder, cannot be trusted
     kFail,       // the card cannot be judged
 };
 
 struct CardPlan {
     Action action = Action::kSkip;
     Mode mode = Mode::kNormal;
-    bool force = false;  // qvcap-upgrade would not think it necessary
+    bool force = false;  // without -f qvcap-upgrade would not do it
     Work work;
-    std::string reason;                 // why it is not flashed, or why it is though it seems done
+    std::string reason;  // why it is not flashed, or why it is flashed although it seems done
     std::vector<std::string> warnings;  // of the package
 };
 
-// What was found out about a card. `contents` is null where no single package fits.
+// What is known about a card. `contents` is null unless exactly one package fits.
 struct Findings {
     const Card& card;
     const Verdict& verdict;
     const Fit& fit;
     const PackageContents* contents = nullptr;
     StoredHeader stored;
-    std::string unreachable;  // a section that the flash has no room for; empty: none
+    std::string unreachable;  // a section that lies beyond the end of the flash; empty: none
 };
 
 CardPlan PlanCard(const Findings& findings, bool force);

@@ -21,7 +21,7 @@ constexpr char kPrefix[] = ".package-";
                        "; --log names another folder");
 }
 
-// 0, or why it could not be written whole.
+// 0, or the error if it could not be written completely.
 int WriteNew(const std::string& path, const qvf::Bytes& bytes) {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0400);
     if (fd < 0) return errno;

@@ -1,6 +1,6 @@
-// A folder that nobody else may enter, with one package in it: what a child can find there is what
-// was checked, whatever happens to the operator's folder meanwhile. Failures are Mistakes. One
-// thread per object.
+// A folder that nobody else may enter, with one package in it: a child finds there exactly the
+// package that was checked, whatever happens to the operator's folder meanwhile. Failures are
+// Mistakes. One thread per object.
 #pragma once
 
 #include <memory>
@@ -14,7 +14,7 @@ namespace qvo {
 
 class PrivateFolder {
   public:
-    // Below `parent`, with the bytes of the package under a name of its own.
+    // Makes it below `parent`, with the bytes of the package under a new name.
     PrivateFolder(const std::string& parent, const qvf::Bytes& package);
     ~PrivateFolder();
     PrivateFolder(const PrivateFolder&) = delete;
@@ -22,20 +22,20 @@ class PrivateFolder {
 
     const std::string& Path() const { return m_path; }
 
-    // What runs before this one have left in `parent`, which were killed.
+    // Removes what earlier runs that were killed have left in `parent`.
     static void RemoveLeftOvers(const std::string& parent);
 
   private:
     std::string m_path;
 };
 
-// The private folders of a run: one for each package, made when it is first wanted, gone at the end
-// of the run. Any thread.
+// The private folders of a run: one for each package, made when it is first needed, removed at the
+// end of the run. Any thread.
 class PrivatePackages {
   public:
     explicit PrivatePackages(std::string parent) : m_parent(std::move(parent)) {}
 
-    // The folder that holds it alone.
+    // The folder that holds only this package.
     std::string FolderOf(const std::shared_ptr<const PackageContents>& contents);
 
   private:

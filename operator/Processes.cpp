@@ -20,7 +20,7 @@ bool SameFile(const struct stat& a, const struct stat& b) {
     return a.st_dev == b.st_dev && a.st_ino == b.st_ino;
 }
 
-// 0 for what is no process number.
+// 0 if the name is no process number.
 pid_t NumberOf(const std::string& text) {
     pid_t number = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), number);
@@ -44,7 +44,7 @@ bool DescriptorHoldsLock(const std::string& folder, const std::string& descripto
     return false;
 }
 
-// What a folder holds, read with errors left out: processes come and go meanwhile.
+// The names in a folder; ignores errors, because processes come and go meanwhile.
 std::vector<std::string> NamesIn(const std::string& folder) {
     std::vector<std::string> names;
     std::error_code error;
@@ -53,7 +53,7 @@ std::vector<std::string> NamesIn(const std::string& folder) {
     return names;
 }
 
-// Whether the process has the file open, with its name then.
+// Whether the process has the file open; if so, with its name.
 bool Look(const std::string& folder, const struct stat& wanted, Process* process) {
     bool found = false;
     for (const std::string& descriptor : NamesIn(folder + "/fd")) {

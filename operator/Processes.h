@@ -1,5 +1,5 @@
-// Which processes have a file open, as /proc tells it. A process that may not be looked into has
-// none. Reads /proc and nothing else; any thread.
+// Which processes have a file open, according to /proc. A process that this one may not inspect
+// counts as having none. Reads only /proc; any thread.
 #pragma once
 
 #include <sys/types.h>
@@ -11,7 +11,7 @@ namespace qvo {
 
 struct Process {
     pid_t pid = 0;
-    std::string name;        // as the kernel has it: 15 characters at most, any bytes
+    std::string name;        // from the kernel: at most 15 characters, any bytes
     bool holdsLock = false;  // an open-file-description lock, on this file, through this descriptor
 };
 

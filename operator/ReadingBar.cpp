@@ -44,7 +44,7 @@ void ReadingBar::Show(uint64_t done, uint64_t total) {
 
 void ReadingBar::Draw() {
     if (!m_onTerminal) return;
-    // One column stays free: a terminal may begin a new line behind the last one.
+    // One column stays free: a terminal may begin a new line after the last one.
     const std::string text = ReadingBarText(m_card, m_cards, m_name, m_percent, Columns() - 1);
     std::fprintf(stderr, "%s%s", kEraseLine, text.c_str());
     std::fflush(stderr);
@@ -58,7 +58,7 @@ std::string ReadingBarText(size_t card, size_t cards, const std::string& name, u
     const std::string front = "[" + std::to_string(card) + "/" + std::to_string(cards) + "] ";
     const std::string bar =
         "  [" + std::string(filled, '#') + std::string(kBarWidth - filled, '.') + "] " + number;
-    // The name gives way first. Escaped ASCII: what is cut is never half a character.
+    // The name is shortened first. It is escaped ASCII, so a cut never splits a character.
     std::string shown;
     for (const char c : name) {
         const bool plain = c >= 0x20 && c < 0x7F;

@@ -1,5 +1,5 @@
-// The line that shows how far reading has come: on standard error, when that is a terminal, and
-// gone at the end. One at a time, one thread.
+// The progress line of reading: on standard error, if that is a terminal, and removed at the end.
+// One at a time, one thread.
 #pragma once
 
 #include <cstddef>
@@ -10,13 +10,13 @@ namespace qvo {
 
 class ReadingBar {
   public:
-    // Of so many cards.
+    // For so many cards.
     explicit ReadingBar(size_t cards);
     ~ReadingBar();
     ReadingBar(const ReadingBar&) = delete;
     ReadingBar& operator=(const ReadingBar&) = delete;
 
-    // The next card. Drawn at once: a card that never answers is then the one that is shown.
+    // The next card. Drawn at once, so that the line shows a card that never answers.
     void Begin(const std::string& card);
     void Show(uint64_t done, uint64_t total);
 

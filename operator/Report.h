@@ -13,13 +13,13 @@ namespace qvo {
 
 using Json = nlohmann::ordered_json;
 
-// ASCII alone, valid whatever the texts hold: bytes that are no UTF-8 are replaced. Ends with a
-// line's end.
+// Only ASCII, and valid whatever the texts hold: bytes that are no UTF-8 are replaced. Ends with a
+// newline.
 std::string DumpIndented(const Json& json);
 // The same on one line.
 std::string DumpLine(const Json& json);
 
-// docs/formats/status.schema.json says what they hold.
+// docs/formats/status.schema.json describes them.
 Json CardJson(const Card& card);
 Json ImageJson(const Image& image);
 Json PackageJson(const FirmwarePackage* package);  // null for none

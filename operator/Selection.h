@@ -1,5 +1,5 @@
-// Which cards a command is about: all of them, those of one board, or the one of a device path. One
-// thread.
+// The cards that a command applies to: all of them, those of one board, or the one of a device
+// path. One thread.
 #pragma once
 
 #include <CLI/CLI.hpp>
@@ -17,11 +17,11 @@ struct Selection {
 
     bool IsGiven() const { return all || board >= 0 || !device.empty(); }
     bool Takes(const Card& card) const;
-    // "of board 3", "at /dev/video7", "": for a message that there is no such card.
+    // "of board 3", "at /dev/video7", "": for the message that there is no such card.
     std::string Text() const;
 };
 
-// --all, --board and --device, of which one at most may be given.
+// --all, --board and --device; at most one may be given.
 void AddSelection(CLI::App& command, Selection& selection);
 
 std::vector<Card> Selected(std::vector<Card> cards, const Selection& selection);

@@ -34,7 +34,7 @@ std::vector<std::string> Cells(const StatusRow& row) {
             StateText(verdict.state)};
 }
 
-// What the table has no room for.
+// The details that do not fit into the table.
 std::string Notes(const StatusRow& row) {
     const Verdict& verdict = row.verdict;
     std::string text;

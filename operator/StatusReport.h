@@ -1,5 +1,5 @@
-// What qvcap status says: the table, the JSON and the exit status, from cards and verdicts. Pure
-// functions.
+// The output of qvcap status: the table, the JSON and the exit status, from cards and verdicts.
+// Pure functions.
 #pragma once
 
 #include <string>
@@ -21,10 +21,10 @@ std::string StatusText(const std::vector<StatusRow>& rows, const PackageSet& pac
 std::string StatusJson(const std::vector<StatusRow>& rows, const PackageSet& packages, bool quick);
 
 // With --exit-code: what has to be done. When cards differ, the first of: one cannot be judged; an
-// upgrade is available or was interrupted; a power cycle is awaited; no package fits; all are
+// upgrade is available or was interrupted; a power cycle is needed; no package fits; all are
 // current.
 ExitStatus StatusForScripts(const std::vector<StatusRow>& rows);
-// Without: whether it could tell.
+// Without it: whether every card could be judged.
 ExitStatus StatusForPeople(const std::vector<StatusRow>& rows);
 
 }  // namespace qvo

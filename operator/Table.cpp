@@ -9,7 +9,7 @@ namespace {
 
 constexpr size_t kGap = 2;
 
-// Characters of UTF-8: all bytes but those that continue one.
+// Number of UTF-8 characters: all bytes except continuation bytes.
 size_t Width(const std::string& text) {
     return static_cast<size_t>(std::count_if(text.begin(), text.end(), [](char c) {
         return (static_cast<unsigned char>(c) & 0xC0) != 0x80;
@@ -18,7 +18,7 @@ size_t Width(const std::string& text) {
 
 std::string Line(const std::vector<std::string>& row, const std::vector<size_t>& widths) {
     std::string line;
-    size_t due = 0;  // blanks that the next text needs in front of it
+    size_t due = 0;  // spaces before the next text
     for (size_t i = 0; i < row.size(); ++i) {
         if (!row[i].empty()) {
             line += std::string(due, ' ') + row[i];

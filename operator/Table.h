@@ -6,8 +6,8 @@
 
 namespace qvo {
 
-// Each column as wide as its widest text, two blanks between them, none at the end of a line. Texts
-// are escaped first: one character of theirs is one place.
+// Each column is as wide as its widest text, with two spaces between columns and none at the end of
+// a line. Texts are escaped first, so that each character takes one column.
 std::string TableText(const std::vector<std::vector<std::string>>& rows);
 
 }  // namespace qvo

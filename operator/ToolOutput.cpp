@@ -49,7 +49,7 @@ constexpr Ending kEndings[] = {
     {ToolResult::kReconfigurationFailed, "Set post reconfig failed"},
 };
 
-// The number that a text begins with, behind blanks.
+// The number at the start of a text, after blanks.
 std::optional<uint32_t> LeadingNumber(std::string_view text) {
     while (!text.empty() && text.front() == ' ') text.remove_prefix(1);
     uint32_t number = 0;
@@ -58,13 +58,13 @@ std::optional<uint32_t> LeadingNumber(std::string_view text) {
     return number;
 }
 
-// What stands on a terminal's line: behind its last carriage return and without what was wiped.
+// The visible text of a terminal line: after its last carriage return, without erased characters.
 std::string_view Visible(std::string_view line) {
     const size_t wiped = line.find_last_of("\r\b");
     return wiped == line.npos ? line : line.substr(wiped + 1);
 }
 
-// A percentage in front of "%)." at the end of the line.
+// A percentage before "%)." at the end of the line.
 std::optional<unsigned> PercentAtEnd(std::string_view line, std::string_view before) {
     constexpr std::string_view kAfter = "%).";
     if (!line.ends_with(kAfter)) return std::nullopt;
@@ -81,7 +81,7 @@ void TakeMode(std::string_view line, ToolReport* report) {
     const size_t safe = line.rfind("]  Safe upgrade from ");
     const size_t normal = line.rfind("]  Upgrade from ");
     if (safe == line.npos && normal == line.npos) return;
-    // The later one: a product's name comes first, whatever it holds.
+    // The last match: the product's name comes first and may contain anything.
     report->safe = normal == line.npos || (safe != line.npos && safe > normal);
 }
 
@@ -107,7 +107,7 @@ void TakeLine(std::string_view line, ToolReport* report) {
         report->unreadablePackage = true;
     if (visible.starts_with("total ") && visible.find(",  success ") != visible.npos)
         report->finished = true;
-    // Behind the result come a summary and a question, which say nothing about the card.
+    // After the result come a summary and a question, which say nothing about the card.
     if (report->result != ToolResult::kNone) return;
     TakeResult(visible, report);
     report->lastWords = qvf::Escaped(visible.substr(0, kMostWords));
@@ -120,7 +120,7 @@ ToolProgress LastProgress(std::string_view output) {
     size_t lastAt = 0;
     for (const StageWord& stage : kStages) {
         size_t at = output.rfind(stage.word);
-        // One that is cut by the end of the piece has a whole one before it.
+        // If the piece ends inside one, the complete one before it counts.
         while (at != output.npos && output.find('%', at) == output.npos)
             at = at == 0 ? output.npos : output.rfind(stage.word, at - 1);
         if (at == output.npos || at < lastAt) continue;

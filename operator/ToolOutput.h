@@ -1,7 +1,7 @@
-// What qvcap-upgrade has printed, taken apart: how far it is, and how it says it ended.
+// Parses the output of qvcap-upgrade: its progress, and the result that it reports.
 //
-// Its words are evidence and progress, never a verdict: that is for whoever reads the flash back.
-// They hold texts of a card and of a package, so any bytes may come. Pure functions.
+// The output is evidence and progress, never a verdict: only the flash that is read back decides.
+// It contains texts of a card and of a package, so any bytes may come. Pure functions.
 #pragma once
 
 #include <cstdint>
@@ -14,7 +14,7 @@ namespace qvo {
 enum class ToolStage { kNone, kErasing, kWriting, kVerifying };
 
 enum class ToolResult {
-    kNone,  // no result line: no package fits, it could not be opened, or it was ended
+    kNone,  // no result line: no package fits, the card could not be opened, or the tool was ended
     kSuccess,
     kNotNeeded,
     kUnknownReason,
@@ -31,7 +31,7 @@ struct ToolProgress {
 };
 
 struct ToolReport {
-    ToolProgress progress;     // the last that was shown
+    ToolProgress progress;     // the last one shown
     std::optional<bool> safe;  // the mode it announced
     ToolResult result = ToolResult::kNone;
     std::optional<unsigned> failedAt;   // percentage of the stage
@@ -41,7 +41,7 @@ struct ToolReport {
     std::string lastWords;  // the result as it was printed, or the last line; escaped, bounded
 };
 
-// The last progress in a piece of the output, which may begin anywhere.
+// The last progress in a piece of the output; the piece may begin anywhere.
 ToolProgress LastProgress(std::string_view output);
 
 // The whole output of a run over one channel.

@@ -23,10 +23,10 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr size_t kMostToolFiles = 500;
-constexpr int kWake = SIGUSR1;  // a lane to the thread that waits for signals
+constexpr int kWake = SIGUSR1;  // from a lane to the thread that waits for signals
 
-// From here on nothing but KILL ends this process before its cards are done: HUP and PIPE are
-// ignored, INT and TERM are waited for. Those that were ignored before stay so.
+// From here on only KILL ends this process before its cards are done: HUP and PIPE are ignored, INT
+// and TERM are received by waiting. Signals that were ignored before stay ignored.
 class Signals {
   public:
     Signals() {
@@ -38,7 +38,7 @@ class Signals {
         std::signal(SIGHUP, SIG_IGN);
         std::signal(SIGPIPE, SIG_IGN);
     }
-    // The one that comes next, kWake included.
+    // The next signal, kWake included.
     int Wait() const {
         int signal = 0;
         while (sigwait(&m_awaited, &signal) != 0) {
@@ -54,7 +54,7 @@ class Signals {
     sigset_t m_awaited;
 };
 
-// The boards of a run on their way, so many at once; never two flashes of one board.
+// Upgrades the boards of a run, several at once; never two flashes of one board.
 class Lanes {
   public:
     using Work = std::function<void(Job&)>;
@@ -128,7 +128,7 @@ Event Notice(const std::string& message) {
     return event;
 }
 
-// The newest outputs of the tool stay.
+// Keeps the newest outputs of the tool.
 void RemoveOldToolFiles(const std::string& folder) {
     std::vector<fs::path> files;
     std::error_code error;
@@ -237,7 +237,7 @@ class Run {
         if (!late.empty()) Tell(Notice(late));
     }
 
-    // What went wrong; empty when it is in the file.
+    // Returns an error message, empty on success.
     std::string Append(const HistoryLog& history, const HistoryEntry& entry) {
         const std::lock_guard lock(m_historyLock);
         try {

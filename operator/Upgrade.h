@@ -1,4 +1,4 @@
-// A whole run of `qvcap upgrade`: the lock of the machine, the plan, the cards on their way, the
+// A whole run of `qvcap upgrade`: the lock of the machine, the plan, the upgrades of the cards, the
 // report, the history. Starts threads for boards; one run per process.
 #pragma once
 
@@ -19,7 +19,7 @@ struct UpgradeOptions {
     bool force = false;
     bool forceBusy = false;
     bool dryRun = false;
-    bool wait = false;  // for whoever is at work
+    bool wait = false;  // while somebody else is at work
     bool stopOnFailure = false;
     bool powerOff = false;
     int jobs = 1;
@@ -32,7 +32,7 @@ struct UpgradeOptions {
     Look look = Look::kPlain;
 };
 
-// What cannot be begun at all is a qvf::Mistake.
+// Throws a qvf::Mistake when the run cannot begin at all.
 ExitStatus RunUpgrade(const UpgradeOptions& options, std::ostream& out);
 
 }  // namespace qvo

@@ -18,7 +18,7 @@ struct Arguments {
     bool json = false;
 };
 
-// Of the packages that were compared. One that has gone since has none.
+// The digests of the packages that were compared. A package that is gone since has none.
 Digests DigestsOf(const std::vector<StatusRow>& rows, const PackageSet& packages) {
     Digests digests;
     for (const StatusRow& row : rows) {

@@ -23,8 +23,8 @@ const char* SamenessText(Sameness sameness) {
     return "cannot be told";
 }
 
-// One line for the image, and one for each section that differs, where it is the package's or
-// should be.
+// One line for the image and, if it is or should be the package's, one for each section that
+// differs.
 std::string ImageLines(const char* word, const Image& image) {
     std::string text = std::string("  ") + word + " image: " + ImageText(image) + "\n";
     if (image.content == Content::kOther || image.content == Content::kNotRead) return text;

@@ -1,4 +1,4 @@
-// What qvcap verify says, from cards and verdicts. Pure functions.
+// The output of qvcap verify, from cards and verdicts. Pure functions.
 #pragma once
 
 #include <map>
@@ -14,9 +14,9 @@ namespace qvo {
 using Digests = std::map<std::string, std::string>;
 
 enum class Sameness {
-    kSame,  // one of the images is the package's, complete, and the other is not left unfinished
+    kSame,  // one image is the package's and complete, and the other is not unfinished
     kDifferent,
-    kNoPackage,  // that fits
+    kNoPackage,  // no package fits
     kUntold,     // it cannot be judged or read
 };
 Sameness SamenessOf(const Verdict& verdict);

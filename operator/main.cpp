@@ -1,5 +1,5 @@
-// qvcap: the operator's companion of qvcap-upgrade. The commands are elsewhere; what they throw is
-// reported here.
+// qvcap: the operator's companion of qvcap-upgrade. Other files implement the commands; this one
+// reports what they throw.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
@@ -34,7 +34,7 @@ int Run(CLI::App& app, int argc, char** argv) {
         std::cerr << "qvcap: there is not enough memory\n";
         return Number(qvo::ExitStatus::kFailed);
     }
-    // What was not printed was not said.
+    // Output that cannot be written is a failure.
     if (std::cout.flush().good()) return status;
     std::cerr << "qvcap: the output cannot be written\n";
     return Number(qvo::ExitStatus::kFailed);

@@ -1,5 +1,5 @@
-// The source of a manual page, for tests that compare what it says with what a program does: its
-// chapters, tables and blocks. Pure functions over the text.
+// The source of a manual page: its chapters, tables and blocks, for tests that compare the page
+// with a program. Pure functions of the text.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -19,7 +19,7 @@ class ManualPage {
         EXPECT_NE("", m_text) << path;
     }
 
-    // What stands under a heading.
+    // The text under a heading.
     std::string Chapter(const std::string& heading) const {
         const std::string mark = "\n# " + heading + "\n";
         const size_t at = m_text.find(mark);
@@ -29,7 +29,8 @@ class ManualPage {
         return m_text.substr(begin, m_text.find("\n# ", begin) - begin);
     }
 
-    // The rows of its n-th table, from 0: the cells of each, without marks of bold and slanted.
+    // The rows of its n-th table, from 0: the cells of each, without the marks of bold and italic
+    // text.
     using Table = std::vector<std::vector<std::string>>;
     Table TableOf(const std::string& heading, size_t n = 0) const {
         std::vector<Table> tables;
@@ -48,7 +49,7 @@ class ManualPage {
         return n < tables.size() ? tables[n] : Table();
     }
 
-    // The indented texts behind a bold word that has a line of its own: "*0*".
+    // The bold words that are alone on a line, such as "*0*".
     std::vector<std::string> BoldTerms(const std::string& heading) const {
         std::vector<std::string> terms;
         std::istringstream lines(Chapter(heading));
@@ -58,7 +59,7 @@ class ManualPage {
         return terms;
     }
 
-    // What stands between fences.
+    // The text between fences.
     std::vector<std::string> Blocks(const std::string& heading) const {
         const std::string chapter = Chapter(heading);
         std::vector<std::string> blocks;

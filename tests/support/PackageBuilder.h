@@ -1,6 +1,6 @@
-// Firmware packages for tests, byte by byte from the description of the format, with nothing taken
-// from the code that reads them. What is not set is filled with a pattern, so that every byte that
-// must be carried along can be told apart. Used by one thread.
+// Builds firmware packages for tests, byte by byte from the description of the format,
+// independently of the code that reads them. Fields that are not set get a pattern, so that a test
+// notices every byte that is not copied. One thread.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -69,7 +69,7 @@ class PackageBuilder {
         m_sectionCount = count;
         return *this;
     }
-    // What the table says of the last section, whatever its data is.
+    // Sets what the table says about the last section, whatever its data.
     PackageBuilder& ClaimSize(uint32_t size) {
         m_sections.back().size = size;
         return *this;
@@ -78,7 +78,7 @@ class PackageBuilder {
     uint32_t Length() const { return 157 + 28 * static_cast<uint32_t>(m_sections.size()); }
     const Bytes& Data(size_t section) const { return m_sections.at(section).data; }
 
-    // Fixed part and section table: what is written to flash too.
+    // Fixed part and section table, which are also written to flash.
     Bytes Header() const {
         Bytes out;
         for (const char c : m_magic) out.push_back(static_cast<uint8_t>(c));

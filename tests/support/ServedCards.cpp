@@ -16,7 +16,7 @@
 namespace qvsim {
 namespace {
 
-// Nodes that cannot be made are a broken test, not a failing one.
+// If nodes cannot be made, the test setup is broken; that is not a test failure.
 void Require(bool good, const std::string& what) {
     if (good) return;
     ADD_FAILURE() << "served nodes: " << what;

@@ -1,6 +1,6 @@
-// The second door in tests: the cards as real character devices. Wanted by QV_TEST_DOOR=served in
-// the environment, where the kernel has /dev/cuse and the test is root; without it tests use the
-// preload door. One test at a time: the machine has one /dev.
+// The second door in tests: the cards as real character devices. QV_TEST_DOOR=served in the
+// environment selects it; it needs /dev/cuse and root. Without it tests use the preload door. One
+// test at a time: the machine has one /dev.
 #pragma once
 
 #include <sys/types.h>
@@ -13,13 +13,13 @@
 
 namespace qvsim {
 
-// Any other value of QV_TEST_DOOR than "served" and "preload" ends the program.
+// A value of QV_TEST_DOOR other than "served" and "preload" ends the program.
 bool ThroughServedNodes();
 
-// The file of a program under test: where it was built, or in the folder QV_TEST_PROGRAMS.
+// The path of a program under test: where it was built, or in the folder QV_TEST_PROGRAMS.
 std::string ProgramFile(const std::string& built);
 
-// Serves from a thread of this process: the test keeps its hands on the model.
+// Serves from a thread of this process, so that the test can use the model.
 class ServingThread {
   public:
     explicit ServingThread(const std::shared_ptr<Model>& model);
@@ -40,7 +40,7 @@ class ServingThread {
 // Serves a folder of cards by `qvcap-sim serve`, which must end with status 0.
 class ServingProcess {
   public:
-    explicit ServingProcess(const std::string& dir);  // the nodes stand
+    explicit ServingProcess(const std::string& dir);  // returns when the nodes exist
     ~ServingProcess();
     ServingProcess(const ServingProcess&) = delete;
     ServingProcess& operator=(const ServingProcess&) = delete;

@@ -12,7 +12,7 @@
 namespace qvsim {
 namespace {
 
-// A rig that cannot be set up is a broken test, not a failing one.
+// If the rig cannot be set up, the test setup is broken; that is not a test failure.
 void Require(const std::string& error) {
     if (error.empty()) return;
     ADD_FAILURE() << "simulated cards: " << error;

@@ -1,4 +1,4 @@
-// A folder of a test's own below TMPDIR, removed with the object that has it. Any thread.
+// A test's own folder below TMPDIR, removed with its object. Any thread.
 #pragma once
 
 #include <cstdio>
@@ -11,7 +11,7 @@ namespace qvtest {
 
 class TempFolder {
   public:
-    // The name says whose it is, should it be left over. A test cannot go on without its folder.
+    // The name says whose it is, in case it is left over. A test cannot go on without its folder.
     explicit TempFolder(const std::string& name) {
         m_path = (std::filesystem::temp_directory_path() / (name + "-XXXXXX")).string();
         if (mkdtemp(m_path.data()) != nullptr) return;
@@ -19,7 +19,7 @@ class TempFolder {
         std::abort();
     }
     ~TempFolder() {
-        std::error_code ignored;  // what is left in the temporary folder breaks nothing
+        std::error_code ignored;  // a leftover in the temporary folder breaks nothing
         std::filesystem::remove_all(m_path, ignored);
     }
     TempFolder(const TempFolder&) = delete;

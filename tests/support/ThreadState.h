@@ -1,4 +1,4 @@
-// What the kernel tells of a thread of this process.
+// What the kernel reports about a thread of this process.
 #pragma once
 
 #include <sys/types.h>
@@ -11,6 +11,6 @@
 inline char ThreadState(pid_t thread) {
     std::ifstream stat("/proc/self/task/" + std::to_string(thread) + "/stat");
     const std::string text((std::istreambuf_iterator<char>(stat)), {});
-    const size_t name = text.rfind(") ");  // a name may hold anything
+    const size_t name = text.rfind(") ");  // a name may contain anything
     return name == std::string::npos ? '?' : text[name + 2];
 }
