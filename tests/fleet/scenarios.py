@@ -91,6 +91,8 @@ def a_healthy_fleet(hosts, controller):
     for host in hosts:
         equal(NEW, host.running(), f"{host.name} runs")
         equal(3, report(controller, host)["status"]["summary"]["current"], f"{host.name}: current in the report")
+        equal(3, len(report(controller, host)["run"]["cards"]), f"{host.name}: cards of the run in the report")
+        valid_report(controller, report(controller, host))
         host.forget_journal()
     again = controller.upgrade()
     equal(0, again.status, "status of the second run")
@@ -125,6 +127,7 @@ def a_failing_canary(hosts, controller):
     equal({"00:00": "1.1", "00:01": "1.0", "01:00": "1.3"}, canary.stored(), "in the flash of the canary")
     equal(OLD, canary.running(), "a host with a failed card is not turned off; it runs")
     error = report(controller, canary)["error"]
+    valid_report(controller, report(controller, canary))
     log = error.rpartition("log: ")[2]
     assert error.startswith("00:01 (Pelix Duo HDMI, serial PX0010) failed: "), error
     assert (canary.root / log.lstrip("/")).is_file(), f"no log at {log}"

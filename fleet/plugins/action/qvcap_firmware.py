@@ -71,7 +71,8 @@ class ActionModule(ActionBase):
         if self._connection._shell.tmpdir is None:
             self._make_tmp_path()
         there = self._connection._shell.join_path(self._connection._shell.tmpdir, "packages")
-        self._low_level_execute_command(f"mkdir -p {there}")
+        # As the user who logs in, who writes into it next; root, whom the module may become, can read it all the same.
+        self._low_level_execute_command(f"mkdir -p {there}", sudoable=False)
         paths = [there]
         for name in wanted:
             path = self._connection._shell.join_path(there, name)
