@@ -228,6 +228,19 @@ class Host:
                 continue
         return found
 
+    def signal_upgrade(self, number):
+        """Stops the tool that writes, or lets it go on."""
+        for process, name in self.processes().items():
+            if name == "qvcap-upgrade":
+                os.kill(process, number)
+
+    def is_joined(self):
+        """Whether a process of it waits for the lock of its runs."""
+        waiting = [line.split() for line in pathlib.Path("/proc/locks").read_text(encoding="ascii").splitlines()
+                   if "-> FLOCK" in line]
+        own = self.processes()
+        return any(int(words[5]) in own for words in waiting)
+
     def _first(self):
         children = pathlib.Path(f"/proc/{self._init.pid}/task/{self._init.pid}/children").read_text(encoding="utf-8")
         return int(children.split()[0])

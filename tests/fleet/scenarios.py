@@ -2,8 +2,10 @@
 simulated cards were asked, and what they hold."""
 from __future__ import annotations
 
+import contextlib
 import json
 import shutil
+import signal
 
 import jsonschema
 from hosts import CARDS, wait_for
@@ -108,6 +110,17 @@ def slow(host, milliseconds=2500):
 
 def is_writing(host):
     return any(line.get("request") == "WriteFirmwareData" for line in host.journal())
+
+
+@contextlib.contextmanager
+def writing_stands_still(host):
+    """From the first write on, until the end of the block."""
+    wait_for("a write", lambda: is_writing(host))
+    host.signal_upgrade(signal.SIGSTOP)
+    try:
+        yield
+    finally:
+        host.signal_upgrade(signal.SIGCONT)
 
 
 def has_ended(host):
@@ -258,10 +271,11 @@ def a_killed_controller(hosts, controller):
     """The one that is started again takes up the upgrade that is at work, and does the rest."""
     slow(hosts[0])
     started = controller.start("upgrade", **controller.upgrade_variables())
-    wait_for("a write", lambda: is_writing(hosts[0]))
-    controller.kill(started)
-    assert not has_ended(hosts[0]), "the upgrade ended with its controller"
-    done = controller.upgrade()
+    with writing_stands_still(hosts[0]):
+        controller.kill(started)
+        again = controller.start("upgrade", **controller.upgrade_variables())
+        wait_for("a second controller that joins", hosts[0].is_joined, 300)
+    done = controller.end(again)
     equal(0, done.status, "status")
     equal(all_of(hosts, 1), done.count("changed"), "changed")
     written_as_planned(controller, hosts)
@@ -288,13 +302,14 @@ def two_controllers(hosts, controller):
     slow(hosts[0])
     variables = {"qvcap_packages": controller.firmware}
     first = controller.start("upgrade", **variables)
-    wait_for("a write", lambda: is_writing(hosts[0]))
-    same = controller.start("upgrade", **variables)
     other = controller.work / "other"
     shutil.rmtree(other, ignore_errors=True)
     shutil.copytree(controller.firmware, other)
     next(other.glob("*quad*")).unlink()
-    refused = controller.play("upgrade", qvcap_packages=other)
+    with writing_stands_still(hosts[0]):
+        same = controller.start("upgrade", **variables)
+        refused = controller.play("upgrade", qvcap_packages=other)
+        wait_for("a second controller that joins", hosts[0].is_joined, 300)
     equal(2, refused.status, "status of the one with other packages")
     assert "is at work with other packages or cards; nothing was done" in refused.output, "not said why"
     ends = [controller.end(first), controller.end(same)]
