@@ -1,5 +1,5 @@
-// The device clock: 100 ns units, one per board, over one source of time that tests may stop and
-// move by hand. Not locked: the model's lock covers it.
+// The device clock: 100 ns units, one per board, all based on one time source that tests may stop
+// and advance. Not locked: the model's lock covers it.
 #pragma once
 
 #include <atomic>
@@ -20,7 +20,7 @@ class TimeSource {
         m_frozen = true;
     }
     void Advance(int64_t units) { m_frozenAt += units; }
-    // When the model was made, in time that all processes of the machine have.
+    // When the model was made, in a time that all processes of the machine share.
     int64_t Start() const { return Units(m_start.time_since_epoch()); }
 
   private:
@@ -34,15 +34,15 @@ class TimeSource {
     int64_t m_frozenAt = 0;
 };
 
-// A clock is known by its difference to a time that runs: that of the source or, where processes
-// share it, that of the machine. Sums wrap: the device's register does too.
+// A clock is stored as its difference to a running time: that of the source or, where processes
+// share the clock, that of the machine. Sums wrap, as in the device's register.
 class DeviceClock {
   public:
     DeviceClock() = default;
     DeviceClock(const DeviceClock&) = delete;
     DeviceClock& operator=(const DeviceClock&) = delete;
 
-    // From now on the difference to the machine's time is in `difference`.
+    // From now on `difference` stores the difference to the machine's time.
     void Share(int64_t* difference, int64_t sourceStart) {
         m_difference = difference;
         m_sourceStart = sourceStart;

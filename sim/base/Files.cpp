@@ -40,7 +40,7 @@ int OpenOutOfTheWay(const std::string& path, int flags) {
 int OutOfTheWay(int fd) {
     if (fd < 0) return fd;
     const int moved = fcntl(fd, F_DUPFD_CLOEXEC, kFirstNumber);
-    if (moved < 0) return fd;  // a low limit: better in the way than not at all
+    if (moved < 0) return fd;  // a low limit: the low number is better than none
     close(fd);
     if (std::atomic<bool>* const mark = OwnMark(moved)) mark->store(true);
     return moved;
@@ -67,7 +67,7 @@ bool AppendText(const std::string& path, const std::string& text) {
     struct stat before {};
     bool written = fstat(fd, &before) == 0 && WriteAll(fd, text.data(), text.size());
     const int error = errno;
-    // What was written of a text that does not fit is taken back.
+    // If the text does not fit, the part that was written is removed.
     if (!written && ftruncate(fd, before.st_size) != 0) written = false;
     const bool closed = CloseOwn(fd) == 0;
     if (!written) errno = error;

@@ -1,6 +1,5 @@
-// Where the handles of one sort come from. By default none is given twice; a driver that uses them
-// again gives the one that was freed last, as an allocator does. Not locked: the model's lock
-// covers it.
+// Allocates the handles of one kind. By default no handle is used twice; a driver that reuses them
+// takes the one that was freed last, like an allocator. Not locked: the model's lock covers it.
 #pragma once
 
 #include <cstdint>

@@ -1,4 +1,4 @@
-// What a channel's running captures hold. Plain data, covered by the model's lock.
+// The state of a channel's running captures. Plain data, covered by the model's lock.
 #pragma once
 
 #include <array>
@@ -10,7 +10,7 @@ namespace qvsim {
 
 struct OpenFile;
 
-// Puts bytes into the frame memory of a request; called without the model's lock. False when that
+// Writes bytes into the frame memory of a request; called without the model's lock. False when that
 // memory is not the caller's.
 using FrameSink = std::function<bool(uint64_t offset, const void* data, uint32_t size)>;
 
@@ -27,7 +27,7 @@ struct FrameCompletion {
     bool complete = false;
 };
 
-// A frame in the driver's buffers; the pictures themselves are made when they are asked for.
+// A frame in the driver's buffers; its picture is drawn on request.
 struct BufferedFrame {
     uint32_t number = 0;  // 0: none yet
     int64_t deviceTime = 0;
@@ -35,7 +35,7 @@ struct BufferedFrame {
 
 struct VideoCapture {
     static constexpr uint32_t kBuffers = 64;
-    static constexpr size_t kMaxInWork = 64;  // requests, and completions not looked at
+    static constexpr size_t kMaxInWork = 64;  // requests, and completions not read yet
 
     bool running = false;
     uint64_t event = 0;
@@ -45,9 +45,9 @@ struct VideoCapture {
     uint32_t lastCaptured = 0;
     std::array<BufferedFrame, kBuffers> buffers{};  // frame n is at n % kBuffers
     std::deque<FrameRequest> waiting;               // for the next frame
-    std::deque<FrameRequest> late;            // came while nobody captures; for the next start
+    std::deque<FrameRequest> late;            // requested while no capture runs; for the next start
     std::deque<FrameCompletion> completions;  // oldest first
-    bool completionRead = false;              // the only one left has been looked at
+    bool completionRead = false;              // the last remaining one has been read
 };
 
 struct AudioCapture {

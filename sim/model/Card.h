@@ -1,5 +1,5 @@
-// The running card: what a board and its channels hold beside their saved state.
-// Plain data, covered by the model's lock.
+// The running card: the state of a board and its channels that is not saved. Plain data, covered by
+// the model's lock.
 #pragma once
 
 #include <cstdint>
@@ -38,9 +38,9 @@ struct Channel {
     AudioCapture audio;
 
     Settings settings;
-    uint32_t settingsSeen = 0;                // generation of their file that is in `settings`
-    int settingsFile = -1;                    // their file, open for lines at its end
-    size_t settingsBytes = 0;                 // how long it is
+    uint32_t settingsSeen = 0;  // generation of the file that `settings` was read from
+    int settingsFile = -1;      // their file, open for appending
+    size_t settingsBytes = 0;   // its length
     std::map<std::string, Bytes> lastRecord;  // by request: the record as it came from the caller
     std::map<uint64_t, int32_t> images;       // handle -> references
     std::map<uint64_t, uint64_t> pinned;      // address -> size
@@ -52,7 +52,7 @@ inline Channel::~Channel() {
 
 enum class NodeKind { kChannel, kEvents, kForeign };
 
-// One open of a simulated node; what it registered goes away with it.
+// One open of a simulated node; its registrations end with it.
 struct OpenFile {
     NodeKind kind = NodeKind::kForeign;
     Channel* channel = nullptr;

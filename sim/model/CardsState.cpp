@@ -1,4 +1,4 @@
-// Names that scenarios and state files have for what is in the state.
+// The names of the state's values in scenarios and state files.
 #include "CardsState.h"
 
 #include <iterator>

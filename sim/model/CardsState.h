@@ -1,4 +1,4 @@
-// What a state directory says about the simulated cards, and the file it is kept in.
+// The saved state of the simulated cards, and the file in the state directory that holds it.
 //
 // Plain data plus its reader and writer; nothing here behaves like a card. The format is line
 // based so that the preload object needs no parser library. Not locked: the model's lock covers it.
@@ -24,21 +24,21 @@ struct Latencies {
     uint32_t readPerKiB = 0;
 };
 
-// What becomes of a frame that is asked for while the capture is stopped. A stop and the close of
-// the node take back what was asked for before.
+// What happens to a frame that is requested while the capture is stopped. A stop and the close of
+// the node cancel earlier requests.
 enum class AfterStop {
     kRefuse,        // EINVAL
-    kWriteAtOnce,   // accepted; the frame is written without anybody being told
+    kWriteAtOnce,   // accepted; the frame is written without a completion
     kWriteAtStart,  // accepted; written, with a completion, when the next capture starts
 };
 
-// How the driver behaves where it has the choice.
+// How the driver behaves where it has a choice.
 struct DriverWays {
-    bool reuseHandles = false;  // the one freed last comes first
+    bool reuseHandles = false;  // the last one freed comes first
     AfterStop afterStop = AfterStop::kRefuse;
     bool strictErase = false;   // an erase that is not of whole sectors is refused
     bool strictValues = false;  // a source that the card does not list is refused
-    bool busyCapture = false;   // a capture on a channel that captures already is refused
+    bool busyCapture = false;   // a capture on a channel that already captures is refused
 };
 
 const char* AfterStopName(AfterStop afterStop);  // "refuse", "at_once", "at_start"
@@ -47,7 +47,7 @@ bool AfterStopFromName(const std::string& name, AfterStop& afterStop);
 struct VideoSetup {
     uint32_t width = 1920;
     uint32_t height = 1080;
-    double framesPerSecond = 60;  // 0: as fast as frames are asked for, nothing sleeps
+    double framesPerSecond = 60;  // 0: as fast as frames are requested, nothing sleeps
 };
 
 struct AudioSetup {
@@ -62,14 +62,14 @@ struct SignalStep {
 
 struct ChannelState {
     int node = 0;                // N of /dev/videoN
-    _QVCAP_CHANNEL_INFO info{};  // handed out as it is; holds the running firmware version
+    _QVCAP_CHANNEL_INFO info{};  // returned unchanged; holds the running firmware version
     _QVCAP_PELIX_CAPTURE_INFO family{};
     _QVCAP_FIRMWARE_STORAGE storage{};
     VideoSetup video;
     AudioSetup audio;
     std::vector<SignalStep> signal;
     bool gone = false;  // the node has vanished, until the next power cycle
-    // What a get request answers as long as nothing else was set, by the name of the setting.
+    // The answers of get requests until something else is set, by the name of the setting.
     std::map<std::string, std::vector<uint8_t>> records;
 };
 
@@ -82,7 +82,7 @@ struct BoardState {
     std::vector<ChannelState> channels;
 };
 
-// Kept for whoever lists USB devices.
+// Stored for programs that list USB devices.
 struct UsbDevice {
     std::string product;
     std::string serial;
@@ -96,7 +96,7 @@ struct CardsState {
     uint32_t journalLimit = 0;   // bytes; 0: none
     Latencies latencies;
     DriverWays driver;
-    std::vector<int> foreignNodes;  // video nodes of somebody else's driver
+    std::vector<int> foreignNodes;  // video nodes of another driver
     std::vector<BoardState> boards;
     std::vector<Fault> faults;
     std::vector<UsbDevice> usbDevices;
@@ -106,15 +106,16 @@ std::string StatePath(const std::string& dir);
 // One line for each time that a fault was met.
 std::string MetFaultsPath(const std::string& dir);
 
-// All return an error message that says where, empty on success. What was loaded is a whole: boards
-// have channels, and no index or node is there twice. Saving replaces the file as a whole.
+// All return an error message that says where, empty on success. Loaded state is consistent: boards
+// have channels, and no index or node occurs twice. Saving replaces the whole file at once.
 std::string LoadState(const std::string& dir, CardsState& state);
-// Every process on the folder learns of it. Faults without a slot get one, and are counted from 0.
+// Every process on the folder sees the change. Faults without a slot get one, and are counted from
+// 0.
 std::string SaveState(const std::string& dir, const CardsState& state);
-// The same for who holds the lock of the folder.
+// The same for a caller that holds the lock of the folder.
 std::string SaveState(Folder& folder, CardsState& state);
 
-// Name of the file of one flash inside the directory; `channel` is not looked at when shared.
+// Name of the file of one flash inside the directory; `channel` is ignored when shared.
 std::string FlashFileName(const BoardState& board, int channel);
 
 }  // namespace qvsim

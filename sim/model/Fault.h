@@ -9,26 +9,26 @@ namespace qvsim {
 
 enum class FaultKind {
     kRefuse,       // value: errno
-    kShortRead,    // value: bytes that a read delivers at most
+    kShortRead,    // value: most bytes that a read delivers
     kFlipBit,      // value: bit number inside the bytes that a read delivers
     kStuckBits,    // value: mask; programming leaves these bits of every byte set
     kNotBlank,     // an erase leaves one byte of the range programmed
     kSlow,         // value: milliseconds before the request is served
-    kPowerLoss,    // the board dies in the middle of the request, until it is power-cycled; value:
-                   // a CutPoint. At the open of the event node, every board does
+    kPowerLoss,    // the board loses power in the middle of the request, until it is power-cycled;
+                   // value: a CutPoint. At the open of the event node, every board does
     kNodeGone,     // the node vanishes: this and every later open and request fails with ENODEV
     kPretend,      // nothing is done, and the answer is `value`; a signal is lost
-    kHalf,         // an erase, a write, or a frame is done by half and said to be whole
-    kWrongMarker,  // an audio frame has another marker than a valid one
+    kHalf,         // an erase, a write, or a frame is half done and reported as complete
+    kWrongMarker,  // an audio frame has an invalid marker
     kNoEnd,        // the texts of a channel record are not terminated
     kRefuseLate,   // the request is carried out, and then fails; value: errno
 };
 
-// How far an erase or a write has come when the power goes.
+// How much of an erase or a write is done when the power fails.
 enum class CutPoint : uint32_t {
-    kHalf,   // half of it is done, and the sector in work holds garbage
+    kHalf,   // half of it is done, and the current sector holds garbage
     kStart,  // nothing is done
-    kEnd,    // all but its last byte is done
+    kEnd,    // all except its last byte is done
 };
 
 struct FaultEffect {
@@ -56,8 +56,8 @@ constexpr FaultEffect RefuseLate(int error) {
     return {FaultKind::kRefuseLate, static_cast<uint32_t>(error)};
 }
 
-// What a fault can name beside the requests of the table: opens, whatever request comes, and the
-// moments at which the driver itself sets a caller's event.
+// What a fault can name besides the requests of the table: opens, any request, and the moments at
+// which the driver itself sets a caller's event.
 inline constexpr char kOpen[] = "open";
 inline constexpr char kAnyRequest[] = "any";
 inline constexpr char kFrameSignal[] = "FrameSignal";
@@ -69,17 +69,18 @@ inline constexpr const char* kSignals[] = {kFrameSignal, kTimerSignal, kNotifySi
 struct Fault {
     std::string request;  // name in the request table, or one of those above
     int nth = 1;          // the first matching request that is hit, counted from 1
-    int count = 1;        // how many in a row are hit; -1: all from there on
-    uint32_t oneIn = 1;   // of those that would be hit, one in so many is: which, `seed` decides
+    int count = 1;        // how many in a row are hit; -1: all from the first hit on
+    uint32_t oneIn =
+        1;  // of those that would be hit, one in this many is hit; `seed` decides which
     uint32_t seed = 0;
     int board = -1;    // -1: any
     int channel = -1;  // -1: any
     FaultEffect effect;
-    bool perProcess = false;  // counted in each process, and not in all of the folder together
-    int slot = -1;            // of its count in the folder; -1: none yet
+    bool perProcess = false;  // counted in each process separately, not over the whole folder
+    int slot = -1;            // index of its count in the folder; -1: none yet
 };
 
-// "refuse", "short_read", ...; as scenarios and state files write them.
+// "refuse", "short_read", ...: as in scenarios and state files.
 const char* FaultKindName(FaultKind kind);
 bool FaultKindFromName(const std::string& name, FaultKind& kind);
 std::vector<std::string> FaultKindNames();

@@ -1,5 +1,5 @@
-// The faults in force, and how often each one's request has come: counted here, or where all
-// processes of a folder count it. Not locked: the model's lock covers it.
+// The active faults, and how often the request of each has come: counted here, or in the page that
+// all processes of a folder share. Not locked: the model's lock covers it.
 #pragma once
 
 #include <algorithm>
@@ -18,7 +18,7 @@ class FaultSet {
   public:
     void Add(const Fault& fault) { m_armed.push_back({fault, 0}); }
     void Clear() { m_armed.clear(); }
-    // Those of a folder, with its counts. One that was there before keeps its own.
+    // Takes the faults of a folder, with its counts. A fault that was there before keeps its count.
     void Take(const std::vector<Fault>& faults, uint32_t (&counts)[kMaxFaults]) {
         std::vector<Armed> before = std::move(m_armed);
         m_armed.clear();
@@ -31,7 +31,8 @@ class FaultSet {
         }
     }
 
-    // Counts this request on every fault it matches; the effects that hit it, in order of adding.
+    // Counts this request on every fault that it matches. Returns the effects that hit it, in the
+    // order in which they were added.
     std::vector<FaultEffect> Hits(const std::string& request, int board, int channel) {
         std::vector<FaultEffect> effects;
         for (Armed& armed : m_armed) {
@@ -54,8 +55,8 @@ class FaultSet {
         if (fault.request != kAnyRequest || request == kOpen) return false;
         return std::find(std::begin(kSignals), std::end(kSignals), request) == std::end(kSignals);
     }
-    // The same for the same seed and number, whatever came between: the lot of the n-th request is
-    // cast before the test begins.
+    // Depends only on the seed and the number, not on other requests: whether the n-th request is
+    // hit is fixed before the test begins.
     static bool Drawn(const Fault& fault, int number) {
         if (fault.oneIn <= 1) return true;
         uint64_t lot = (uint64_t{fault.seed} << 32) + static_cast<uint32_t>(number);

@@ -24,7 +24,7 @@ uint32_t HeaderLength(uint32_t sections) {
     return kHeaderFixedLength + sections * kHeaderSectionLength;
 }
 
-// Of a header; nothing when there is none.
+// The sections of a header; nothing when there is none.
 std::optional<std::vector<Section>> SectionsOf(const NorFlash& flash, uint32_t address) {
     if (!ReadHeader(flash, address).valid) return std::nullopt;
     uint8_t header[kHeaderFixedLength + kMaxSections * kHeaderSectionLength];

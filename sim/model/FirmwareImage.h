@@ -8,7 +8,7 @@
 
 namespace qvsim {
 
-// The safe image's header stands this far behind the main image's.
+// Distance from the main image's header to the safe image's, bytes.
 inline constexpr uint32_t kSafeHeaderDistance = 4096;
 
 inline constexpr uint32_t kHeaderFixedLength = 157;
@@ -22,17 +22,18 @@ struct StoredHeader {
 
 StoredHeader ReadHeader(const NorFlash& flash, uint32_t address);
 
-// A header with no sections, as a factory leaves it.
+// A header without sections, as from the factory.
 std::vector<uint8_t> MakeHeader(uint32_t version, uint16_t compatibilityCode, uint16_t productCode,
                                 uint8_t hardwareVersion);
 
-// True when the image, whose header is at `address`, can be run: the header is valid, and it
-// and every section that belongs to it are programmed, or blank where the section is a clear one.
+// True when the image whose header is at `address` can run: the header is valid, and it and every
+// section of the image are programmed; clear sections are blank.
 bool ImageComplete(const NorFlash& flash, uint32_t address, bool safe);
 
-// Puts the bytes of a dumped chip, the rest blank, and counts as programmed every sector that is
-// not blank and, whole, each section of a header that is not. The main image's header, if there is
-// one, counts as the last one written. False when the chip is too small or cannot be written.
+// Writes the bytes of a dumped chip, the rest blank. Every sector that is not blank counts as
+// programmed; so does the whole of each section that a header names, unless it is blank. The main
+// image's header, if there is one, counts as the last one written. False when the chip is too small
+// or cannot be written.
 bool LoadDump(NorFlash& flash, uint32_t firmwareOffset, const std::vector<uint8_t>& dump);
 
 // The version that a card runs after power-on. Of the two images the one whose header was

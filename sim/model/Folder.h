@@ -1,11 +1,11 @@
-// What the processes on one folder of cards share beside its files: a lock, and a page of numbers
+// What the processes on one folder of cards share besides its files: a lock, and a page of numbers
 // that all of them have in memory.
 //
-// The files are the truth; the page says when one of them has changed, so that a request looks at
-// one number and not at files. Its layout is the same for programs of both word sizes, and its file
-// is written whole when it is made: a full disk later cannot take it away. Numbers of the page are
-// read and counted by any thread; the lock belongs to the process, and within it to whoever holds
-// the model's lock.
+// The files are the only truth; the page says when one of them has changed, so that a request reads
+// one number and not the files. Its layout is the same for programs of both word sizes, and its
+// file is written completely when it is created, so that a full disk cannot damage it later. Any
+// thread may read and count the numbers of the page; the lock belongs to the process, and within it
+// to the holder of the model's lock.
 #pragma once
 
 #include <atomic>
@@ -24,12 +24,12 @@ struct LivePage {
     char magic[16];
     alignas(8) uint64_t sequence;  // of the journal's last line
     alignas(8) uint64_t journalBytes;
-    alignas(8) uint64_t journalReserved;    // that much of the journal has its place on the disk
-    alignas(8) uint64_t boot;               // of the machine, that the clocks belong to
+    alignas(8) uint64_t journalReserved;    // so many bytes of the journal are reserved on the disk
+    alignas(8) uint64_t boot;               // the machine's start that the clocks belong to
     alignas(8) int64_t clocks[kMaxBoards];  // device time less time since the machine's start
-    uint32_t journalEpoch;                  // how often the journal was begun anew
+    uint32_t journalEpoch;                  // how often the journal was restarted
     uint32_t generation;                    // of the state file
-    uint32_t opens;                         // nodes that are open, or were left so
+    uint32_t opens;                         // nodes that are open, or were left open
     uint32_t lastOpen;                      // number of the newest one
     uint32_t settings[kMaxBoards][kMaxChannelsOnBoard];  // generations of the settings files
     uint32_t faultSeen[kMaxFaults];                      // how often each fault's request has come
@@ -54,7 +54,7 @@ class Folder {
   public:
     // The page of new cards. Returns an error message, empty on success.
     static std::string Make(const std::string& dir);
-    // Null, and what went wrong, when the directory holds no cards.
+    // Null and an error message when the directory holds no cards.
     static std::unique_ptr<Folder> Open(const std::string& dir, std::string& error);
     Folder(const Folder&) = delete;
     Folder& operator=(const Folder&) = delete;
@@ -86,7 +86,7 @@ class Folder {
 
     std::string m_dir;
     int m_fd = -1;
-    int m_owner = 0;  // the process whose lock it is: a child must not share its parent's
+    int m_owner = 0;  // the process that owns the lock: a child must not share its parent's
     int m_depth = 0;
     LivePage* m_page = nullptr;
 };

@@ -1,7 +1,7 @@
-// The thread that writes pictures into callers' memory, for all channels, in order of asking.
+// The thread that writes pictures into callers' memory, for all channels, in the order of requests.
 //
-// It draws without the model's lock, so that no request waits for a picture. Every function is
-// called with that lock held. After Cancel() has returned nothing more is written for the channel.
+// It draws without the model's lock, so that no request waits for a picture. Call every function
+// with that lock held. After Cancel() has returned nothing more is written for the channel.
 #pragma once
 
 #include <condition_variable>
@@ -30,11 +30,11 @@ class FrameWriter {
 
     void Add(Channel& channel, FrameRequest request, uint32_t number);
     void Cancel(Lock& lock, const Channel& channel);
-    // Pictures of the channel that are not done: queued, or in work.
+    // Pictures of the channel that are not done: queued, or being drawn.
     size_t InWork(const Channel& channel) const;
     // In a child after fork(): the thread and the callers' memory are the parent's.
     void BeginInChild();
-    // Called without the lock: ends the thread, what is queued stays unwritten.
+    // Called without the lock: ends the thread; queued pictures stay unwritten.
     void Stop();
 
   private:
@@ -49,13 +49,13 @@ class FrameWriter {
     Done m_done;
     std::deque<Job> m_jobs;
     const Channel* m_drawing = nullptr;
-    bool m_cancelled = false;  // the picture in work is for nobody any more
+    bool m_cancelled = false;  // the current picture is no longer wanted
     bool m_stopping = false;
     std::condition_variable m_changed;
     std::thread m_thread;
 };
 
-// Runs `body` on a new thread that takes none of the process's signals.
+// Runs `body` on a new thread that receives none of the process's signals.
 std::thread QuietThread(std::function<void()> body);
 
 }  // namespace qvsim

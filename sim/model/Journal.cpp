@@ -64,7 +64,7 @@ std::string JournalPath(const std::string& dir) { return dir + "/journal"; }
 std::string JournalLine::Comparable() const {
     std::string text = action + " " + node;
     if (!request.empty()) text += " " + request;
-    // The descriptor of an open or close is whatever was free, and says nothing.
+    // The descriptor of an open or close is whichever number was free, and says nothing.
     if (action == "ioctl" && !arguments.empty()) text += " " + arguments;
     return text + " = " + result;
 }
@@ -105,12 +105,13 @@ namespace {
 
 constexpr char kHead[] = "qvsim-journal 1\n";
 constexpr size_t kHeadSize = sizeof kHead - 1;
-constexpr uint64_t kLinesAtOnce = 16u << 10;  // what may be written between two looks for room
+constexpr uint64_t kLinesAtOnce = 16u << 10;  // bytes that may be written between two reservations
 constexpr uint64_t kRoomAtOnce = 256u << 10;
 
 std::string OldPath(const std::string& dir) { return JournalPath(dir) + ".old"; }
 
-// Without a line in writing, and without the first line; it is wrong when that is another.
+// Without a line that is being written, and without the first line; `wrong` if the first line is
+// another one.
 std::string LinesOf(const std::string& path, bool& wrong) {
     std::string text = ReadText(path);
     text.resize(text.rfind('\n') + 1);
@@ -186,7 +187,7 @@ bool Journal::Reopen() {
     return true;
 }
 
-// The lock is held. Who still writes to the older file is read there.
+// The lock is held. Lines that others still write to the older file are read there.
 void Journal::BeginAnew() {
     const std::string path = JournalPath(m_folder->Dir());
     if (rename(path.c_str(), OldPath(m_folder->Dir()).c_str()) != 0) return;
@@ -210,7 +211,7 @@ bool Journal::HasRoom() {
     if (fallocate(m_fd, FALLOC_FL_KEEP_SIZE, static_cast<off_t>(bytes), static_cast<off_t>(room)) !=
         0) {
         if (errno != EOPNOTSUPP && errno != ENOSYS && errno != EINTR) return false;
-        // A file system that cannot promise: what is written is what there was room for.
+        // A file system that cannot reserve: lines are written as far as there is space.
     }
     StoreShared<uint64_t>(page.journalReserved, bytes + room);
     return true;
@@ -226,7 +227,7 @@ void Journal::Write(const std::string& what, const Answer& answer, int pid) {
     if (answer.error) line += " " + ErrorName(answer.error);
     line += "\n";
     CountShared<uint64_t>(page.journalBytes, line.size());
-    // One write per line, for which there is room.
+    // One write per line; the space is reserved.
     ssize_t written = 0;
     do written = write(m_fd, line.data(), line.size());
     while (written < 0 && errno == EINTR);

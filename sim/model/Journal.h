@@ -1,10 +1,10 @@
 // The journal: one line per open, close and request, appended to a file that processes share.
 //
-// With a limit the file is begun anew when it has half of that, and the one before is kept beside
-// it. Room for lines is taken in advance, so that a full disk refuses a request and tears no line.
-// A line is `SEQUENCE PID open|close|ioctl NODE … = RESULT`, where RESULT is the return value or
-// `-1 ERRNO`. The sequence number counts over all processes of the state directory. Not locked:
-// the model's lock covers it; lines of several processes never mix, each is one write.
+// With a limit, a new file is begun when the file has reached half of it, and the previous file is
+// kept. Disk space for lines is reserved in advance, so that a full disk refuses a request and no
+// line is cut off. A line is `SEQUENCE PID open|close|ioctl NODE … = RESULT`, where RESULT is the
+// return value or `-1 ERRNO`. The sequence number counts over all processes of the state directory.
+// Not locked: the model's lock covers it; lines of several processes never mix, each is one write.
 #pragma once
 
 #include <cstdint>
@@ -25,18 +25,18 @@ struct JournalLine {
     std::string arguments;  // "offset=0x100000 size=65536"
     std::string result;     // "0", "-1 EIO"
 
-    // Without sequence number, process and descriptor: what tests compare.
+    // The line without sequence number, process and descriptor, for comparison in tests.
     std::string Comparable() const;
 };
 
 // False when the text is not a journal line.
 bool ParseJournalLine(const std::string& text, JournalLine& line);
-// The lines of a folder, the older file's first; `error` names the first line that is none, if any.
+// The lines of a folder, the older file's first; `error` names the first invalid line, if any.
 std::vector<JournalLine> ReadJournal(const std::string& dir, std::string* error = nullptr);
-// The same as a text, without what is in writing.
+// The same as a text, without a line that is being written.
 std::string JournalText(const std::string& dir);
 std::string JournalPath(const std::string& dir);
-// Forgets all lines; the numbers go on. Returns an error message, empty on success.
+// Removes all lines; the sequence numbers continue. Returns an error message, empty on success.
 std::string ClearJournal(Folder& folder);
 
 // "EIO"; "E131" for one without a name here.
@@ -52,10 +52,10 @@ class Journal {
     // Returns an error message, empty on success.
     std::string Open(Folder& folder, uint32_t limit);
     bool IsOpen() const { return m_fd >= 0; }
-    // Room for what one request can write. False: the disk is full, see errno.
+    // Reserves space for what one request can write. False: the disk is full, see errno.
     bool HasRoom();
-    // `what` is everything between process and result.
-    // The process is this one, or, by number, one that cannot do it itself.
+    // `what` is everything between process and result. The process is this one or, given by its
+    // number, one that cannot write the line itself.
     void Write(const std::string& what, const Answer& answer, int pid = 0);
 
   private:

@@ -20,7 +20,7 @@ namespace {
 constexpr char kEventPath[] = "/dev/qv-event";
 constexpr char kVideoPrefix[] = "/dev/video";
 
-// The number of a video node; none for another path, and for a number with a zero before it.
+// The number of a video node; none for another path, and for a number with a leading zero.
 std::optional<int> NodeOf(const std::string& path) {
     constexpr size_t kPrefix = sizeof kVideoPrefix - 1;
     int node = 0;
@@ -32,7 +32,7 @@ std::optional<int> NodeOf(const std::string& path) {
     return node;
 }
 
-// Tells one run of the machine from another; its clock begins at 0 in each.
+// Distinguishes one start of the machine from another; its clock begins at 0 in each.
 uint64_t BootOfMachine() {
     const std::string id = ReadText("/proc/sys/kernel/random/boot_id");
     return uint64_t{1} << 32 | Crc32(id.data(), id.size());
@@ -140,7 +140,7 @@ std::string LiveCards::LoadSettings(Channel& channel) const {
 bool LiveCards::OpenSettings(Channel& channel) const {
     constexpr size_t kLongest = 256u << 10;
     if (channel.settingsFile >= 0 && channel.settingsBytes < kLongest) return true;
-    // A file that is new, or has grown long, is written as what it comes to.
+    // A file that is new, or has grown long, is rewritten with only the present settings.
     if (channel.settingsBytes == 0 || channel.settingsBytes >= kLongest) {
         Settings whole;
         whole.Load(ReadText(SettingsPath(channel)));
@@ -199,7 +199,7 @@ void LiveCards::CatchUp(Channel* channel) {
         const Folder::Lock lock(m_folder.get());
         m_generation = LoadShared(m_folder->Page().generation);
         CardsState fresh;
-        // A file that cannot be read leaves this process with what it knows.
+        // If the file cannot be read, this process keeps what it knows.
         if (const std::string error = LoadState(m_folder->Dir(), fresh); error.empty())
             TakeOverState(fresh);
     }
@@ -208,7 +208,8 @@ void LiveCards::CatchUp(Channel* channel) {
     LoadSettings(*channel);
 }
 
-// What can change while cards are in use; cards that were laid out anew are others.
+// Takes over what can change while cards are in use; newly created cards are other cards, and
+// ignored.
 void LiveCards::TakeOverState(const CardsState& fresh) {
     if (fresh.boards.size() != m_state.boards.size()) return;
     m_state.eventNodeGone = fresh.eventNodeGone;
@@ -286,7 +287,7 @@ int LiveCards::OpenError(const std::string& path, const Channel* owner) const {
 
 int LiveCards::OpenFault(const std::string& path, const std::vector<FaultEffect>& effects,
                          Channel* owner) {
-    // Another driver's node can be refused, and is never lost.
+    // An open of another driver's node can be refused, but the node never vanishes.
     if (KindOf(path, owner) == NodeKind::kForeign)
         return static_cast<int>(EffectOf(effects, FaultKind::kRefuse).value_or(0));
     int error = 0;

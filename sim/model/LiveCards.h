@@ -1,8 +1,7 @@
-// The simulated cards as they are: boards, flash, open nodes, events, timers, faults, journal.
+// The running simulated cards: boards, flash, open nodes, events, timers, faults, journal.
 //
-// What requests do is done to these, and one thread at a time may: Model holds the lock, and only
-// Model::Locked gives them out. Knows nothing of request numbers, of threads, nor of how a caller
-// gets here.
+// Requests work on these, one thread at a time: Model holds the lock, and only Model::Locked gives
+// access to them. Knows nothing about request numbers, threads, or how a caller gets here.
 #pragma once
 
 #include <cstdint>
@@ -24,7 +23,7 @@
 
 namespace qvsim {
 
-// What is alive; everything is 0 when a caller has cleaned up after itself.
+// Objects that exist; every count is 0 when a caller has cleaned up.
 struct Alive {
     size_t files = 0;
     size_t events = 0;
@@ -33,7 +32,7 @@ struct Alive {
     size_t images = 0;
     size_t pinnedBuffers = 0;
     size_t captures = 0;  // video and audio captures started and not stopped
-    size_t frames = 0;    // asked for, and may still be written into the caller's memory
+    size_t frames = 0;    // requested, and may still be written into the caller's memory
     bool operator==(const Alive&) const = default;
 };
 
@@ -41,7 +40,7 @@ class LiveCards {
   public:
     using Lock = EventTable::Lock;
 
-    // `mutex`: the one that is held in every call; the thread that writes pictures takes it.
+    // `mutex`: held in every call; the thread that writes pictures takes it.
     explicit LiveCards(std::mutex& mutex) : m_media(mutex, m_events, m_notifications) {}
     // Once, before anything else: the cards of a state directory, or cards with blank flash that
     // live in this process alone, without a directory and a journal. Returns an error message,
@@ -56,12 +55,12 @@ class LiveCards {
     const CardsState& State() const { return m_state; }
     const Latencies& Delays() const { return m_state.latencies; }
     const DriverWays& Ways() const { return m_state.driver; }
-    // Takes over what other processes on the folder have changed since the last look. Null: nothing
-    // of a channel.
+    // Reads what other processes on the folder have changed since the last call. Null: nothing of a
+    // channel.
     void CatchUp(Channel* channel);
-    // Writes down what a request set. False: the disk is full, and nothing was set.
+    // Saves what a request has set. False: the disk is full, and nothing was set.
     bool KeepSettings(Channel* channel);
-    // Whether a request can be written down. False, and said once, when the disk is full.
+    // Whether a request can be logged. False, with a message once, when the disk is full.
     bool HasRoom();
     // Held while files of the folder change.
     Folder::Lock LockFolder() { return Folder::Lock(m_folder.get()); }
@@ -72,9 +71,9 @@ class LiveCards {
     std::vector<std::string> NodeNames();
     // Null: the event node, another driver's, or none at all.
     Channel* ChannelOfNode(const std::string& path);
-    // Why such a node cannot be opened, faults aside; 0 when it can.
+    // Why such a node cannot be opened, without regard to faults; 0 when it can.
     int OpenError(const std::string& path, const Channel* owner) const;
-    // What the faults that an open met make of it: an errno, or 0.
+    // The result of an open after the faults that hit it: an errno, or 0.
     int OpenFault(const std::string& path, const std::vector<FaultEffect>& effects, Channel* owner);
     std::shared_ptr<OpenFile> AddFile(const std::string& path, const std::string& record);
     // See the functions of these names in Model.h.
@@ -88,15 +87,15 @@ class LiveCards {
     Channel* FindChannel(int board, int channel);
 
     // --- faults and power ---------------------------------------------------------------------
-    // Counts a request, or an "open", on every fault; what hits it. Null: the event node. What is
-    // met is written down in the folder of the cards, except for kSlow: only when the caller has
-    // let the time pass, by NoteMet().
+    // Counts a request, or an "open", on every fault, and returns the effects that hit it. Null:
+    // the event node. A hit is written to the folder of the cards at once, except kSlow: NoteMet()
+    // writes it after the caller has let the time pass.
     std::vector<FaultEffect> MeetFaults(const std::string& request, const Channel* channel);
     void NoteMet(FaultKind kind, const std::string& request, const Channel* channel) const;
     void AddFault(const Fault& fault);
     void ClearFaults();
     void PowerCycle();
-    // The board is dead from now on, for every process.
+    // The board has no power from now on, for every process.
     void LosePower(Board& board);
     // A node vanishes until the next power cycle. Null: the event node.
     void LoseNode(Channel* channel);
@@ -114,7 +113,7 @@ class LiveCards {
     MediaSource& Media() { return m_media; }
     HandlePool& ImageHandles() { return m_imageHandles; }
     Journal& RequestJournal() { return m_journal; }
-    // Records as they came to the event node, by request.
+    // Records as the event node received them, by request.
     std::map<std::string, Bytes>& EventRecords() { return m_eventRecords; }
     Bytes LastRecord(int board, int channel, const std::string& request);
     void SetRecord(int board, int channel, const std::string& key, const Bytes& record);
@@ -123,9 +122,10 @@ class LiveCards {
     // --- time ---------------------------------------------------------------------------------
     TimeSource& Time() { return m_time; }
     int64_t Now() const { return m_time.Now(); }
-    // Lets everything happen that is due; clock units until the next such thing, if any.
+    // Executes everything that is due. Returns the clock units until something else is due, if
+    // anything.
     std::optional<int64_t> RunDue();
-    // In a child after fork(): threads and waiters are the parent's.
+    // In a child after fork(): threads and waiters are in the parent.
     void BeginInChild();
 
   private:
@@ -136,7 +136,7 @@ class LiveCards {
     static NodeKind KindOf(const std::string& path, const Channel* owner);
     void TakeOverState(const CardsState& fresh);
     // Changes the state of the folder for all its processes. False when it cannot be written: then
-    // this process goes on with it alone.
+    // only this process uses the new state.
     template <class Change>
     bool ChangeState(Change change);
     void Complain(const std::string& what, int error);

@@ -10,7 +10,7 @@
 namespace qvsim {
 namespace {
 
-// More frames than this are not caught up with after a pause: their numbers are lost.
+// After a pause at most this many frames are made up for; the numbers of the others are lost.
 constexpr int64_t kMaxCatchUp = 8;
 
 int64_t Period(double framesPerSecond) {
@@ -28,7 +28,7 @@ uint32_t SkipMissed(int64_t& nextAt, int64_t period, int64_t now) {
     return static_cast<uint32_t>(skipped);
 }
 
-// The last completion can be looked at again and again, until there is news.
+// The last completion can be read again and again, until there is a new one.
 void ForgetReadCompletion(VideoCapture& video) {
     if (video.completionRead) video.completions.clear();
     video.completionRead = false;
@@ -62,7 +62,7 @@ void MediaSource::StopVideo(Lock& lock, Channel& channel) {
     channel.video = VideoCapture();
 }
 
-// What a driver does that looks at its queue before it looks whether anybody captures.
+// Imitates a driver that checks its queue before it checks whether a capture runs.
 Answer MediaSource::QueueAfterStop(Channel& channel, FrameRequest request) {
     constexpr uint32_t kFirstFrame = 1;
     VideoCapture& video = channel.video;
@@ -131,7 +131,7 @@ FrameCompletion MediaSource::TakeCompletion(Channel& channel) {
     if (video.completions.empty()) return {};
     const FrameCompletion completion = video.completions.front();
     if (video.completions.size() > 1) {
-        // Two completions may have met in one signal of the event: the other asks for its own.
+        // Two completions may have set the event only once: the other one sets it again.
         video.completions.pop_front();
         m_events.Set(video.event);
     } else {

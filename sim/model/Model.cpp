@@ -65,7 +65,7 @@ void Model::Close(const std::shared_ptr<OpenFile>& file, int descriptor) {
 }
 
 void Model::BeginInChild() {
-    // Neither is in use, and what they know is not true here.
+    // Neither is in use, and their contents are not valid here.
     new (&m_timeChanged) std::condition_variable;
     new (&m_timekeeper) std::thread;
     m_cards.BeginInChild();

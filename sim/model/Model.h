@@ -1,8 +1,8 @@
-// The simulated cards of one state directory, alive: the cards, their lock, and the thread that
+// The running simulated cards of one state directory: the cards, their lock, and the thread that
 // keeps their time.
 //
-// Any thread. Every function takes the lock; who needs several things done at once, as a request
-// does, makes a Model::Locked. At most two threads of its own, both started when first needed and
+// Any thread. Every function takes the lock; a caller that needs several steps under one lock, such
+// as a request, makes a Model::Locked. Has at most two threads, both started when first needed and
 // ended by ShutDown(): one keeps time, one writes pictures.
 #pragma once
 
@@ -21,7 +21,7 @@ namespace qvsim {
 
 class Model {
   public:
-    // The cards, and the right to touch them: the lock is held as long as this is there.
+    // Access to the cards: holds the lock as long as it exists.
     class Locked {
       public:
         explicit Locked(Model& model) : m_model(model), m_lock(model.m_mutex) {}
@@ -30,10 +30,9 @@ class Model {
         LiveCards* operator->() const { return &m_model.m_cards; }
         // For waits, which release it while they sleep.
         LiveCards::Lock& Lock() { return m_lock; }
-        // Lets others work on the cards meanwhile.
+        // Releases the lock, so that others can work on the cards.
         void Sleep(std::chrono::microseconds time);
-        // Something with a time changed: lets happen what is due, and sees to it that the rest
-        // will.
+        // Call it after a change of a time: executes what is due, and schedules the rest.
         void Kick();
 
       private:
@@ -41,7 +40,7 @@ class Model {
         LiveCards::Lock m_lock;
     };
 
-    // Null, and what went wrong, when the directory holds no usable state.
+    // Null and an error message when the directory holds no usable state.
     static std::shared_ptr<Model> Load(const std::string& dir, std::string& error);
     // Cards with blank flash that live in this process alone: no directory, no journal.
     static std::shared_ptr<Model> InMemory(CardsState state, std::string& error);
@@ -58,13 +57,14 @@ class Model {
     bool Exists(const std::string& path) { return Locked(*this)->Exists(path); }
     // Names in /dev that exist: "video0", "qv-event".
     std::vector<std::string> NodeNames() { return Locked(*this)->NodeNames(); }
-    // Null and an errno when the node cannot be opened. `descriptor` is for the journal alone.
+    // Null and an errno when the node cannot be opened. `descriptor` is only for the journal.
     std::shared_ptr<OpenFile> Open(const std::string& path, int& error);
     void JournalOpen(const std::string& path, int descriptor, int error) {
         Locked(*this)->JournalOpen(path, descriptor, error);
     }
-    // A descriptor for a file that is to be opened, with these flags of open(2), or -1 and errno;
-    // see OpenRecord.h. It is dropped, closed already, or given to the file by JournalOpen().
+    // A descriptor for a node that is being opened, with these flags of open(2), or -1 and errno;
+    // see OpenRecord.h. The caller closes and drops it, or passes it to the file with
+    // JournalOpen().
     int MakeDescriptor(int flags, std::string& record) {
         return Locked(*this)->MakeDescriptor(flags, record);
     }
@@ -72,31 +72,31 @@ class Model {
     void JournalOpen(OpenFile& file, const std::string& record, int descriptor) {
         Locked(*this)->JournalOpen(file, record, descriptor);
     }
-    // What a descriptor stands for that this process was started with: its link in /proc. Null when
-    // it is no node.
+    // The file of a descriptor that this process was started with; the argument is its link in
+    // /proc. Null when it is no node.
     std::shared_ptr<OpenFile> Adopt(const std::string& link) { return Locked(*this)->Adopt(link); }
-    // Around fork(), by the thread that calls it: the lock is held over it, so that the child finds
-    // the cards whole. The child's threads and frame memory are the parent's.
+    // Around fork(), called by the forking thread: the lock is held meanwhile, so that the child
+    // finds the cards in a consistent state. Threads and frame memory stay in the parent.
     void HoldForFork() { m_mutex.lock(); }
     void BeginInChild();
     void LetGoAfterFork() { m_mutex.unlock(); }
     // Empty: in memory alone.
     std::string Dir() const { return m_cards.Dir(); }
-    // The last descriptor of the file in this process is closed.
+    // Called when the last descriptor of the file in this process is closed.
     void Close(const std::shared_ptr<OpenFile>& file, int descriptor);
 
     // --- for tests and the command line ----------------------------------------------------
-    // Channels are named by board index and by their position on the board; where there is none of
-    // that name, nothing happens.
+    // Channels are named by board index and by their position on the board; without such a channel
+    // nothing happens.
     void PowerCycle() { Locked(*this)->PowerCycle(); }
     void AddFault(const Fault& fault) { Locked(*this)->AddFault(fault); }
     void ClearFaults() { Locked(*this)->ClearFaults(); }
     void RaiseNotification(int board, int channel, uint64_t bits);
     void SetSignal(int board, int channel, bool present);
-    // Signals the capture event while the frame in work is not complete.
+    // Signals the capture event while the current frame is not complete.
     void InterruptFrame(int board, int channel);
-    // The record of the last such request as it came from the caller; empty when there was none.
-    // Requests of the event node are found under board -1.
+    // The record of the last such request as the caller sent it; empty when there was none.
+    // Requests of the event node have board -1.
     Bytes LastRecord(int board, int channel, const std::string& request) {
         return Locked(*this)->LastRecord(board, channel, request);
     }
@@ -107,12 +107,12 @@ class Model {
         Locked(*this)->SetRecord(board, channel, key, record);
     }
     Alive CountAlive() { return Locked(*this)->CountAlive(); }
-    // Stops the device clocks, so that timers fire by AdvanceClock() alone. 100 ns units.
+    // Stops the device clocks, so that only AdvanceClock() makes timers fire. 100 ns units.
     void FreezeClock() { Locked(*this)->Time().Freeze(); }
     void AdvanceClock(int64_t units);
-    // How the cards are laid out; the caller sees to it that nobody changes them.
+    // The layout of the cards; the caller makes sure that nobody changes them.
     const CardsState& State() const { return m_cards.State(); }
-    // Ends every wait with ENODEV and stops what runs on its own; the model stays readable.
+    // Ends every wait with ENODEV and stops the threads; the model stays readable.
     void ShutDown();
 
   private:
@@ -120,7 +120,7 @@ class Model {
     void KeepTime();
 
     std::mutex m_mutex;
-    LiveCards m_cards;  // reached through Locked, but for what never changes
+    LiveCards m_cards;  // accessed through Locked, except data that never changes
     std::condition_variable m_timeChanged;
     std::thread m_timekeeper;  // started when something is due for the first time
 };

@@ -36,7 +36,7 @@ std::string NorFlash::Open(const std::string& path, uint32_t size, bool readOnly
 }
 
 bool NorFlash::WriteSector(const uint8_t (&bytes)[kSector], uint32_t at) {
-    // What is blank at the end is not kept: the file of a mostly empty flash stays small.
+    // The blank end is not stored: the file of a mostly empty flash stays small.
     if (at + kSector >= m_cells.Length() && AllBlank(bytes, kSector)) return m_cells.Cut(at);
     return m_cells.Write(bytes, kSector, at);
 }
@@ -50,7 +50,7 @@ bool NorFlash::Erase(uint32_t offset, uint32_t size) {
     if (!Mark(begin, end - begin, false)) return false;
     uint8_t blank[kSector];
     std::memset(blank, 0xFF, sizeof blank);
-    // From behind, so that the file gets shorter step by step.
+    // From the end, so that the file gets shorter step by step.
     for (uint32_t at = end; at > begin; at -= kSector)
         if (at - kSector < m_cells.Length() && !WriteSector(blank, at - kSector)) return false;
     return true;
@@ -108,7 +108,7 @@ bool NorFlash::Programmed(uint32_t offset, uint32_t size) const {
     const uint32_t first = offset / 8;
     std::vector<uint8_t> bits((offset + size - 1) / 8 - first + 1);
     if (!m_marks.Read(bits.data(), bits.size(), kBitsAt + first)) return false;
-    // What the range does not touch of its first and last byte counts as there.
+    // The bits of the first and last byte that are outside the range count as set.
     bits.front() = static_cast<uint8_t>(bits.front() | ((1u << offset % 8) - 1));
     if (const uint32_t end = (offset + size) % 8; end != 0)
         bits.back() = static_cast<uint8_t>(bits.back() | 0xFFu << end);
@@ -120,7 +120,7 @@ bool NorFlash::Mark(uint32_t offset, uint32_t size, bool programmed) {
     if (size == 0) return true;
     const uint32_t first = offset / 8;
     const size_t at = kBitsAt + first;
-    // What was never marked needs no taking back.
+    // Bytes that were never marked need no clearing.
     if (!programmed && m_marks.Length() <= at) return true;
     std::vector<uint8_t> bits((offset + size - 1) / 8 - first + 1);
     if (!m_marks.Read(bits.data(), bits.size(), at)) return false;

@@ -1,11 +1,10 @@
-// NOR flash as the cards have it: erasing fills whole 4096-byte sectors with 0xFF, programming can
-// only clear bits.
+// The cards' NOR flash: erasing fills whole 4096-byte sectors with 0xFF, programming can only clear
+// bits.
 //
-// The file holds the chip's bytes as they are, and ends where everything behind is blank. Beside it
-// a second file holds one mark per byte: programmed since its erase, and reads back as asked. That
-// is what the firmware loader goes by, and it is the same for every process; nothing of either file
-// is kept in memory. A chip in memory has no files. Not locked: the model's lock covers it, and the
-// folder's lock what is written.
+// The file holds the chip's bytes, without the blank rest at the end. A second file holds one mark
+// per byte: programmed since its erase, and reads back as requested. The firmware loader uses the
+// marks, and they are the same for every process; neither file is kept in memory. A chip in memory
+// has no files. Not locked: the model's lock covers it, and the folder's lock covers writing.
 #pragma once
 
 #include <cstddef>
@@ -38,7 +37,7 @@ class NorFlash {
 
     // All are false when the range lies outside the chip or the file cannot be read or written.
     bool Erase(uint32_t offset, uint32_t size);
-    // Bits of `stuck` stay as they are in every byte.
+    // Bits of `stuck` do not change in any byte.
     bool Program(uint32_t offset, const uint8_t* data, uint32_t size, uint8_t stuck = 0);
     bool Read(uint32_t offset, uint8_t* data, uint32_t size) const;
 
@@ -46,11 +45,11 @@ class NorFlash {
     // middle of an erase or program cycle does.
     bool Garble(uint32_t offset);
 
-    // True when every byte of the range was programmed since its erase and reads back as asked.
+    // True when every byte of the range was programmed since its erase and reads back as requested.
     bool Programmed(uint32_t offset, uint32_t size) const;
     // True when every byte of the range reads 0xFF.
     bool Blank(uint32_t offset, uint32_t size) const;
-    // Says that the range holds what it should, or no longer does.
+    // Marks the range as correctly programmed, or clears the marks.
     bool Mark(uint32_t offset, uint32_t size, bool programmed);
 
     // The address at which the last header was programmed; the image to load first.

@@ -19,7 +19,7 @@ class Notifications {
                       uint64_t event);
     // False when the channel has no such registration.
     bool Unregister(const Channel* channel, uint64_t notify);
-    // Hands the gathered bits out and clears them; false as above.
+    // Returns the gathered bits and clears them; false as above.
     bool TakeStatus(const Channel* channel, uint64_t notify, uint64_t& status);
     // Gathers the enabled ones of `bits` on the channel's registrations and signals their events.
     void Raise(const Channel* channel, uint64_t bits, EventTable& events);

@@ -23,7 +23,7 @@ constexpr char kNewName[] = ".new";
 
 std::string OpenFolder(const std::string& dir) { return dir + "/open"; }
 
-// For reading and writing alike: nobody else ever has a lock on this file.
+// For reading and writing: nobody else ever locks this file.
 bool TakeLock(int fd, int flags) {
     struct flock lock {};
     lock.l_type = (flags & O_ACCMODE) == O_RDONLY ? F_RDLCK : F_WRLCK;
@@ -31,7 +31,7 @@ bool TakeLock(int fd, int flags) {
     return fcntl(fd, F_OFD_SETLK, &lock) == 0;
 }
 
-// No descriptor of the file is left. One that cannot be looked at counts as held.
+// No descriptor of the file is left. A file that cannot be checked counts as held.
 bool IsFree(const std::string& path) {
     const int fd = OpenOutOfTheWay(path, O_RDWR);
     if (fd < 0) return false;
@@ -113,7 +113,7 @@ void CloseForTheDead(Folder& folder, Journal& journal) {
     for (const std::string& name : NamesIn(OpenFolder(folder.Dir()))) {
         const std::string path = OpenFolder(folder.Dir()) + "/" + name;
         if (!IsFree(path) || unlink(path.c_str()) != 0) continue;
-        OpenRecord record;  // one without a name ended before its open was in the journal
+        OpenRecord record;  // a file without a name ended before its open was in the journal
         if (ParseOpenRecord(folder.Dir(), path, record))
             journal.Write("close " + record.node + " fd=" + std::to_string(record.fd), Ok(),
                           record.pid);

@@ -1,6 +1,6 @@
-// What the settings requests of one channel keep. Values are bytes under a name; what was never
-// set reads as the default that the request table or the model gives. Every change is a line, and
-// the lines in their order are the settings. Not locked.
+// The values that the settings requests of one channel store. Values are bytes under a name; a
+// value that was never set reads as the default of the request table or the model. Every change is
+// a line, and the lines in their order are the settings. Not locked.
 #pragma once
 
 #include <cstdint>
@@ -32,17 +32,17 @@ class Settings {
         m_values = m_preset;
         m_changes += "reload\n";
     }
-    void Reset() {  // power-on: presets stay
+    void Reset() {  // power-on: presets are kept
         m_values.clear();
         m_changes += "off\n";
     }
-    // As lines, since the last look.
+    // The changes since the last call, as lines.
     std::string TakeChanges() { return std::exchange(m_changes, {}); }
 
-    // The whole as a text: its version, and as few lines as can be.
+    // All settings as a text: its version, and as few lines as possible.
     std::string Save() const;
-    // Of such a text with more lines behind; 0, or the number of the first line that is none. An
-    // empty text has no settings. The lines before it are taken.
+    // Reads such a text, which may have more lines. Returns 0, or the number of the first invalid
+    // line; the lines before it take effect. An empty text has no settings.
     int Load(const std::string& text);
 
   private:
@@ -54,7 +54,7 @@ class Settings {
     std::string m_changes;
 };
 
-// Bytes of a record that only a driver could fill: recognisable, and different for every request.
+// Bytes for a record that only a driver could fill: recognisable, and different for every request.
 inline uint8_t PatternByte(uint32_t requestNumber, size_t index) {
     return static_cast<uint8_t>(requestNumber + 3 * index);
 }

@@ -1,5 +1,5 @@
 // The state file: one item per line, a word and key=value pairs; texts and records as hexadecimal.
-// Read strictly: whoever changed the file by hand, or a disk, is told the line.
+// Reading is strict: if somebody edited the file, or a disk damaged it, the error names the line.
 #include <unistd.h>
 
 #include <cerrno>
@@ -26,7 +26,7 @@ constexpr uint32_t kStateSector = 4096;
 constexpr uint32_t kLargestFlash = 1u << 30;
 constexpr size_t kLargestValue = 64u << 10;
 
-// One line, taken apart. What is wrong with it, or missing, is remembered until Good() asks.
+// One parsed line. Remembers what is wrong with it, or missing, for Good().
 class Line {
   public:
     explicit Line(const std::string& text) {
@@ -44,7 +44,7 @@ class Line {
         }
     }
     const std::string& Word() const { return m_word; }
-    // Everything that was asked for was there and right, and nothing else was there.
+    // Every requested key was present and valid, and there was no other.
     bool Good() const { return m_good && m_values.empty(); }
 
     std::string Text(const char* key) {
@@ -177,7 +177,7 @@ void ParseBoard(Line& line, CardsState& state) {
     if (board.flashSize % kStateSector != 0) line.Wrong();
     board.goldenVersion = line.Number("golden");
     board.powerLost = line.Flag("lost");
-    // A board is known by its index, and one that is followed by another has its channels.
+    // A board is identified by its index, and has its channels before the next board begins.
     for (const BoardState& other : state.boards)
         if (other.index == board.index || other.channels.empty()) line.Wrong();
     state.boards.push_back(board);
@@ -202,7 +202,7 @@ void ParseChannel(Line& line, CardsState& state) {
     state.boards.back().channels.push_back(channel);
 }
 
-// What belongs to the channel of the line before; null when there is none.
+// The channel that a line belongs to; null when there is none.
 ChannelState* LastChannel(Line& line, CardsState& state) {
     if (!state.boards.empty() && !state.boards.back().channels.empty())
         return &state.boards.back().channels.back();
@@ -331,7 +331,7 @@ std::string SaveState(Folder& folder, CardsState& state) {
     for (Fault& fault : state.faults)
         if (fault.slot < 0 && !GiveSlot(folder, state, fault))
             return path + ": there are " + std::to_string(kMaxFaults) + " faults already";
-    // The number first: whoever sees it waits for the lock, and so for the file.
+    // The number first: a process that sees it waits for the lock, and so for the file.
     CountShared<uint32_t>(folder.Page().generation);
     if (ReplaceFile(path, Serialise(state))) return {};
     return path + ": cannot be written: " + std::strerror(errno);

@@ -39,7 +39,7 @@ std::optional<int64_t> Timers::Run(int64_t sourceTime, EventTable& events) {
             events.Signal(kTimerSignal, entry.channel, entry.event);
             continue;
         }
-        // The distance of two signed times may not fit; a timer that far away waits long enough.
+        // The difference of two signed times may not fit; a timer that far away waits long enough.
         const uint64_t away = static_cast<uint64_t>(*entry.expiry) - static_cast<uint64_t>(now);
         constexpr uint64_t kFar = std::numeric_limits<int64_t>::max() / 2;
         const auto distance = static_cast<int64_t>(std::min(away, kFar));

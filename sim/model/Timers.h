@@ -1,4 +1,4 @@
-// Driver timers: each signals its event once, at its expiry, and at once when that has passed.
+// Driver timers: each signals its event once, at its expiry, or at once if that has passed.
 // Expiries are device-clock times of the timer's own board. Not locked: the model's lock covers it.
 #pragma once
 
@@ -21,8 +21,8 @@ class Timers {
     bool Unregister(const Channel* channel, uint64_t timer);
     bool Schedule(const Channel* channel, uint64_t timer, int64_t expiry);
 
-    // Signals what is due. `sourceTime` is the model's time; the result is how many clock units
-    // from it the next expiry lies, nothing when no timer is scheduled.
+    // Signals the timers that are due. `sourceTime` is the model's time; returns the clock units
+    // from it to the next expiry, nothing when no timer is scheduled.
     std::optional<int64_t> Run(int64_t sourceTime, EventTable& events);
     void DropOwner(const OpenFile* owner);
     size_t Count() const { return m_entries.size(); }

@@ -45,7 +45,7 @@ std::string CheckBoard(const BoardPlan& board) {
     return {};
 }
 
-// Gives the open ones the lowest free index, and the next free nodes.
+// Gives boards without an index the lowest free one, and boards without nodes the next free nodes.
 std::string Number(CardsPlan& plan) {
     std::set<int> indices;
     std::set<int> nodes(plan.foreignNodes.begin(), plan.foreignNodes.end());
@@ -127,14 +127,14 @@ bool LayHeader(const BoardPlan& plan, NorFlash& flash) {
            flash.SetBootAddress(plan.firmwareOffset);
 }
 
-// The files and folders that were made; they go again unless they are kept.
+// The files and folders that were made; they are removed again unless Keep is called.
 class Made {
   public:
     ~Made() {
-        // The last one first: folders are empty by then.
+        // The last one first, so that folders are empty.
         for (; !m_paths.empty(); m_paths.pop_back()) std::remove(m_paths.back().c_str());
     }
-    // To be told before it is made: what is there already is somebody else's.
+    // Call it before the file is made: an existing file belongs to somebody else.
     void Add(const std::string& path) {
         if (access(path.c_str(), F_OK) != 0) m_paths.push_back(path);
     }

@@ -1,6 +1,6 @@
-// Cards as somebody describes them, and the laying out of a state directory from that.
+// The description of cards, and the creation of a state directory from it.
 //
-// Shared by scenario files and the test rig; what is left open gets its default here. By one
+// Shared by scenario files and the test rig; values that are not given get their defaults here. One
 // thread.
 #pragma once
 
@@ -42,12 +42,12 @@ struct BoardPlan {
     uint32_t firmwareOffset = 0x100000;
     uint32_t flashSize = 16u << 20;
     uint32_t golden = Version(1, 0);
-    int firstNode = -1;  // -1: behind the highest node given so far
+    int firstNode = -1;  // -1: after the highest node given so far
     VideoSetup video;
     AudioSetup audio;
     std::vector<SignalStep> signal;
     std::map<std::string, std::vector<uint8_t>> records;  // see ChannelState
-    std::function<void(ChannelState&)> editChannel;       // a last look at each channel's records
+    std::function<void(ChannelState&)> editChannel;       // changes each channel's records
 };
 
 struct CardsPlan {
@@ -61,16 +61,16 @@ struct CardsPlan {
     std::vector<UsbPlan> usbDevices;
 };
 
-// Fills in what is open and checks that the whole can exist: unique boards and nodes, texts that
-// fit, a firmware area inside the flash. Returns an error message, empty on success.
+// Fills in missing values and checks the result: unique boards and nodes, texts that fit, a
+// firmware area inside the flash. Returns an error message, empty on success.
 std::string CompletePlan(CardsPlan& plan);
 
-// Writes a complete plan into `dir`, which is made when it is not there; on request with firmware
-// packages for the cards in `dir`/packages. Nothing is written when the directory already holds
-// cards, and nothing is left when it fails. Returns an error message, empty on success.
+// Writes a complete plan into `dir`, which is created if it is missing; on request with firmware
+// packages for the cards in `dir`/packages. Writes nothing if the directory already holds cards,
+// and leaves nothing behind after a failure. Returns an error message, empty on success.
 std::string LayOut(const CardsPlan& plan, const std::string& dir, bool packages = false);
 
-// The cards of a complete plan in this process alone; null and what went wrong.
+// The cards of a complete plan, only in this process; on failure null and an error message.
 std::shared_ptr<Model> MakeInMemory(const CardsPlan& plan, std::string& error);
 
 }  // namespace qvsim

@@ -1,5 +1,5 @@
-// Firmware packages for the cards of a plan, one minor version above what they run: for a first
-// upgrade. The content means nothing. By one thread.
+// Firmware packages for the cards of a plan, one minor version above their running version, for a
+// first upgrade. The content is meaningless. One thread.
 #pragma once
 
 #include <string>
@@ -15,7 +15,7 @@ struct SamplePackage {
 };
 
 // One for each product code and hardware version of a complete plan. A card that stores a
-// compatibility code other than 1 gets a package that is a safe upgrade. `error` stays as it is, or
+// compatibility code other than 1 gets a package that is a safe upgrade. `error` is unchanged, or
 // says which board has no room for sections.
 std::vector<SamplePackage> MakePackages(const CardsPlan& plan, std::string& error);
 

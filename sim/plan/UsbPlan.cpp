@@ -19,7 +19,8 @@ struct Family {
     std::vector<std::string> playbacks;
 };
 
-// The models of the family with a camera; of the others, what they capture is their last word.
+// The models of the family with a camera; for other products the last word of the name is the
+// capture stream.
 const std::vector<Family>& Families() {
     static const std::vector<Family> families{
         {"Tavo Capture HDMI", {"HDMI", "Mic", "Computer"}, {"Headphone", "HDMI", "Computer"}},

@@ -22,7 +22,7 @@ Forking* g_forking = nullptr;
 void Before() {
     auto* const forking = new Forking;
     forking->model = HoldAttachment();
-    // In the order of everybody else: a model that works opens and closes files of its own.
+    // In the same order as everywhere: a working model opens and closes its own files.
     if (forking->model) forking->model->HoldForFork();
     LockTable();
     g_forking = forking;

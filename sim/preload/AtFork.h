@@ -1,9 +1,9 @@
-// fork(): no lock of the simulation is held by a thread that the child does not have.
+// fork(): makes sure that no thread that is missing in the child holds a lock of the simulation.
 #pragma once
 
 namespace qvsim::door {
 
-// From the first call on. Any thread inside the door.
+// Takes effect with the first call. Any thread inside the door.
 void BeReadyForFork();
 
 }  // namespace qvsim::door

@@ -1,5 +1,5 @@
 // The preload object: the cards of the directory that QVSIM_STATE names, loaded when the process
-// first touches a simulated node, so that every other program under the door stays as it is.
+// first uses a simulated node, so that other programs under the door are not affected.
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -11,7 +11,7 @@
 namespace qvsim {
 namespace {
 
-// Deliberate: never destroyed, the process's own exit handlers may still use a card.
+// Deliberate: never destroyed, because the process's own exit handlers may still use a card.
 struct Cards {
     std::mutex loading;
     std::atomic<bool> loaded{false};
@@ -35,7 +35,7 @@ std::shared_ptr<Model> LoadByEnvironment() {
     return model;
 }
 
-// A program that another one has become, or was started by, may have nodes open already.
+// A program may inherit open nodes through exec or from its parent.
 __attribute__((constructor)) void TakeOver() {
     const char* const dir = std::getenv("QVSIM_STATE");
     if (dir && *dir) door::AdoptInherited();

@@ -15,8 +15,8 @@ namespace {
 struct Table {
     std::mutex lock;
     std::map<int, Held> entries;
-    // A child that shares this memory, as vfork() makes one, has descriptors of its own: what it
-    // does with them is not written down here.
+    // A child that shares this memory, as after vfork(), has its own descriptors: this table does
+    // not record what it does with them.
     pid_t process = getpid();
 };
 

@@ -10,8 +10,8 @@
 namespace qvsim::door {
 
 struct DevFolder {
-    std::vector<std::string> names;  // of the nodes, as they were when reading began
-    size_t next = 0;                 // of them; 0: the real entries come first
+    std::vector<std::string> names;  // of the nodes when reading began
+    size_t next = 0;                 // the next of them; 0: the real entries come first
     alignas(16) unsigned char entry[512];
 };
 

@@ -20,7 +20,7 @@
 namespace qvsim::door {
 namespace {
 
-// What every kind of file answers before its driver is asked.
+// The answers that every kind of file gives without its driver.
 bool IsOfEveryFile(unsigned long code) {
     return code == FIOCLEX || code == FIONCLEX || code == FIONBIO || code == FIOASYNC;
 }
@@ -43,10 +43,10 @@ int OpenAsPlace(const std::shared_ptr<Model>& model, const std::string& node, in
     return fd;
 }
 
-// What the kernel checks of the flags before it asks a driver; 0: nothing is wrong.
+// The kernel's checks of the flags before it asks a driver; 0: nothing is wrong.
 int WrongFlags(Sight sight, int flags) {
     const bool creates = (flags & O_CREAT) != 0;
-    // Nothing is made in the machine's own /dev.
+    // Creates nothing in the machine's own /dev.
     if (sight == Sight::kMissing) return creates ? EACCES : 0;
     if (creates && (flags & O_EXCL) != 0) return EEXIST;
     if ((flags & O_DIRECTORY) != 0) return ENOTDIR;
@@ -61,7 +61,7 @@ int AskDriver(const std::shared_ptr<Model>& model, const std::string& node, int 
     const bool exists = model->Exists(node);
     if (exists && (fd = model->MakeDescriptor(flags, record)) < 0) return -1;
     const std::shared_ptr<OpenFile> file = model->Open(node, error);
-    if (file && fd < 0) {  // it has come back this very moment
+    if (file && fd < 0) {  // it came back just now
         model->Close(file, fd);
         error = ENODEV;
     }
@@ -77,7 +77,7 @@ int AskDriver(const std::shared_ptr<Model>& model, const std::string& node, int 
     held->model = model;
     held->file = file;
     held->path = node;
-    // What stood there was closed by other means than a call that comes by here.
+    // The earlier descriptor of this number was closed by a call that is not interposed.
     const Held stale = Put(fd, std::move(held));
     return fd;
 }
@@ -112,7 +112,7 @@ int OpenNode(Sight sight, const std::string& node, int flags) {
 }
 
 void Describe(const std::string& node, struct stat& status) {
-    constexpr unsigned kMajor = 240;  // of those that are for local use
+    constexpr unsigned kMajor = 240;  // one of those for local use
     constexpr unsigned kEventMinor = 1u << 16;
     const std::shared_ptr<Model> model = CurrentModel();
     struct stat dev {};

@@ -19,11 +19,11 @@ bool HasHandlers() { return g_handlers.load(std::memory_order_relaxed); }
 bool Inside::Is() { return t_depth > 0; }
 
 Inside::Inside() {
-    // Most programs have no handlers, and their requests cost no system call for this.
+    // Most programs have no handlers; then this costs their requests no system call.
     if (t_depth == 0 && HasHandlers()) {
         sigset_t all;
         sigfillset(&all);
-        // Those that say that something is wrong here cannot wait.
+        // Signals of a fault in this code cannot wait.
         for (const int fault : {SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS, SIGABRT})
             sigdelset(&all, fault);
         m_held = pthread_sigmask(SIG_BLOCK, &all, &m_outer) == 0;

@@ -1,13 +1,13 @@
-// A thread inside the door: what the simulation itself calls goes to the kernel, no cancellation
-// takes the thread away, and signals whose handlers could ask for the same locks wait until it is
-// out, as they wait for a thread that is inside the kernel.
+// A thread inside the door: the simulation's own calls go to the kernel, the thread cannot be
+// cancelled, and signals whose handlers could take the same locks are blocked until it leaves, as
+// for a thread inside the kernel.
 #pragma once
 
 #include <csignal>
 
 namespace qvsim::door {
 
-// The program has a handler of its own for some signal, from now on.
+// From now on the program has its own handler for some signal.
 void NoteHandler();
 bool HasHandlers();
 
@@ -20,7 +20,7 @@ class Inside {
 
     // What the calling thread is in, if anything.
     static bool Is();
-    // The mask of the thread outside; null when signals are not held off.
+    // The thread's mask outside of the door; null when signals are not blocked.
     const sigset_t* OuterMask() const { return m_held ? &m_outer : nullptr; }
 
   private:

@@ -1,7 +1,7 @@
-// The libc functions that make, use, double and close descriptors, defined anew: what concerns a
-// simulated node goes to the door, everything else to the function that is hidden by this one.
+// Redefines the libc functions that make, use, duplicate and close descriptors: calls for a
+// simulated node go to the door, all others to the libc function of the same name.
 //
-// Built without fortification, which would turn these very names into inline functions.
+// Built without fortification, which would turn these names into inline functions.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
@@ -45,7 +45,7 @@ int OpenAtWith(Next<OpenAtFunction>& next, int dir, const char* path, int flags,
     return OpenBy(dir, path, flags, [&] { return next.Get()(dir, path, flags, mode); });
 }
 
-// A call that doubles `fd`, perhaps onto a number that is in use.
+// A call that duplicates `fd`, perhaps onto a number that is in use.
 template <class Real>
 int Double(int fd, int onto, Real real) {
     if (onto < 0 || onto == fd) {
@@ -73,7 +73,7 @@ int IoctlWith(Next<IoctlFunction>& next, int fd, unsigned long code, void* argum
     int result = 0;
     if (qvsim::door::Request(fd, code, argument, result)) return result;
     result = next.Get()(fd, code, argument);
-    // A file that knows no requests may be a node that the table does not know.
+    // A file without ioctl requests may be a node that is missing in the table.
     const char letter = static_cast<char>(code >> 8 & 0xFF);
     if (result != -1 || errno != ENOTTY || (letter != 'X' && letter != 'E')) return result;
     if (!qvsim::door::Adopt(fd)) {
@@ -83,7 +83,7 @@ int IoctlWith(Next<IoctlFunction>& next, int fd, unsigned long code, void* argum
     return qvsim::door::Request(fd, code, argument, result) ? result : -1;
 }
 
-// Closes all of a range but what the simulation itself has open there.
+// Closes a range of descriptors, except those that the simulation itself has open there.
 template <class Real>
 int CloseBetweenOwn(unsigned first, unsigned last, Real real) {
     constexpr unsigned kBeyondOwn = 1u << 16;
@@ -97,7 +97,7 @@ int CloseBetweenOwn(unsigned first, unsigned last, Real real) {
     return from <= last ? real(from, last) : 0;
 }
 
-// A file is only ever made where the cards have no name.
+// A file is created only where the cards have no name.
 constexpr int kCreateFlags = O_CREAT | O_WRONLY | O_TRUNC;
 
 }  // namespace
@@ -108,7 +108,7 @@ constexpr int kCreateFlags = O_CREAT | O_WRONLY | O_TRUNC;
     const mode_t mode = ModeOf(flags, arguments); \
     va_end(arguments)
 
-// The one argument behind the last that has a name.
+// The one argument after the last named one.
 #define QVSIM_ARGUMENT(last)                         \
     va_list arguments;                               \
     va_start(arguments, last);                       \
@@ -143,7 +143,7 @@ int openat64(int dir, const char* path, int flags, ...) {
 int creat64(const char* path, mode_t mode) { return OpenWith(g_open64, path, kCreateFlags, mode); }
 #endif
 
-// What fortified programs call for an open without a mode.
+// Called by fortified programs for an open without a mode.
 int __open_2(const char* path, int flags) { return OpenWith(g_open, path, flags, 0); }
 int __open64_2(const char* path, int flags) { return OpenWith(g_open64, path, flags, 0); }
 int __openat_2(int dir, const char* path, int flags) {
@@ -210,9 +210,9 @@ int ioctl(int fd, unsigned long code, ...) noexcept {
     return IoctlWith(g_ioctl, fd, code, argument);
 }
 
-// What fcntl and ioctl are called in 32-bit programs built with a 64-bit time_t. No request of the
-// simulated driver carries a time, and those of others reach the kernel unconverted only when libc
-// has no function of that name.
+// The names of fcntl and ioctl in 32-bit programs built with a 64-bit time_t. No request of the
+// simulated driver contains a time, and those of other drivers reach the kernel unconverted only
+// when libc has no function of that name.
 int __fcntl_time64(int fd, int command, ...) {
     static constinit Next<FcntlFunction> next{"__fcntl_time64"};
     QVSIM_ARGUMENT(command);

@@ -1,5 +1,5 @@
-// Reading and writing: the driver has neither. And handlers of signals, which may come while a
-// thread is in the door.
+// Interposes reading and writing, which the driver does not have, and the installation of signal
+// handlers, because a signal may come while a thread is inside the door.
 #include <sys/uio.h>
 #include <unistd.h>
 

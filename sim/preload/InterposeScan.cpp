@@ -1,5 +1,5 @@
-// Reading the folder /dev: the real entries without the real video nodes, and the simulated nodes
-// behind them.
+// Interposes reading of the folder /dev: it shows the real entries without the real video nodes,
+// and then the simulated nodes.
 #include <dirent.h>
 
 #include <algorithm>
@@ -39,7 +39,7 @@ void FillEntry(const std::string& name, Entry& entry) {
     std::memcpy(entry.d_name, name.c_str(), name.size() + 1);
 }
 
-// An entry that free() releases, as scandir hands them out; null without memory.
+// An entry that free() releases, as scandir returns them; null without memory.
 template <class Entry>
 Entry* MakeEntry(const std::string& name) {
     auto* entry = static_cast<Entry*>(std::malloc(sizeof(Entry)));
@@ -47,11 +47,11 @@ Entry* MakeEntry(const std::string& name) {
     return entry;
 }
 
-// What the caller of this thread's scan wants to see; scandir() hands nothing through to a filter.
+// The filter of this thread's scan; scandir() passes no parameter to a filter.
 template <class Entry>
 constinit thread_local Filter<Entry> t_wanted = nullptr;
 
-// Real entries that stay visible. Chosen while the folder is read: what is not wanted is not
+// Real entries that stay visible. Filtered while the folder is read, so that other entries are not
 // copied.
 template <class Entry>
 int KeepsReal(const Entry* entry) {
@@ -95,7 +95,7 @@ int ScanDev(Next<Scan<Entry>>& next, const char* dir, Entry*** list, Filter<Entr
             std::free(entry);
     }
     if (compare) {
-        // The caller's order may be no strict order at all: an insertion sort stands anything.
+        // The caller's comparison may be no strict order: an insertion sort works with any.
         for (size_t i = 1; i < kept.size(); ++i)
             for (size_t j = i; j > 0 && CompareEntries(compare, kept[j - 1], kept[j]) > 0; --j)
                 std::swap(kept[j - 1], kept[j]);
@@ -120,7 +120,7 @@ Entry* ReadEntry(Next<Entry*(DIR*)>& next, DIR* stream) {
             if (!qvsim::Model::AnswersName(real->d_name)) return real;
     }
     if (folder->next >= folder->names.size()) return nullptr;
-    // As in the C library: good until the next reading of the same stream.
+    // As in the C library: valid until the next read of the same stream.
     static_assert(sizeof(Entry) <= sizeof folder->entry);
     auto* const entry = reinterpret_cast<Entry*>(folder->entry);
     FillEntry(folder->names[folder->next++], *entry);
@@ -143,7 +143,7 @@ int ReadEntryInto(Next<Entry*(DIR*)>& next, DIR* stream, Entry* to, Entry** resu
 
 constinit Next<dirent*(DIR*)> g_readdir{"readdir"};
 
-// Behind the real entries a place is one of these.
+// After the real entries, a position is one of these.
 constexpr long kFirstPlace = 0x7F000000;
 
 }  // namespace

@@ -1,5 +1,5 @@
-// The functions that look at a file without opening it. Weak, so that a test program may put its
-// own in their place.
+// Interposes the functions that inspect a file without opening it. Weak, so that a test program may
+// define its own.
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
@@ -27,7 +27,7 @@ using qvsim::door::Sight;
 using qvsim::door::StatBy;
 using qvsim::door::StatDescriptor;
 
-// What comes of an access to a node: everybody may use it, and it is no program.
+// The result of access() for a node: everybody may use it, and it is not executable.
 int AccessOf(Sight sight, int mode) {
     const int error = sight == Sight::kNode ? ((mode & X_OK) != 0 ? EACCES : 0) : ErrorOf(sight);
     if (error == 0) return 0;
@@ -46,7 +46,7 @@ int AccessBy(int dir, const char* path, int mode, bool follow, Real real) {
     return sight == Sight::kElsewhere ? result : AccessOf(sight, mode);
 }
 
-// A node is no link; the name of its descriptor is one that leads to it.
+// A node is no link; the name of its descriptor is a link to it.
 template <class Real>
 ssize_t ReadLinkBy(int dir, const char* path, char* to, size_t size, Real real) {
     std::string node;
@@ -61,7 +61,7 @@ ssize_t ReadLinkBy(int dir, const char* path, char* to, size_t size, Real real) 
     return -1;
 }
 
-// `none` is the answer for a node that is there: -1 with ENODATA, or a length.
+// `none` is the answer for an existing node: -1 with ENODATA, or a length.
 template <class Real>
 ssize_t AttributesBy(const char* path, ssize_t none, Real real) {
     std::string node;
@@ -195,7 +195,7 @@ QVSIM_WEAK ssize_t __readlinkat_chk(int dir, const char* path, char* to, size_t 
     return ReadLinkBy(dir, path, to, size, [&] { return next.Get()(dir, path, to, size, room); });
 }
 
-// A node has no attributes beside those of stat.
+// A node has no attributes besides those of stat.
 #define QVSIM_ATTRIBUTES(prefix)                                                                  \
     QVSIM_WEAK ssize_t prefix##getxattr(const char* path, const char* name, void* value,          \
                                         size_t size) noexcept {                                   \

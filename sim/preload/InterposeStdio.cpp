@@ -1,4 +1,5 @@
-// Streams of the C library on nodes: it opens and closes their descriptors by ways of its own.
+// Interposes streams of the C library on nodes: the library opens and closes their descriptors with
+// internal calls.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -20,7 +21,7 @@ using qvsim::door::Next;
 using qvsim::door::OpenNode;
 using qvsim::door::Sight;
 
-// Flags of open(2) for a mode such as "r+e"; -1 when it is none.
+// Flags of open(2) for a mode such as "r+e"; -1 for an invalid one.
 int FlagsOf(const char* mode) {
     const bool both = std::strchr(mode, '+') != nullptr;
     int flags = std::strchr(mode, 'e') ? O_CLOEXEC : 0;
@@ -37,11 +38,11 @@ int FlagsOf(const char* mode) {
     }
 }
 
-// What a stream of that mode is to be opened on, where it is the cards'.
+// The file to open for a stream of that mode, if the path is the cards'.
 Sight SightOf(const char* path, int flags, std::string& node) {
     if (!path || flags < 0) return Sight::kElsewhere;
     const Sight sight = Before(AT_FDCWD, path, node);
-    // A link that leads to no file: nothing is made where it leads to.
+    // A link that leads to no file: nothing is created there.
     return sight == Sight::kElsewhere ? Behind(AT_FDCWD, path, node) : sight;
 }
 
@@ -58,8 +59,8 @@ std::FILE* OpenStream(const char* path, const char* mode, Real real) {
     return stream;
 }
 
-// The stream gets another file in the place of its own: first one that is harmless, whose number
-// then becomes the node's.
+// The stream gets another file instead of its own: first a harmless one, whose number then becomes
+// the node's.
 template <class Real>
 std::FILE* ReopenStream(const char* path, const char* mode, std::FILE* stream, Real real) {
     std::string node;

@@ -1,9 +1,9 @@
-// syscall(2): some libraries reach their devices through it and not through open and ioctl.
+// Interposes syscall(2): some libraries use it for their devices instead of open and ioctl.
 //
-// Every other call is handed on unchanged, and so early and from so deep inside a process that
-// nothing here may lock, allocate or construct before it knows that the call is its own. Built
-// without sanitizers: their run-time libraries come through here before they are set up, so only
-// code of this unit may run until then.
+// Every other call is passed on unchanged. Such calls come so early, and from so deep inside a
+// process, that nothing here may lock, allocate or construct before it knows that the call concerns
+// a node. Built without sanitizers: their run-time libraries call this before they are set up, so
+// until then only code of this unit may run.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <sys/syscall.h>
@@ -20,8 +20,8 @@ using qvsim::door::Next;
 
 constinit Next<long(long, ...)> g_syscall{"syscall"};
 
-// The cheap half of Model::Answers(), for a moment at which that cannot be called yet: the last
-// name begins like a node's.
+// The cheap part of Model::Answers(), for calls so early that it cannot be used yet: the last name
+// begins like a node's.
 bool EndsLikeNode(const char* path) {
     const char* name = path;
     for (const char* at = path; *at; ++at)
@@ -40,7 +40,7 @@ bool Opens(long number, const long* arguments) {
     return number == SYS_openat && path && EndsLikeNode(path);
 }
 
-// What concerns descriptors that are open already.
+// Calls for descriptors that are already open.
 bool IsOfDescriptors(long number) {
     switch (number) {
         case SYS_ioctl:

@@ -1,5 +1,5 @@
-// stat and its family as 32-bit programs with a 64-bit time_t call them: built with that time_t, so
-// that these definitions get the names that the C library has for it. Empty elsewhere.
+// Interposes stat and its family for 32-bit programs with a 64-bit time_t: built with that time_t,
+// so that these definitions get the C library's names for it. Empty on other systems.
 #ifdef __i386__
 #define _FILE_OFFSET_BITS 64
 #define _TIME_BITS 64
@@ -16,7 +16,7 @@ namespace {
 
 using qvsim::door::Next;
 
-// The names that the declarations stand for here.
+// The names of the declarations in this build.
 template <class Real>
 int Answer(int dir, const char* path, int flags, struct stat* to, Real real) {
     qvsim::door::WideStat wide{};

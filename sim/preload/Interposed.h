@@ -1,4 +1,5 @@
-// What the interposed functions have in common: is a path, or a descriptor, the cards'? Any thread.
+// Shared by the interposed functions: does a path, or a descriptor, belong to the cards? Any
+// thread.
 #pragma once
 
 #include <fcntl.h>
@@ -12,14 +13,14 @@
 
 namespace qvsim::door {
 
-// What a path is before the kernel was asked.
+// What a path is, without asking the kernel.
 inline Sight Before(int dir, const char* path, std::string& node) {
     if (!path || Inside::Is() || !MayBeNode(path)) return Sight::kElsewhere;
     const Inside inside;
     return Look(dir, path, node);
 }
 
-// The same when the kernel found nothing: a link may lead to a node, which the kernel does not
+// The same after the kernel found nothing: a link may lead to a node, which the kernel does not
 // know. Keeps errno.
 inline Sight Behind(int dir, const char* path, std::string& node) {
     if (!path || Inside::Is()) return Sight::kElsewhere;
@@ -37,13 +38,13 @@ int OpenBy(int dir, const char* path, int flags, Real real) {
     Sight sight = Before(dir, path, node);
     const bool follows =
         (flags & O_NOFOLLOW) == 0 && (flags & (O_CREAT | O_EXCL)) != (O_CREAT | O_EXCL);
-    // A file that does not exist behind a link would be made where the link leads to.
+    // The kernel would create the missing target of a link.
     if (sight == Sight::kElsewhere && follows && (flags & O_CREAT) != 0)
         sight = Behind(dir, path, node);
     if (sight == Sight::kElsewhere) {
         const int fd = real();
         if (fd >= 0 || errno != ENOENT || !follows) {
-            // A number that was closed by other means than a call that comes by here.
+            // A number that was closed by a call that is not interposed.
             if (fd >= 0) Closing stale(fd);
             return fd;
         }

@@ -1,5 +1,5 @@
-// The function that an interposed one hides: the next definition in the search order, looked up
-// once. Any thread; usable before any constructor has run.
+// The function behind an interposed one: the next definition in the search order, looked up once.
+// Any thread; usable before any constructor has run.
 #pragma once
 
 #include <dlfcn.h>

@@ -17,7 +17,7 @@ constexpr char kDev[] = "/dev";
 constexpr int kMostLinks = 40;
 constexpr size_t kShortestName = 6;  // "video0"
 
-// Where a path's last name begins, slashes behind it aside.
+// Where a path's last name begins, ignoring trailing slashes.
 struct LastName {
     size_t at;
     size_t size;
@@ -36,8 +36,8 @@ bool IsDev(const struct stat& status) {
     return stat(kDev, &dev) == 0 && dev.st_dev == status.st_dev && dev.st_ino == status.st_ino;
 }
 
-// The node that a descriptor of this process is, by its name under /proc or /dev; they are links
-// that no readlink() follows to the end.
+// The node of a descriptor of this process, given by its name under /proc or /dev; readlink() does
+// not resolve such a link completely.
 std::string NodeOfDescriptorName(const std::string& path) {
     for (const std::string& prefix : {std::string("/proc/self/fd/"), std::string("/dev/fd/"),
                                       "/proc/" + std::to_string(getpid()) + "/fd/"}) {

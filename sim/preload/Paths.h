@@ -1,23 +1,24 @@
-// Which paths lead to a simulated node, by the rules of the kernel's walk: from any folder, through
-// doubled slashes, `..` and links. Any thread inside the door.
+// Which paths lead to a simulated node, by the rules of the kernel's path resolution: from any
+// folder, through double slashes, `..` and links. Any thread inside the door.
 #pragma once
 
 #include <string>
 
 namespace qvsim::door {
 
-// The cheap half of the next: false for nearly every path of a program. No locks, no memory.
+// The cheap part of the next function: false for nearly every path of a program. No locks, no
+// memory.
 bool MayBeNode(const char* path);
 // "/dev/video0" when the path's last name is one that the cards answer for, in the folder /dev;
-// empty when it leads elsewhere. Nothing is said of whether there is such a node.
+// empty when it leads elsewhere. The node need not exist.
 std::string NodeOfPath(int dir, const char* path);
-// The same for a path that ends in a link, through as many as there are.
+// The same for a path that ends in one or more links.
 std::string NodeOfLink(int dir, const char* path);
-// What has a node's name in front of a slash is no folder.
+// A node's name followed by a slash is no folder.
 bool EndsInSlash(const char* path);
-// One of the names that this process's descriptors have, which are links: "/proc/self/fd/3".
+// Whether the path is a link of one of this process's descriptors: "/proc/self/fd/3".
 bool IsDescriptorName(const char* path);
-// The folder is /dev, under whatever name.
+// Whether the folder is /dev, under any name.
 bool IsDevFolder(int fd);
 bool IsDevFolder(const char* path);
 

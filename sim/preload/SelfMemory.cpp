@@ -1,5 +1,5 @@
-// The kernel is asked only about addresses of which nothing is known: a system call for each record
-// would cost as much as the request.
+// Asks the kernel only about unknown addresses: a system call for each record would cost as much as
+// the request.
 #include "SelfMemory.h"
 
 #include <pthread.h>
@@ -20,7 +20,7 @@ struct Range {
     }
 };
 
-// Where the heap began when this object was set up: what lies above, up to its end now, is the
+// Where the heap began when this object was set up: the memory from there to its present end is the
 // program's own.
 const uintptr_t g_heapBegin = reinterpret_cast<uintptr_t>(sbrk(0));
 
@@ -38,7 +38,7 @@ Range ThisStack() {
     return range;
 }
 
-// The part of the stack that is in use; of another stack, a signal's for one, nothing is known.
+// The used part of the stack; other stacks, for example a signal's, are unknown.
 bool OnThisStack(uintptr_t address, size_t size) {
     static thread_local const Range stack = ThisStack();
     const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
@@ -61,7 +61,7 @@ bool Nameable(uint64_t address, uint32_t size) {
 using Move = ssize_t(pid_t, const iovec*, unsigned long, const iovec*, unsigned long,
                      unsigned long);
 
-// Whether all of it was moved. `refused`: the kernel does not do this at all, as in some
+// Whether all of it was copied. `refused`: the kernel does not allow this at all, as in some
 // containers.
 bool Ask(Move* move, uint64_t address, void* data, uint32_t size, bool& refused) {
     const iovec local{data, size};

@@ -1,5 +1,5 @@
-// The memory of this very process, asked as the kernel asks it: a bad address is an answer and no
-// crash. Any thread.
+// Accesses this process's own memory as the kernel does: a bad address gives an error and no crash.
+// Any thread.
 #pragma once
 
 #include "CallerMemory.h"

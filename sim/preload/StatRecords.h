@@ -1,4 +1,4 @@
-// What stat and its family answer for a node, whatever the layout of their record.
+// The results of stat and its family for a node, for every layout of their record.
 #pragma once
 
 #include <fcntl.h>
@@ -38,7 +38,7 @@ inline int StatNode(Sight sight, const std::string& node, struct stat& status) {
     return 0;
 }
 
-// `ours` says whether the cards answered, or the kernel did by `real`.
+// `ours` says whether the cards answered, or the kernel through `real`.
 template <class Real>
 int StatAs(int dir, const char* path, int flags, struct stat& status, Real real, bool& ours) {
     std::string node;

@@ -1,5 +1,5 @@
-// Between code that is built with a 64-bit time_t and the door, which on i386 is not: no record of
-// the C library passes here, for the two have different ones.
+// The interface between code that is built with a 64-bit time_t and the door, which on i386 is not:
+// it passes no record of the C library, because the two have different ones.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +14,8 @@ struct WideStat {
 
 inline constexpr int kNoFollow = 0x100;
 
-// As StatAs() does; without a path it is the descriptor `dir` that is looked at. `real` asks the
-// kernel, with `call` as its argument.
+// Like StatAs(); without a path it inspects the descriptor `dir`. `real` asks the kernel, with
+// `call` as its argument.
 int StatWide(int dir, const char* path, int flags, WideStat& status, int (*real)(void*), void* call,
              bool& ours);
 

@@ -18,8 +18,8 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-// What wakes each sleeping thread: a descriptor, because ppoll() alone lets signals through and
-// begins to sleep in one step. Covered by the model's lock; there is one model at a time.
+// Each sleeping thread is woken through a descriptor, because only ppoll() unblocks signals and
+// starts to sleep in one step. Covered by the model's lock; there is one model at a time.
 std::vector<int>& Bells() {
     static std::vector<int>& bells = *new std::vector<int>;
     return bells;
@@ -28,10 +28,10 @@ std::vector<int>& Bells() {
 void RingAll() {
     const uint64_t one = 1;
     for (const int bell : Bells())
-        if (write(bell, &one, sizeof one) < 0) continue;  // full: it rings already
+        if (write(bell, &one, sizeof one) < 0) continue;  // full: it is already readable
 }
 
-// 1 when something may have changed, 0 when the time is up, -1 when a signal came.
+// 1 when something may have changed, 0 when the time is over, -1 when a signal came.
 int SleepUntil(int bell, const std::optional<Clock::time_point>& deadline, const sigset_t& outer) {
     timespec time{};
     if (deadline) {
@@ -81,7 +81,7 @@ Answer Serve(Model& model, OpenFile& file, uint32_t code, uint64_t address, Call
     if (!outer) return ServeRequest(model, file, code, address, memory);
     ParkedWait wait;
     Answer answer = ServeRequest(model, file, code, address, memory, &wait);
-    // A card at work is not interrupted.
+    // A working card is not interrupted.
     while (wait.ForCard()) {
         std::this_thread::sleep_for(wait.delay);
         wait.DelayOver();

@@ -7,11 +7,11 @@
 
 namespace qvsim::door {
 
-// `outer`: the signals that end a wait are those that this mask lets through; null when the program
-// handles none, and a wait sleeps until its end. Any thread inside the door.
+// `outer`: signals that this mask does not block end a wait; null when the program handles none, so
+// that a wait sleeps until its end. Any thread inside the door.
 Answer Serve(Model& model, OpenFile& file, uint32_t code, uint64_t address, CallerMemory& memory,
              const sigset_t* outer);
-// In a child after fork(), with the model's lock held: nobody sleeps here.
+// In a child after fork(), with the model's lock held: no thread sleeps in the child.
 void ForgetSleepers();
 
 }  // namespace qvsim::door

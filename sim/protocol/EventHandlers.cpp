@@ -66,7 +66,7 @@ Answer GetDeviceTime(Call& call) {
     return Ok();
 }
 
-// Setting and regulating come to the same: this clock has no drift to be steered.
+// Setting and regulating do the same: this clock has no drift to correct.
 Answer SetDeviceTime(Call& call) {
     const int64_t time = call.As<int64_t>();
     call.NoteNumber("time", time);

@@ -1,5 +1,5 @@
-// Identity and firmware storage. Flash data passes through a buffer of one sector, whatever the
-// size of the request: a process under the preload door must stay small.
+// Handlers of identity and firmware storage. Flash data is copied through a buffer of one sector,
+// whatever the size of the request: a process under the preload door must stay small.
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
@@ -15,7 +15,7 @@
 namespace qvsim {
 namespace {
 
-// Waits as long as the chip would; false as Call::TakeTime() says.
+// Waits as long as the chip would; false as in Call::TakeTime().
 bool Busy(Call& call, uint64_t microseconds) {
     return call.TakeTime(std::chrono::microseconds(microseconds));
 }
@@ -43,8 +43,8 @@ uint32_t SizeBeforeCut(const Call& call, uint32_t size) {
     return *cut == CutPoint::kEnd && size > 0 ? size - 1 : size / 2;
 }
 
-// A file of the simulation failed, not a card, and nobody shall take it for a broken one: no answer
-// is right. Ranges have been checked before.
+// A file of the simulation failed, not a card: any answer would look like a broken card. Ranges
+// have been checked before.
 [[noreturn]] void EndForHost() {
     std::fprintf(stderr,
                  "\nqvcap-sim: the files of the cards cannot be read and written: %s; the program "
@@ -60,7 +60,7 @@ bool GarbleAfterCut(Call& call, uint32_t offset, uint32_t done) {
     return clean || !flash.InRange(offset + done, 1) || flash.Garble(offset + done);
 }
 
-// The text up to the end of its field, behind which others stand.
+// The text up to the end of its field; other fields follow.
 template <size_t size>
 void FillUp(char (&field)[size]) {
     std::fill(field + strnlen(field, size), field + size, '#');
@@ -136,7 +136,8 @@ Answer WriteFirmwareData(Call& call) {
     if (error != 0) return Refused(error);
     if (!GarbleAfterCut(call, offset, wanted)) EndForHost();
     call.NoteHex("crc", crc);
-    // A header in one of its two places says which image to load first after power-on.
+    // A header that is written at one of its two addresses decides which image is loaded first
+    // after power-on.
     const uint32_t main = call.channel->state->storage.firmwareOffset;
     const bool isHeader = offset == main || offset == main + kSafeHeaderDistance;
     if (isHeader && wanted > 0 && !flash.SetBootAddress(offset)) EndForHost();

@@ -1,4 +1,4 @@
-// What every request of the table does. Each is called with the model's lock held and answers with
+// The handlers of all requests of the table. Each is called with the model's lock held and returns
 // a value or an error; the record is copied in before and out after. See Protocol.h.
 #pragma once
 
@@ -7,8 +7,8 @@
 namespace qvsim {
 
 // Settings and arrays: driven by the row's key and element size.
-Answer GetRecord(Call& call);       // what was set, or a recognisable pattern
-Answer SetRecordValue(Call& call);  // keeps the record
+Answer GetRecord(Call& call);       // the stored value, or a recognisable pattern
+Answer SetRecordValue(Call& call);  // stores the record
 Answer GetArray(Call& call);
 Answer SetArray(Call& call);
 Answer GetArrayCount(Call& call);

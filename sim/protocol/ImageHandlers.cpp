@@ -1,4 +1,4 @@
-// OSD images, counted by reference, and pinned video buffers.
+// Handlers of OSD images, which are reference-counted, and of pinned video buffers.
 #include <cerrno>
 
 #include "Handlers.h"

@@ -1,4 +1,5 @@
-// Video and audio capture. Where a record's inside is the driver's own, this driver puts:
+// Handlers of video and audio capture. In records whose contents the driver defines, this driver
+// puts:
 //   capture status   0 context (8 bytes), 8 frame number (4), 21 complete
 //   buffer info      0 number of the newest frame (4), 4 buffers (4), 8 buffer of the last frame
 //   frame info       0 frame number (4), 4 width (2), 6 height (2), 8 device time (8)
@@ -64,7 +65,7 @@ Answer CaptureVideoFrame(Call& call) {
     std::shared_ptr<CallerMemory> kept = call.memory.Keep();
     if (!kept) return Refused(ENOMEM);
     FrameRequest request;
-    // A torn frame: its second half stays what was there.
+    // A torn frame: its second half is not written.
     const uint64_t end = EffectOf(call.effects, FaultKind::kHalf) ? record.size / 2 : record.size;
     request.sink = [memory = std::move(kept), address = uint64_t{record.address}, end](
                        uint64_t offset, const void* data, uint32_t size) {
@@ -100,7 +101,8 @@ Answer GetVideoBufferInfo(Call& call) {
     const uint32_t buffers = VideoCapture::kBuffers;
     std::memcpy(record.bytes0, &video.newest, sizeof video.newest);
     std::memcpy(record.bytes0 + 4, &buffers, sizeof buffers);
-    // Of the frame captured last, so that its description can be asked for while newer ones come.
+    // The index of the last captured frame, so that its description can be read while newer ones
+    // come.
     const uint32_t last = video.lastCaptured ? video.lastCaptured : video.newest;
     record.completedFrameIndex = static_cast<uint8_t>(last % buffers);
     call.NoteNumber("index", record.completedFrameIndex);
@@ -133,7 +135,7 @@ Answer StartAudioCapture(Call& call) {
 }
 
 Answer CaptureAudioFrame(Call& call) {
-    // A capture that was not started has no frame ready either.
+    // A capture that was not started has no frame either.
     std::optional<uint32_t> number;
     if (call.channel->audio.running) number = call.cards->Media().TakeAudio(*call.channel);
     if (!number) return Refused(ENODATA);

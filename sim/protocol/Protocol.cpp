@@ -19,7 +19,8 @@ std::string HexText(uint64_t value) {
 
 char LetterOf(uint32_t code) { return static_cast<char>(code >> 8 & 0xFF); }
 
-// What a dead board, a vanished node or a fault makes of the request before any handler sees it.
+// The answer of a board without power, a vanished node or a fault, before any handler sees the
+// request.
 Answer Precheck(Call& call) {
     if (call.cards->IsShutDown()) return Refused(ENODEV);
     Channel* channel = call.channel;
@@ -104,7 +105,7 @@ Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t addres
     }
     cards->CatchUp(file.channel);
     if (!cards->HasRoom()) return Refused(ENOSPC);
-    // A request that is served again has been counted.
+    // A request that is served again is already counted.
     const std::vector<FaultEffect> effects = parked && parked->delaysOver > 0
                                                  ? parked->effects
                                                  : cards->MeetFaults(row->name, file.channel);

@@ -1,7 +1,7 @@
 // From a request number and the memory of its argument to the model, and back.
 //
-// Knows the wire; does not know how the caller got here (a door does) nor what a card does with a
-// request (the model and the handlers do). Any thread.
+// Knows the requests and records; does not know how the caller got here (a door does) nor what a
+// card does with a request (the model and the handlers do). Any thread.
 #pragma once
 
 #include <chrono>
@@ -17,10 +17,10 @@ namespace qvsim {
 
 struct Row;
 
-// What a caller has to wait for whose door serves others meanwhile: instead of sleeping, the
-// handler leaves it here. For an event the door asks again until it is answered (AskAgain); when a
-// card takes its time, nothing is done yet and the door serves the request once more when that time
-// has passed, with the same object.
+// A wait of a caller whose door serves others meanwhile: instead of sleeping, the handler stores
+// here what it waits for. For an event the door asks again until there is an answer (AskAgain). For
+// a slow card nothing is done yet, and the door serves the request again when the time has passed,
+// with the same object.
 struct ParkedWait {
     std::vector<uint64_t> events;  // empty: not for an event
     bool takes = false;            // ends by consuming its one event
@@ -28,26 +28,26 @@ struct ParkedWait {
     std::string line;              // for the journal, written when the wait ends
 
     std::chrono::microseconds delay{0};  // of a card; 0: none
-    int delaysOver = 0;                  // how many the door has let pass
-    std::vector<FaultEffect> effects;    // that hit the request when it came
+    int delaysOver = 0;                  // how many have passed
+    std::vector<FaultEffect> effects;    // those that hit the request when it came
 
     bool ForEvent() const { return !events.empty(); }
     bool ForCard() const { return delay.count() > 0; }
-    // The card's time has passed: the request may be served again.
+    // Call it when the card's time has passed: the request may be served again.
     void DelayOver() {
         delay = {};
         ++delaysOver;
     }
 };
 
-// One request on its way through a handler.
+// One request and its data for a handler.
 struct Call {
     Model::Locked& cards;
     OpenFile& file;
     Channel* channel;  // null on the event node
     const Row& row;
     CallerMemory& memory;
-    uint8_t* record;  // as it came from the caller; handed back when the row reads
+    uint8_t* record;  // as sent by the caller; copied back if the row reads
     uint32_t size;
     const std::vector<FaultEffect>& effects;
     ParkedWait* parked;     // null: a wait may sleep
@@ -62,15 +62,15 @@ struct Call {
     void Note(const char* name, const std::string& value);
     void NoteNumber(const char* name, int64_t value);
     void NoteHex(const char* name, uint64_t value);
-    // Takes a card's time, while other requests go on. False: left to the door, and the handler
-    // must return without having done anything.
+    // Waits for a card, while other requests go on. False: the door waits, and the handler must
+    // return without having done anything.
     bool TakeTime(std::chrono::microseconds time);
 };
 
 using Handler = Answer (*)(Call&);
 
 struct Row {
-    const char* name;  // the operation's name; what faults and the journal call it
+    const char* name;  // the operation's name, also in faults and the journal
     uint32_t code;     // the whole request number
     Handler handler;
     const char* key;   // settings: where the value is kept
@@ -92,11 +92,11 @@ const Row* FindRow(uint32_t code);
 const Row* FindRow(const std::string& name);
 const Row* AllRows(size_t& count);
 
-// Serves one request and journals it. With `parked`, what cannot be answered at once is left there,
-// and the answer says nothing.
+// Serves one request and logs it. With `parked`, a request that cannot be answered at once is
+// stored there, and the returned answer is meaningless.
 Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t address,
                     CallerMemory& memory, ParkedWait* parked = nullptr);
-// Asks again for a parked wait: true, and the answer, when it has ended. `last` ends it anyway:
+// Checks a parked wait again: true, and the answer, when it has ended. `last` ends it in any case:
 // with its time-out, or with `error`.
 bool AskAgain(Model& model, const ParkedWait& parked, bool last, int error, Answer& answer);
 

@@ -1,5 +1,5 @@
-// Every request that the simulated driver serves: one line each, the protocol's row, the handler,
-// for settings the name under which the value is kept, for arrays the bytes per element.
+// Every request that the simulated driver serves, one line each: the protocol's row, the handler,
+// for settings the name under which the value is stored, for arrays the bytes per element.
 #include "Handlers.h"
 
 namespace qvsim {

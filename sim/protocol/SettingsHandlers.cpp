@@ -1,4 +1,4 @@
-// Settings, arrays and presets: requests that keep what was set and give it back.
+// Handlers of settings, arrays and presets: requests that store values and return them.
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -13,7 +13,7 @@ namespace {
 constexpr uint32_t kMaxArrayBytes = 64u << 10;
 constexpr uint32_t kStreamInfoSize = 16;
 
-// Small records as a number, others by their checksum.
+// Small records as a number, others as their checksum.
 void NoteRecord(Call& call) {
     switch (call.size) {
         case 1:
@@ -53,7 +53,7 @@ Bytes DefaultArray(const std::string& key, uint32_t element) {
     return {};  // custom timings and resolutions: none
 }
 
-// What was set, or else what the scenario says; null when it says nothing.
+// The value that was set, or else the scenario's; null when the scenario has none.
 const Bytes* Known(const Channel& channel, const std::string& key) {
     if (const Bytes* set = channel.settings.Find(key)) return set;
     const auto record = channel.state->records.find(key);
@@ -75,7 +75,7 @@ Answer GetRecord(Call& call) {
     return Ok();
 }
 
-// Whether the card lists the source that it is told to take.
+// Whether the card lists the selected source.
 bool HasSource(const Call& call, const char* list) {
     const Bytes* known = Known(*call.channel, list);
     const Bytes sources = known ? *known : DefaultArray(list, sizeof(uint32_t));
@@ -92,7 +92,7 @@ bool HasStream(const Call& call) {
     return stream >= 0 && static_cast<size_t>(stream) < bytes / kStreamInfoSize;
 }
 
-// Whether the card lists the value that it is told to take, where it lists any.
+// Whether the card lists the value that is set, if it lists any.
 bool IsListed(const Call& call) {
     const std::string key = call.row.key;
     if (key == "CtrlStreamID") return HasStream(call);
