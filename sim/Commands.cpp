@@ -1,4 +1,4 @@
-// Laying cards out, switching them off and on, and putting them back as they were.
+// Creates cards, switches them off and on, and resets them.
 #include "Commands.h"
 
 #include <sys/signalfd.h>
@@ -20,7 +20,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// What `init` made, for `reset`.
+// A copy of what `init` made, for `reset`.
 fs::path Factory(const std::string& dir) { return fs::path(dir) / "factory"; }
 
 bool IsOfCards(const fs::path& file) {
@@ -61,7 +61,7 @@ std::string Reset(Folder& folder) {
     for (const auto& entry : fs::directory_iterator(dir, error)) {
         const std::string name = entry.path().filename();
         if (name.rfind("flash-", 0) != 0 && name.rfind("settings-", 0) != 0) continue;
-        // Programs have the flash open: it is emptied, and filled again in its place.
+        // Programs have the flash open: it is emptied and filled again in the same file.
         if (name.rfind("flash-", 0) == 0)
             fs::resize_file(entry.path(), 0, error);
         else

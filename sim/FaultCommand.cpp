@@ -40,7 +40,7 @@ std::string ValueText(const FaultEffect& effect) {
     return named ? name : std::to_string(effect.value);
 }
 
-// In the words that add it again.
+// As the words that would add it again.
 std::vector<std::pair<std::string, std::string>> Pairs(const Fault& fault) {
     std::vector<std::pair<std::string, std::string>> pairs{{"request", fault.request},
                                                            {"nth", std::to_string(fault.nth)},

@@ -1,4 +1,4 @@
-// `qvcap-sim flash`: the bytes of a card's flash, out of the folder and into it.
+// `qvcap-sim flash`: copies the bytes of a card's flash out of the folder and into it.
 #include <unistd.h>
 
 #include <cerrno>
@@ -57,7 +57,7 @@ std::string ReadTo(const NorFlash& flash, const std::string& file) {
     return out ? std::string() : file + ": cannot be written: " + std::strerror(errno);
 }
 
-// The bytes of a file, of which there must not be more than the chip has.
+// The bytes of a file, which must not be larger than the chip.
 std::string ReadFrom(const std::string& file, uint32_t size, std::vector<uint8_t>& bytes) {
     std::ifstream in(file, std::ios::binary);
     if (!in) return file + ": " + std::strerror(errno);
@@ -94,7 +94,7 @@ int FlashWriteCommand(const std::string& dir, const std::string& place, const st
     if (error = Find(state, place, found); !error.empty()) return Fail(error);
     std::vector<uint8_t> bytes;
     if (error = ReadFrom(file, found.board->flashSize, bytes); !error.empty()) return Fail(error);
-    // Whatever they were, the marks are made anew; they may be what is broken.
+    // The marks are always made again: they may be what is damaged.
     const std::string path = Path(dir, found);
     if (truncate((path + ".marks").c_str(), 0) != 0 && errno != ENOENT)
         return Fail(path + ".marks: " + std::strerror(errno));

@@ -1,4 +1,4 @@
-// `qvcap-sim journal`: the lines as they are, or one JSON object each.
+// `qvcap-sim journal`: prints the lines unchanged, or as one JSON object each.
 #include <cstdio>
 #include <cstdlib>
 #include <thread>
@@ -47,7 +47,7 @@ std::string Text(const JournalLine& line) {
     return out + " = " + line.result;
 }
 
-// Prints what came after `last`, and moves it on. Returns an error message, empty on success.
+// Prints the lines after `last`, and updates it. Returns an error message, empty on success.
 std::string PrintNews(const std::string& dir, bool json, uint64_t& last) {
     std::string error;
     uint64_t newest = last;

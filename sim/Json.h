@@ -6,8 +6,8 @@
 
 namespace qvsim {
 
-// In quotes. Bytes that are not ASCII stand for characters of Latin-1: what a device says is text
-// in no known coding.
+// A quoted string. Bytes beyond ASCII become characters of Latin-1, because the encoding of a
+// device's text is unknown.
 inline std::string JsonText(const std::string& text) {
     std::string out = "\"";
     for (const char c : text) {

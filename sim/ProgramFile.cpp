@@ -49,7 +49,7 @@ Program LookInto(std::ifstream& file) {
     return program;
 }
 
-// Of a script; empty for another file.
+// The interpreter of a script; empty for another file.
 std::string Interpreter(std::ifstream& file) {
     file.clear();
     file.seekg(0);
@@ -61,8 +61,8 @@ std::string Interpreter(std::ifstream& file) {
     return interpreter;
 }
 
-// There is an object for such programs: the door, or an empty one that lets a shell pass through to
-// programs of the other kind.
+// Whether there is an object for such programs: the door, or an empty one, so that a shell can
+// start programs of the other word size.
 bool HasDoor(const std::string& door, bool wide) {
     const char* const names[] = {wide ? "lib64" : "lib32",
                                  wide ? "lib/x86_64-linux-gnu" : "lib/i386-linux-gnu"};

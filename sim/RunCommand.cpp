@@ -1,4 +1,4 @@
-// `qvcap-sim run`: becomes the command, under the preload door.
+// `qvcap-sim run`: executes the command under the preload door.
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,7 +23,7 @@ std::string OwnPath() {
 }
 
 // The folder with the door and the stand-ins: beside the program in a build tree, under lib when
-// installed. Empty when neither is there.
+// installed. Empty when neither exists.
 std::string SupportFolder(const std::string& own) {
     const std::string folder = own.substr(0, own.rfind('/'));
     for (const char* place : {"", "/../lib/qvcapture/sim"}) {
@@ -39,8 +39,8 @@ void Prepend(const char* variable, const std::string& value, char separator) {
     setenv(variable, whole.c_str(), 1);
 }
 
-// The folder by a name that the loader does not take apart: its own, or a link in the folder of
-// cards. Empty when there is none.
+// A name of the folder that the loader does not split: its own, or a link in the folder of cards.
+// Empty when there is none.
 std::string NamedForLoader(const std::string& folder, const std::string& cards) {
     const auto whole = [](const std::string& name) {
         return name.find_first_of(" :") == std::string::npos;
@@ -74,12 +74,12 @@ int RunCommand(const std::string& dir, const std::vector<std::string>& command) 
 
     setenv("QVSIM_STATE", absolute, 1);
     setenv("QVSIM_PROGRAM", own.c_str(), 1);
-    // The loader puts each program's own library folder in place of $LIB: programs of the other
-    // word size find an empty object there and not one that they would complain about.
+    // The loader replaces $LIB with each program's own library folder: programs of the other word
+    // size find an empty object there, so that they print no error.
     Prepend("LD_PRELOAD", named + "/door/$LIB/" + kPreloadName, ':');
     Prepend("PATH", named + "/standins", ':');
-    // In programs with the address sanitizer the door comes before its run-time library, which is
-    // no harm; other programs do not look at this.
+    // In programs with the address sanitizer the door is loaded before its run-time library, which
+    // is harmless; other programs ignore this.
     Prepend("ASAN_OPTIONS", "verify_asan_link_order=0", ':');
     std::vector<char*> arguments;
     arguments.reserve(command.size() + 1);

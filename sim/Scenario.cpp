@@ -82,9 +82,9 @@ void ReadMedia(const TomlTable& table, BoardPlan& board) {
     });
 }
 
-// A record of a get request: a number in as many bytes as it has, or hexadecimal text.
+// A record of a get request: a number with the record's size, or hexadecimal text.
 std::vector<uint8_t> ReadRecord(const toml::node& node, const std::string& name, const Row& row) {
-    // Arrays travel by address: their size is their own, in whole elements.
+    // Arrays are passed by address: their size is free, in whole elements.
     const bool array = row.element > 0;
     std::vector<uint8_t> bytes(array ? row.element : row.Size());
     if (!node.is_string()) {
@@ -106,7 +106,7 @@ std::vector<uint8_t> ReadRecord(const toml::node& node, const std::string& name,
     return bytes;
 }
 
-// The get requests by the names of what they give: "Temperature", "EDID".
+// The get requests by the names of their values: "Temperature", "EDID".
 std::map<std::string, const Row*> Records() {
     std::map<std::string, const Row*> records;
     size_t count = 0;
@@ -160,7 +160,7 @@ BoardPlan ReadBoard(const toml::node& node) {
 
 // An errno by name or number.
 uint32_t ReadErrno(const toml::node& node) {
-    // A kernel passes on no others from a driver in a process.
+    // A kernel passes on no other numbers from a driver in a process.
     if (!node.is_string())
         return static_cast<uint32_t>(TomlTable::IntegerOf(node, "value", 1, 511));
     const std::string name = TomlTable::TextOf(node, "value");
@@ -354,7 +354,7 @@ void ReadAll(const toml::table& root, CardsPlan& plan) {
             throw TomlMistake(e, error);
     });
     ForEachToml(table, "fault", [&](const toml::node& e) { plan.faults.push_back(ReadFault(e)); });
-    // Each board is checked alone first, so that the message can name its line.
+    // Each board is first checked separately, so that the message can name its line.
     CardsPlan soFar;
     soFar.foreignNodes = plan.foreignNodes;
     const toml::array* boards = root["board"].as_array();

@@ -1,4 +1,4 @@
-// Scenario files: TOML text to a plan of cards. The one place that knows TOML.
+// Scenario files: converts TOML text to a plan of cards. No other part of sim/ knows TOML.
 #pragma once
 
 #include <string>
@@ -14,8 +14,8 @@ extern const char kDefaultScenario[];
 // empty on success; after an error the plan must not be used. Unknown keys are errors: a misspelt
 // fault must not go unnoticed.
 std::string ParseScenario(const std::string& text, const std::string& name, CardsPlan& plan);
-// A fault in the words "key=value", with the keys of a [[fault]]. Returns an error
-// message, empty on success.
+// A fault as words "key=value", with the keys of a [[fault]]. Returns an error message, empty on
+// success.
 std::string ParseFault(const std::vector<std::string>& pairs, Fault& fault);
 std::string ReadScenario(const std::string& path, CardsPlan& plan);
 

@@ -1,4 +1,4 @@
-// `qvcap-sim status`: reads the folder, and changes nothing in it.
+// `qvcap-sim status`: reads the folder and changes nothing.
 #include <cstdio>
 #include <cstring>
 
@@ -14,7 +14,7 @@ std::string VersionText(uint32_t version) {
     return std::to_string(version >> 16) + "." + std::to_string(version & 0xFFFF);
 }
 
-// A text of a record, which need not be terminated.
+// A text of a record, which may lack a terminator.
 template <size_t size>
 std::string TextOf(const char (&field)[size]) {
     return std::string(field, strnlen(field, size));

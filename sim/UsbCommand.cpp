@@ -42,7 +42,8 @@ int UsbCommand(const std::string& scenario, const std::string& played, const std
 
     const int stop = SignalsThatEnd();  // the devices are unplugged before the end
     if (stop < 0) return Fail(std::string("usb: ") + std::strerror(errno), kCannotServe);
-    sigset_t reading;  // orders from a terminal that belongs to another program at the moment
+    sigset_t
+        reading;  // reads orders from a terminal that may belong to another program at the moment
     sigemptyset(&reading);
     sigaddset(&reading, SIGTTIN);
     sigprocmask(SIG_BLOCK, &reading, nullptr);

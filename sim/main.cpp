@@ -1,6 +1,6 @@
-// qvcap-sim: lays out simulated cards, shows them, and runs programs with them in /dev.
+// qvcap-sim: creates simulated cards, shows them, and runs programs with them in /dev.
 //
-// The command line only; Commands.h does the work. Exit status 2: wrong arguments or an unusable
+// Only the command line; Commands.h does the work. Exit status 2: wrong arguments or an unusable
 // file, nothing was written.
 #include <CLI/CLI.hpp>
 #include <algorithm>
@@ -8,7 +8,7 @@
 
 #include "Commands.h"
 
-// The table of commands below is the same in every run: what is wrong in it throws in every test.
+// The table of commands below is the same in every run: a mistake in it throws in every test.
 // NOLINTNEXTLINE(bugprone-exception-escape)
 int main(int argc, char** argv) {
     CLI::App app{"Simulated capture cards"};
@@ -22,7 +22,7 @@ int main(int argc, char** argv) {
     std::string scenario;
     int status = 0;
 
-    // What follows `--` is the command's own, options included.
+    // Everything after `--` belongs to the command, options included.
     char** const end = argv + argc;
     char** const dashes = std::find(argv, end, std::string_view("--"));
     const std::vector<std::string> command(dashes == end ? end : dashes + 1, end);

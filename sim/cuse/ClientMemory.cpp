@@ -10,8 +10,7 @@
 namespace qvsim {
 namespace {
 
-// True when the range can be named in this process's own word size, which is the client's or
-// larger.
+// True when the range fits this process's own word size, which is the client's or larger.
 bool Nameable(uint64_t address, uint32_t size) {
     return address != 0 && address <= UINTPTR_MAX && size <= UINTPTR_MAX - address;
 }
@@ -20,7 +19,7 @@ iovec Range(uint64_t address, size_t size) {
     return {reinterpret_cast<void*>(static_cast<uintptr_t>(address)), size};
 }
 
-// Pins the address space itself, so that a number that is used again cannot lead elsewhere.
+// Pins the address space itself, so that a reused process number cannot lead to another process.
 class KeptMemory : public CallerMemory {
   public:
     // Null when there is no such descriptor.

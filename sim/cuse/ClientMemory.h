@@ -1,7 +1,7 @@
-// The memory of a process that waits in a request on a served node, reached through the kernel.
+// The memory of a process that waits in a request on a served node, accessed through the kernel.
 //
-// Needs root. Thread rule: as CallerMemory says; what Keep() hands out works from any thread, also
-// when the thread that issued the request has ended, and writes nothing once the process is gone.
+// Needs root. Thread rule: as in CallerMemory; the result of Keep() works from any thread, even
+// after the thread that made the request has ended, and writes nothing once the process is gone.
 #pragma once
 
 #include <sys/types.h>
@@ -12,7 +12,7 @@ namespace qvsim {
 
 class ClientMemory : public CallerMemory {
   public:
-    // `thread` is the one that waits in the request.
+    // `thread` is the thread that waits in the request.
     explicit ClientMemory(pid_t thread) : m_thread(thread) {}
     bool Read(uint64_t address, void* data, uint32_t size) override;
     bool Write(uint64_t address, const void* data, uint32_t size) override;

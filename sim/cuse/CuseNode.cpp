@@ -10,9 +10,9 @@ namespace qvsim {
 namespace {
 
 constexpr uint32_t kLargestTransfer = 65536;
-// The kernel refuses to write a message into less than its largest one.
+// The kernel refuses a read buffer that is smaller than its largest message.
 constexpr size_t kLargestMessage = 2 * kLargestTransfer + 4096;
-// An answer with a larger one is refused by the kernel, and its caller would wait for ever.
+// The kernel refuses an answer with a larger errno, and its caller would wait for ever.
 constexpr int kLargestError = 511;
 
 }  // namespace
@@ -30,7 +30,7 @@ CuseNode::~CuseNode() {
 CuseNode::Received CuseNode::Receive(CuseMessage& message) {
     m_buffer.resize(kLargestMessage);
     const ssize_t n = read(m_fd, m_buffer.data(), m_buffer.size());
-    // ENOENT: the request was given up before it was read.
+    // ENOENT: the request was cancelled before it was read.
     if (n < 0 && (errno == EAGAIN || errno == EINTR || errno == ENOENT)) return Received::kNothing;
     if (n <= 0) return Received::kGone;
     const auto size = static_cast<size_t>(n);
@@ -50,7 +50,8 @@ bool CuseNode::AnswerInit(const CuseMessage& message) {
     cuse_init_out wanted{};
     wanted.major = FUSE_KERNEL_VERSION;
     wanted.minor = FUSE_KERNEL_MINOR_VERSION;
-    // Arguments stay where they are: a request's real size may differ from what its number says.
+    // Arguments stay in the caller's memory: a request's real size may differ from the size in its
+    // number.
     wanted.flags = CUSE_UNRESTRICTED_IOCTL;
     wanted.max_read = kLargestTransfer;
     wanted.max_write = kLargestTransfer;
@@ -69,8 +70,8 @@ void CuseNode::Answer(uint64_t unique, int error, const void* data, size_t size)
     header.error = error >= 0 && error <= kLargestError ? -error : -EIO;
     header.unique = unique;
     const iovec parts[] = {{&header, sizeof header}, {const_cast<void*>(data), size}};
-    // What cannot be delivered has nobody who waits for it: the caller was killed, or the node is
-    // gone, which the next read tells.
+    // Nobody waits for an answer that cannot be delivered: the caller was killed, or the node is
+    // gone; the next read reports that.
     while (writev(m_fd, parts, size ? 2 : 1) < 0 && errno == EINTR) {
     }
 }

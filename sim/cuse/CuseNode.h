@@ -1,4 +1,5 @@
-// One character device, served through one open control device of the kernel: the messages only.
+// One character device, served through one open control device of the kernel. Handles only the
+// messages.
 //
 // Knows neither cards nor requests; CuseServer does. The descriptor is non-blocking and carries one
 // whole message per read and write. One thread.
@@ -24,7 +25,7 @@ class CuseNode {
   public:
     enum class Received { kMessage, kNothing, kGone };
 
-    // `name` as it is in the folder of devices; takes the descriptor over.
+    // `name` as in the folder of devices; takes ownership of the descriptor.
     CuseNode(std::string name, int fd) : m_name(std::move(name)), m_fd(fd) {}
     ~CuseNode();
     CuseNode(const CuseNode&) = delete;
@@ -35,12 +36,12 @@ class CuseNode {
     std::string Path() const { return "/dev/" + m_name; }
 
     Received Receive(CuseMessage& message);
-    // Answers the kernel's first message; false when it speaks another version.
+    // Answers the kernel's first message; false when the kernel has another version.
     bool AnswerInit(const CuseMessage& message);
-    // The kernel has asked for the node and was answered.
+    // Whether the kernel's first message was answered.
     bool Greeted() const { return m_greeted; }
-    // `error` is an errno, 0: none. One that no kernel passes on arrives as EIO. A request that has
-    // ended meanwhile needs no answer.
+    // `error` is an errno, 0: none. An errno that no kernel passes on arrives as EIO. A request
+    // that has ended meanwhile needs no answer.
     void Answer(uint64_t unique, int error, const void* data = nullptr, size_t size = 0) const;
     template <class Record>
     void AnswerWith(uint64_t unique, const Record& record) const {

@@ -25,7 +25,7 @@ void AnswerRequest(const CuseNode& node, uint64_t unique, const Answer& answer) 
 
 void Wake(int eventFd) {
     const uint64_t one = 1;
-    // A full counter is as good as a written one.
+    // A full counter is also readable.
     if (write(eventFd, &one, sizeof one) < 0) return;
 }
 
@@ -78,7 +78,7 @@ std::string CuseServer::Start(int stop) {
 
 std::string CuseServer::AddNode(const std::string& name) {
     const std::string place = m_ways.deviceFolder + "/" + name;
-    // The kernel itself would let the older node stand and say nothing.
+    // The kernel itself would keep the older node and report nothing.
     if (access(place.c_str(), F_OK) == 0)
         return place +
                " exists already: unload the driver or end the server that it belongs to, "
@@ -99,7 +99,7 @@ std::string CuseServer::AddNode(const std::string& name) {
     return {};
 }
 
-// A name alone proves nothing: somebody else may have made it meanwhile.
+// A name alone is no proof: somebody else may have made it meanwhile.
 std::string CuseServer::AwaitNodes() {
     const Clock::time_point end = Clock::now() + m_ways.patience;
     while (!m_stopped) {
@@ -148,8 +148,8 @@ std::string CuseServer::ServeOnce(int timeout) {
         const std::lock_guard lock(m_settling);
         asked = m_settleAsked;
     }
-    // A close returns before its release is read, so what its process asks of another node next may
-    // have been read first.
+    // A close returns before its release is read, so the next request of its process to another
+    // node may have been read first.
     std::stable_partition(sent.begin(), sent.end(), [](const Sent& one) {
         return one.message.header.opcode == FUSE_RELEASE;
     });
@@ -165,8 +165,8 @@ std::string CuseServer::ServeOnce(int timeout) {
     return error;
 }
 
-// Waits for messages, then takes everything that is there, of all nodes. That has an end: a caller
-// has one request on its way, and none is answered here.
+// Waits for messages, then reads all that are there, from all nodes. This ends: each caller has one
+// request at a time, and none is answered here.
 std::string CuseServer::Collect(int timeout, std::vector<Sent>& sent) {
     epoll_event events[16];
     for (;; timeout = 0) {
@@ -254,7 +254,7 @@ void CuseServer::ServeRelease(CuseNode& node, const CuseMessage& message) {
 void CuseServer::ServeIoctl(CuseNode& node, const CuseMessage& message) {
     fuse_ioctl_in request{};
     if (!message.Get(&request, sizeof request)) return node.Answer(message.header.unique, EBADF);
-    // Addresses of this process's own size reach no further.
+    // Addresses of this process's word size go no higher.
     if (sizeof(void*) == 4 && (request.flags & FUSE_IOCTL_32BIT) == 0) {
         if (!std::exchange(m_complained, true))
             m_ways.complain(
@@ -268,7 +268,7 @@ void CuseServer::ServeIoctl(CuseNode& node, const CuseMessage& message) {
         {});
 }
 
-// Serves a request, or parks it until it can be.
+// Serves a request, or parks it until it can be served.
 void CuseServer::Try(const Request& request, ParkedWait wait) {
     const auto open = m_files.find(request.file);
     if (open == m_files.end()) return request.node->Answer(request.unique, EBADF);
@@ -279,7 +279,7 @@ void CuseServer::Try(const Request& request, ParkedWait wait) {
         NoteIfGone(*request.node, answer.error);
         return AnswerRequest(*request.node, request.unique, answer);
     }
-    // The kernel has said so once, and does not say it again.
+    // The kernel reports this only once.
     if (wait.ForEvent() && request.interrupted) return EndWait(request, wait, EINTR);
     Waiter waiter{request, std::move(wait), {}};
     if (waiter.wait.ForCard())
@@ -295,9 +295,9 @@ void CuseServer::EndWait(const Request& request, const ParkedWait& wait, int err
     AnswerRequest(*request.node, request.unique, answer);
 }
 
-// Without an answer the caller could not be killed. An interrupt for a request that was answered
-// already, or that never waits, needs none; a card at work is not interrupted, but what its caller
-// would wait for behind that is.
+// Without an answer the caller could not be killed. An interrupt for a request that is already
+// answered, or that never waits, needs none. A working card is not interrupted, but a wait of the
+// caller after that is.
 void CuseServer::Interrupt(CuseNode& node, const CuseMessage& message) {
     fuse_interrupt_in interrupt{};
     if (!message.Get(&interrupt, sizeof interrupt)) return;
@@ -310,7 +310,7 @@ void CuseServer::Interrupt(CuseNode& node, const CuseMessage& message) {
     });
 }
 
-// In order of arrival: of several waiters for one event the first takes it.
+// In order of arrival: of several waiters for one event the first one gets it.
 void CuseServer::AskWaiters() {
     std::set<uint64_t> changed;
     {
@@ -344,12 +344,12 @@ void CuseServer::AskWaiters() {
 void CuseServer::NoteIfGone(CuseNode& node, int error) {
     if (error != ENODEV || m_model->Exists(node.Path())) return;
     m_gone.insert(&node);
-    // Whoever has the answer finds no name any more; the kernel takes it away only later, when the
-    // control device is closed, through which the answer still has to go.
+    // The name must be gone when the caller gets the answer; the kernel removes it only later, when
+    // the control device is closed, but the answer still needs that device.
     unlink((m_ways.deviceFolder + "/" + node.Name()).c_str());
 }
 
-// As when a card is pulled out: the kernel removes the node and fails whatever still comes from the
+// As when a card is pulled out: the kernel removes the node and fails all further requests of
 // programs that have it open.
 void CuseServer::TakeNodesAway() {
     for (CuseNode* const node : m_gone) {

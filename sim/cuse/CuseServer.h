@@ -1,9 +1,9 @@
 // Door 2: the nodes of the cards as real character devices, for any number of programs at once.
 //
-// One thread serves all nodes and waits for nothing but messages: whoever waits for an event is
-// parked until the event comes, its time is up or a signal interrupts it; whoever waits for a card
-// that takes its time (flash latencies, the fault "slow") until that time has passed, signals or
-// not. Requests, time-outs and faults are the protocol's business, not the door's.
+// One thread serves all nodes and waits only for messages. A request that waits for an event is
+// parked until the event comes, its time is over or a signal interrupts it. A request that waits
+// for a slow card (flash latencies, the fault "slow") is parked until that time has passed, with or
+// without signals. The protocol handles requests, time-outs and faults, not the door.
 #pragma once
 
 #include <chrono>
@@ -23,12 +23,12 @@
 
 namespace qvsim {
 
-// How the kernel is reached; tests put something else in its place.
+// The access to the kernel; tests replace it.
 struct CuseWays {
     std::function<int()> openControl;  // a non-blocking descriptor, or -1 and errno
     std::string deviceFolder = "/dev";
     std::chrono::milliseconds patience{10000};              // for the nodes to appear
-    std::function<void(const std::string& line)> complain;  // what a person should know
+    std::function<void(const std::string& line)> complain;  // prints a message for the user
 };
 
 // The control device of the running kernel.
@@ -44,14 +44,15 @@ class CuseServer {
     // Makes every node. Returns an error message, empty on success. Ends early when `stop` becomes
     // readable, see Stopped().
     std::string Start(int stop);
-    // Serves until `stop`, the same, becomes readable. Returns an error message, empty when
-    // `stop` ended it. All waits have ended and all files are closed when it returns.
+    // Serves until `stop`, the same descriptor, becomes readable. Returns an error message, empty
+    // when `stop` ended it. All waits have ended and all files are closed when it returns.
     std::string Run();
-    // `stop` was readable.
+    // Whether `stop` was readable.
     bool Stopped() const { return m_stopped; }
 
-    // Returns when all that was asked before is served, also what nobody waits for: the release of
-    // a file comes after its close() has returned. Any other thread, while Run() runs.
+    // Returns when all earlier requests are served, even those that nobody waits for: the release
+    // of a file comes after its close() has returned. Call it from any other thread while Run()
+    // runs.
     void Settle();
 
   private:
@@ -67,7 +68,7 @@ class CuseServer {
         uint32_t code;
         uint64_t address;
         pid_t thread;
-        bool interrupted = false;  // while a card took its time
+        bool interrupted = false;  // while a card was busy
     };
     struct Waiter {
         Request request;
@@ -104,14 +105,14 @@ class CuseServer {
     int m_changed;  // written to when the model's events change, or somebody waits in Settle()
     int m_stop = -1;
     bool m_stopped = false;
-    bool m_complained = false;  // of callers that cannot be served
+    bool m_complained = false;  // about callers that cannot be served
     std::vector<std::unique_ptr<CuseNode>> m_nodes;
     std::map<uint64_t, OpenNode> m_files;
     uint64_t m_nextFile = 1;
     std::vector<Waiter> m_waiters;
-    std::set<CuseNode*> m_gone;  // taken away by a fault, and not served from now on
+    std::set<CuseNode*> m_gone;  // removed by a fault, and no longer served
     std::mutex m_changing;
-    std::set<uint64_t> m_changedEvents;  // since the waiters were asked last
+    std::set<uint64_t> m_changedEvents;  // since the waiters were last checked
 
     std::mutex m_settling;
     std::condition_variable m_settled;

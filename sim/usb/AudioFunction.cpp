@@ -25,11 +25,12 @@ constexpr uint8_t kGetMaximum = 0x83;
 constexpr uint8_t kGetStep = 0x84;
 
 constexpr Micros kPacketTime = 1000;
-constexpr Micros kFarBehind = 50000;      // then the stream goes on from now: nothing is caught up
+constexpr Micros kFarBehind =
+    50000;  // then the stream goes on from now, and the missed time is lost
 constexpr uint8_t kEveryMillisecond = 4;  // 2^(4-1) of a high-speed bus's 125 us
 constexpr int kChannels = 2;
 
-// The settings of a stream besides 0, which is silence.
+// The settings of a stream except 0, which is silence.
 struct Setting {
     uint8_t sampleBytes;
     std::vector<uint32_t> rates;
@@ -48,8 +49,7 @@ uint32_t LargestPacket(const Setting& setting) {
     return (setting.rates.back() / 1000 + 2) * kChannels * setting.sampleBytes;
 }
 
-// Samples of the packet with this number: a rate that is no multiple of 1000 has packets of two
-// lengths.
+// Number of samples in this packet: a rate that is no multiple of 1000 has packets of two lengths.
 uint32_t SamplesOf(uint64_t packet, uint32_t rate) {
     return static_cast<uint32_t>((packet + 1) * rate / 1000 - packet * rate / 1000);
 }
@@ -88,7 +88,7 @@ AudioFunction::AudioFunction(const std::vector<StreamSpec>& streams, Numbers& nu
     }
 }
 
-// ---- what it says it is
+// ---- descriptors
 
 void AudioFunction::Describe(Bytes& configuration) const {
     const auto interfaces = static_cast<uint8_t>(1 + m_streams.size());
@@ -263,7 +263,7 @@ void AudioFunction::AdvanceStream(Stream& stream, Micros now, Bytes& out) {
         stream.running = true;
         const Micros end = stream.clock + TimeOf(urb);
         if (end > now) return;
-        // What is late is answered, however late: a host that is slow must not wait for ever.
+        // A late transfer is answered, however late: a slow host must not wait for ever.
         stream.clock = end < now - kFarBehind ? now : end;
         Answer(stream, urb, out);
         stream.waiting.Pop();

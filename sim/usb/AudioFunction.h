@@ -1,8 +1,8 @@
-// The sound card of a device: streams with a volume and a mute switch each.
+// The sound card of a device: streams, each with a volume and a mute switch.
 //
 // A capture stream gives a sine on the left and the number of the sample on the right, so that a
-// receiver can prove content, order and loss; volume and mute are kept but not applied. What is
-// played goes to a listener. One packet is a millisecond. Thread rule of UsbFunction.
+// receiver can check content, order and loss; volume and mute are stored but not applied. Played
+// sound is passed to a listener. One packet is a millisecond. Thread rule of UsbFunction.
 #pragma once
 
 #include <array>
@@ -20,7 +20,7 @@ inline constexpr int kMaxVolume = 0;
 inline constexpr int kVolumeStep = 256;
 inline constexpr int kFirstVolume = -20 * 256;
 
-inline constexpr uint32_t kNumberEnd = 48000;  // numbers of samples go from 0 to below this
+inline constexpr uint32_t kNumberEnd = 48000;  // sample numbers are below this
 
 // Left and right sample of the capture stream at `place` (0: the first capture stream of its
 // device, a sine of 1 kHz at 48 kHz; 1: 2 kHz, and so on), 32 bits each.
@@ -65,7 +65,7 @@ class AudioFunction : public UsbFunction {
         std::array<int16_t, 2> volume{kFirstVolume, kFirstVolume};
         bool muted = false;
         UrbQueue waiting;
-        Micros clock = 0;      // up to here packets have travelled
+        Micros clock = 0;      // packets were transferred up to this time
         bool running = false;  // `clock` is valid
     };
 

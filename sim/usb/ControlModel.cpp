@@ -22,7 +22,7 @@ constexpr size_t kLongestEdid = 512;
 constexpr size_t kPacketData = 2048;
 constexpr size_t kPacketHead = 8;
 
-// What the device knows, as its makers would write it down: command, bytes, get, set.
+// The commands of the device: command, bytes, get, set.
 struct Row {
     uint8_t command;
     size_t size;
@@ -209,7 +209,7 @@ std::optional<Bytes> ControlModel::Payload(uint8_t command, size_t size) const {
     if (command == 0xF0) return BytesOf(m_storage);
     if (command == kReadAddress) return WordBytes(m_lastAddress);
     if (!Takes(command, size, false)) return std::nullopt;
-    // What nobody has set is zeros.
+    // A value that was never set is zeros.
     const auto found = m_settings.find(command);
     Bytes payload = found == m_settings.end() ? Bytes() : found->second;
     payload.resize(size);

@@ -1,9 +1,9 @@
-// A USB device as its commands see it: identity, settings, flash, and what goes wrong with it.
+// Executes the commands of a USB device: identity, settings, flash, and its faults.
 //
-// Transfers come in as commands and bytes, whoever carries them: endpoint 0 of an emulated device
-// or a transport in the process. A write is a read when an address came before it, as the device
-// has it, and while it is busy it takes neither. Flash and what runs are kept in a folder, or in
-// memory; settings last as long as the object. One thread.
+// Transfers arrive as commands and bytes, from endpoint 0 of an emulated device or from a transport
+// in the process. As on the device, a write is a read when an address came before it; while the
+// device is busy it accepts neither. Flash and running version are kept in a folder, or in memory;
+// settings last as long as the object. One thread.
 #pragma once
 
 #include <cstdint>
@@ -23,8 +23,8 @@ namespace qvsim::usb {
 
 class ControlModel {
   public:
-    // `number` tells the devices of a scenario apart: the index of its board. `folder`: "" for
-    // memory. Null, and what went wrong.
+    // `number` distinguishes the devices of a scenario: the index of its board. `folder`: "" for
+    // memory. On failure null and an error message.
     static std::unique_ptr<ControlModel> Make(const UsbPlan& plan, int number,
                                               const std::string& folder, std::string& error);
 
@@ -35,21 +35,22 @@ class ControlModel {
     uint32_t Version() const { return m_info.firmwareVersion; }
     _QVCAP_CHANNEL_INFO Info() const { return m_info; }
 
-    // False when it has gone from the bus or lost its power.
+    // False when it was pulled out or has lost its power.
     bool Present() const { return !m_gone && !m_lost; }
-    // Plugged in again after it was pulled out or lost its power: what is in the flash runs.
+    // Plugs it in again after it was pulled out or lost its power: the firmware in the flash runs.
     void PowerCycle();
 
-    // A program opens it. False: it does not answer.
+    // Called when a program opens it. False: it does not answer.
     bool Open();
-    // What it answers; nothing when it refuses.
+    // Its answer; nothing when it refuses.
     std::optional<Bytes> Get(uint8_t command, size_t size);
-    // Whether it takes it. The answer, if there is one, is to be fetched before the next.
+    // Whether it accepts the payload. The answer, if there is one, must be fetched before the next
+    // transfer.
     bool Set(uint8_t command, const Bytes& payload);
     std::optional<Bytes> Answer();
 
-    // Every transfer, one a line: "erase 0x1000+4096", "poll", "get 0x01". With a folder they are
-    // in the file SERIAL.transfers, too.
+    // Every transfer, one per line: "erase 0x1000+4096", "poll", "get 0x01". With a folder they are
+    // also in the file SERIAL.transfers.
     const std::vector<std::string>& Transfers() const { return m_transfers; }
 
   private:
@@ -57,12 +58,12 @@ class ControlModel {
     std::string OpenFiles(const UsbPlan& plan, const std::string& folder);
     std::string FillNew(const UsbControl& control);
     void Save() const;
-    // What hits this transfer. False when the device does not even see it.
+    // Finds the faults that hit this transfer. False when the device does not even see it.
     bool Meet(const std::string& name, const std::string& line);
     bool Has(FaultKind kind) const { return EffectOf(m_effects, kind).has_value(); }
-    // Of `size` bytes, how many are done before the power goes or the work stops half-way.
+    // How many of `size` bytes are done before the power fails or the work stops half-way.
     uint32_t Share(uint32_t size) const;
-    // The end of a transfer that was carried out: whether it is said to have succeeded.
+    // The end of a transfer that was carried out: whether it reports success.
     bool Finish();
     std::optional<Bytes> Payload(uint8_t command, size_t size) const;
     bool Erase(const Bytes& payload);
@@ -82,7 +83,7 @@ class ControlModel {
     int m_busyPolls = 0;
     std::unique_ptr<NorFlash> m_flash;
     FaultSet m_faults;
-    std::vector<FaultEffect> m_effects;  // of the transfer in work
+    std::vector<FaultEffect> m_effects;  // of the current transfer
     std::map<uint8_t, Bytes> m_settings;
     std::map<uint8_t, Bytes> m_saved;
     std::optional<Bytes> m_answer;

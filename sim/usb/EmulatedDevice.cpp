@@ -7,7 +7,7 @@
 namespace qvsim::usb {
 namespace {
 
-// A pair of numbers that no kernel driver makes exceptions for.
+// A vendor and product number without exceptions in any kernel driver.
 constexpr uint16_t kVendor = 0x1209;
 constexpr uint16_t kProduct = 0x0001;
 constexpr char kMaker[] = "Simulated";
@@ -116,7 +116,7 @@ std::optional<Bytes> EmulatedDevice::Control(const Setup& setup, const Bytes& da
         answer = Standard(setup);
     } else if ((setup.type & kKind) == kClassRequest) {
         UsbFunction* function = FunctionOf(setup);
-        // Setting and getting have different numbers; a request that says both is neither.
+        // Set and get have different numbers; a request that says both is invalid.
         if (function && reads == ((setup.request & 0x80) != 0))
             answer = function->Control(setup, data);
     } else if ((setup.type & kKind) == kVendorRequest && m_spec.control) {

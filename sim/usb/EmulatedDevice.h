@@ -1,7 +1,6 @@
-// One USB device: descriptors, standard requests, and its functions; bytes in, bytes out.
+// One emulated USB device: descriptors, standard requests, and its functions; bytes in, bytes out.
 //
-// Knows no sockets and no clock. A message that cannot be understood ends the conversation. One
-// thread.
+// Knows no sockets and no clock. A malformed message ends the connection. One thread.
 #pragma once
 
 #include <memory>
@@ -20,7 +19,7 @@ struct DeviceSpec {
     std::string serial;
     std::vector<StreamSpec> streams;  // empty: no sound card
     std::vector<SizeSpec> sizes;      // empty: no camera
-    // What outlives being pulled out; null: cannot be controlled.
+    // The part that survives being pulled out; null: cannot be controlled.
     std::shared_ptr<ControlModel> control = {};
 };
 
@@ -28,8 +27,8 @@ class EmulatedDevice {
   public:
     EmulatedDevice(DeviceSpec spec, AudioFunction::Listener listener);
 
-    // Takes bytes as they come and answers what can be answered at once. False when they make no
-    // sense: nothing more can be understood.
+    // Takes bytes in any pieces and answers what can be answered at once. False when a message is
+    // malformed: nothing after it can be parsed.
     bool Receive(const uint8_t* bytes, size_t size, Micros now, Bytes& out);
     void Advance(Micros now, Bytes& out);
     Micros NextDue() const;
@@ -40,7 +39,7 @@ class EmulatedDevice {
 
   private:
     void Serve(Message& message, Bytes& out);
-    // What is read, or nothing to stall.
+    // The data to read, or nothing to stall.
     std::optional<Bytes> Control(const Setup& setup, const Bytes& data);
     std::optional<Bytes> Standard(const Setup& setup);
     std::optional<Bytes> Descriptor(const Setup& setup) const;

@@ -137,7 +137,7 @@ void ProcessTransport::Close(void* handle) {
     --m_opened;
 }
 
-// The device behind a handle, unless it was pulled out since.
+// The device of a handle, unless it was pulled out since.
 ControlModel* ProcessTransport::Alive(void* handle) {
     const auto& [socket, plugs] = *static_cast<Handle*>(handle);
     return socket->plugged && socket->plugs == plugs ? socket->device.get() : nullptr;

@@ -1,7 +1,7 @@
 // The USB devices of a scenario as a transport in the process: no kernel, no bus.
 //
 // Each device's path is the file of its flash, or "usb:SERIAL" in memory. A handle whose device was
-// pulled out fails for ever, also when the device is back. Any thread.
+// pulled out fails for ever, even when the device is back. Any thread.
 #pragma once
 
 #include <condition_variable>
@@ -18,15 +18,16 @@ namespace qvsim::usb {
 
 class ProcessTransport {
   public:
-    // Of the devices that have a control table. `folder`: "" for memory. Empty, or what went wrong.
+    // Creates the devices that have a control table. `folder`: "" for memory. Returns an error
+    // message, empty on success.
     std::string Fill(const std::vector<UsbPlan>& devices, const std::string& folder);
-    // To be given to the library with this object as `user`.
+    // For QVSetUSBTransport(), with this object as `user`.
     static const QV_USB_TRANSPORT& Table();
 
-    // Changes what is plugged in; who watches is told.
+    // Plugs or unplugs a device; the hot-plug watcher is notified.
     void Unplug(const std::string& serial);
     void Plug(const std::string& serial);
-    // Null when there is no such device. Not while the library works on it.
+    // Null when there is no such device. Do not use it while the library works on the device.
     ControlModel* Device(const std::string& serial);
     int Opened() const { return m_opened; }
     int Started() const { return m_started; }

@@ -1,13 +1,13 @@
-// A loadable form of the transport in the process: the USB devices of the scenario that
-// QVSIM_USB_SCENARIO names, kept in the folder QVSIM_USB_STATE, for a program that uses the shared
-// library. Loaded into any other program it does nothing.
+// The loadable form of the transport in the process, for a program that uses the shared library:
+// the USB devices of the scenario that QVSIM_USB_SCENARIO names, kept in the folder
+// QVSIM_USB_STATE. In any other program it does nothing.
 #include <cstdio>
 #include <cstdlib>
 
 #include "ProcessTransport.h"
 #include "Scenario.h"
 
-// Not linked with the library: only a program that has it is meant.
+// Not linked with the library, because only programs that have it matter.
 extern "C" __attribute__((weak)) QV_RESULT QVSetUSBTransport(const QV_USB_TRANSPORT*, void*);
 
 namespace qvsim::usb {

@@ -1,4 +1,4 @@
-// Building blocks of descriptors: what a device says it is, in the bus's little-endian bytes.
+// Building blocks of USB descriptors, in the bus's little-endian bytes.
 //
 // A descriptor's length is counted, never typed. Pure functions, any thread.
 #pragma once
@@ -33,7 +33,7 @@ constexpr Field Half(uint32_t value) { return {value, 2}; }
 constexpr Field Three(uint32_t value) { return {value, 3}; }
 constexpr Field Whole(uint32_t value) { return {value, 4}; }
 
-// Appends a descriptor of this type; its length is put in front.
+// Appends a descriptor of this type, with its length before it.
 void AppendDescriptor(Bytes& out, uint8_t type, const std::vector<Field>& fields);
 // The fields alone.
 void AppendFields(Bytes& out, const std::vector<Field>& fields);
@@ -44,7 +44,7 @@ void AppendWithTotal(Bytes& out, Bytes inner, size_t offset);
 Bytes StringDescriptor(const std::string& text);
 Bytes LanguagesDescriptor();
 
-// What the functions of a device share: numbers of interfaces and endpoints, and texts.
+// Shared by the functions of a device: numbers of interfaces and endpoints, and texts.
 class Numbers {
   public:
     uint8_t Interface() { return m_interfaces++; }

@@ -1,6 +1,6 @@
 // A function of a device, sound or camera: its interfaces, its controls and its endpoints.
 //
-// Knows no sockets and no clock: transfers come in, `now` is told, answers go out as bytes. One
+// Knows no sockets and no clock: the caller passes transfers and `now`, answers are bytes. One
 // thread.
 #pragma once
 
@@ -14,7 +14,7 @@
 
 namespace qvsim::usb {
 
-using Micros = int64_t;  // since any moment that stays the same
+using Micros = int64_t;  // since any fixed moment
 inline constexpr Micros kNever = std::numeric_limits<Micros>::max();
 
 // Bits of a control request's type.
@@ -29,26 +29,27 @@ class UsbFunction {
 
     virtual bool HasInterface(uint8_t interface) const = 0;
     virtual bool HasEndpoint(uint8_t address) const = 0;
-    // The setting in use; of an interface that it has.
+    // The current setting of one of its interfaces.
     virtual uint8_t Alternate(uint8_t interface) const = 0;
     // False for a setting that the interface does not have.
     virtual bool SetAlternate(uint8_t interface, uint8_t alternate) = 0;
     virtual void ClearHalt(uint8_t address) = 0;
-    // A class request to one of its interfaces or endpoints: what is read, or nothing to stall.
+    // A class request to one of its interfaces or endpoints: returns the data to read, or nothing
+    // to stall.
     virtual std::optional<Bytes> Control(const Setup& setup, const Bytes& data) = 0;
 
     // Takes a transfer of one of its endpoints. False when it has too many already.
     virtual bool Submit(Urb urb) = 0;
-    // Gives one up; false when it is not here.
+    // Cancels a transfer; false when it is not here.
     virtual bool Unlink(uint32_t sequence) = 0;
-    // Answers what is due.
+    // Answers the transfers that are due.
     virtual void Advance(Micros now, Bytes& out) = 0;
-    // When there will be something to answer; kNever: when a transfer comes.
+    // When the next answer is due; kNever: not before a transfer comes.
     virtual Micros NextDue() const = 0;
 };
 
-// Transfers of one endpoint that wait for their time. A controller that never stops adding is cut
-// off.
+// Transfers of one endpoint that wait for their time. Their number is limited, in case a controller
+// never stops.
 class UrbQueue {
   public:
     bool Add(Urb urb) {

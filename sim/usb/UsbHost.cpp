@@ -27,7 +27,7 @@ std::string FirstLine(const fs::path& path) {
     return line;
 }
 
-// One write, as these files want it. 0 or an errno.
+// A single write, as these files require. 0 or an errno.
 int WriteFile(const std::string& path, const std::string& text) {
     const int fd = open(path.c_str(), O_WRONLY | O_CLOEXEC);
     if (fd < 0) return errno;
@@ -43,7 +43,7 @@ std::vector<std::string> SortedNames(const fs::path& folder, const std::string& 
     for (const auto& entry : fs::directory_iterator(folder, ignored))
         if (entry.path().filename().string().rfind(start, 0) == 0)
             names.push_back(entry.path().filename().string());
-    // shorter ones first, so that numbers are in order
+    // shorter names first, so that numbers are in order
     std::sort(names.begin(), names.end(), [](const std::string& a, const std::string& b) {
         return a.size() != b.size() ? a.size() < b.size() : a < b;
     });
@@ -60,7 +60,7 @@ int CardOnBus(const std::string& sound, const std::string& bus) {
     return -1;
 }
 
-// None yet while the camera's driver is still making them: its media device comes last.
+// No nodes yet while the camera's driver is still making them: its media device comes last.
 std::vector<std::string> NodesOf(const fs::path& devices, const std::string& device,
                                  bool hasMedia) {
     std::vector<std::string> nodes;
@@ -135,10 +135,10 @@ int VhciHost::Attach(int controller, int socket, std::string& error) {
 }
 
 void VhciHost::Detach(int port) {
-    // Before: the controller forgets the name of a device at once.
+    // Read before: the controller forgets the name of a device at once.
     if (const auto status = StatusOf(port); status && !status->device.empty())
         m_lastDeviceOf[port] = status->device;
-    // A port that is free already refuses, which is as good.
+    // A port that is already free refuses; that is fine, too.
     WriteFile(m_folders.controller + "/detach", std::to_string(port));
 }
 

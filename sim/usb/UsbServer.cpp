@@ -19,8 +19,9 @@ using Clock = std::chrono::steady_clock;
 constexpr size_t kLongestOrder = 256;
 constexpr std::streamoff kMostPlayed = 16 << 20;  // bytes kept of each stream
 constexpr std::chrono::seconds kDetachPatience{20};
-constexpr int kSendSeconds = 5;           // a kernel that takes nothing for so long has gone
-constexpr Micros kOrdersPause = 500'000;  // until a terminal is asked again that is others' now
+constexpr int kSendSeconds = 5;  // a kernel that reads nothing for so long is gone
+constexpr Micros kOrdersPause =
+    500'000;  // until the next attempt on a terminal that other programs use now
 
 Micros Now() {
     return std::chrono::duration_cast<std::chrono::microseconds>(Clock::now().time_since_epoch())
@@ -82,15 +83,15 @@ std::string UsbServer::PlugIn(Plug& plug) {
     if (plug.spec.device.control && plug.plugged) plug.spec.device.control->PowerCycle();
     plug.plugged = true;
     plug.device = std::make_unique<EmulatedDevice>(plug.spec.device, ListenerFor(plug.spec.device));
-    // One order at a time: what comes meanwhile waits.
+    // One order at a time: later ones wait.
     const int orders = std::exchange(m_orders, -1);
     error = Announce(plug);
     m_orders = orders;
     return error;
 }
 
-// Serves until the kernel has the device's sound card and nodes, so that those of the next come
-// behind them.
+// Serves until the kernel has the device's sound card and nodes, so that those of the next device
+// come after them.
 std::string UsbServer::Announce(Plug& plug) {
     const DeviceSpec& spec = plug.spec.device;
     const bool card = !spec.streams.empty();
@@ -212,13 +213,14 @@ void UsbServer::TakeOrders() {
     char text[256];
     const ssize_t n = read(m_orders, text, sizeof text);
     if (n < 0 && (errno == EINTR || errno == EAGAIN)) return;
-    // What is typed on a terminal is not for programs in its background; they may be fetched again.
+    // Input on a terminal is not for background programs; this one may come to the foreground
+    // again.
     if (n < 0 && errno == EIO) {
         m_ordersFrom = Now() + kOrdersPause;
         return;
     }
     if (n <= 0) {
-        m_orders = -1;  // nobody orders any more; the devices stay
+        m_orders = -1;  // no more orders will come; the devices stay
         return;
     }
     for (const char letter : std::string(text, static_cast<size_t>(n))) {

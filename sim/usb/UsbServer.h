@@ -1,10 +1,10 @@
-// Serves emulated devices on a host: plugs them in one after another, answers what the kernel
-// asks, unplugs them.
+// Serves emulated devices on a host: plugs them in one after another, answers the kernel, and
+// unplugs them.
 //
-// One thread serves all devices and waits for nothing else; pictures and sounds come when their
-// time has come. While it runs it takes orders, one a line: `unplug SERIAL`, `plug SERIAL`. On a
-// terminal it takes them while it is in the foreground; its process must block SIGTTIN, or the
-// first key that is meant for another program stops it.
+// One thread serves all devices and waits for nothing else; pictures and sounds are sent when they
+// are due. While it runs it accepts orders, one per line: `unplug SERIAL`, `plug SERIAL`. On a
+// terminal it accepts them while it is in the foreground; its process must block SIGTTIN, or the
+// first key for another program stops it.
 #pragma once
 
 #include <chrono>
@@ -26,23 +26,25 @@ struct PluggedSpec {
 class UsbServer {
   public:
     using Report = std::function<void(const std::string& line)>;
-    // `played`: a folder for what is played to the devices, SERIAL-STREAM.raw each; "": nowhere.
+    // `played`: a folder for the sound played to the devices, in files SERIAL-STREAM.raw; "": not
+    // stored.
     UsbServer(std::vector<PluggedSpec> specs, UsbHost& host, std::string played, Report report);
     ~UsbServer();
     UsbServer(const UsbServer&) = delete;
     UsbServer& operator=(const UsbServer&) = delete;
 
-    // Plugs all devices in, in order: the kernel knows each completely before the next comes. An
-    // empty text, or why not. Ends early, see Stopped(), when `stop` is readable.
+    // Plugs in all devices, in order: the kernel knows each completely before the next comes.
+    // Returns an error message, empty on success. Ends early, see Stopped(), when `stop` is
+    // readable.
     std::string Start(int stop);
-    // Serves until `stop`, the same, is readable, and takes orders from `orders` (-1: none) until
-    // that ends. All devices are unplugged when it returns. Returns an
-    // error message, empty when it was ended.
+    // Serves until `stop`, the same descriptor, is readable, and accepts orders from `orders` (-1:
+    // none) until that ends. All devices are unplugged when it returns. Returns an error message,
+    // empty when `stop` ended it.
     std::string Run(int orders);
-    // `stop` was readable.
+    // Whether `stop` was readable.
     bool Stopped() const { return m_stopped; }
 
-    // How long a device may take to become known.
+    // How long the kernel may take to set up a device.
     std::chrono::milliseconds patience{20000};
 
   private:
@@ -51,7 +53,7 @@ class UsbServer {
         std::unique_ptr<EmulatedDevice> device;  // null: unplugged
         int socket = -1;
         int port = -1;
-        bool plugged = false;  // was once
+        bool plugged = false;  // has been plugged in before
     };
 
     std::string PlugIn(Plug& plug);
@@ -60,7 +62,7 @@ class UsbServer {
     void ServeSocket(Plug& plug);
     bool Send(Plug& plug, const Bytes& bytes);
     void GiveUp(Plug& plug, const char* why);
-    // False: something is wrong with the descriptors.
+    // False: an error of a descriptor.
     bool ServeOnce(int timeout);
     void TakeOrders();
     void Obey(const std::string& line);
@@ -75,8 +77,8 @@ class UsbServer {
     int m_stop = -1;
     bool m_stopped = false;
     int m_orders = -1;
-    Micros m_ordersFrom = 0;  // not looked for before that time
-    std::string m_order;      // the part of a line that has come
+    Micros m_ordersFrom = 0;  // no order is read before that time
+    std::string m_order;      // the received part of a line
 };
 
 }  // namespace qvsim::usb

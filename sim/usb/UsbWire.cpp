@@ -11,7 +11,7 @@ constexpr uint32_t kSubmit = 1;
 constexpr uint32_t kUnlink = 2;
 constexpr uint32_t kSubmitAnswer = 3;
 constexpr uint32_t kUnlinkAnswer = 4;
-constexpr uint32_t kNotIsochronous = 0xFFFFFFFF;  // said by some controllers; others say 0
+constexpr uint32_t kNotIsochronous = 0xFFFFFFFF;  // sent by some controllers; others send 0
 
 uint32_t Word(const uint8_t* at) {
     return uint32_t{at[0]} << 24 | uint32_t{at[1]} << 16 | uint32_t{at[2]} << 8 | at[3];

@@ -1,7 +1,7 @@
 // The messages between a virtual host controller and one device on it; numbers are big-endian.
 //
-// Pure functions over bytes, any thread. What the controller sends is not trusted: counts and
-// lengths are checked before memory is taken, and packets lie inside their transfer.
+// Pure functions over bytes, any thread. The controller's messages are not trusted: counts and
+// lengths are checked before memory is allocated, and packets must be inside their transfer.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +12,8 @@ namespace qvsim::usb {
 
 using Bytes = std::vector<uint8_t>;
 
-inline constexpr int kStall = -32;                 // EPIPE: the endpoint does not do this
-inline constexpr int kUnlinked = -104;             // ECONNRESET: given up before it was answered
+inline constexpr int kStall = -32;                 // EPIPE: the endpoint does not support this
+inline constexpr int kUnlinked = -104;             // ECONNRESET: cancelled before it was answered
 inline constexpr int kTooMany = -12;               // ENOMEM
 inline constexpr uint32_t kMaxTransfer = 1 << 20;  // bytes
 inline constexpr uint32_t kMaxPackets = 1024;
@@ -32,7 +32,7 @@ struct IsoPacket {
     uint32_t length = 0;
 };
 
-// One transfer that the controller wants.
+// One transfer that the controller requests.
 struct Urb {
     uint32_t sequence = 0;
     uint8_t endpoint = 0;  // 0 to 15
@@ -44,24 +44,24 @@ struct Urb {
 };
 
 struct Message {
-    bool unlink = false;  // give up transfer `victim`; else a transfer
+    bool unlink = false;  // cancels transfer `victim`; otherwise a transfer
     uint32_t victim = 0;
-    Urb urb;  // of an unlink only the sequence number
+    Urb urb;  // for an unlink only the sequence number
 };
 
 enum class Decoded { kMessage, kIncomplete, kMalformed };
 
-// Takes the message at the start of the bytes; `used` is its length. Both are untouched unless
-// there is a whole one. Bytes behind a malformed message cannot be understood any more.
+// Parses the message at the start of the bytes; `used` is its length. Both are untouched unless the
+// message is complete. Bytes after a malformed message cannot be parsed.
 Decoded Decode(const uint8_t* bytes, size_t size, Message& message, size_t& used);
 
-// Answers to a transfer. An incoming one brings data, of which at most what was asked for is sent;
-// an outgoing one has taken all of its own.
+// Answers to a transfer. An incoming transfer carries data, of which at most the requested length
+// is sent; an outgoing one has taken all of its data.
 void AppendAnswer(const Urb& urb, int status, const Bytes& data, Bytes& out);
-// `lengths` has one entry per packet; incoming data stands packed in `data`, in order.
+// `lengths` has one entry per packet; incoming data is packed in `data`, in order.
 void AppendIsoAnswer(const Urb& urb, const std::vector<uint32_t>& lengths, const Bytes& data,
                      Bytes& out);
-// Answer to an unlink; status 0: there was nothing to give up any more.
+// Answer to an unlink; status 0: there was nothing left to cancel.
 void AppendUnlinked(uint32_t sequence, int status, Bytes& out);
 
 }  // namespace qvsim::usb

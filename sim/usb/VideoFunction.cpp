@@ -66,7 +66,7 @@ uint32_t VideoFunction::FrameBytes(const Choice& choice) const {
     return static_cast<uint32_t>(size.width * size.height * kBytesPerPixel);
 }
 
-// ---- what it says it is
+// ---- descriptors
 
 void VideoFunction::Describe(Bytes& configuration) const {
     AppendDescriptor(configuration, kAssociationDescriptor,
@@ -82,7 +82,7 @@ void VideoFunction::DescribeControl(Bytes& out) const {
     constexpr size_t kTotalAt = 5;
     AppendDescriptor(inner, kClassInterface,
                      {0x01, Half(0x0100), Half(0), Whole(kClock), 1, m_streaming});
-    // camera without controls of its own
+    // camera without controls
     AppendDescriptor(inner, kClassInterface,
                      {0x02, kCamera, Half(0x0201), 0, 0, Half(0), Half(0), Half(0), 3, Three(0)});
     // brightness, contrast, hue, saturation
@@ -107,7 +107,7 @@ void VideoFunction::DescribeStream(Bytes& out) const {
     for (const SizeSpec& size : m_sizes) {
         const uint32_t bytes = FrameBytes({++index, 0});
         std::vector<int> rates = size.fps;
-        std::sort(rates.rbegin(), rates.rend());  // hosts take for granted: the shortest first
+        std::sort(rates.rbegin(), rates.rend());  // hosts expect the shortest interval first
         const auto bits = [bytes](int fps) {
             const uint64_t rate = uint64_t{bytes} * 8 * static_cast<unsigned>(fps);
             return Whole(static_cast<uint32_t>(std::min<uint64_t>(rate, UINT32_MAX)));
@@ -189,7 +189,7 @@ std::optional<Bytes> VideoFunction::UnitControl(const Setup& setup, const Bytes&
     }
 }
 
-// The size asked for, or the first; of its rates the nearest.
+// The requested size, or the first; the nearest of its rates.
 VideoFunction::Choice VideoFunction::Nearest(uint8_t frame, uint32_t interval) const {
     Choice choice;
     if (frame >= 1 && frame <= m_sizes.size()) choice.frame = frame;
@@ -254,7 +254,7 @@ Micros VideoFunction::NextDue() const {
 
 void VideoFunction::BeginFrame(Micros now) {
     const Micros interval = m_committed.interval / 10;
-    // A camera that was held up goes on from now.
+    // A delayed camera goes on from now.
     if (!m_running || m_next < now - interval) m_next = now;
     m_next += interval;
     m_running = true;

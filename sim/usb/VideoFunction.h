@@ -1,7 +1,7 @@
 // The camera of a device: uncompressed pictures over a bulk endpoint, and four picture controls.
 //
 // Pictures are those of DrawPicture: frame n carries its number at both ends of every line.
-// Controls are kept but not applied. Thread rule of UsbFunction.
+// Controls are stored but not applied. Thread rule of UsbFunction.
 #pragma once
 
 #include <array>
@@ -17,7 +17,7 @@ struct SizeSpec {
     std::vector<int> fps;  // the first is the default
 };
 
-// Order of the picture controls, and what each is at the start.
+// Order of the picture controls, and their initial values.
 enum PictureControl { kBrightness, kContrast, kHue, kSaturation, kPictureControls };
 struct ControlRange {
     uint8_t selector;
@@ -30,7 +30,7 @@ inline constexpr ControlRange kControlRanges[kPictureControls] = {
 
 class VideoFunction : public UsbFunction {
   public:
-    // A largest payload: more would not fit one transfer of the host's driver.
+    // The largest payload: more would not fit one transfer of the host's driver.
     static constexpr uint32_t kPayload = 16384;
 
     VideoFunction(std::vector<SizeSpec> sizes, const std::string& name, Numbers& numbers);
@@ -48,7 +48,7 @@ class VideoFunction : public UsbFunction {
     Micros NextDue() const override;
 
   private:
-    // What is streamed: which size, how fast.
+    // The streamed size and rate.
     struct Choice {
         uint8_t frame = 1;      // from 1
         uint32_t interval = 0;  // 100 ns units
@@ -74,7 +74,7 @@ class VideoFunction : public UsbFunction {
 
     UrbQueue m_waiting;
     Bytes m_picture;
-    size_t m_sent = 0;       // of the picture; all of it: none is on its way
+    size_t m_sent = 0;       // bytes of the picture; all of them: no picture is being sent
     uint32_t m_number = 0;   // of the picture; since the camera was plugged in
     bool m_toggle = false;   // changes with every picture
     bool m_running = false;  // `m_next` is valid
