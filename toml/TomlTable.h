@@ -1,5 +1,5 @@
-// How a TOML file is read: its tables have no keys but the known ones, each value has its type and
-// range, and what is wrong is told with its line. Pure functions, any thread.
+// Reads a TOML file: its tables may have only the known keys, each value has its type and range,
+// and errors name their line. Pure functions, any thread.
 #pragma once
 
 #include <algorithm>
@@ -13,7 +13,7 @@
 #include "Toml.h"
 #include "Words.h"
 
-// What is wrong, and in which line; line 0: the text as a whole, and what() begins with a space.
+// What is wrong, and in which line; line 0 means the whole text, and what() begins with a space.
 struct TomlMistake : std::runtime_error {
     TomlMistake(const toml::node& at, const std::string& what)
         : std::runtime_error(what), line(at.source().begin.line) {}
@@ -26,7 +26,7 @@ struct TomlMistake : std::runtime_error {
     toml::source_index line;
 };
 
-// Parses a text and has `read` look at its root table. Returns what is wrong, nothing on success.
+// Parses a text and calls `read` with its root table. Returns the mistake, nothing on success.
 // `read` throws TomlMistake.
 template <class Read>
 std::optional<TomlMistake> ReadToml(std::string_view text, const std::string& name, Read read) {
@@ -43,8 +43,8 @@ std::optional<TomlMistake> ReadToml(std::string_view text, const std::string& na
     }
 }
 
-// Hands out the values of one table. Every function throws TomlMistake for what is not as it says;
-// those with `out` leave it alone where the key is not there.
+// Returns the values of one table. Every function throws TomlMistake for a value of the wrong type
+// or range; those with `out` do not change it if the key is missing.
 class TomlTable {
   public:
     TomlTable(const toml::table& table, const std::vector<std::string>& known) : m_table(table) {
@@ -55,7 +55,7 @@ class TomlTable {
         }
     }
 
-    // Null: the key is not there.
+    // Null: the key is missing.
     const toml::node* Find(std::string_view key) const { return m_table.get(key); }
     const toml::node& Need(const std::string& key) const {
         if (const toml::node* const node = Find(key)) return *node;
