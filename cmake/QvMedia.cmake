@@ -1,7 +1,7 @@
 # qv_alsa, qv_v4l2 and qv_usb: ALSA, libv4l2 and libusb for the word size being built.
 #
 # A 64-bit build takes what the system has installed. A 32-bit build on a 64-bit system takes what
-# cmake/i386-root has unpacked, or i386 packages where they are installed. Libraries are taken by
+# cmake/i386-root has unpacked, or i386 packages where they are installed. Libraries are found by
 # the file names that programs load, so that no link of a -dev package matters.
 
 set(QV_I386_ROOT "${PROJECT_SOURCE_DIR}/build/i386-root" CACHE PATH
@@ -41,11 +41,11 @@ endfunction()
 
 qv_find_media(qv_alsa alsa/asoundlib.h libasound.so.2)
 qv_find_media(qv_v4l2 libv4l2.h libv4l2.so.0)
-# Of the example transport alone, which is left out without it; the library does not know it.
+# Only for the example transport, which is left out without it; the library does not use it.
 qv_find_media(qv_usb libusb-1.0/libusb.h libusb-1.0.so.0 OPTIONAL)
 
-# Unpacked libraries are unknown to the loader, and libv4l2 brings further ones: the old kind of
-# run path is followed for those too. It is for running from the build tree; installing drops it.
+# The loader does not know unpacked libraries, and libv4l2 loads more: the old kind of run path
+# also applies to those. It is for runs from the build tree; an installation drops it.
 get_target_property(qv_v4l2_file qv_v4l2 IMPORTED_LOCATION)
 if(qv_v4l2_file MATCHES "^${QV_I386_ROOT}/")
   get_filename_component(qv_unpacked_dir ${qv_v4l2_file} DIRECTORY)

@@ -1,5 +1,5 @@
-# What every target of this project is built with. Applied per target, so that GoogleTest and other
-# foreign code keep their own warnings.
+# The build settings of every target of this project. Applied per target, so that GoogleTest and
+# other foreign code keep their own warnings.
 
 # A compiler cache, where there is one, shared by all checkouts: paths are hashed relative to the tree.
 find_program(QV_CCACHE ccache)
@@ -10,7 +10,7 @@ if(QV_CCACHE AND NOT CMAKE_CXX_COMPILER_LAUNCHER)
   set(CMAKE_C_COMPILER_LAUNCHER ${CMAKE_CXX_COMPILER_LAUNCHER})
 endif()
 
-# No path of the building machine in a binary.
+# No path of the build machine in a binary.
 add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
 # Sanitizers cover foreign code too: a half-instrumented program reports false races. Not vptr: it
@@ -27,7 +27,7 @@ target_compile_options(qv_warnings INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-Wconversion>
   $<$<BOOL:${QV_WERROR}>:-Werror>)
 
-# lib/ and tool/: no exception is thrown, no type is asked for at run time.
+# lib/ and tool/: no exceptions, no run-time type information.
 add_library(qv_plain_cpp INTERFACE)
 target_compile_options(qv_plain_cpp INTERFACE
   $<$<COMPILE_LANGUAGE:CXX>:-fno-exceptions> $<$<COMPILE_LANGUAGE:CXX>:-fno-rtti>)
@@ -42,14 +42,15 @@ function(qv_compile_quickly)
   set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "-O0;-g1")
 endfunction()
 
-# Sources of a fuzzer differ in what is checked; headers compiled for one kind fit no other.
+# Sources of a fuzzer differ in what is checked; precompiled headers of one kind do not fit
+# another.
 if(QV_FUZZ)
   set(CMAKE_DISABLE_PRECOMPILE_HEADERS ON)
 endif()
 
-# The cards under the code that is fuzzed: they neither guide the fuzzer nor are they checked, so that
-# a run is several times faster. What they write into a caller's memory is checked all the same, the
-# copying function belongs to the sanitizer.
+# The cards under the fuzzed code: they do not guide the fuzzer and are not checked, so that a run is
+# several times faster. What they write into a caller's memory is checked nevertheless, because the
+# sanitizer provides the copying function.
 function(qv_scenery)
   if(QV_FUZZ)
     set_property(SOURCE ${ARGN} APPEND PROPERTY COMPILE_OPTIONS -fno-sanitize=all)

@@ -1,5 +1,5 @@
-# bash completion for qvcap-sim: commands, their options, folders and scenario files. Behind `--`
-# stands a command of its own, which completes its own words.
+# bash completion for qvcap-sim: commands, their options, folders and scenario files. After `--`
+# comes another command, which completes its own words.
 
 # Completes the command that begins at word $1 of the line.
 _qvcap_sim_behind() {

@@ -1,9 +1,9 @@
-# bash completion for qvcap-upgrade: options, board numbers, device paths, board:channel pairs.
-# Numbers are those of a listing, which only reads. It is made once in a shell, and given up after half
-# a second: then there are no numbers.
+# bash completion for qvcap-upgrade: options, board numbers, device paths, board:channel pairs. The
+# numbers come from a listing, which only reads. It runs once in a shell, and is stopped after half a
+# second: then there are no numbers.
 
 # Sets _qvcap_upgrade_channels to "board:channel" of each channel that the command $1 lists, without
-# leading zeros. Listed in a folder without packages, which need not be read for it.
+# leading zeros. The listing runs in a folder without packages, so that it need not read any.
 _qvcap_upgrade_list() {
     [[ ${_qvcap_upgrade_listed_by-} != "$1" ]] || return 0
     _qvcap_upgrade_listed_by=$1
@@ -15,13 +15,13 @@ _qvcap_upgrade_list() {
 }
 
 _qvcap_upgrade() {
-    # The line is split at blanks alone: bash would take 0:1 apart.
+    # The line is split only at blanks: bash would split 0:1.
     local line=${COMP_LINE:0:COMP_POINT}
     local current=${line##*[[:space:]]}
     local before=${line%"$current"}
     read -r -a before <<<"$before"
     local command=${before[0]} previous=${before[-1]} words=
-    # Numbers only from a command that is there: nothing else may be run.
+    # Numbers only from an existing command: nothing else may be run.
     command=$(type -P "$command") || command=false
     [[ $command != */* || $command == /* ]] || command=$PWD/$command
 
@@ -36,7 +36,7 @@ _qvcap_upgrade() {
     esac
     mapfile -t COMPREPLY < <(compgen -W "$words" -- "$current")
 
-    # bash replaces what stands behind the last colon only.
+    # bash replaces only the text after the last colon.
     if [[ $current == *:* && $COMP_WORDBREAKS == *:* ]]; then
         local kept=${current%"${current##*:}"}
         COMPREPLY=("${COMPREPLY[@]#"$kept"}")

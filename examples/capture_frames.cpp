@@ -1,11 +1,12 @@
-// Captures frames of a channel into a raw file and reports those that it was too slow for.
+// Captures frames of a channel into a raw file and reports those that it missed because it was too
+// slow.
 //
-//   capture_frames /dev/video0 100 frames.raw [WIDTH HEIGHT]     NV12 frames, one behind the other
+//   capture_frames /dev/video0 100 frames.raw [WIDTH HEIGHT]     NV12 frames, one after the other
 //   capture_frames /dev/video0 100 - | player                    the same to standard output
 //
-// Frames are written on this thread, not on the worker's, which must not be held up; what this one
-// is too slow for is dropped and counted. Frames that the driver skipped are not counted: only the
-// driver knows what its frame description means. The report goes to standard error.
+// This thread writes the frames, because the worker must not be delayed; frames for which this
+// thread is too slow are dropped and counted. Frames that the driver skipped are not counted: only
+// the driver knows what its frame description means. The report goes to standard error.
 #include <poll.h>
 
 #include <cstdio>
@@ -16,7 +17,7 @@
 
 namespace {
 
-// Until the file has as many frames as wanted; false when it cannot be written.
+// Writes until the file has the wanted number of frames; false when it cannot be written.
 bool record(qvcapture::Mailbox<qvcapture::FrameCopy>& frames, unsigned long wanted,
             std::FILE* file) {
     qvcapture::FrameCopy frame;

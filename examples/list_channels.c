@@ -11,7 +11,7 @@ int main(void) {
         char path[512];
         if (QVGetChannelInfoByIndex(i, &info) != QV_RESULT_OK) continue;
         if (QVGetDevicePath(i, path) != QV_RESULT_OK) continue;
-        /* Texts from a device are printed bounded: nobody promises that they are terminated. */
+        /* Texts from a device are printed bounded: they may lack a terminator. */
         printf("%-14s %02d:%02d %.64s (%.64s), serial %.16s, firmware %u.%u\n", path,
                info.boardIndex, info.channelIndex, info.productName, info.familyName,
                info.boardSerialNumber, (unsigned)(info.firmwareVersion >> 16),

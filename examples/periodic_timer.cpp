@@ -1,4 +1,4 @@
-// Has a function called periodically on the device's own clock.
+// Calls a function periodically by the device's own clock.
 //
 //   periodic_timer /dev/video0 10     ten ticks, a tenth of a second apart
 #include <poll.h>

@@ -2,8 +2,8 @@
 //
 //   record_audio /dev/video0 100 sound.wav     100 audio frames of the driver
 //
-// Takes the samples behind the marker for 16-bit stereo at 48 kHz; what they really are is for the
-// driver to say.
+// Treats the samples after the marker as 16-bit stereo at 48 kHz; the driver defines what they
+// really are.
 #include <poll.h>
 
 #include <cstdio>

@@ -21,7 +21,7 @@ static int show(QV_CHANNEL channel, unsigned int node) {
 static int set(QV_CHANNEL channel, unsigned int node, int value) {
     _QVCAP_AUDIO_VOLUME volume;
     memset(&volume, 0, sizeof volume);
-    /* A device without sound channels leaves the count 0; two is what most have. */
+    /* A device without sound channels leaves the count 0; most have two. */
     if (QVGetAudioVolume(channel, node, &volume) != QV_RESULT_OK) volume.channelCount = 2;
     for (int i = 0; i < QV_AUDIO_VOLUME_CHANNELS; ++i) {
         volume.volume[i] = (int16_t)value;

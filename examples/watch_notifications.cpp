@@ -18,7 +18,7 @@ int main(int argc, char** argv) {
     const qvcapture::Channel channel(argv[1]);
     const qvcapture::Worker worker(channel);
     qvcapture::Mailbox<uint32_t> raised(64);
-    // Every bit that the driver has; which one means what is the driver's to say.
+    // Every bit of the driver; the driver defines their meaning.
     const qvcapture::Notification all(channel, 0xFFFFFFFF, raised.Sink());
     if (!all) {
         std::fprintf(stderr, "%s: not watched: worker: %s\n", argv[1], worker.Status().Text());

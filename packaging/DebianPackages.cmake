@@ -1,5 +1,5 @@
-# Debian packages: `cpack` in a build folder that was configured for /usr, completed by finish-debs with the
-# packages of the libraries that are loaded. scripts/package does both.
+# Debian packages: `cpack` makes them in a build folder that was configured for /usr, and finish-debs adds
+# the packages of the libraries that they load. scripts/package runs both.
 set(maintainer "The qvcapture maintainers <maintainers@qvcapture.invalid>")
 
 set(CPACK_GENERATOR DEB)

@@ -1,4 +1,4 @@
-/* Lists the USB devices that the transport finds, and what the first inputs of each are set to. */
+/* Lists the USB devices that the transport finds, and the settings of the first inputs of each. */
 #include <stdio.h>
 
 #include "usb_transport.h"

@@ -4,8 +4,8 @@
  *   cc -shared -fPIC loadable.c usb_transport.c -o usb_transport.so
  *      $(pkg-config --cflags qvcapture) $(pkg-config --libs libusb-1.0)
  *
- * It is not linked with the library: a program that does not use it, such as a shell on the way,
- * stays as it is. */
+ * It is not linked with the library: it does nothing in a program that does not use the library,
+ * such as a shell that starts one. */
 #include <stdio.h>
 
 #include "usb_transport.h"

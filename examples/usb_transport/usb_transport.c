@@ -1,7 +1,7 @@
-/* The numbers of the wire here are INVENTED; what a real device wants, somebody with one finds out.
+/* The request numbers here are INVENTED; somebody with a real device must find out its own.
  *
- * A transport over libusb-1.0: finds devices on the bus, opens one for this process alone, and
- * carries each transfer as a vendor request on endpoint 0. See qvcapture-usb(3). The simulated
+ * A transport over libusb-1.0: finds devices on the bus, opens one for this process only, and
+ * sends each transfer as a vendor request on endpoint 0. See qvcapture-usb(3). The simulated
  * devices of qvcap-sim answer it. */
 #include "usb_transport.h"
 
@@ -22,7 +22,7 @@ enum {
     kPollPauseUs = 1000
 };
 
-/* All of the bytes or a failure. */
+/* Transfers all bytes, or fails. */
 static int Request(libusb_device_handle* handle, unsigned in, unsigned char request,
                    unsigned char command, void* data, unsigned size) {
     const unsigned char type =
@@ -32,8 +32,8 @@ static int Request(libusb_device_handle* handle, unsigned in, unsigned char requ
     return done == (int)size ? 0 : -1;
 }
 
-/* An open device. Each has a context of its own, and each search has one: a fresh context sees what
- * is plugged in now, also where no udev tells of what has come. */
+/* An open device. Each device and each search has its own context: a new context sees what is
+ * plugged in now, even without udev. */
 typedef struct Device {
     libusb_context* context;
     libusb_device_handle* handle;
@@ -60,7 +60,7 @@ static void PathOf(libusb_device* device, char* path, size_t size) {
              libusb_get_device_address(device));
 }
 
-/* Whether it is one of ours and says who it is. */
+/* Whether it is a device of the family and reports its identity. */
 static int Identify(libusb_device* device, _QVUSBCAP_CHANNEL_ENTRY* entry) {
     struct libusb_device_descriptor descriptor;
     Device opened = {NULL, NULL};
@@ -96,9 +96,9 @@ static int Find(_QVUSBCAP_CHANNEL_ENTRY* entries, int capacity, void* user) {
     return count < 0 ? -1 : found;
 }
 
-/* Enough to list. What follows is for channels that are opened. */
+/* Enough for a list. The rest is for open channels. */
 
-/* The interface that is claimed: whoever has it has the device. */
+/* The interface to claim: its owner owns the device. */
 static int ControlInterface(libusb_device* device) {
     struct libusb_config_descriptor* configuration;
     int number = -1;
@@ -113,7 +113,7 @@ static int ControlInterface(libusb_device* device) {
     return number;
 }
 
-/* Opens and claims it; what is in use by another process, or going away, does not open. */
+/* Opens and claims it; fails for a device that another process uses, or that is going away. */
 static libusb_device_handle* Claim(libusb_device* device, QV_USB_DEVICE* opened) {
     struct libusb_device_descriptor descriptor;
     libusb_device_handle* handle;

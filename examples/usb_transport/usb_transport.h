@@ -1,4 +1,4 @@
-/* The transport of usb_transport.c, for QVSetUSBTransport(); it wants no user. */
+/* The transport of usb_transport.c, for QVSetUSBTransport(); it ignores `user`. */
 #ifndef USB_TRANSPORT_H
 #define USB_TRANSPORT_H
 

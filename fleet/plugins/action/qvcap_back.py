@@ -1,4 +1,4 @@
-"""Waits on the controller until a host answers and, when `since` is given, has been started anew."""
+"""Waits on the controller until a host answers and, when `since` is given, has started again."""
 from __future__ import annotations
 
 import time
@@ -6,7 +6,8 @@ import time
 from ansible.errors import AnsibleError
 from ansible.plugins.action import ActionBase
 
-# The same as qvcap_facts says as `boot`, without Python on the host: it may be half-way up.
+# The same value as `boot` of qvcap_facts, but without Python on the host, which may still
+# be starting.
 BOOT = "read -r b < /proc/sys/kernel/random/boot_id; s=$(cat /proc/1/stat); set -- ${s##*)}; echo boot $b-${20}"
 
 
@@ -37,7 +38,7 @@ class ActionModule(ActionBase):
             time.sleep(pause)
 
     def _boot(self):
-        """What the host says, or why it says nothing."""
+        """The host's answer, or why there is none."""
         try:
             self._connection.reset()  # a master connection may be to a host that is off by now
             answer = self._low_level_execute_command(BOOT, sudoable=False)

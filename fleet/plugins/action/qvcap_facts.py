@@ -1,4 +1,4 @@
-"""The controller's side of qvcap_facts: saves what a host said, or that it said nothing, as HOST.json."""
+"""The controller's side of qvcap_facts: saves a host's answer, or that there was none, as HOST.json."""
 from __future__ import annotations
 
 import json
@@ -13,12 +13,12 @@ MODULE = "qvcapture.fleet.qvcap_facts"
 
 
 def file_name(host):
-    """A name of a file for any name of a host."""
+    """A file name for any host name."""
     return "".join(c if c.isalnum() or c in "-._" else f"%{ord(c):02x}" for c in host).lstrip(".") + ".json"
 
 
 def save(folder, report):
-    """The whole file or none: two controllers may write at once."""
+    """Writes the whole file or nothing: two controllers may write at once."""
     os.makedirs(folder, exist_ok=True)
     handle, fresh = tempfile.mkstemp(prefix=".new-", dir=folder)
     with os.fdopen(handle, "w", encoding="utf-8") as file:

@@ -41,13 +41,14 @@ class ActionModule(ActionBase):
         return result
 
     def _bring(self, source, arguments, wrap_async, task_vars):
-        """Sees to it that the host has the packages. A result when the work is done with that, or has failed."""
+        """Makes sure that the host has the packages. Returns a result if that was all, or if it failed."""
         folder = self._folder(source)
         wanted = packages.packages_in(folder)
         if not wanted:
             raise AnsibleActionFail(f"{folder}: there is no package; names of packages have .qvf in them")
         arguments["wanted"] = wanted
-        # The first try is the work itself, unless it would run in the background: then it only brings.
+        # The first try runs the module itself, except for a background job: then it only copies the
+        # packages.
         first = {**arguments, "only_bring": wrap_async}
         answer = self._execute_module(MODULE, first, task_vars=task_vars)
         if answer.get("missing"):
@@ -71,7 +72,8 @@ class ActionModule(ActionBase):
         if self._connection._shell.tmpdir is None:
             self._make_tmp_path()
         there = self._connection._shell.join_path(self._connection._shell.tmpdir, "packages")
-        # As the user who logs in, who writes into it next; root, whom the module may become, can read it all the same.
+        # Owned by the user who logs in, who writes into it next; the module may become root, who can read it
+        # anyway.
         self._low_level_execute_command(f"mkdir -p {there}", sudoable=False)
         paths = [there]
         for name in wanted:

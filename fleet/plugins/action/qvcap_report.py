@@ -16,7 +16,7 @@ HEAD = 4096
 
 
 def mark_of(path):
-    """The mark of the page that is there: what it shows. None without a page, or with one that has none."""
+    """The mark of the existing page: a digest of what it shows. None without a page, or without a mark in it."""
     try:
         with open(path, "rb") as file:
             found = re.search(rb'<meta name="qvcap-fleet" content="([0-9a-f]{64})">', file.read(HEAD))
@@ -26,7 +26,7 @@ def mark_of(path):
 
 
 def replace_file(path, text):
-    """Nobody sees half of a page, and a page that could not be written leaves the old one."""
+    """Nobody sees half of a page, and after a failed write the old page stays."""
     umask = os.umask(0)
     os.umask(umask)
     folder, name = os.path.split(path)

@@ -31,7 +31,7 @@ def is_package_name(name):
 
 
 def packages_in(folder):
-    """Names and check sums of the packages of a folder."""
+    """Names and checksums of the packages of a folder."""
     found = {}
     for name in sorted(os.listdir(folder)):
         path = os.path.join(folder, name)
@@ -62,7 +62,7 @@ class PackageSets:
         return os.path.realpath(path) if os.path.isdir(path) else None
 
     def add(self, wanted, source):
-        """Copies a set that was brought into the folder `source`."""
+        """Copies the set that was put into the folder `source`."""
         os.makedirs(self.folder, mode=0o755, exist_ok=True)
         fresh = tempfile.mkdtemp(prefix=".new-", dir=self.folder)
         try:

@@ -21,7 +21,7 @@ class Problem(Exception):
 
 
 def find_program(module):
-    """The path of qvcap, also where it is not on the PATH of a user."""
+    """The path of qvcap, even if it is not on the PATH of a user."""
     given = module.params["program"]
     if os.sep in given:
         return given
@@ -44,7 +44,7 @@ def ask(module, *arguments):
 
 
 def parse_events(text):
-    """The objects of `qvcap upgrade --json`, one a line; a last line that was cut off is none."""
+    """The objects of `qvcap upgrade --json`, one per line; ignores a last line that was cut off."""
     events = []
     for line in text.splitlines():
         try:
@@ -61,12 +61,12 @@ def of_kind(events, *kinds):
 
 
 def closing_cards(events):
-    """The cards of all closing reports."""
+    """The cards of all final reports."""
     return [card for end in of_kind(events, "end") for card in end.get("cards", [])]
 
 
 def was_written(card, events):
-    """Whether the flash of a card of the closing report may hold other bytes than before."""
+    """Whether the flash of a card of the final report may hold other bytes than before."""
     if card["result"] == "done":
         return True
     mine = [event for event in events if event.get("card") == card["card"]]
@@ -76,7 +76,7 @@ def was_written(card, events):
         if event["stage"] in ("writing", "verifying") or (event["stage"] == "erasing" and event["percent"] > 0):
             return True
     # The tool prints a percentage only when it changes: an erase may have begun without one. A flash that
-    # is judged as before and was whole then has not been touched.
+    # was complete before and is judged the same now was not changed.
     before = [event["state"] for event in of_kind(mine, "plan")]
     return card["state"] in ("interrupted", "unreadable") or [card["state"]] != before[-1:]
 

@@ -30,13 +30,13 @@ def time_text():
 
 
 def key_of(request):
-    """The same for requests that ask for the same."""
+    """Equal for requests that ask for the same."""
     text = json.dumps(request, sort_keys=True)
     return hashlib.sha256(text.encode()).hexdigest()
 
 
 def write_json(path, value):
-    """The whole file or none."""
+    """Writes the whole file or nothing."""
     with open(path + ".new", "w", encoding="utf-8") as file:
         json.dump(value, file)
         file.flush()
@@ -81,7 +81,7 @@ class Run:
 
     @property
     def exit_status(self):
-        """The worst of its commands; None when one did not end by itself."""
+        """The worst exit status of its commands; None when one did not end by itself."""
         statuses = self.exit_statuses
         if len(statuses) < self.request.get("commands", 1) or any(s > 100 for s in statuses):
             return None
@@ -92,7 +92,7 @@ class Run:
         return others[0] if others else min(statuses, default=program.NOTHING_TO_DO)
 
     def problem(self):
-        """Why it did not end well; None when it did, or is at work."""
+        """Why it did not end well; None when it did, or is still running."""
         failed = program.failures(self.cards)
         if failed:
             return "; ".join(failed)
@@ -109,7 +109,7 @@ class Run:
         return self.said[-1] if self.said else f"qvcap ended with status {status}"
 
     def summary(self, active):
-        """As docs/formats/fleet-host.schema.json has it."""
+        """In the format of docs/formats/fleet-host.schema.json."""
         return {"run": self.name, "begun": self.request.get("begun", "1970-01-01T00:00:00Z"), "active": active,
                 "exit_status": None if active else self.exit_status,
                 "problem": None if active else self.problem(), "cards": self.cards}
@@ -132,7 +132,7 @@ class Runs:
         return [Run(os.path.join(self.folder, name)) for name in names]
 
     def active_name(self):
-        """The run that is at work; None when none is."""
+        """The active run; None when there is none."""
         try:
             with open(self._lock_path, "r+", encoding="utf-8") as file:
                 try:
@@ -152,7 +152,7 @@ class Runs:
 
     @staticmethod
     def _holder(file):
-        """What the holder has signed; empty until it has."""
+        """What the holder has written; empty until then."""
         file.seek(0)
         try:
             value = json.loads(file.read())
@@ -161,7 +161,7 @@ class Runs:
         return value if isinstance(value, dict) else {}
 
     def take(self, key, wait):
-        """The lock, and the run that was waited for.
+        """Takes the lock, or waits for the active run.
 
         Returns (file, None) when a new run may begin, and (None, run) when one that was asked for the same
         was at work and has ended.
@@ -225,6 +225,6 @@ class Runs:
         shutil.rmtree(os.path.join(self.state, "backups", name), ignore_errors=True)
 
     def prune(self):
-        """Only the newest runs stay, and their backups with them."""
+        """Keeps only the newest runs and their backups."""
         for run in self.all()[:-KEPT_RUNS]:
             self._remove(run.name)

@@ -213,7 +213,7 @@ class FromPackages(Upgrade):
             if not self.module.check_mode:
                 return [], selections
             return [event for options in selections for event in self.dry(self.folder, *options)], selections
-        # qvcap forces staged cards, too: each of the others is named by itself.
+        # qvcap forces staged cards, too: so each of the others is named separately.
         planned, commands = [], []
         for options in selections:
             for plan in program.of_kind(self.dry(self.folder, *options), "plan"):
@@ -249,7 +249,7 @@ class FromBackups(Upgrade):
         return {"restore": self.run.name, "backup": self.params["backup"]}
 
     def backups(self):
-        """Folder of the backup and node of each card that the run wrote, by what the cards say now."""
+        """Backup folder and node of each card that the run wrote, according to the present cards."""
         status = program.ask(self.module, "status", "--quick", "--packages", self.run.folder)[1]
         now = {(card["serial"], card["card"]): card["path"] for card in status["cards"]}
         written = {card["card"]: card for card in self.run.cards if program.was_written(card, self.run.events)}
@@ -278,7 +278,7 @@ class FromBackups(Upgrade):
                 selection.append("--force")
             planned = self.dry(folder, *selection)
             for plan in program.of_kind(planned, "plan"):
-                # A backup of the main image has nothing good for the place of the safe one.
+                # A backup of the main image has no valid data for the safe image.
                 if plan["action"] == "flash" and plan["mode"] != ("upgrade" if image == "main" else "safe upgrade"):
                     raise program.Problem(f"{plan['card']} ({plan['product']}) would get its {image} image by a "
                                           f"{plan['mode']}; turn the host off and on first, and try again")
@@ -291,7 +291,7 @@ class FromBackups(Upgrade):
 
 
 def result_of(module, run, joined, changed_key="result"):
-    """What Ansible is told of a run."""
+    """The result of a run for Ansible."""
     written = [card["card"] for card in run.cards if program.was_written(card, run.events)]
     staged = [card["card"] for card in run.cards if card["state"] == "staged"]
     result = {"changed": bool(written), "written": written, "staged": staged, "cards": run.cards, "joined": joined,

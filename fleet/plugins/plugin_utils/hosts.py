@@ -89,7 +89,7 @@ class Host:
 
 
 def harmless(character):
-    """Whether a character is shown where it is and changes nothing else."""
+    """Whether a character is displayed in place and affects nothing else."""
     return unicodedata.category(character) not in ("Cc", "Cf", "Cs", "Cn", "Co", "Zl", "Zp")
 
 
@@ -119,7 +119,7 @@ class Reader:
         if key not in self.value:
             raise self.wrong(key, "is missing")
         found = self.value[key]
-        # A bool is an int to Python, and nothing of the kind to anybody else.
+        # In Python a bool is an int, but not in JSON.
         if not isinstance(found, kinds) or (isinstance(found, bool) and kinds is int):
             raise self.wrong(key, f"is not {what}")
         return found
@@ -165,7 +165,7 @@ class Reader:
 
 
 def image_text(image):
-    """As `qvcap status` says it."""
+    """In the words of `qvcap status`."""
     content, version = image.choice("content", CONTENTS), image.text_or_null("version")
     if not version:
         return content
@@ -190,7 +190,7 @@ def status_card(entry):
 
 
 def run_card(entry):
-    """A card of an upgrade's report, for the case that the status has none of that name."""
+    """A card of an upgrade's report, in case the status has no card of that name."""
     return Card(
         card=entry.name("card"),
         state=entry.choice("state", STATES),
@@ -241,7 +241,7 @@ def check_schema(reader, name, whose):
 
 
 def fill(host, document):
-    """Puts what the document says into the host; raises Unusable half-way."""
+    """Copies the document into the host; may raise Unusable half-way."""
     whole = Reader(document, "")
     check_schema(whole, "qvcapture.fleet.host", "the file")
     host.name = whole.name("host")
@@ -263,11 +263,11 @@ def fill(host, document):
 
 
 def read_bounded(folder, name):
-    """The bytes of a regular file; nothing else is waited for, followed or read on and on."""
+    """The bytes of a regular file; never waits for others, follows links or reads without a limit."""
     path = os.path.join(folder, name)
     if not stat.S_ISREG(os.lstat(path).st_mode):
         raise Unusable("it is not a regular file")
-    # It may have become something else since.
+    # It may have been replaced since.
     descriptor = os.open(path, os.O_RDONLY | os.O_NONBLOCK | os.O_NOFOLLOW | os.O_CLOEXEC)
     with open(descriptor, "rb") as file:
         data = file.read(LARGEST_FILE + 1)
@@ -288,7 +288,7 @@ def parse(data):
 
 
 def read_host(folder, name):
-    """The host of one file, whatever is in it."""
+    """The host of one file, whatever its contents."""
     host = Host(name=shown(name.removesuffix(".json"), LONGEST_NAME), file=shown(name, LONGEST_NAME))
     try:
         fill(host, parse(read_bounded(folder, name)))

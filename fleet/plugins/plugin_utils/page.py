@@ -59,7 +59,7 @@ class Failure:
 
 
 def age(seconds):
-    """How long ago that was, as people say it."""
+    """How long ago that was, as a readable text."""
     if seconds < 60:
         return "just now"
     for unit, length in (("d", 86400), ("h", 3600), ("min", 60)):
@@ -73,13 +73,13 @@ def utc(moment):
 
 
 def face(host):
-    """What a host is shown as: its own trouble, or the worst of its cards; "" without cards."""
+    """The condition shown for a host: its own problem, or the worst of its cards; "" without cards."""
     words = ["upgrade failed" if card.failed else card.state for card in host.cards]
     return host.condition or min(words, key=RANK.get, default="")
 
 
 def troubles(host):
-    """(what, reason, card or "") of all that went wrong with a host."""
+    """(what, reason, card or "") of every problem of a host."""
     if host.condition or host.error:
         yield host.condition or "host", host.error or "no reason was given", ""
     if host.run and host.run.problem and not any(card.failed for card in host.cards):
@@ -109,7 +109,7 @@ def failures(hosts):
 
 
 def power_cycles(hosts):
-    """(number, host, cards) of hosts with firmware that waits for the power to go."""
+    """(number, host, cards) of hosts with firmware that waits for a power cycle."""
     for number, host in enumerate(hosts):
         cards = [card for card in host.cards if card.state == "staged"]
         if cards:
@@ -186,7 +186,7 @@ def part(name):
 
 
 def policy(style, script):
-    """What a browser may do with the page: use these two, and nothing else from anywhere."""
+    """The browser's policy for the page: it may use these two, and nothing else from anywhere."""
     own = [base64.b64encode(hashlib.sha256(text.encode()).digest()).decode() for text in (style, script)]
     return (
         f"default-src 'none'; script-src 'sha256-{own[1]}'; style-src 'sha256-{own[0]}'; "
@@ -195,7 +195,7 @@ def policy(style, script):
 
 
 def fingerprint(hosts, now, left_out=0, title=TITLE):
-    """The same for pages that show the same, whenever they were made."""
+    """Equal for pages that show the same, whenever they were made."""
     known = json.dumps([[dataclasses.asdict(host) for host in hosts], totals(hosts, now), left_out, title])
     parts = "".join(part(name) for name in ("page.html.j2", "page.css", "page.js"))
     return hashlib.sha256((known + parts).encode()).hexdigest()
