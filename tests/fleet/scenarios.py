@@ -373,10 +373,12 @@ def the_page(hosts, controller):
 
 
 def valid_report(controller, value):
-    formats = controller.tree / "docs/formats"
-    store = {path.name: json.loads(path.read_text()) for path in formats.glob("*.schema.json")}
-    resolver = jsonschema.RefResolver("", store["fleet-host.schema.json"], store=store)
-    jsonschema.Draft202012Validator(store["fleet-host.schema.json"], resolver=resolver).validate(value)
+    base = "file:///formats/"  # a name: what refers to another schema finds it in the store
+    store = {base + path.name: json.loads(path.read_text())
+             for path in (controller.tree / "docs/formats").glob("*.schema.json")}
+    schema = store[base + "fleet-host.schema.json"]
+    resolver = jsonschema.RefResolver(base + "fleet-host.schema.json", schema, store=store)
+    jsonschema.Draft202012Validator(schema, resolver=resolver).validate(value)
 
 
 SHORT = [a_healthy_fleet, a_failing_canary, a_killed_controller]
