@@ -35,7 +35,8 @@ PLAY = """
       register: no_src
     - ansible.builtin.copy:
         content: "{{ {'checked': checked, 'there': there, 'first': first, 'seen': seen, 'again': again,
-                      'seen_again': seen_again, 'later': later, 'no_dest': no_dest, 'no_src': no_src} | to_json }}"
+                      'seen_again': seen_again, 'later': later, 'no_dest': no_dest, 'no_src': no_src}
+                  | to_json }}"
         dest: results.json
 """
 
