@@ -41,7 +41,7 @@ Observation OfUnopened(const std::string& path, int error) {
         return {Severity::kError, kNodesCheck, path, message,
                 "end the program that uses it, see what is said of holders"};
     return {Severity::kError, kNodesCheck, path, message,
-            "is the card still in its place? Load the driver anew, and look into the kernel's log"};
+            "is the card still in its place? Reload the driver, and read the kernel's log"};
 }
 
 Observation OfAnswers(const std::string& path, const NodeAnswers& answers) {
@@ -151,7 +151,7 @@ std::vector<Observation> ExamineEventNode(const Surroundings& surroundings) {
         seen.push_back({Severity::kWarning, kCheck, kEventNode,
                         std::string("cannot be opened: ") + std::strerror(error),
                         refused ? kPermission
-                                : "load the driver anew; upgrades work without it, events and "
+                                : "reload the driver; upgrades work without it, events and "
                                   "callbacks do not"});
     }
     AddHolders(kEventNode, surroundings, seen);

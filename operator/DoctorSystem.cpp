@@ -155,11 +155,10 @@ std::vector<Observation> ExaminePackages(const std::string& folder) {
         const qvf::CheckReport report = qvf::CheckPaths({folder}, {});
         for (const qvf::Finding& finding : report.findings) {
             const bool error = finding.rule.level == qvf::Level::kError;
-            seen.push_back(
-                {error ? Severity::kError : Severity::kWarning, kCheck,
-                 finding.file.empty() ? folder : finding.file,
-                 finding.message + " [" + finding.rule.name + "]",
-                 "get the package anew, or ask whoever made it; qvftool check says more"});
+            seen.push_back({error ? Severity::kError : Severity::kWarning, kCheck,
+                            finding.file.empty() ? folder : finding.file,
+                            finding.message + " [" + finding.rule.name + "]",
+                            "get the package again, or ask its maker; qvftool check says more"});
         }
         if (seen.empty())
             seen.push_back({Severity::kOk, kCheck, folder,

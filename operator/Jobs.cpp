@@ -41,7 +41,7 @@ std::string Unreachable(const Card& card, const qvf::Package& package) {
         // Twice: one refused request does not mean the end of the flash.
         if (reader.Read(last, &byte, 1) || reader.Read(last, &byte, 1)) continue;
         return "section " + std::to_string(i + 1) + " ends at " + qvf::HexNumber(last, 8) +
-               ", which cannot be read, behind the end of the flash perhaps (" + reader.Problem() +
+               ", which cannot be read, perhaps beyond the end of the flash (" + reader.Problem() +
                ")";
     }
     return "";

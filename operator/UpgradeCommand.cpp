@@ -26,7 +26,7 @@ void AddWays(CLI::App& command, UpgradeOptions& options) {
     command.add_flag("--dry-run", options.dryRun, "show the plan and write nothing");
     command.add_flag("--wait", options.wait, "wait for whoever is at work");
     command.add_flag("--stop-on-failure", options.stopOnFailure,
-                     "begin no card behind a failed one");
+                     "begin no further card after a failed one");
     command.add_flag("--power-off", options.powerOff, "turn the computer off after full success");
     command.add_option("--jobs", options.jobs, "so many boards at once")
         ->check(CLI::Range(1, kMostJobs));

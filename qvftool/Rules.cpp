@@ -87,13 +87,13 @@ void CheckPlaces(const Package& package, const FlashLayout& flash, Findings& fin
     const uint64_t end = flash.size.value_or(uint64_t{1} << 32);
     findings.AddForEach(kBeyondFlash, [&](const Section& s, size_t) -> std::string {
         if (s.End() <= end) return "";
-        return " ends behind flash address " + HexNumber(end - 1, 8);
+        return " ends beyond flash address " + HexNumber(end - 1, 8);
     });
     if (!flash.firmwareArea) return;
     const uint64_t header = *flash.firmwareArea;
     const uint64_t length = package.HeaderLength();
     if (header + kSafeHeaderDistance + length > end)
-        findings.Add(kBeyondFlash, "the headers end behind flash address " + HexNumber(end - 1, 8));
+        findings.Add(kBeyondFlash, "the headers end beyond flash address " + HexNumber(end - 1, 8));
     findings.AddForEach(kOverHeader, [&](const Section& s, size_t) -> std::string {
         for (const uint64_t place : {header, header + kSafeHeaderDistance})
             if (TouchesSectors(s, place, length))
@@ -144,7 +144,7 @@ void CheckSizes(const Package& package, Findings& findings) {
                                            " the percentage that is shown starts again at 0");
     if (package.trailingSize > 0)
         findings.Add(kTrailingBytes, std::to_string(package.trailingSize) +
-                                         " bytes behind the last section, which no card ever gets");
+                                         " bytes after the last section, which no card ever gets");
 }
 
 }  // namespace

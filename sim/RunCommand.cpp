@@ -55,7 +55,7 @@ std::string NamedForLoader(const std::string& folder, const std::string& cards) 
 }  // namespace
 
 int RunCommand(const std::string& dir, const std::vector<std::string>& command) {
-    if (command.empty()) return Fail("run: no command; give it behind `--`");
+    if (command.empty()) return Fail("run: no command; give it after `--`");
     CardsState state;
     if (std::string error = LoadState(dir, state); !error.empty()) return Fail(error);
     char absolute[PATH_MAX];

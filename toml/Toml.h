@@ -70,6 +70,6 @@ inline toml::table ParseToml(std::string_view original, const std::string& name)
     const auto found = std::find_if_not(text.begin(), text.end(), isPlain);
     if (found != text.end())
         throw std::logic_error(std::to_string(1 + std::count(text.begin(), found, '\n')) +
-                               ": only ASCII characters are understood, but in comments");
+                               ": only ASCII characters are allowed outside of comments");
     return toml::parse(text, name);
 }

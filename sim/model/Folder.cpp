@@ -41,7 +41,8 @@ std::unique_ptr<Folder> Folder::Open(const std::string& dir, std::string& error)
     }
     if (status.st_size != sizeof(LivePage)) {
         error = path + ": has " + std::to_string(status.st_size) + " bytes and not " +
-                std::to_string(sizeof(LivePage)) + "; make the folder anew with `qvcap-sim init`";
+                std::to_string(sizeof(LivePage)) +
+                "; create the folder again with `qvcap-sim init`";
         return nullptr;
     }
     void* const page =
@@ -52,7 +53,7 @@ std::unique_ptr<Folder> Folder::Open(const std::string& dir, std::string& error)
     }
     folder->m_page = static_cast<LivePage*>(page);
     if (std::memcmp(folder->m_page->magic, kPageMagic, sizeof kPageMagic) != 0) {
-        error = path + ": is not of this version; make the folder anew with `qvcap-sim init`";
+        error = path + ": is not of this version; create the folder again with `qvcap-sim init`";
         return nullptr;
     }
     return folder;

@@ -31,7 +31,7 @@ std::string NorFlash::Open(const std::string& path, uint32_t size, bool readOnly
     uint8_t head[sizeof kMarksHead];
     if (!m_marks.Read(head, sizeof head, 0)) return marks + ": cannot be read";
     if (m_marks.Length() > 0 && std::memcmp(head, kMarksHead, sizeof head) != 0)
-        return marks + ": is no file of marks; `qvcap-sim flash write` makes it anew";
+        return marks + ": is no file of marks; `qvcap-sim flash write` makes it again";
     return {};
 }
 

@@ -284,7 +284,7 @@ std::string CheckVersion(const std::string& path, const std::string& line) {
     if (line == kStateFirstLine) return {};
     if (line.compare(0, sizeof kAnyStateFirstLine - 1, kAnyStateFirstLine) == 0)
         return path + ":1: is of another version of qvcap-sim ('" + line.substr(0, 40) +
-               "', not '" + kStateFirstLine + "'); make the folder anew with `qvcap-sim init`";
+               "', not '" + kStateFirstLine + "'); create the folder again with `qvcap-sim init`";
     return path + ":1: is no state of simulated cards";
 }
 

@@ -108,7 +108,7 @@ TEST_F(CheckTest, AMisalignedSection) {
 }
 
 TEST_F(CheckTest, ASectionBehindTheLastAddress) {
-    EXPECT_EQ("a.qvf: error: section 1 (A) ends behind flash address 0xffffffff [beyond-flash]\n",
+    EXPECT_EQ("a.qvf: error: section 1 (A) ends beyond flash address 0xffffffff [beyond-flash]\n",
               FoundIn(Package().Section("A", 0xFFFFF000, 4097)));
     EXPECT_EQ("", FoundIn(Package().Section("A", 0xFFFFF000, 4096)));
 }
@@ -116,11 +116,11 @@ TEST_F(CheckTest, ASectionBehindTheLastAddress) {
 TEST_F(CheckTest, ASectionBehindTheFlash) {
     EXPECT_EQ("", FoundIn(Good(), {"--flash-size", "0x201388"}));
     EXPECT_EQ(
-        "a.qvf: error: section 1 (Factory.Main) ends behind flash address 0x00201386 "
+        "a.qvf: error: section 1 (Factory.Main) ends beyond flash address 0x00201386 "
         "[beyond-flash]\n",
         FoundIn(Good(), {"--flash-size", "0x201387"}));
     EXPECT_EQ("", FoundIn(Good(), {"--flash-size", "4294967296"}));
-    EXPECT_EQ("a.qvf: error: the headers end behind flash address 0x003fffff [beyond-flash]\n",
+    EXPECT_EQ("a.qvf: error: the headers end beyond flash address 0x003fffff [beyond-flash]\n",
               FoundIn(Good(), {"--flash-size", "0x400000", "--firmware-area", "0x3ff000"}));
 }
 
@@ -203,7 +203,7 @@ TEST_F(CheckTest, BytesBehindTheLastSection) {
     Bytes file = Good().File();
     file.insert(file.end(), {1, 2});
     EXPECT_EQ(
-        "a.qvf: warning: 2 bytes behind the last section, which no card ever gets "
+        "a.qvf: warning: 2 bytes after the last section, which no card ever gets "
         "[trailing-bytes]\n",
         FoundIn(file));
 }

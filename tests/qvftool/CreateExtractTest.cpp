@@ -95,7 +95,7 @@ TEST_F(CreateTest, TextsThatTheParserIsNotMadeForAreRefused) {
     EXPECT_EQ("qvftool: p.toml: this is not TOML\n",
               Run({"create", "p.toml", "--output", "p.qvf"}).errors);
     Put("p.toml", "# a\n\xE2\x80\xB0");
-    EXPECT_EQ("qvftool: p.toml:2: only ASCII characters are understood, but in comments\n",
+    EXPECT_EQ("qvftool: p.toml:2: only ASCII characters are allowed outside of comments\n",
               Run({"create", "p.toml", "--output", "p.qvf"}).errors);
     EXPECT_THAT(Here(), testing::ElementsAre("p.toml"));
 }
