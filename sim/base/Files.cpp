@@ -88,13 +88,16 @@ bool ReplaceFile(const std::string& path, const std::string& text) {
     return false;
 }
 
+// Not by a stream, which takes memory of the C library's.
 std::string ReadText(const std::string& path) {
     std::string text;
-    std::FILE* file = std::fopen(path.c_str(), "re");
-    if (!file) return text;
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return text;
     char piece[4096];
-    for (size_t n; (n = std::fread(piece, 1, sizeof piece, file)) > 0;) text.append(piece, n);
-    std::fclose(file);
+    ssize_t size = 0;
+    while ((size = read(fd, piece, sizeof piece)) > 0 || (size < 0 && errno == EINTR))
+        if (size > 0) text.append(piece, static_cast<size_t>(size));
+    close(fd);
     return text;
 }
 

@@ -65,6 +65,40 @@ std::string WaitUnderAlarm(int events, int flags) {
     return result;
 }
 
+// More than what a thread has at hand of the C library's memory.
+void ReadInHandler(int) {
+    static unsigned char data[16384];
+    const int error = errno;
+    qv::FirmwareDataRecord record{0, sizeof data, reinterpret_cast<uintptr_t>(data)};
+    if (ioctl(g_node, qv::kReadFirmwareData.code, &record) != 0) g_wrong = 1;
+    g_signals = g_signals + 1;
+    errno = error;
+}
+
+// A handler that interrupts an allocation, among threads, may ask all the same. In a child, which
+// can be ended when it hangs.
+std::string AskWhileAllocating() {
+    const pid_t child = fork();
+    if (child == 0) {
+        // With one thread alone the C library takes no locks.
+        std::thread([] { pause(); }).detach();
+        Handle(SIGALRM, ReadInHandler, SA_RESTART);
+        Alarm(1000, 500);
+        void* volatile block = nullptr;
+        for (size_t size = 2000; g_signals < 200; size = size % 100000 + 2000) {
+            std::free(block);
+            block = std::malloc(size);
+        }
+        _exit(g_wrong);
+    }
+    int status = 0;
+    for (int i = 0; i < 3000; ++i, usleep(10000))
+        if (waitpid(child, &status, WNOHANG) == child) return status == 0 ? "ok" : "wrong";
+    kill(child, SIGKILL);
+    waitpid(child, &status, 0);
+    return "hangs";
+}
+
 // What a child says, by its exit status.
 template <class Body>
 std::string InChild(Body body) {
@@ -177,6 +211,8 @@ void Signals() {
     Alarm(0, 0);
     Row("signal.request_in_handler", g_wrong ? "wrong" : asked);
     Handle(SIGALRM, SIG_DFL, 0);
+    g_signals = 0;
+    Row("signal.request_while_allocating", AskWhileAllocating());
     close(g_node);
     close(events);
 }

@@ -34,11 +34,6 @@ std::string TextOf(const std::string& path) {
 }
 
 TEST_F(DoorProbeTest, TheTableIsThatOfServedNodesButForWhatIsListed) {
-#if defined(__SANITIZE_THREAD__)
-    // A limit that the document names, not the sanitizer's mistake; the table is compared in every
-    // other configuration.
-    GTEST_SKIP() << "a request in a signal handler takes memory, which the sanitizer reports";
-#endif
     Shell("qvcap-sim init " + m_cards);
     const std::string document = TextOf(SIM_DOCUMENT);
     std::istringstream expected(TextOf(SIM_PROBE_TABLE));
