@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Inside.h"
+
 namespace qvsim::door {
 namespace {
 
@@ -40,7 +42,10 @@ Range ThisStack() {
 
 // The used part of the stack; other stacks, for example a signal's, are unknown.
 bool OnThisStack(uintptr_t address, size_t size) {
-    static thread_local const Range stack = ThisStack();
+    // To find out takes memory of the C library's, which a handler may have interrupted; then the
+    // kernel is asked instead.
+    static constinit thread_local Range stack;
+    if (stack.end == 0 && !HasHandlers()) stack = ThisStack();
     const auto here = reinterpret_cast<uintptr_t>(__builtin_frame_address(0));
     return stack.Has(here, 1) && Range{here, stack.end}.Has(address, size);
 }
