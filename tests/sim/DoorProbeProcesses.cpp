@@ -26,16 +26,17 @@ std::string WriteFrom(int fd, uint64_t address) {
     return Result(ioctl(fd, qv::kWriteFirmwareData.code, &record));
 }
 
-volatile sig_atomic_t g_signals = 0;
+// Handlers run in any thread.
+std::atomic<int> g_signals{0};
 int g_node = -1;
-volatile sig_atomic_t g_wrong = 0;
+std::atomic<int> g_wrong{0};
 
-void Count(int) { g_signals = g_signals + 1; }
+void Count(int) { ++g_signals; }
 
 void AskInHandler(int) {
     const int error = errno;
     if (Ask(g_node) != "ok") g_wrong = 1;
-    g_signals = g_signals + 1;
+    ++g_signals;
     errno = error;
 }
 
@@ -67,11 +68,11 @@ std::string WaitUnderAlarm(int events, int flags) {
 
 // More than what a thread has at hand of the C library's memory.
 void ReadInHandler(int) {
-    static unsigned char data[16384];
+    unsigned char data[16384];
     const int error = errno;
     qv::FirmwareDataRecord record{0, sizeof data, reinterpret_cast<uintptr_t>(data)};
     if (ioctl(g_node, qv::kReadFirmwareData.code, &record) != 0) g_wrong = 1;
-    g_signals = g_signals + 1;
+    ++g_signals;
     errno = error;
 }
 
