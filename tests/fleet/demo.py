@@ -80,11 +80,16 @@ def main():
 
 
 def keep(hosts, controller):
-    print(f"{len(hosts)} hosts run. The inventory: {controller.inventory}. In another shell as root:\n"
-          f"    nsenter -t {os.getpid()} -m -p bash\n"
-          f"    export ANSIBLE_CONFIG={controller.config}\n"
-          f"    ansible-playbook -i {controller.inventory} qvcapture.fleet.upgrade -e qvcap_packages={controller.firmware}\n"
-          "Press Enter to end them.", flush=True)
+    scenarios.packages_of(hosts[0], controller)
+    print(f"""{len(hosts)} hosts run. In another shell, as root:
+
+    nsenter --target "$(pgrep --oldest --full {controller.tree}/build/fleet/base)" --mount --pid bash
+    export ANSIBLE_CONFIG={controller.config}
+    ansible-playbook -i {controller.inventory} qvcapture.fleet.status -e qvcap_report={controller.report}
+    ansible-playbook -i {controller.inventory} qvcapture.fleet.upgrade -e qvcap_report={controller.report} \\
+        -e qvcap_packages={controller.firmware}
+
+Press Enter here to end them.""", flush=True)
     with controller.power_switch(hosts):
         sys.stdin.readline()
     for host in hosts:
