@@ -207,7 +207,7 @@ TEST_F(CreateTest, OutsideOfCommentsAllIsAscii) {
     for (const char* text : {"# \"\nhardware = \"\xC3\xA4\"\n", "a = '#'\xC3\xA4\n",
                              "a = \"\"\"#\n# \xC3\xA4 \"\"\"\n", "a = '''\n# \xC3\xA4 '''\n",
                              "a = \"\\\"# \xC3\xA4\"\n"})
-        EXPECT_THAT(Refused(text), HasSubstr("only ASCII characters are understood")) << text;
+        EXPECT_THAT(Refused(text), HasSubstr("only ASCII characters are allowed")) << text;
 }
 
 TEST_F(CreateTest, APlaceThatCannotBeWrittenIsNamed) {

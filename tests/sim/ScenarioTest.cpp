@@ -183,7 +183,7 @@ INSTANTIATE_TEST_SUITE_P(
         Wrong{"[[usb]]\ncamera = [{ fps = [0] }]", "f.toml:2: fps is a whole number from 1 to 240"},
         // What the parser takes for granted, and what it takes for impossible.
         Wrong{"[[[", "f.toml: this is not TOML"},
-        Wrong{"# a\n\xE2\x80\xB0", "f.toml:2: only ASCII characters are understood"}));
+        Wrong{"# a\n\xE2\x80\xB0", "f.toml:2: only ASCII characters are allowed"}));
 
 }  // namespace
 }  // namespace qvsim
