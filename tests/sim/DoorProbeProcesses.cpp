@@ -84,11 +84,13 @@ std::string AskWhileAllocating() {
         // With one thread alone the C library takes no locks.
         std::thread([] { pause(); }).detach();
         Handle(SIGALRM, ReadInHandler, SA_RESTART);
-        Alarm(1000, 500);
-        void* volatile block = nullptr;
-        for (size_t size = 2000; g_signals < 200; size = size % 100000 + 2000) {
+        Alarm(1000, 2000);
+        // Many pieces of many sizes: most of the time is spent with the C library's lock held.
+        void* blocks[400] = {};
+        for (size_t i = 0; g_signals < 200; ++i) {
+            void*& block = blocks[i % 400];
             std::free(block);
-            block = std::malloc(size);
+            block = std::malloc(2000 + i * 7919 % 60000);
         }
         _exit(g_wrong);
     }
