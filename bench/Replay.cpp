@@ -1,14 +1,19 @@
-// Makes the requests of a journal again, directly: what the same requests cost without the tool.
-// Run under the preload door, with the journal's path as its argument.
+// Issues the requests of a journal again, bare: what the same conversation with the driver costs
+// without the tool. Run under the preload door, with the journal's path as its argument.
 //
-// Writes a constant pattern; ignores the data read. Single-threaded.
+// Data written is a constant pattern. Data read is not looked at, unless a file, a place in it and
+// a flash address are named: then the file is loaded, and what is read from that address on is
+// compared with it. Records and data are in memory of the kind that programs use for them, which
+// the door reaches in the same way. Single-threaded.
 #include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <map>
 #include <string>
@@ -69,10 +74,32 @@ std::vector<Step> Load(const char* path) {
     return steps;
 }
 
+// What flash should hold.
+struct Expected {
+    std::vector<unsigned char> bytes;
+    size_t skip = 0;       // of the file
+    uint32_t address = 0;  // of what is behind that
+    size_t different = 0;  // chunks that were not as they should be
+
+    void Load(const char* path, const char* from, const char* at) {
+        bytes.resize(std::filesystem::file_size(path));
+        std::ifstream file(path, std::ios::binary);
+        file.read(reinterpret_cast<char*>(bytes.data()),
+                  static_cast<std::streamsize>(bytes.size()));
+        skip = std::min<size_t>(strtoul(from, nullptr, 0), bytes.size());
+        address = static_cast<uint32_t>(strtoul(at, nullptr, 0));
+    }
+    void Compare(const Step& step, const unsigned char* data) {
+        const size_t size = bytes.size() - skip;
+        if (step.offset < address || step.size > size || step.offset - address > size - step.size)
+            return;
+        different += memcmp(data, bytes.data() + skip + step.offset - address, step.size) != 0;
+    }
+};
+
 // One buffer for every record: large enough for each, zero before each.
 void Issue(int fd, const Step& step, unsigned char* data) {
-    alignas(8) static unsigned char record[256];
-    memset(record, 0, sizeof record);
+    alignas(8) unsigned char record[256] = {};
     if (step.code == qv::kEraseFirmwareData.code) {
         const qv::FirmwareEraseRecord erase{step.offset, step.size};
         memcpy(record, &erase, sizeof erase);
@@ -86,16 +113,17 @@ void Issue(int fd, const Step& step, unsigned char* data) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 2) {
-        fprintf(stderr, "usage: replay JOURNAL\n");
+    if (argc != 2 && argc != 5) {
+        fprintf(stderr, "usage: replay JOURNAL [FILE SKIP ADDRESS]\n");
         return 2;
     }
     const std::vector<Step> steps = Load(argv[1]);
-    static unsigned char data[65536];
-    memset(data, 0x5A, sizeof data);
-    std::map<std::string, std::vector<int>> m_open;
+    std::vector<unsigned char> data(65536, 0x5A);
+    Expected expected;
+    if (argc == 5) expected.Load(argv[2], argv[3], argv[4]);
+    std::map<std::string, std::vector<int>> opened;
     for (const Step& step : steps) {
-        std::vector<int>& descriptors = m_open[step.node];
+        std::vector<int>& descriptors = opened[step.node];
         if (step.kind == Step::Kind::kOpen) {
             const int fd = open(step.node.c_str(), O_RDWR | O_NONBLOCK);
             if (fd >= 0) descriptors.push_back(fd);
@@ -105,8 +133,9 @@ int main(int argc, char** argv) {
             close(descriptors.back());
             descriptors.pop_back();
         } else {
-            Issue(descriptors.back(), step, data);
+            Issue(descriptors.back(), step, data.data());
+            if (step.code == qv::kReadFirmwareData.code) expected.Compare(step, data.data());
         }
     }
-    return steps.empty() ? 1 : 0;
+    return steps.empty() || expected.different > 0 ? 1 : 0;
 }

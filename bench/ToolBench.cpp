@@ -1,14 +1,7 @@
-// Compares the cost of the tool with that of its bare driver requests: processor time, memory,
-// waiting time, and listing a large rack. Prints rows of a table; exit status 1 when a target is
-// missed.
-#include <cstdio>
-#include <filesystem>
-#include <fstream>
-#include <limits>
-
-#include "Cards.h"
-#include "Process.h"
+// What the tool costs beside the bare conversation with the driver: processor time, memory, waiting
+// time, and listing a large rack. Prints rows of a table; exit status 1 when a target is missed.
 #include "Report.h"
+#include "Trials.h"
 
 namespace {
 
@@ -16,48 +9,25 @@ using qvbench::Board;
 using qvbench::Folder;
 using qvbench::g_missed;
 using qvbench::kMiB;
+using qvbench::Least;
 using qvbench::PackageOf;
+using qvbench::Require;
 using qvbench::Row;
 using qvbench::Run;
 using qvbench::Text;
 using qvbench::Usage;
 using qvsim::SimRig;
 
-// Eight channels and one package of 16 MiB, on cards that answer at once; the tool and the bare
-// replay of its own journal alternately. Other work of the machine can only add to either, so the
-// least of each is compared.
+// The tool and the bare replay of its own journal in turn.
 void ProcessorTimeAndMemory() {
-    constexpr int kRounds = 12;
-    SimRig rig;
-    rig.Add(Board(8));
-    Folder work;
-    PackageOf(16 * kMiB).Write(work.Path() + "/a.qvf");
-    const std::vector<std::string> tool{QV_TOOL_FILE, "-a", "-y"};
-    const std::string journal = work.Path() + "/replay.journal";
-    double toolSeconds = std::numeric_limits<double>::max();
-    double bareSeconds = toolSeconds;
-    long peak = 0;
-    for (int round = 0; round <= kRounds; ++round) {
-        const std::string running = rig.Dir() + "/journal";
-        std::filesystem::remove(running);
-        const Usage upgrade = Run(rig.Dir(), work.Path(), tool);
-        if (round == 0) std::filesystem::copy_file(running, journal);
-        std::filesystem::remove(running);
-        const Usage bare = Run(rig.Dir(), work.Path(), {QV_REPLAY_FILE, journal});
-        if (upgrade.status != 0 || bare.status != 0) {
-            fprintf(stderr, "a run failed: tool %d, replay %d\n", upgrade.status, bare.status);
-            exit(2);
-        }
-        if (round == 0) continue;  // caches are warm from here on
-        toolSeconds = std::min(toolSeconds, upgrade.cpuSeconds);
-        bareSeconds = std::min(bareSeconds, bare.cpuSeconds);
-        peak = std::max(peak, upgrade.peakKiB);
-    }
-    const double ratio = toolSeconds / bareSeconds;
+    qvbench::WholeFlashes cards;
+    const qvbench::Beside beside = MeasureBeside(cards, {QV_TOOL_FILE, "-a", "-y"}, 0, {{}});
+    const double tool = beside.program.Value();
+    const double bare = beside.bare[0].Value();
     Row("upgrade of 8 channels, 16 MiB: CPU of the tool / of a bare replay of its requests",
-        Text("%.3f (%.2f s / %.2f s)", ratio, toolSeconds, bareSeconds), "at most 1.05",
-        ratio <= 1.05);
-    const double overPackage = static_cast<double>(peak) / 1024 - 16;
+        Text("%.3f (%.2f s / %.2f s)", tool / bare, tool, bare), "at most 1.05",
+        tool / bare <= 1.05);
+    const double overPackage = static_cast<double>(beside.peakKiB) / 1024 - 16;
     Row("the same: peak resident memory above the package's size", Text("%.1f MiB", overPackage),
         "at most 8 MiB", overPackage <= 8);
 }
@@ -71,7 +41,7 @@ void WaitingTime() {
     Folder work;
     PackageOf(kSize).Write(work.Path() + "/a.qvf");
     const Usage usage = Run(rig.Dir(), work.Path(), {QV_TOOL_FILE, "-a", "-y"});
-    // The header counts, too: a sector, a page, and a KiB three times (inventory and verify).
+    // The header goes along: a sector, a page, and a KiB three times (inventory and verify).
     const double simulated =
         ((kSize / 4096.0 + 1) * kDelays.erasePerSector +
          (kSize / 256.0 + 1) * kDelays.programPerPage + (kSize / 1024.0 + 2) * kDelays.readPerKiB) /
@@ -82,40 +52,28 @@ void WaitingTime() {
         usage.status == 0 && ratio <= 1.02);
 }
 
-// 64 channels and 32 packages of 8 MiB, of which the last in the folder's order fits; and `cat`,
-// which reads them as often.
+// Beside `cat`, which reads the packages as often.
 void ListingALargeRack() {
-    constexpr int kChannels = 64;
-    SimRig rig;
-    for (int board = 0; board < kChannels / 8; ++board) rig.Add(Board(8).Board(board));
-    Folder work;
+    qvbench::LargeRack rack;
     std::vector<std::string> cat{"/bin/cat"};
-    for (int i = 0; i < 32; ++i) {
-        cat.push_back(work.Path() + "/p" + std::to_string(i) + ".qvf");
-        PackageOf(8 * kMiB).ProductCode(0x0999).Write(cat.back());
-    }
-    const std::vector<std::string> files(cat.begin() + 1, cat.end());
-    for (int i = 1; i < kChannels; ++i) cat.insert(cat.end(), files.begin(), files.end());
-    std::string last;  // the folder's own order decides which one is read last
-    for (const auto& entry : std::filesystem::directory_iterator(work.Path())) last = entry.path();
-    PackageOf(8 * kMiB).Write(last);
-    double listSeconds = std::numeric_limits<double>::max();
-    double catSeconds = listSeconds;
-    bool good = true;
+    for (int i = 0; i < qvbench::LargeRack::kChannels; ++i)
+        cat.insert(cat.end(), rack.packages.begin(), rack.packages.end());
+    Least list;
+    Least reading;
     for (int round = 0; round < 3; ++round) {
-        const Usage listing = Run(rig.Dir(), work.Path(), {QV_TOOL_FILE, "-l"});
-        const Usage reading = Run("", work.Path(), cat);
-        listSeconds = std::min(listSeconds, listing.cpuSeconds);
-        catSeconds = std::min(catSeconds, reading.cpuSeconds);
-        good = good && listing.status == 0 && reading.status == 0;
+        const Usage listing = rack.Do({QV_TOOL_FILE, "-l"});
+        const Usage concatenated = Run("", rack.work.Path(), cat);
+        Require(listing.status == 0 && concatenated.status == 0, "listing");
+        list.Take(listing.cpuSeconds);
+        reading.Take(concatenated.cpuSeconds);
     }
     const double gib = 64.0 * 32 * 8 / 1024;
-    const double ratio = listSeconds / catSeconds;
+    const double ratio = list.Value() / reading.Value();
     Row("`-l` with 64 channels and 32 packages of 8 MiB, the last of which fits: CPU / that of "
         "`cat`",
-        Text("%.2f (%.2f s / %.2f s; %.0f GiB of packages read)", ratio, listSeconds, catSeconds,
-             gib),
-        "at most 1.50", good && ratio <= 1.5);
+        Text("%.2f (%.2f s / %.2f s; %.0f GiB of packages read)", ratio, list.Value(),
+             reading.Value(), gib),
+        "at most 1.50", ratio <= 1.5);
 }
 
 }  // namespace

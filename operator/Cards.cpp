@@ -146,16 +146,14 @@ CardReader::~CardReader() { QVCloseChannel(m_channel); }
 
 bool CardReader::Read(uint32_t address, uint8_t* buffer, uint32_t size) {
     if (m_channel == nullptr) return false;
-    const std::string what =
-        "reading " + std::to_string(size) + " bytes at " + qvf::HexNumber(address, 8);
     unsigned int read = 0;
     errno = 0;
-    if (QVReadFirmwareData(m_channel, address, buffer, size, &read) != QV_RESULT_OK) {
-        m_problem = Because(what, errno);
-        return false;
-    }
-    if (read == size) return true;
-    m_problem = what + ": only " + std::to_string(read) + " came";
+    const bool good = QVReadFirmwareData(m_channel, address, buffer, size, &read) == QV_RESULT_OK;
+    if (good && read == size) return true;
+    const int error = errno;
+    const std::string what =
+        "reading " + std::to_string(size) + " bytes at " + qvf::HexNumber(address, 8);
+    m_problem = good ? what + ": only " + std::to_string(read) + " came" : Because(what, error);
     return false;
 }
 
