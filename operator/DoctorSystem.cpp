@@ -80,7 +80,7 @@ std::map<std::string, std::string> InstalledVersions() {
         const qvf::ProgramRun run = qvf::RunProgram(
             {"dpkg-query", "-W", "-f", "${Package} ${db:Status-Status} ${Version}\\n", kToolPackage,
              kLibraryPackage},
-            qvf::MemoryFile({}), "dpkg");
+            qvf::MemoryFile(), "dpkg");
         std::istringstream lines(std::string(run.output.begin(), run.output.end()));
         std::string package;
         std::string status;

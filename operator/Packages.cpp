@@ -76,7 +76,14 @@ std::shared_ptr<const PackageContents> PackageSet::Contents(const FirmwarePackag
     return m_kept;
 }
 
-std::string PackageContents::Sha256() const { return qvf::Sha256(qvf::Serialize(package)); }
+qvf::Pieces PackageContents::Pieces() const {
+    qvf::Pieces pieces = {header};
+    for (const qvf::Section& section : package.sections) pieces.emplace_back(section.data);
+    pieces.emplace_back(package.trailing);
+    return pieces;
+}
+
+std::string PackageContents::Sha256() const { return qvf::Sha256(Pieces()); }
 
 std::shared_ptr<const PackageContents> ReadContents(const FirmwarePackage& package) {
     auto contents = std::make_shared<PackageContents>();

@@ -29,7 +29,9 @@ struct PackageContents {
     qvf::Package package;  // with the data of every section
     qvf::Bytes header;     // as it is written to flash: fixed part and section table
 
-    std::string Sha256() const;  // of the file; computed at each call
+    // Of the file, and as long as this is there.
+    qvf::Pieces Pieces() const;
+    std::string Sha256() const;  // computed at each call
 };
 
 struct UnreadablePackage {

@@ -21,17 +21,24 @@ constexpr char kPrefix[] = ".package-";
                        "; --log names another folder");
 }
 
+// 0, or the error.
+int Write(int fd, std::span<const uint8_t> bytes) {
+    while (!bytes.empty()) {
+        const ssize_t n = write(fd, bytes.data(), bytes.size());
+        if (n < 0 && errno != EINTR) return errno;
+        if (n == 0) return ENOSPC;
+        if (n > 0) bytes = bytes.subspan(static_cast<size_t>(n));
+    }
+    return 0;
+}
+
 // 0, or the error if it could not be written completely.
-int WriteNew(const std::string& path, const qvf::Bytes& bytes) {
+int WriteNew(const std::string& path, const qvf::Pieces& pieces) {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0400);
     if (fd < 0) return errno;
     int error = 0;
-    for (size_t done = 0; done < bytes.size() && error == 0;) {
-        const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
-        if (n > 0) done += static_cast<size_t>(n);
-        if (n < 0 && errno != EINTR) error = errno;
-        if (n == 0) error = ENOSPC;
-    }
+    for (const auto& piece : pieces)
+        if (error == 0) error = Write(fd, piece);
     if (error == 0 && fsync(fd) != 0) error = errno;
     if (close(fd) != 0 && error == 0) error = errno;
     return error;
@@ -44,7 +51,7 @@ void Remove(const std::string& path) {
 
 }  // namespace
 
-PrivateFolder::PrivateFolder(const std::string& parent, const qvf::Bytes& package)
+PrivateFolder::PrivateFolder(const std::string& parent, const qvf::Pieces& package)
     : m_path(parent + "/" + kPrefix + "XXXXXX") {
     if (mkdtemp(m_path.data()) == nullptr) Fail(parent, errno);
     if (const int error = WriteNew(m_path + "/package.qvf", package)) {
@@ -67,8 +74,7 @@ std::string PrivatePackages::FolderOf(const std::shared_ptr<const PackageContent
     const std::lock_guard lock(m_lock);
     for (const Made& made : m_made)
         if (made.contents == contents) return made.folder->Path();
-    m_made.push_back(
-        {contents, std::make_unique<PrivateFolder>(m_parent, qvf::Serialize(contents->package))});
+    m_made.push_back({contents, std::make_unique<PrivateFolder>(m_parent, contents->Pieces())});
     return m_made.back().folder->Path();
 }
 

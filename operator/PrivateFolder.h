@@ -15,7 +15,7 @@ namespace qvo {
 class PrivateFolder {
   public:
     // Makes it below `parent`, with the bytes of the package under a new name.
-    PrivateFolder(const std::string& parent, const qvf::Bytes& package);
+    PrivateFolder(const std::string& parent, const qvf::Pieces& package);
     ~PrivateFolder();
     PrivateFolder(const PrivateFolder&) = delete;
     PrivateFolder& operator=(const PrivateFolder&) = delete;

@@ -258,7 +258,7 @@ class Run {
 
 void PowerOff() {
     const qvf::ProgramRun run =
-        qvf::RunProgram({"poweroff"}, qvf::MemoryFile({}), "systemd-sysv or another init");
+        qvf::RunProgram({"poweroff"}, qvf::MemoryFile(), "systemd-sysv or another init");
     if (run.status != 0)
         throw qvf::Mistake("all is written, but poweroff failed with status " +
                            std::to_string(run.status) + ": " + run.errors);

@@ -1,4 +1,5 @@
-// SHA-256, computed by a program of the system. Failures are Mistakes. One thread.
+// SHA-256, computed by libcrypto if it is installed, else by a program of the system. Failures are
+// Mistakes. One thread.
 #pragma once
 
 #include <string>
@@ -8,6 +9,7 @@
 namespace qvf {
 
 // 64 hexadecimal digits.
+std::string Sha256(const Pieces& pieces);
 std::string Sha256(const Bytes& bytes);
 
 }  // namespace qvf

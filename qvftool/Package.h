@@ -7,6 +7,7 @@
 
 #include <array>
 #include <cstdint>
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -14,6 +15,9 @@
 namespace qvf {
 
 using Bytes = std::vector<uint8_t>;
+// Bytes of somebody else, one piece behind the other: a package of many megabytes is not put
+// together only to be passed on.
+using Pieces = std::vector<std::span<const uint8_t>>;
 
 // What is wrong and where, as a message for the user.
 struct Mistake : std::runtime_error {

@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <spawn.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -48,18 +49,21 @@ int WaitFor(pid_t pid) {
 
 }  // namespace
 
-MemoryFile::MemoryFile(const Bytes& bytes) : m_fd(NewMemoryFile()) {
+MemoryFile::MemoryFile() : m_fd(NewMemoryFile()) {}
+
+MemoryFile::MemoryFile(const Bytes& bytes) : MemoryFile() { Append(bytes); }
+
+// At the end, without moving the place from which the file is read.
+void MemoryFile::Append(std::span<const uint8_t> bytes) {
+    struct stat status = {};
+    if (fstat(m_fd, &status) != 0) Fail("a file in memory cannot be written", errno);
     for (size_t done = 0; done < bytes.size();) {
-        const ssize_t n = write(m_fd, bytes.data() + done, bytes.size() - done);
+        const ssize_t n = pwrite(m_fd, bytes.data() + done, bytes.size() - done,
+                                 status.st_size + static_cast<off_t>(done));
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            const int error = errno;
-            close(m_fd);
-            Fail("a file in memory cannot be written", error);
-        }
+        if (n <= 0) Fail("a file in memory cannot be written", errno);
         done += static_cast<size_t>(n);
     }
-    lseek(m_fd, 0, SEEK_SET);
 }
 
 MemoryFile::~MemoryFile() { close(m_fd); }
@@ -68,8 +72,8 @@ std::string MemoryFile::Path() const { return "/proc/self/fd/" + std::to_string(
 
 ProgramRun RunProgram(const std::vector<std::string>& arguments, const MemoryFile& input,
                       const std::string& package) {
-    const MemoryFile output({});
-    const MemoryFile errors({});
+    const MemoryFile output;
+    const MemoryFile errors;
     std::vector<char*> argv;
     argv.reserve(arguments.size() + 1);
     for (const std::string& text : arguments) argv.push_back(const_cast<char*>(text.c_str()));

@@ -12,11 +12,14 @@ namespace qvf {
 // A file without a name, in memory, for a program that needs a file.
 class MemoryFile {
   public:
+    MemoryFile();  // empty
     explicit MemoryFile(const Bytes& bytes);
     ~MemoryFile();
     MemoryFile(const MemoryFile&) = delete;
     MemoryFile& operator=(const MemoryFile&) = delete;
 
+    void Append(std::span<const uint8_t> bytes);
+    // It is read from its begin, whatever was appended.
     int Descriptor() const { return m_fd; }
     std::string Path() const;  // for a program that this one starts
 

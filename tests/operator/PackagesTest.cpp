@@ -1,5 +1,6 @@
 // The packages of a folder as qvcap takes them: by the tool's own rule, and never by the folder's
 // order.
+#include "Digest.h"
 #include "Packages.h"
 
 #include <gmock/gmock.h>
@@ -95,8 +96,18 @@ TEST_F(OperatorPackagesTest, ContentsAreTheFileAndItsDigest) {
     const auto contents = set.Contents(set.Packages().at(0));
     EXPECT_EQ(builder.Header(), contents->header);
     EXPECT_EQ(builder.Data(0), contents->package.sections[0].data);
-    EXPECT_EQ(64u, contents->Sha256().size());
+    EXPECT_EQ(qvf::Sha256(builder.File()), contents->Sha256());
     EXPECT_EQ(contents, set.Contents(set.Packages()[0])) << "it is read once";
+}
+
+TEST_F(OperatorPackagesTest, ADigestIsOfAllPiecesOneBehindTheOther) {
+    const qvf::Bytes a = {'a'};
+    const qvf::Bytes bc = {'b', 'c'};
+    const std::string abc = "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad";
+    EXPECT_EQ(abc, qvf::Sha256(qvf::Pieces{a, {}, bc}));
+    EXPECT_EQ(abc, qvf::Sha256(qvf::Bytes{'a', 'b', 'c'}));
+    EXPECT_EQ("e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855",
+              qvf::Sha256(qvf::Bytes{}));
 }
 
 TEST_F(OperatorPackagesTest, AFileThatWasReplacedMeanwhileIsNotBelieved) {

@@ -143,7 +143,9 @@ TEST(PrivateFolderTest, HoldsThePackageAloneAndIsNobodyElses) {
     const Folder folder;
     std::string path;
     {
-        const qvo::PrivateFolder mine(folder.Path(), {1, 2, 3});
+        const qvf::Bytes first = {1, 2};
+        const qvf::Bytes last = {3};
+        const qvo::PrivateFolder mine(folder.Path(), {first, last});
         path = mine.Path();
         struct stat status;
         ASSERT_EQ(0, stat(path.c_str(), &status));
@@ -155,7 +157,7 @@ TEST(PrivateFolderTest, HoldsThePackageAloneAndIsNobodyElses) {
         EXPECT_EQ("\1\2\3", FileText(path + "/package.qvf"));
     }
     EXPECT_FALSE(std::filesystem::exists(path));
-    EXPECT_THROW(qvo::PrivateFolder(folder / "none", {1}), qvf::Mistake);
+    EXPECT_THROW(qvo::PrivateFolder(folder / "none", {}), qvf::Mistake);
 }
 
 TEST(PrivateFolderTest, WhatAKilledRunHasLeftIsRemovedAndNothingElse) {
