@@ -14,7 +14,6 @@ namespace {
 
 constexpr unsigned kEveryPercent = 10;  // steps of the percentage in JSON
 constexpr size_t kBarWidth = 20;
-constexpr size_t kSmallestWidth = 40;
 constexpr unsigned kWhole = 1000;
 
 std::string Text(const Event& event, const char* key) {
@@ -86,7 +85,7 @@ std::string EndText(const Event& event) {
 size_t TerminalWidth() {
     winsize size = {};
     if (ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) != 0 || size.ws_col == 0) return 80;
-    return std::max<size_t>(size.ws_col, kSmallestWidth);
+    return size.ws_col;
 }
 
 std::string TimeLeft(double seconds) {

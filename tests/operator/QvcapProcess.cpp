@@ -103,6 +103,8 @@ std::vector<std::string> QvcapFolder::Environment(const std::string& cards) cons
         "TERM=xterm",
         "LD_PRELOAD=" QV_PRELOAD_FILE,
         "QVSIM_STATE=" + cards,
+        // No test speaks to this machine's own bus.
+        "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + m_root + "/no-bus",
         // A sanitizer's own library stands behind the preloaded one; one channel without a package
         // stays open in the tool on purpose.
         "ASAN_OPTIONS=verify_asan_link_order=0",

@@ -4,6 +4,8 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -26,6 +28,14 @@ void Require(bool good, const char* what) {
     std::abort();
 }
 
+// In a mount namespace of this process alone.
+bool SeesReadOnly(const char* folder) {
+    return unshare(CLONE_NEWNS) == 0 &&
+           mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+           mount(folder, folder, nullptr, MS_BIND, nullptr) == 0 &&
+           mount(folder, folder, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+}
+
 }  // namespace
 
 std::string FileText(const std::string& path) {
@@ -33,6 +43,17 @@ std::string FileText(const std::string& path) {
     std::ostringstream text;
     text << file.rdbuf();
     return text.str();
+}
+
+bool FaultsHaveSeen(qvsim::SimRig& cards, uint32_t requests) {
+    constexpr size_t kCounts = 1216;  // in the page that processes share, 4 bytes for each fault
+    const std::string page = FileText(cards.Dir() + "/cards.live");
+    for (size_t at = kCounts; at + 4 <= page.size(); at += 4) {
+        uint32_t count = 0;
+        std::memcpy(&count, page.data() + at, sizeof count);
+        if (count >= requests) return true;
+    }
+    return false;
 }
 
 void Pause() { usleep(2000); }
@@ -159,6 +180,7 @@ std::unique_ptr<RunningQvcap> QvcapRig::Start(const std::vector<std::string>& ar
         const rlimit limit = {m_fileLimit, m_fileLimit};
         if (m_fileLimit > 0) setrlimit(RLIMIT_FSIZE, &limit);
         if (m_fileLimit > 0) signal(SIGXFSZ, SIG_IGN);
+        if (!m_readOnly.empty() && !SeesReadOnly(m_readOnly.c_str())) _exit(126);
         execve(program.c_str(), argv.data(), envp.data());
         _exit(127);
     }

@@ -84,16 +84,22 @@ class QvcapRig {
     void Environment(const std::string& setting) { m_environment.push_back(setting); }
     // The bytes that a file of this run may have at most: a disk that is full.
     void LimitFiles(unsigned long bytes) { m_fileLimit = bytes; }
+    // No program that is started from here on can write to this folder; its owner can. Needs root.
+    void MountReadOnly(const std::string& folder) { m_readOnly = folder; }
     size_t Changes();  // how many erases and writes the cards have seen
 
   private:
     std::string m_root;
     std::vector<std::string> m_environment;
     unsigned long m_fileLimit = 0;
+    std::string m_readOnly;
     int m_runs = 0;
 };
 
 std::string FileText(const std::string& path);
+// Whether a fault has looked at so many requests: it meets one that is served late when that
+// begins.
+bool FaultsHaveSeen(qvsim::SimRig& cards, uint32_t requests);
 // Waits, without an end of its own, until the condition holds.
 template <class Condition>
 void WaitUntil(Condition holds);

@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <cerrno>
-#include <cstring>
-
 #include "MachineLock.h"
 #include "QvcapRig.h"
 
@@ -41,19 +38,6 @@ struct Moment {
 constexpr Moment kMoments[] = {{"Erasing", "EraseFirmwareData", 2},
                                {"Writing", "WriteFirmwareData", 2},
                                {"Reconfiguring", "SetPostReconfig", 1}};
-
-// Whether a fault has looked at so many requests: it meets one that is served late when that
-// begins.
-bool FaultsHaveSeen(qvsim::SimRig& cards, uint32_t requests) {
-    constexpr size_t kCounts = 1216;  // in the page that processes share, 4 bytes for each fault
-    const std::string page = FileText(cards.Dir() + "/cards.live");
-    for (size_t at = kCounts; at + 4 <= page.size(); at += 4) {
-        uint32_t count = 0;
-        std::memcpy(&count, page.data() + at, sizeof count);
-        if (count >= requests) return true;
-    }
-    return false;
-}
 
 void AwaitMoment(QvcapRig& rig, RunningQvcap& run, const Moment& moment) {
     EXPECT_TRUE(run.WaitFor("\"card-begin\""));
