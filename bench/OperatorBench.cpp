@@ -1,5 +1,5 @@
-// What qvcap costs beside the bare reads of flash, and beside listing by the tool. Prints rows of a
-// table; exit status 1 when a target is missed.
+// Compares the cost of qvcap with that of bare reads of flash, and with a listing by the tool.
+// Prints rows of a table; exit status 1 when a target is missed.
 #include "Report.h"
 #include "Trials.h"
 

@@ -1,5 +1,6 @@
-// What the tool costs beside the bare conversation with the driver: processor time, memory, waiting
-// time, and listing a large rack. Prints rows of a table; exit status 1 when a target is missed.
+// Compares the cost of the tool with that of its bare driver requests: processor time, memory,
+// waiting time, and listing a large rack. Prints rows of a table; exit status 1 when a target is
+// missed.
 #include "Report.h"
 #include "Trials.h"
 

@@ -1,5 +1,5 @@
-// What `qvcap upgrade` costs beside its children, and what several boards at once gain. Prints rows
-// of a table; exit status 1 when a target is missed.
+// What `qvcap upgrade` costs in addition to its children, and what upgrading several boards at once
+// gains. Prints rows of a table; exit status 1 when a target is missed.
 #include "Report.h"
 #include "Trials.h"
 
