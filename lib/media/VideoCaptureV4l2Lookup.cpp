@@ -16,7 +16,7 @@ constexpr int kFailed = -1;
 constexpr int kNodesBeyondChannels = 31;  // nodes tried beyond one per channel
 constexpr int kMaxNodes = 256;            // minor numbers that the kernel has for video
 constexpr int kPathSize = 64;
-constexpr int kTextSize = 256;  // the target of a link, a line
+constexpr int kTextSize = 256;   // the target of a link, a line
 constexpr size_t kBusDigit = 2;  // "00N/ddd": where a sound card's bus line has the bus number
 
 bool CanOpen(const char* path) {
