@@ -82,7 +82,7 @@ struct Expected {
     size_t different = 0;  // chunks that were not as they should be
 
     void Load(const char* path, const char* from, const char* at) {
-        bytes.resize(std::filesystem::file_size(path));
+        bytes.resize(static_cast<size_t>(std::filesystem::file_size(path)));
         std::ifstream file(path, std::ios::binary);
         file.read(reinterpret_cast<char*>(bytes.data()),
                   static_cast<std::streamsize>(bytes.size()));

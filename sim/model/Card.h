@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "../base/Files.h"  // another room has a Files.h, too
 #include "Capture.h"
 #include "CardsState.h"
 #include "DeviceClock.h"
-#include "Files.h"
 #include "NorFlash.h"
 #include "Settings.h"
 
