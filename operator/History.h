@@ -14,10 +14,9 @@ namespace qvo {
 
 inline constexpr char kLogFolder[] = "/var/log/qvcap";
 inline constexpr size_t kMostMonths = 36;  // older files are removed
-inline constexpr uint64_t kMostOfMonth =
-    8 * 1024 * 1024;  // bytes; the older half of a larger file is removed
-inline constexpr size_t kMostOfLine =
-    16 * 1024;  // bytes; a longer line is neither written nor read
+// Bytes: the older half of a larger file is removed; a longer line is neither written nor read.
+inline constexpr uint64_t kMostOfMonth = uint64_t{8} << 20;
+inline constexpr size_t kMostOfLine = size_t{16} << 10;
 
 // One flash in one run. Texts are unchanged and may hold any bytes.
 struct HistoryEntry {

@@ -8,7 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "Files.h"
+#include "PlainFiles.h"
 
 namespace qvsim {
 namespace {

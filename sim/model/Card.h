@@ -8,11 +8,11 @@
 #include <string>
 #include <vector>
 
-#include "../base/Files.h"  // another room has a Files.h, too
 #include "Capture.h"
 #include "CardsState.h"
 #include "DeviceClock.h"
 #include "NorFlash.h"
+#include "PlainFiles.h"
 #include "Settings.h"
 
 namespace qvsim {

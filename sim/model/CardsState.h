@@ -9,8 +9,8 @@
 #include <string>
 #include <vector>
 
-#include "../base/Files.h"  // another room has a Files.h, too
 #include "Fault.h"
+#include "PlainFiles.h"
 #include "QVCaptureTypes.h"
 
 namespace qvsim {

@@ -10,7 +10,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "Files.h"
+#include "PlainFiles.h"
 
 namespace qvsim {
 

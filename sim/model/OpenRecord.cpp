@@ -12,9 +12,9 @@
 #include <vector>
 
 #include "CardsState.h"
-#include "Files.h"
 #include "Folder.h"
 #include "Journal.h"
+#include "PlainFiles.h"
 
 namespace qvsim {
 namespace {

@@ -10,9 +10,9 @@
 #include <cerrno>
 #include <cstdarg>
 
-#include "Files.h"
 #include "Interposed.h"
 #include "Next.h"
+#include "PlainFiles.h"
 
 namespace {
 

@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "Files.h"
+#include "PlainFiles.h"
 
 namespace qvsim::door {
 namespace {

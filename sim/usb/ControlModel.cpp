@@ -5,8 +5,8 @@
 #include <cstring>
 #include <utility>
 
-#include "Files.h"
 #include "FirmwareImage.h"
+#include "PlainFiles.h"
 
 namespace qvsim::usb {
 namespace {

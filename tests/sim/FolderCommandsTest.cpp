@@ -5,8 +5,8 @@
 #include <fstream>
 #include <sstream>
 
-#include "Files.h"
 #include "FirmwareImage.h"
+#include "PlainFiles.h"
 #include "gmock/gmock.h"
 #include "sim/Shell.h"
 

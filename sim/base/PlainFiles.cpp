@@ -1,4 +1,4 @@
-#include "Files.h"
+#include "PlainFiles.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
