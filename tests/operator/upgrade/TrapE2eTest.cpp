@@ -142,9 +142,9 @@ const Wrong kWrong[] = {
     {"Overlap", Package().Firmware(1, 1).Section("A", 0x4000, 500).Section("B", 0x4100, 500),
      "overlap"},
     {"BeyondTheFlash", Package().Firmware(1, 1).Section("Factory.Main", kFlashSize - 100, 500),
-     "behind"},
+     "beyond"},
     {"BeyondAllAddresses", Package().Firmware(1, 1).Section("Factory.Main", 0xFFFFFF00u, 500),
-     "behind"},
+     "beyond"},
 };
 
 class RefusedE2eTest : public TrapE2eTest, public testing::WithParamInterface<Wrong> {};
