@@ -185,7 +185,8 @@ TEST_F(CommandsTest, MessagesBeginWithTheProgramsName) {
 }
 
 TEST_F(CommandsTest, ServingWhereTheKernelCannotSaysWhatIsMissing) {
-    // What it says depends on the machine's kernel; most have no such node.
+    // What it says depends on the machine's kernel; most have no such node, and run this. CuseTest
+    // plays a kernel that cannot, everywhere.
     if (access("/dev/cuse", F_OK) == 0)
         GTEST_SKIP() << "this kernel can serve nodes: CuseTest plays one that cannot";
     // Nodes that no machine has, so that none of them is taken.
@@ -200,7 +201,8 @@ TEST_F(CommandsTest, ServingWhereTheKernelCannotSaysWhatIsMissing) {
 }
 
 TEST_F(CommandsTest, PluggingInWhereTheKernelCannotSaysWhatIsMissing) {
-    // What it says depends on the machine's kernel; most have no such controller.
+    // What it says depends on the machine's kernel; most have no such controller, and run this.
+    // UsbServerTest plays a kernel that cannot, everywhere.
     if (access("/sys/devices/platform/vhci_hcd.0", F_OK) == 0)
         GTEST_SKIP() << "this kernel can: UsbServerTest plays one that cannot";
     Outcome outcome = Shell("qvcap-sim usb");

@@ -40,7 +40,9 @@ class UnrelatedProgramsTest : public CommandsTest {
     }
 };
 
-// Leaves the test with the reason that WhyNot gives.
+// Leaves the test with the reason that WhyNot gives: a sanitizer that watches the same things as
+// the program, or a program that is not installed. `scripts/test` installs all of them, so the
+// native configuration runs every one of these tests.
 #define QVSIM_NEEDS(program) \
     if (const std::string why = WhyNot(program); !why.empty()) GTEST_SKIP() << why
 

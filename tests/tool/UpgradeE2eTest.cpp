@@ -361,6 +361,7 @@ TEST_F(UpgradeE2eTest, RootPowersOffDirectly) {
 
 // The first command of the power-off looks at what the driver has seen by then.
 TEST_F(UpgradeE2eTest, TheEventNodeIsClosedWhenTheMachineIsToldToPowerOff) {
+    // Runs behind the preload door in every configuration, which writes down a close at once.
     if (qvsim::ThroughServedNodes()) GTEST_SKIP() << "the server writes down a close when it comes";
     rig.Add(Pelix());
     Package().Write(folder / "p.qvf");
@@ -410,6 +411,7 @@ TEST_F(UpgradeE2eTest, AnInterruptAtThePowerOffQuestionEndsTheTool) {
 // Packages are loaded whole, one after another, and given back; sizes that a heap would keep apart.
 TEST_F(UpgradeE2eTest, TheLargestPackageBoundsTheMemory) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // Runs in the configurations without sanitizers, i386 and native.
     GTEST_SKIP() << "a sanitizer's own memory is many times the tool's";
 #endif
     constexpr uint32_t kMiB = 1 << 20;
@@ -435,6 +437,7 @@ TEST_F(UpgradeE2eTest, TheLargestPackageBoundsTheMemory) {
 // The same with a question while each of them is in memory, the largest last.
 TEST_F(UpgradeE2eTest, TheLargestPackageBoundsTheMemoryOfAnUpgradeWithQuestions) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    // Runs in the configurations without sanitizers, i386 and native.
     GTEST_SKIP() << "a sanitizer's own memory is many times the tool's";
 #endif
     constexpr uint32_t kMiB = 1 << 20;

@@ -30,8 +30,12 @@ class InhibitorE2eTest : public testing::Test {
     QvcapRig rig;
 };
 
-#define NEEDS_LIBSYSTEMD() \
-    if (!StandInLogind::IsPossible()) GTEST_SKIP() << "there is no libsystemd for this word size"
+// Every 64-bit configuration runs these tests: Debian's package manager needs libsystemd, so that
+// it is there, and one that is not found is a failure. Nothing installs the 32-bit one.
+#define NEEDS_LIBSYSTEMD()                                          \
+    if (sizeof(void*) == 4 && !StandInLogind::IsPossible())         \
+        GTEST_SKIP() << "there is no libsystemd of this word size"; \
+    ASSERT_TRUE(StandInLogind::IsPossible())
 
 TEST_F(InhibitorE2eTest, AShutdownIsHeldUpWhileCardsAreFlashedAndNotBeforeOrAfter) {
     NEEDS_LIBSYSTEMD();

@@ -124,6 +124,8 @@ class ReadOnlyE2eTest : public PhasesE2eTest {
 };
 
 TEST_F(ReadOnlyE2eTest, ALogABackupOrALockThatCannotBeWrittenIsNamedAndNothingIsFlashed) {
+    // CI runs as root, in every configuration. Without root nothing can be mounted, and root's own
+    // rights write to any folder that is only marked read-only.
     if (geteuid() != 0) GTEST_SKIP() << "mounting needs root";
     const auto rig = Cards();
     const std::string folder = ReadOnlyFolder(*rig);
@@ -145,6 +147,7 @@ TEST_F(ReadOnlyE2eTest, ALogABackupOrALockThatCannotBeWrittenIsNamedAndNothingIs
 }
 
 TEST_F(ReadOnlyE2eTest, WhatIsOnlyReadMayBeThere) {
+    // CI runs as root, in every configuration.
     if (geteuid() != 0) GTEST_SKIP() << "mounting needs root";
     const auto rig = Cards();
     rig->MountReadOnly(rig->Packages());
