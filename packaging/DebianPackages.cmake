@@ -8,7 +8,7 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT ${maintainer})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime dev tool operator companions)
+set(CPACK_COMPONENTS_ALL runtime dev tool operator companions fleet)
 if(QV_API_REFERENCE)
   list(APPEND CPACK_COMPONENTS_ALL doc)
 endif()
@@ -71,6 +71,13 @@ and runs programs on them. qvftool makes, shows, checks, signs and takes
 apart firmware packages.")
 set(CPACK_DEBIAN_COMPANIONS_PACKAGE_SUGGESTS qvcap-upgrade)
 set(CPACK_DEBIAN_COMPANIONS_PACKAGE_RECOMMENDS openssh-client)  # ssh-keygen signs packages
+debian_package(fleet qvcapture-fleet admin "python3 (>= 3.11), python3-jinja2"
+  "firmware of capture cards on many hosts"
+  "A collection for Ansible that upgrades the capture cards of many hosts, the canary
+first, puts backups back, and makes one page that shows all hosts. Each host
+has the package qvcap.")
+set(CPACK_DEBIAN_FLEET_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_FLEET_PACKAGE_RECOMMENDS ansible-core)
 if(QV_API_REFERENCE)
   debian_package(doc libqvcapture-doc doc ""
     "capture-device library - API reference"
