@@ -73,9 +73,9 @@ set(CPACK_DEBIAN_COMPANIONS_PACKAGE_SUGGESTS qvcap-upgrade)
 set(CPACK_DEBIAN_COMPANIONS_PACKAGE_RECOMMENDS openssh-client)  # ssh-keygen signs packages
 debian_package(fleet qvcapture-fleet admin "python3 (>= 3.11), python3-jinja2"
   "firmware of capture cards on many hosts"
-  "A collection for Ansible that upgrades the capture cards of many hosts, the canary
-first, puts backups back, and makes one page that shows all hosts. Each host
-has the package qvcap.")
+  "A collection for Ansible that upgrades the capture cards of many hosts, the
+canary first, puts backups back, and makes one page that shows all hosts. Each
+host has the package qvcap.")
 set(CPACK_DEBIAN_FLEET_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_FLEET_PACKAGE_RECOMMENDS ansible-core)
 if(QV_API_REFERENCE)

@@ -21,7 +21,7 @@ nocows = true
 local_tmp = {work}/ansible
 [ssh_connection]
 pipelining = true
-ssh_args = -o ControlMaster=auto -o ControlPersist=60s -o ServerAliveInterval=5 -o ConnectTimeout=5 \
+ssh_args = -o ControlMaster=auto -o ControlPersist=30m -o ServerAliveInterval=5 -o ConnectTimeout=5 \
 -o UserKnownHostsFile={work}/known_hosts
 control_path_dir = {control}
 """

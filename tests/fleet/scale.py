@@ -48,7 +48,7 @@ def measured(controller, playbook, variables):
     watcher.join()
     after = resource.getrusage(resource.RUSAGE_CHILDREN)
     assert done.status == 0, done.output
-    return {"seconds": time.monotonic() - begun, "memory": most[0],
+    return {"seconds": time.monotonic() - begun, "memory": most[0], "again": done.output.count("FAILED - RETRYING"),
             "processor": after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime}
 
 
@@ -56,7 +56,8 @@ def measure(counts, work, lower, controller, first_port):
     hosts = []
     figures = {}
     print(f"{os.cpu_count()} processors, {controller.forks} forks")
-    print(f"{'playbook':10} {'hosts':>6} {'wall s':>8} {'cpu s':>8} {'cpu s/host':>11} {'memory MiB':>11}")
+    print(f"{'playbook':10} {'hosts':>6} {'wall s':>8} {'cpu s':>8} {'cpu s/host':>11} {'memory MiB':>11} "
+          f"{'asked again':>12}")
     for count in sorted(counts):
         while len(hosts) < count:
             host = Host(work, lower, len(hosts) + 1, first_port + len(hosts) + 1)
@@ -69,7 +70,7 @@ def measure(counts, work, lower, controller, first_port):
             given = {**variables, "qvcap_packages": controller.firmware} if playbook == "upgrade" else variables
             seen = figures[playbook, count] = measured(controller, playbook, given)
             print(f"{playbook:10} {count:6} {seen['seconds']:8.1f} {seen['processor']:8.1f} "
-                  f"{seen['processor'] / count:11.2f} {seen['memory'] / 2**20:11.0f}", flush=True)
+                  f"{seen['processor'] / count:11.2f} {seen['memory'] / 2**20:11.0f} {seen['again']:12}", flush=True)
         for host in hosts:
             run("rm", "-rf", host.root / "var/lib/qvcap-fleet")
             host.make_cards()

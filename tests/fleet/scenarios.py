@@ -148,6 +148,39 @@ def a_failing_canary(hosts, controller):
     assert canary.name in page(controller) and "PX0010" in page(controller)
 
 
+def a_fleet_that_goes_on(hosts, controller):
+    """The same canary, when one failed host is not to stop the rest: they are done, and it fails at the end."""
+    canary, rest = hosts[0], hosts[1:]
+    canary.sim("fault", "add", "/var/lib/cards", "request=EraseFirmwareData", "kind=refuse", "count=-1", "board=0",
+               "channel=1")
+    done = controller.upgrade(qvcap_go_on="true")
+    equal(2, done.status, "status")
+    equal({**all_of(hosts, 0), canary.name: 1}, done.count("failed"), "failed")
+    equal(all_of(hosts, 1), done.count("changed"), "changed")
+    written_as_planned(controller, rest)
+    equal(OLD, canary.running(), "a host with a failed card is not turned off; it runs")
+    for host in rest:
+        equal(NEW, host.running(), f"{host.name} runs")
+
+
+def an_unprivileged_login(hosts, controller):
+    """Ansible logs in as a user and becomes root on the host: the same upgrade, and the same backups."""
+    for host in hosts:
+        host.add_user("operator")
+    become = {"ansible_user": "operator", "ansible_become": "true", "ansible_become_method": "su"}
+    done = controller.upgrade(**become)
+    equal(0, done.status, "status")
+    equal(all_of(hosts, 1), done.count("changed"), "changed")
+    written_as_planned(controller, hosts)
+    for host in hosts:
+        equal(NEW, host.running(), f"{host.name} runs")
+        host.forget_journal()
+    back = {key: value for key, value in controller.upgrade_variables().items() if key != "qvcap_packages"}
+    equal(all_of(hosts, 1), controller.play("rollback", **back, **become).count("changed"), "changed by the rollback")
+    for host in hosts:
+        equal(OLD, host.running(), f"{host.name} runs after the rollback")
+
+
 def page(controller):
     return (controller.report / "fleet.html").read_text(encoding="utf-8")
 
@@ -382,6 +415,6 @@ def valid_report(controller, value):
 
 
 SHORT = [a_healthy_fleet, a_failing_canary, a_killed_controller]
-ALL = [a_healthy_fleet, a_failing_canary, a_lost_connection, a_host_that_stays_away, a_full_host,
-       a_host_that_captures, a_staged_host, nobody_turns_hosts_off, hosts_that_turn_themselves_off,
+ALL = [a_healthy_fleet, a_failing_canary, a_fleet_that_goes_on, an_unprivileged_login, a_lost_connection,
+       a_host_that_stays_away, a_full_host, a_host_that_captures, a_staged_host, nobody_turns_hosts_off, hosts_that_turn_themselves_off,
        a_killed_controller, a_package_that_fits_nothing, two_controllers, a_rollback, the_page]

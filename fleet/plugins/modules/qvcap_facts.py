@@ -66,7 +66,7 @@ author:
 EXAMPLES = r"""
 - name: Ask every card
   qvcapture.fleet.qvcap_facts:
-    save: "{{ playbook_dir }}/report"
+    save: /srv/report/hosts
 
 - name: Say which hosts wait for the power to go
   ansible.builtin.debug:
