@@ -164,10 +164,11 @@ def a_fleet_that_goes_on(hosts, controller):
 
 
 def an_unprivileged_login(hosts, controller):
-    """Ansible logs in as a user and becomes root on the host: the same upgrade, and the same backups."""
+    """Ansible logs in as a user and becomes root on the host: the same upgrade, and nothing twice."""
     for host in hosts:
-        host.add_user("operator")
-    become = {"ansible_user": "operator", "ansible_become": "true", "ansible_become_method": "su"}
+        host.add_user("keeper")
+    become = {"ansible_user": "keeper", "ansible_become": "true", "ansible_become_method": "su",
+              "qvcap_program": "/usr/local/sbin/qvcap"}  # a user's path has no such folder
     done = controller.upgrade(**become)
     equal(0, done.status, "status")
     equal(all_of(hosts, 1), done.count("changed"), "changed")
@@ -175,10 +176,9 @@ def an_unprivileged_login(hosts, controller):
     for host in hosts:
         equal(NEW, host.running(), f"{host.name} runs")
         host.forget_journal()
-    back = {key: value for key, value in controller.upgrade_variables().items() if key != "qvcap_packages"}
-    equal(all_of(hosts, 1), controller.play("rollback", **back, **become).count("changed"), "changed by the rollback")
-    for host in hosts:
-        equal(OLD, host.running(), f"{host.name} runs after the rollback")
+    again = controller.upgrade(**become)
+    equal(all_of(hosts, 0), again.count("changed"), "changed by the second run")
+    nothing_written(hosts)
 
 
 def page(controller):
