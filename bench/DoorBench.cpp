@@ -41,10 +41,10 @@ int main() {
         std::fprintf(stderr, "door_bench: run it by `qvcap-sim run DIR --`\n");
         return 2;
     }
-    std::string error;
-    const std::shared_ptr<qvsim::Model> model = qvsim::Model::Load(dir, error);
+    std::shared_ptr<qvsim::Model> model;
     int refused = 0;
-    const auto file = model ? model->Open("/dev/video0", refused) : nullptr;
+    const auto file =
+        qvsim::Model::Load(dir, model).empty() ? model->Open("/dev/video0", refused) : nullptr;
     if (!file) return 2;
 
     uint32_t value = 0;

@@ -106,19 +106,17 @@ int InitCommand(const std::string& dir, const std::string& scenario, bool packag
 }
 
 int PowerCycleCommand(const std::string& dir) {
-    std::string error;
-    const std::shared_ptr<Model> model = Model::Load(dir, error);
-    if (!model) return Fail(error);
+    std::shared_ptr<Model> model;
+    if (std::string error = Model::Load(dir, model); !error.empty()) return Fail(error);
     model->PowerCycle();
     return 0;
 }
 
 int ResetCommand(const std::string& dir) {
-    std::string error;
-    const std::unique_ptr<Folder> folder = Folder::Open(dir, error);
-    if (!folder) return Fail(error);
+    std::unique_ptr<Folder> folder;
+    if (std::string error = Folder::Open(dir, folder); !error.empty()) return Fail(error);
     const Folder::Lock lock(folder.get());
-    error = Reset(*folder);
+    const std::string error = Reset(*folder);
     return error.empty() ? 0 : Fail("reset: " + error);
 }
 

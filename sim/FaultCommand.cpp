@@ -16,7 +16,7 @@ namespace {
 class OpenState {
   public:
     explicit OpenState(const std::string& dir)
-        : m_folder(Folder::Open(dir, m_error)), m_lock(m_folder.get()) {
+        : m_error(Folder::Open(dir, m_folder)), m_lock(m_folder.get()) {
         if (m_folder) m_error = LoadState(dir, m_state);
     }
     const std::string& Error() const { return m_error; }
@@ -27,8 +27,8 @@ class OpenState {
     }
 
   private:
-    std::string m_error;
     std::unique_ptr<Folder> m_folder;
+    std::string m_error;
     Folder::Lock m_lock;
     CardsState m_state;
 };

@@ -84,9 +84,9 @@ int FlashReadCommand(const std::string& dir, const std::string& place, const std
 }
 
 int FlashWriteCommand(const std::string& dir, const std::string& place, const std::string& file) {
-    std::string error;
-    const std::unique_ptr<Folder> folder = Folder::Open(dir, error);
-    if (!folder) return Fail(error);
+    std::unique_ptr<Folder> folder;
+    std::string error = Folder::Open(dir, folder);
+    if (!error.empty()) return Fail(error);
     const Folder::Lock lock(folder.get());
     CardsState state;
     if (error = LoadState(dir, state); !error.empty()) return Fail(error);

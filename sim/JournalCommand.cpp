@@ -49,9 +49,10 @@ std::string Text(const JournalLine& line) {
 
 // Prints the lines after `last`, and updates it. Returns an error message, empty on success.
 std::string PrintNews(const std::string& dir, bool json, uint64_t& last) {
-    std::string error;
+    std::vector<JournalLine> lines;
+    std::string error = ReadJournal(dir, lines);
     uint64_t newest = last;
-    for (const JournalLine& line : ReadJournal(dir, &error)) {
+    for (const JournalLine& line : lines) {
         if (line.sequence <= last) continue;
         newest = std::max(newest, line.sequence);
         std::printf("%s\n", (json ? Json(line) : Text(line)).c_str());
@@ -65,10 +66,10 @@ std::string PrintNews(const std::string& dir, bool json, uint64_t& last) {
 
 int JournalCommand(const std::string& dir, bool json, bool follow, bool clear) {
     CardsState state;
-    if (std::string error = LoadState(dir, state); !error.empty()) return Fail(error);
-    std::string error;
-    const std::unique_ptr<Folder> folder = Folder::Open(dir, error);
-    if (!folder) return Fail(error);
+    std::string error = LoadState(dir, state);
+    if (!error.empty()) return Fail(error);
+    std::unique_ptr<Folder> folder;
+    if (error = Folder::Open(dir, folder); !error.empty()) return Fail(error);
     if (clear) {
         error = ClearJournal(*folder);
         return error.empty() ? 0 : Fail(error);

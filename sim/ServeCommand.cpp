@@ -10,9 +10,9 @@ namespace qvsim {
 
 int ServeCommand(const std::string& dir) {
     const int stop = SignalsThatEnd();
-    std::string error;
-    const std::shared_ptr<Model> model = Model::Load(dir, error);
-    if (!model) return Fail(error);
+    std::shared_ptr<Model> model;
+    std::string error = Model::Load(dir, model);
+    if (!error.empty()) return Fail(error);
     CuseServer server(model, KernelWays());
     error = server.Start(stop);
     if (error.empty() && !server.Stopped()) {

@@ -53,8 +53,10 @@ int UsbCommand(const std::string& scenario, const std::string& played, const std
         specs.push_back(Spec(device));
         if (device.control) {
             const auto number = static_cast<int>(specs.size()) - 1;
-            specs.back().device.control = usb::ControlModel::Make(device, number, state, error);
+            std::unique_ptr<usb::ControlModel> control;
+            error = usb::ControlModel::Make(device, number, state, control);
             if (!error.empty()) return Fail("usb: " + error, kCannotServe);
+            specs.back().device.control = std::move(control);
         } else if (specs.back().device.streams.empty() && specs.back().device.sizes.empty()) {
             return Fail("usb: " + device.serial + " has neither sound, camera nor control: '" +
                             device.product +

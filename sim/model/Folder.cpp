@@ -28,35 +28,26 @@ std::string Folder::Make(const std::string& dir) {
     return PagePath(dir) + ": cannot be written: " + std::strerror(errno);
 }
 
-std::unique_ptr<Folder> Folder::Open(const std::string& dir, std::string& error) {
+std::string Folder::Open(const std::string& dir, std::unique_ptr<Folder>& out) {
     std::unique_ptr<Folder> folder(new Folder);
     const std::string path = PagePath(dir);
     folder->m_dir = dir;
     folder->m_owner = getpid();
     folder->m_fd = OpenOutOfTheWay(path, O_RDWR);
     struct stat status {};
-    if (folder->m_fd < 0 || fstat(folder->m_fd, &status) != 0) {
-        error = path + ": " + std::strerror(errno) + "; make the folder with `qvcap-sim init`";
-        return nullptr;
-    }
-    if (status.st_size != sizeof(LivePage)) {
-        error = path + ": has " + std::to_string(status.st_size) + " bytes and not " +
-                std::to_string(sizeof(LivePage)) +
-                "; create the folder again with `qvcap-sim init`";
-        return nullptr;
-    }
+    if (folder->m_fd < 0 || fstat(folder->m_fd, &status) != 0)
+        return path + ": " + std::strerror(errno) + "; make the folder with `qvcap-sim init`";
+    if (status.st_size != sizeof(LivePage))
+        return path + ": has " + std::to_string(status.st_size) + " bytes and not " +
+               std::to_string(sizeof(LivePage)) + "; create the folder again with `qvcap-sim init`";
     void* const page =
         mmap(nullptr, sizeof(LivePage), PROT_READ | PROT_WRITE, MAP_SHARED, folder->m_fd, 0);
-    if (page == MAP_FAILED) {
-        error = path + ": " + std::strerror(errno);
-        return nullptr;
-    }
+    if (page == MAP_FAILED) return path + ": " + std::strerror(errno);
     folder->m_page = static_cast<LivePage*>(page);
-    if (std::memcmp(folder->m_page->magic, kPageMagic, sizeof kPageMagic) != 0) {
-        error = path + ": is not of this version; create the folder again with `qvcap-sim init`";
-        return nullptr;
-    }
-    return folder;
+    if (std::memcmp(folder->m_page->magic, kPageMagic, sizeof kPageMagic) != 0)
+        return path + ": is not of this version; create the folder again with `qvcap-sim init`";
+    out = std::move(folder);
+    return {};
 }
 
 Folder::~Folder() {

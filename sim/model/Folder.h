@@ -54,8 +54,8 @@ class Folder {
   public:
     // The page of new cards. Returns an error message, empty on success.
     static std::string Make(const std::string& dir);
-    // Null and an error message when the directory holds no cards.
-    static std::unique_ptr<Folder> Open(const std::string& dir, std::string& error);
+    // The folder of existing cards. Returns an error message, empty on success.
+    static std::string Open(const std::string& dir, std::unique_ptr<Folder>& out);
     Folder(const Folder&) = delete;
     Folder& operator=(const Folder&) = delete;
     ~Folder();

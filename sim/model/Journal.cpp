@@ -120,12 +120,13 @@ std::string LinesOf(const std::string& path, bool& wrong) {
     return text;
 }
 
-void Parse(const std::string& path, std::vector<JournalLine>& lines, std::string& error) {
+std::string Parse(const std::string& path, std::vector<JournalLine>& lines) {
     bool wrong = false;
     const std::string text = LinesOf(path, wrong);
-    if (wrong && error.empty()) error = path + ":1: is no journal of this version";
+    if (wrong) return path + ":1: is no journal of this version";
+    std::string error;
     int number = 2;
-    for (size_t at = 0; at < text.size() && !wrong; ++number) {
+    for (size_t at = 0; at < text.size(); ++number) {
         const size_t end = text.find('\n', at);
         JournalLine line;
         if (ParseJournalLine(text.substr(at, end - at), line))
@@ -135,16 +136,16 @@ void Parse(const std::string& path, std::vector<JournalLine>& lines, std::string
                     ": not a line of a journal: " + text.substr(at, std::min<size_t>(end - at, 60));
         at = end + 1;
     }
+    return error;
 }
 
 }  // namespace
 
-std::vector<JournalLine> ReadJournal(const std::string& dir, std::string* error) {
-    std::vector<JournalLine> lines;
-    std::string first;
-    for (const std::string& path : {OldPath(dir), JournalPath(dir)}) Parse(path, lines, first);
-    if (error) *error = first;
-    return lines;
+std::string ReadJournal(const std::string& dir, std::vector<JournalLine>& lines) {
+    lines.clear();
+    const std::string old = Parse(OldPath(dir), lines);
+    const std::string current = Parse(JournalPath(dir), lines);
+    return old.empty() ? current : old;
 }
 
 std::string JournalText(const std::string& dir) {

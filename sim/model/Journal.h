@@ -31,8 +31,9 @@ struct JournalLine {
 
 // False when the text is not a journal line.
 bool ParseJournalLine(const std::string& text, JournalLine& line);
-// The lines of a folder, the older file's first; `error` names the first invalid line, if any.
-std::vector<JournalLine> ReadJournal(const std::string& dir, std::string* error = nullptr);
+// All valid lines of a folder, the older file's first. Returns an error message that names the
+// first invalid line, empty when there is none.
+std::string ReadJournal(const std::string& dir, std::vector<JournalLine>& lines);
 // The same as a text, without a line that is being written.
 std::string JournalText(const std::string& dir);
 std::string JournalPath(const std::string& dir);

@@ -43,8 +43,7 @@ uint64_t BootOfMachine() {
 std::string LiveCards::Load(const std::string& dir) {
     std::string error = LoadState(dir, m_state);
     if (!error.empty()) return error;
-    m_folder = Folder::Open(dir, error);
-    if (!m_folder) return error;
+    if (error = Folder::Open(dir, m_folder); !error.empty()) return error;
     const Folder::Lock lock(m_folder.get());
     // Now that nobody else changes anything.
     m_generation = LoadShared(m_folder->Page().generation);

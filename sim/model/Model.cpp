@@ -15,16 +15,18 @@ constexpr char kVideoName[] = "video";
 
 }  // namespace
 
-std::shared_ptr<Model> Model::Load(const std::string& dir, std::string& error) {
+std::string Model::Load(const std::string& dir, std::shared_ptr<Model>& out) {
     std::shared_ptr<Model> model(new Model);
-    error = model->m_cards.Load(dir);
-    return error.empty() ? model : nullptr;
+    if (std::string error = model->m_cards.Load(dir); !error.empty()) return error;
+    out = std::move(model);
+    return {};
 }
 
-std::shared_ptr<Model> Model::InMemory(CardsState state, std::string& error) {
+std::string Model::InMemory(CardsState state, std::shared_ptr<Model>& out) {
     std::shared_ptr<Model> model(new Model);
-    error = model->m_cards.LayOut(std::move(state));
-    return error.empty() ? model : nullptr;
+    if (std::string error = model->m_cards.LayOut(std::move(state)); !error.empty()) return error;
+    out = std::move(model);
+    return {};
 }
 
 bool Model::Answers(const char* path) {

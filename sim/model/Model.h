@@ -40,10 +40,10 @@ class Model {
         LiveCards::Lock m_lock;
     };
 
-    // Null and an error message when the directory holds no usable state.
-    static std::shared_ptr<Model> Load(const std::string& dir, std::string& error);
+    // Both return an error message, empty on success. The cards of a directory.
+    static std::string Load(const std::string& dir, std::shared_ptr<Model>& out);
     // Cards with blank flash that live in this process alone: no directory, no journal.
-    static std::shared_ptr<Model> InMemory(CardsState state, std::string& error);
+    static std::string InMemory(CardsState state, std::shared_ptr<Model>& out);
     Model(const Model&) = delete;
     Model& operator=(const Model&) = delete;
     ~Model() { ShutDown(); }

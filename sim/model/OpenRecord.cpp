@@ -121,12 +121,12 @@ void CloseForTheDead(Folder& folder, Journal& journal) {
 }
 
 void CloseForTheDead(const std::string& dir) {
-    std::string error;
     CardsState state;
     if (NamesIn(OpenFolder(dir)).empty() || !LoadState(dir, state).empty()) return;
-    const std::unique_ptr<Folder> folder = Folder::Open(dir, error);
+    std::unique_ptr<Folder> folder;
     Journal journal;
-    if (folder && journal.Open(*folder, state.journalLimit).empty() && journal.HasRoom())
+    if (Folder::Open(dir, folder).empty() && journal.Open(*folder, state.journalLimit).empty() &&
+        journal.HasRoom())
         CloseForTheDead(*folder, journal);
 }
 

@@ -338,9 +338,8 @@ std::string SaveState(Folder& folder, CardsState& state) {
 }
 
 std::string SaveState(const std::string& dir, const CardsState& state) {
-    std::string error;
-    const std::unique_ptr<Folder> folder = Folder::Open(dir, error);
-    if (!folder) return error;
+    std::unique_ptr<Folder> folder;
+    if (std::string error = Folder::Open(dir, folder); !error.empty()) return error;
     const Folder::Lock lock(folder.get());
     CardsState copy = state;
     return SaveState(*folder, copy);

@@ -151,8 +151,8 @@ std::string MakeFolder(const std::string& dir, Made& made) {
 }
 
 std::string LayPackages(const CardsPlan& plan, const std::string& dir, Made& made) {
-    std::string error;
-    const std::vector<SamplePackage> packages = MakePackages(plan, error);
+    std::vector<SamplePackage> packages;
+    std::string error = MakePackages(plan, packages);
     if (error.empty()) error = MakeFolder(dir, made);
     for (const SamplePackage& package : packages) {
         if (!error.empty()) break;
@@ -222,18 +222,18 @@ std::string LayOut(const CardsPlan& plan, const std::string& dir, bool packages)
     return error;
 }
 
-std::shared_ptr<Model> MakeInMemory(const CardsPlan& plan, std::string& error) {
-    std::shared_ptr<Model> model = Model::InMemory(MakeState(plan), error);
-    if (!model) return nullptr;
+std::string MakeInMemory(const CardsPlan& plan, std::shared_ptr<Model>& out) {
+    std::shared_ptr<Model> model;
+    if (std::string error = Model::InMemory(MakeState(plan), model); !error.empty()) return error;
     for (size_t i = 0; i < plan.boards.size(); ++i) {
         const BoardState& board = model->State().boards[i];
         for (int c = 0; c < FlashCount(board); ++c) {
-            if (LayHeader(plan.boards[i], *model->Flash(board.index, c))) continue;
-            error = std::string("flash in memory: cannot be written: ") + std::strerror(errno);
-            return nullptr;
+            if (!LayHeader(plan.boards[i], *model->Flash(board.index, c)))
+                return std::string("flash in memory: cannot be written: ") + std::strerror(errno);
         }
     }
-    return model;
+    out = std::move(model);
+    return {};
 }
 
 }  // namespace qvsim

@@ -70,7 +70,7 @@ std::string CompletePlan(CardsPlan& plan);
 // and leaves nothing behind after a failure. Returns an error message, empty on success.
 std::string LayOut(const CardsPlan& plan, const std::string& dir, bool packages = false);
 
-// The cards of a complete plan, only in this process; on failure null and an error message.
-std::shared_ptr<Model> MakeInMemory(const CardsPlan& plan, std::string& error);
+// The cards of a complete plan, only in this process. Returns an error message, empty on success.
+std::string MakeInMemory(const CardsPlan& plan, std::shared_ptr<Model>& out);
 
 }  // namespace qvsim

@@ -68,23 +68,21 @@ std::vector<uint8_t> PackageFor(const BoardPlan& board, uint32_t version) {
 
 }  // namespace
 
-std::vector<SamplePackage> MakePackages(const CardsPlan& plan, std::string& error) {
-    std::vector<SamplePackage> packages;
+std::string MakePackages(const CardsPlan& plan, std::vector<SamplePackage>& packages) {
+    packages.clear();
     std::set<std::pair<uint16_t, char>> done;
     std::set<std::string> names;
     for (const BoardPlan& board : plan.boards) {
         if (!done.insert({board.productCode, board.hardware}).second) continue;
         const uint32_t version = board.firmware + 1;
         SamplePackage package{FileName(board, version), PackageFor(board, version)};
-        if (package.bytes.empty()) {
-            error = board.product + ": its flash has no room for the sections of a package";
-            return {};
-        }
+        if (package.bytes.empty())
+            return board.product + ": its flash has no room for the sections of a package";
         while (!names.insert(package.name).second) package.name += "-x";
         package.name += ".qvf";
         packages.push_back(std::move(package));
     }
-    return packages;
+    return {};
 }
 
 }  // namespace qvsim

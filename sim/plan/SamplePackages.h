@@ -15,8 +15,8 @@ struct SamplePackage {
 };
 
 // One for each product code and hardware version of a complete plan. A card that stores a
-// compatibility code other than 1 gets a package that is a safe upgrade. `error` is unchanged, or
-// says which board has no room for sections.
-std::vector<SamplePackage> MakePackages(const CardsPlan& plan, std::string& error);
+// compatibility code other than 1 gets a package that is a safe upgrade. Returns an error message,
+// empty on success: which board has no room for sections.
+std::string MakePackages(const CardsPlan& plan, std::vector<SamplePackage>& packages);
 
 }  // namespace qvsim

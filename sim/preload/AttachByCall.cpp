@@ -33,8 +33,9 @@ void door::ReleaseAttachment() { TheCurrent().lock.unlock(); }
 
 std::string Attach(const std::string& dir) {
     Detach();
-    std::string error;
-    Attach(Model::Load(dir, error));
+    std::shared_ptr<Model> model;
+    std::string error = Model::Load(dir, model);
+    Attach(std::move(model));
     return error;
 }
 

@@ -26,9 +26,8 @@ Cards& TheCards() {
 std::shared_ptr<Model> LoadByEnvironment() {
     const char* dir = std::getenv("QVSIM_STATE");
     if (!dir || !*dir) return nullptr;
-    std::string error;
-    std::shared_ptr<Model> model = Model::Load(dir, error);
-    if (!model) {
+    std::shared_ptr<Model> model;
+    if (const std::string error = Model::Load(dir, model); !error.empty()) {
         std::fprintf(stderr, "qvcap-sim: no simulated cards: %s\n", error.c_str());
         std::_Exit(2);
     }

@@ -96,8 +96,8 @@ void Put(char (&field)[size], const std::string& text) {
 
 // ---- making and keeping ----------------------------------------------------------------------
 
-std::unique_ptr<ControlModel> ControlModel::Make(const UsbPlan& plan, int number,
-                                                 const std::string& folder, std::string& error) {
+std::string ControlModel::Make(const UsbPlan& plan, int number, const std::string& folder,
+                               std::unique_ptr<ControlModel>& out) {
     std::unique_ptr<ControlModel> model(new ControlModel);
     const UsbControl& control = *plan.control;
     model->m_serial = plan.serial;
@@ -112,8 +112,9 @@ std::unique_ptr<ControlModel> ControlModel::Make(const UsbPlan& plan, int number
     model->m_golden = control.golden;
     model->m_busyPolls = control.busyPolls;
     for (const Fault& fault : control.faults) model->m_faults.Add(fault);
-    error = model->OpenFiles(plan, folder);
-    return error.empty() ? std::move(model) : nullptr;
+    if (std::string error = model->OpenFiles(plan, folder); !error.empty()) return error;
+    out = std::move(model);
+    return {};
 }
 
 std::string ControlModel::OpenFiles(const UsbPlan& plan, const std::string& folder) {

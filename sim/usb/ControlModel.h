@@ -24,9 +24,9 @@ namespace qvsim::usb {
 class ControlModel {
   public:
     // `number` distinguishes the devices of a scenario: the index of its board. `folder`: "" for
-    // memory. On failure null and an error message.
-    static std::unique_ptr<ControlModel> Make(const UsbPlan& plan, int number,
-                                              const std::string& folder, std::string& error);
+    // memory. Returns an error message, empty on success.
+    static std::string Make(const UsbPlan& plan, int number, const std::string& folder,
+                            std::unique_ptr<ControlModel>& out);
 
     const std::string& Serial() const { return m_serial; }
     // The file of the flash; "" in memory.

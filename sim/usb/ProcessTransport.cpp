@@ -17,11 +17,11 @@ ProcessTransport& Me(void* user) { return *static_cast<ProcessTransport*>(user);
 std::string ProcessTransport::Fill(const std::vector<UsbPlan>& devices, const std::string& folder) {
     for (const UsbPlan& plan : devices) {
         if (!plan.control) continue;
-        std::string error;
         auto socket = std::make_unique<Socket>();
-        socket->device =
-            ControlModel::Make(plan, static_cast<int>(m_sockets.size()), folder, error);
-        if (!socket->device) return error;
+        if (std::string error = ControlModel::Make(plan, static_cast<int>(m_sockets.size()), folder,
+                                                   socket->device);
+            !error.empty())
+            return error;
         socket->path = folder.empty() ? "usb:" + plan.serial : socket->device->FlashPath();
         m_sockets.push_back(std::move(socket));
     }

@@ -100,38 +100,33 @@ std::string VhciHost::StatusText(int controller) const {
     return text.str();
 }
 
-int VhciHost::Attach(int controller, int socket, std::string& error) {
+std::string VhciHost::Attach(int controller, int socket, int& port) {
     const std::string attach = m_folders.controller + "/attach";
-    if (access(attach.c_str(), F_OK) != 0) {
-        error = attach + ": " + std::strerror(errno) +
-                ": the kernel's virtual host controller is not loaded (modprobe vhci-hcd)";
-        return -1;
-    }
+    if (access(attach.c_str(), F_OK) != 0)
+        return attach + ": " + std::strerror(errno) +
+               ": the kernel's virtual host controller is not loaded (modprobe vhci-hcd)";
     const std::vector<PortStatus> ports = ReadPortStatus(StatusText(controller));
-    if (ports.empty()) {
-        error = "there is no virtual host controller " + std::to_string(controller) +
-                ": give the device a lower one in the scenario";
-        return -1;
-    }
-    const auto free = std::find_if(ports.begin(), ports.end(), [this](const PortStatus& port) {
-        return port.free && !IsLeaving(port.port);
+    if (ports.empty())
+        return "there is no virtual host controller " + std::to_string(controller) +
+               ": give the device a lower one in the scenario";
+    const auto free = std::find_if(ports.begin(), ports.end(), [this](const PortStatus& status) {
+        return status.free && !IsLeaving(status.port);
     });
-    if (free == ports.end()) {
-        error = "all " + std::to_string(ports.size()) + " ports of virtual host controller " +
-                std::to_string(controller) +
-                " are taken: detach devices, or give this one another controller in the scenario";
-        return -1;
-    }
+    if (free == ports.end())
+        return "all " + std::to_string(ports.size()) + " ports of virtual host controller " +
+               std::to_string(controller) +
+               " are taken: detach devices, or give this one another controller in the scenario";
     char line[64];
     std::snprintf(line, sizeof line, "%d %d %u %u", free->port, socket, kDeviceId, kHighSpeed);
     if (const int failed = WriteFile(attach, line)) {
-        error = attach + ": " + std::strerror(failed);
-        if (failed == EACCES || failed == EPERM) error += ": plugging in devices needs root";
-        return -1;
+        const bool needsRoot = failed == EACCES || failed == EPERM;
+        return attach + ": " + std::strerror(failed) +
+               (needsRoot ? ": plugging in devices needs root" : "");
     }
     m_controllerOf[free->port] = controller;
     m_lastDeviceOf.erase(free->port);
-    return free->port;
+    port = free->port;
+    return {};
 }
 
 void VhciHost::Detach(int port) {

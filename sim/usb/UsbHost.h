@@ -27,9 +27,9 @@ std::vector<PortStatus> ReadPortStatus(const std::string& text);
 class UsbHost {
   public:
     virtual ~UsbHost() = default;
-    // Plugs in the device at the other end of `socket`, which may be closed afterwards. Returns the
-    // port, or -1 and an error message.
-    virtual int Attach(int controller, int socket, std::string& error) = 0;
+    // Plugs in the device at the other end of `socket`, which may be closed afterwards. Returns an
+    // error message, empty on success.
+    virtual std::string Attach(int controller, int socket, int& port) = 0;
     virtual void Detach(int port) = 0;
     // Nothing while the kernel has not yet named the device, or has not yet created all of it.
     virtual std::optional<Place> Find(int port, bool wantsCard, bool wantsCamera) = 0;
@@ -50,7 +50,7 @@ class VhciHost : public UsbHost {
     VhciHost() = default;
     explicit VhciHost(Folders folders) : m_folders(std::move(folders)) {}
 
-    int Attach(int controller, int socket, std::string& error) override;
+    std::string Attach(int controller, int socket, int& port) override;
     void Detach(int port) override;
     std::optional<Place> Find(int port, bool wantsCard, bool wantsCamera) override;
     bool IsFree(int port) override;

@@ -72,10 +72,10 @@ std::string UsbServer::PlugIn(Plug& plug) {
         return std::string("no socket for a device: ") + std::strerror(errno);
     const timeval limit{kSendSeconds, 0};
     setsockopt(ends[0], SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
-    std::string error;
-    plug.port = m_host.Attach(plug.spec.controller, ends[1], error);
+    plug.port = -1;
+    std::string error = m_host.Attach(plug.spec.controller, ends[1], plug.port);
     close(ends[1]);  // the kernel has its own reference
-    if (plug.port < 0) {
+    if (!error.empty()) {
         close(ends[0]);
         return error;
     }

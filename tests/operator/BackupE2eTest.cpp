@@ -195,9 +195,8 @@ TEST_F(BackupE2eTest, ABitThatIsWrongOnTheWayIsNotSaved) {
 
 TEST_F(BackupE2eTest, AHeaderThatAsksForTooMuchIsRefused) {
     rig.Add(Pelix().FirmwareOffset(kFirmware).FlashSize(kFlashSize));
-    std::string error;
-    const std::shared_ptr<qvsim::Model> model = qvsim::Model::Load(rig.Dir(), error);
-    ASSERT_EQ("", error);
+    std::shared_ptr<qvsim::Model> model;
+    ASSERT_EQ("", qvsim::Model::Load(rig.Dir(), model));
     const Bytes header = Package().Section("A", 0x20000, 10).ClaimSize(0xFFFFFFFF).Header();
     ASSERT_TRUE(model->Flash(0, 0)->Erase(kFirmware, 4096));
     ASSERT_TRUE(model->Flash(0, 0)->Program(kFirmware, header.data(),

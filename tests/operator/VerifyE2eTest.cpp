@@ -42,9 +42,8 @@ class VerifyE2eTest : public testing::Test {
     void Upgrade() { folder.Tool(rig, {"-a", "-y"}); }
     // Changes bits of the flash that can be changed: from one to zero.
     void Damage(uint32_t address) {
-        std::string error;
-        const std::shared_ptr<qvsim::Model> model = qvsim::Model::Load(rig.Dir(), error);
-        ASSERT_EQ("", error);
+        std::shared_ptr<qvsim::Model> model;
+        ASSERT_EQ("", qvsim::Model::Load(rig.Dir(), model));
         const uint8_t zero = 0;
         ASSERT_TRUE(model->Flash(0, 0)->Program(address, &zero, 1));
     }

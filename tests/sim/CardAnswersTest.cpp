@@ -147,7 +147,7 @@ class RecordsTest : public testing::Test {
     std::string Make(const std::string& text) {
         CardsPlan plan;
         std::string error = ParseScenario(text, "s", plan);
-        if (error.empty()) m_model = MakeInMemory(plan, error);
+        if (error.empty()) error = MakeInMemory(plan, m_model);
         return error;
     }
     template <class Row>

@@ -75,11 +75,7 @@ class CuseTest : public testing::Test {
         ways.complain = [this](const std::string& line) { m_complaints.push_back(line); };
         return ways;
     }
-    void Load() {
-        std::string error;
-        m_model = Model::Load(m_rig.Dir(), error);
-        ASSERT_TRUE(m_model) << error;
-    }
+    void Load() { ASSERT_EQ("", Model::Load(m_rig.Dir(), m_model)); }
     // Cards with /dev/video0 and /dev/qv-event, served by a thread, the greeting done.
     void Serve() {
         m_rig.Add(Pelix().Video(64, 32, 0));

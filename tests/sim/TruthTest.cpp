@@ -54,9 +54,8 @@ int ErrorOfErase() {
 class TruthTest : public testing::Test {
   protected:
     std::shared_ptr<Model> Load() {
-        std::string error;
-        std::shared_ptr<Model> model = Model::Load(m_rig.Dir(), error);
-        EXPECT_EQ("", error);
+        std::shared_ptr<Model> model;
+        EXPECT_EQ("", Model::Load(m_rig.Dir(), model));
         return model;
     }
     SimRig m_rig;
@@ -358,9 +357,9 @@ TEST_P(DamagedStateTest, IsRefusedWithFileAndLine) {
     std::ofstream(path) << text;
     CardsState state;
     EXPECT_THAT(LoadState(rig.Dir(), state), StartsWith(path + damage.said));
-    std::string error;
-    EXPECT_EQ(nullptr, Model::Load(rig.Dir(), error));
-    EXPECT_NE("", error);
+    std::shared_ptr<Model> model;
+    EXPECT_NE("", Model::Load(rig.Dir(), model));
+    EXPECT_EQ(nullptr, model);
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -400,8 +399,9 @@ TEST_F(TruthTest, FilesBesideTheStateAreCheckedToo) {
     const auto refused = [&](const std::string& file, const std::string& text) {
         const std::string before = ReadText(dir + "/" + file);
         std::ofstream(dir + "/" + file) << text;
-        std::string error;
-        EXPECT_EQ(nullptr, Model::Load(dir, error)) << file;
+        std::shared_ptr<Model> model;
+        const std::string error = Model::Load(dir, model);
+        EXPECT_EQ(nullptr, model) << file;
         EXPECT_TRUE(ReplaceFile(dir + "/" + file, before));
         return error.rfind(dir + "/", 0) == 0 ? error.substr(dir.size() + 1) : error;
     };
@@ -417,8 +417,8 @@ TEST_F(TruthTest, FilesBesideTheStateAreCheckedToo) {
     EXPECT_THAT(refused("cards.live", "short"), StartsWith("cards.live: has 5 bytes"));
     EXPECT_THAT(refused("cards.live", std::string(sizeof(LivePage), 'x')),
                 StartsWith("cards.live: is not of this version"));
-    std::string error;
-    EXPECT_NE(nullptr, Model::Load(dir, error)) << error;
+    std::shared_ptr<Model> model;
+    EXPECT_EQ("", Model::Load(dir, model));
 }
 
 TEST_F(TruthTest, AFileThatWasLeftHalfWrittenEndsWhereItsLinesEnd) {
@@ -426,12 +426,12 @@ TEST_F(TruthTest, AFileThatWasLeftHalfWrittenEndsWhereItsLinesEnd) {
     m_rig.Attach();
     SetBrightness(3);
     std::ofstream(JournalPath(m_rig.Dir()), std::ios::app) << "77 1 open /dev/vid";
-    std::string error;
-    EXPECT_THAT(ReadJournal(m_rig.Dir(), &error), SizeIs(3));
-    EXPECT_EQ("", error);
+    std::vector<JournalLine> lines;
+    EXPECT_EQ("", ReadJournal(m_rig.Dir(), lines));
+    EXPECT_THAT(lines, SizeIs(3));
     std::ofstream(JournalPath(m_rig.Dir()), std::ios::app) << "\n";
-    ReadJournal(m_rig.Dir(), &error);
-    EXPECT_THAT(error, StartsWith(JournalPath(m_rig.Dir()) + ":5: not a line of a journal: 77 "));
+    EXPECT_THAT(ReadJournal(m_rig.Dir(), lines),
+                StartsWith(JournalPath(m_rig.Dir()) + ":5: not a line of a journal: 77 "));
 }
 
 TEST_F(TruthTest, AJournalWithALimitForgetsItsOldestLines) {

@@ -54,9 +54,9 @@ class UsbDeviceTest : public testing::Test {
         UsbPlan plan;
         plan.control.emplace();
         plan.serial = "S1";
-        std::string error;
-        control = ControlModel::Make(plan, 0, "", error);
-        EXPECT_EQ("", error);
+        std::unique_ptr<ControlModel> made;
+        EXPECT_EQ("", ControlModel::Make(plan, 0, "", made));
+        control = std::move(made);
         device =
             std::make_unique<EmulatedDevice>(DeviceSpec{"Card", "S1", {}, {}, control},
                                              [](const std::string&, const uint8_t*, size_t) {});

@@ -15,6 +15,7 @@
 #include "UsbHost.h"
 #include "UsbServer.h"
 #include "sim/UsbKernel.h"
+#include "support/TempFolder.h"
 
 using testing::Contains;
 using testing::ElementsAre;
@@ -33,18 +34,16 @@ class PlayedKernel : public UsbHost {
     ~PlayedKernel() override {
         for (const int end : ends) close(end);
     }
-    int Attach(int controller, int socket, std::string& error) override {
-        if (!refusal.empty()) {
-            error = refusal;
-            return -1;
-        }
+    std::string Attach(int controller, int socket, int& port) override {
+        if (!refusal.empty()) return refusal;
         ends.push_back(dup(socket));
         controllers.push_back(controller);
-        if (silent) return static_cast<int>(ends.size()) - 1;
+        port = static_cast<int>(ends.size()) - 1;
+        if (silent) return {};
         const Bytes configure =
             usbtest::Submit({.in = 0, .setup = usbtest::ControlSetup(0, 9, 1, 0, 0)});
         EXPECT_EQ(48, send(ends.back(), configure.data(), configure.size(), 0));
-        return static_cast<int>(ends.size()) - 1;
+        return {};
     }
     void Detach(int port) override { detached.push_back(port); }
     std::optional<Place> Find(int port, bool card, bool camera) override {
@@ -234,9 +233,8 @@ TEST_F(UsbServerTest, OrdersFromATerminalComeWhenItIsTheServersAgain) {
 }
 
 TEST_F(UsbServerTest, WhatIsPlayedGoesToAFile) {
-    const fs::path folder = fs::temp_directory_path() / ("qv-usb-" + std::to_string(getpid()));
-    fs::create_directory(folder);
-    Make({{{"Card", "A", {{"Out", false}}, {}}, 0}}, folder.string());
+    const qvtest::TempFolder folder("qv-usb");
+    Make({{{"Card", "A", {{"Out", false}}, {}}, 0}}, folder.Path());
     ASSERT_EQ("", server->Start(stop[0]));
     const Bytes setting =
         usbtest::Submit({.in = 0, .setup = usbtest::ControlSetup(1, 11, 1, 1, 0)});
@@ -252,10 +250,9 @@ TEST_F(UsbServerTest, WhatIsPlayedGoesToAFile) {
     });
     EXPECT_EQ("", server->Run(-1));
     ender.join();
-    std::ifstream file(folder / "A-Out.raw", std::ios::binary);
+    std::ifstream file(folder.Path() + "/A-Out.raw", std::ios::binary);
     const Bytes played{std::istreambuf_iterator<char>(file), {}};
     EXPECT_THAT(played, ElementsAre(1, 2, 3));
-    fs::remove_all(folder);
 }
 
 TEST_F(UsbServerTest, WhatCannotBePluggedInSaysWhy) {
@@ -300,13 +297,12 @@ TEST(UsbPortStatusTest, PortsOfHighSpeedAreRead) {
 
 class VhciHostTest : public testing::Test {
   protected:
-    VhciHostTest() : root(fs::temp_directory_path() / ("qv-vhci-" + std::to_string(getpid()))) {
+    VhciHostTest() {
         fs::create_directories(root / "controller");
         fs::create_directories(root / "devices");
         fs::create_directories(root / "sound");
         Put("controller/status", kStatus);
     }
-    ~VhciHostTest() override { fs::remove_all(root); }
     void Put(const fs::path& path, const std::string& text) {
         fs::create_directories((root / path).parent_path());
         std::ofstream(root / path) << text;
@@ -316,15 +312,21 @@ class VhciHostTest : public testing::Test {
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    fs::path root;
+    const qvtest::TempFolder temporary{"qv-vhci"};
+    const fs::path root = temporary.Path();
     VhciHost host{VhciHost::Folders{(root / "controller").string(), (root / "devices").string(),
                                     (root / "sound").string(), (root / "media").string()}};
     std::string error;
+    int Attach(int controller, int socket) {
+        int port = -1;
+        error = host.Attach(controller, socket, port);
+        return port;
+    }
 };
 
 TEST_F(VhciHostTest, ADeviceGoesToTheFirstFreePort) {
     Put("controller/attach", "");
-    EXPECT_EQ(1, host.Attach(0, 7, error)) << error;
+    EXPECT_EQ(1, Attach(0, 7)) << error;
     EXPECT_EQ("1 7 1 3", Text("controller/attach"));
     EXPECT_TRUE(host.IsFree(1));
     EXPECT_FALSE(host.Find(1, false, false).has_value()) << "nothing hangs there yet";
@@ -340,17 +342,17 @@ TEST_F(VhciHostTest, APortWaitsUntilTheKernelHasTakenLeaveOfItsLastDevice) {
         "hs  0002 004 000 00000000 000000 0-0\n";
     Put("controller/attach", "");
     Put("controller/detach", "");
-    ASSERT_EQ(1, host.Attach(0, 7, error)) << error;
+    ASSERT_EQ(1, Attach(0, 7)) << error;
     Put("controller/status",
         "hs  0001 006 003 00000001 000003 1-2\nhs  0002 004 000 00000000 000000 0-0\n");
     fs::create_directories(root / "devices/1-2");
     host.Detach(1);
     Put("controller/status", free);
     EXPECT_FALSE(host.IsFree(1));
-    EXPECT_EQ(2, host.Attach(0, 8, error)) << error;
+    EXPECT_EQ(2, Attach(0, 8)) << error;
     fs::remove_all(root / "devices/1-2");
     EXPECT_TRUE(host.IsFree(1));
-    EXPECT_EQ(1, host.Attach(0, 9, error)) << error;
+    EXPECT_EQ(1, Attach(0, 9)) << error;
     // Another one of that name is not its last device.
     fs::create_directories(root / "devices/1-2");
     EXPECT_TRUE(host.IsFree(1));
@@ -359,7 +361,7 @@ TEST_F(VhciHostTest, APortWaitsUntilTheKernelHasTakenLeaveOfItsLastDevice) {
 TEST_F(VhciHostTest, ADeviceThatTheKernelGaveUpIsWaitedForByItsOldName) {
     Put("controller/attach", "");
     Put("controller/detach", "");
-    ASSERT_EQ(1, host.Attach(0, 7, error)) << error;
+    ASSERT_EQ(1, Attach(0, 7)) << error;
     Put("controller/status", "hs  0001 006 003 00000001 000003 1-2\n");
     Put("devices/1-2/busnum", "1\n");
     Put("devices/1-2/devnum", "12\n");
@@ -374,24 +376,24 @@ TEST_F(VhciHostTest, ADeviceThatTheKernelGaveUpIsWaitedForByItsOldName) {
 TEST_F(VhciHostTest, FurtherControllersHaveFilesOfTheirOwn) {
     Put("controller/attach", "");
     Put("controller/status.2", "hs  0060 004 000 00000000 000000 0-0\n");
-    EXPECT_EQ(60, host.Attach(2, 7, error)) << error;
+    EXPECT_EQ(60, Attach(2, 7)) << error;
     EXPECT_EQ("60 7 1 3", Text("controller/attach"));
 }
 
 TEST_F(VhciHostTest, WhatIsMissingIsSaidWithAdvice) {
-    EXPECT_EQ(-1, host.Attach(0, 7, error));
+    EXPECT_EQ(-1, Attach(0, 7));
     EXPECT_THAT(error, HasSubstr("modprobe vhci-hcd"));
     Put("controller/attach", "");
-    EXPECT_EQ(-1, host.Attach(9, 7, error));
+    EXPECT_EQ(-1, Attach(9, 7));
     EXPECT_THAT(error, HasSubstr("no virtual host controller 9"));
     Put("controller/status", "hs  0000 006 003 00000001 000003 1-1\n");
-    EXPECT_EQ(-1, host.Attach(0, 7, error));
+    EXPECT_EQ(-1, Attach(0, 7));
     EXPECT_THAT(error, HasSubstr("all 1 ports of virtual host controller 0 are taken"));
 }
 
 TEST_F(VhciHostTest, ADevicesSoundCardAndNodesAreFound) {
     Put("controller/attach", "");
-    ASSERT_EQ(1, host.Attach(0, 7, error)) << error;
+    ASSERT_EQ(1, Attach(0, 7)) << error;
     Put("controller/status", "hs  0001 006 003 00000001 000003 1-2\n");
     EXPECT_FALSE(host.IsFree(1));
     EXPECT_FALSE(host.Find(1, false, false).has_value()) << "no numbers yet";

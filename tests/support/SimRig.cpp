@@ -159,10 +159,8 @@ const std::string& SimRig::Dir() {
 
 void SimRig::Attach() {
     if (ThroughServedNodes()) {
-        std::string error;
         Detach();
-        m_model = Model::Load(Dir(), error);
-        Require(error);
+        Require(Model::Load(Dir(), m_model));
         m_serving = std::make_unique<ServingThread>(m_model);
         return;
     }
@@ -172,10 +170,8 @@ void SimRig::Attach() {
 
 void SimRig::AttachInMemory() {
     Detach();
-    std::string error = CompletePlan(m_plan);
-    Require(error);
-    m_model = MakeInMemory(m_plan, error);
-    Require(error);
+    Require(CompletePlan(m_plan));
+    Require(MakeInMemory(m_plan, m_model));
     m_inMemory = true;
     qvsim::Attach(m_model);
 }
@@ -201,8 +197,8 @@ std::vector<JournalLine> SimRig::JournalLines() {
     if (m_serving) m_serving->Settle();
     CloseForTheDead(Dir());
     std::vector<JournalLine> lines;
-    for (const JournalLine& line : ReadJournal(Dir()))
-        if (line.sequence > m_journalFrom) lines.push_back(line);
+    ReadJournal(Dir(), lines);
+    std::erase_if(lines, [&](const auto& line) { return line.sequence <= m_journalFrom; });
     return lines;
 }
 
@@ -266,9 +262,8 @@ std::vector<uint8_t> SimRig::Flash(int board, int channel, uint32_t offset, uint
 
 void SimRig::PowerCycle() {
     if (m_model) return m_model->PowerCycle();
-    std::string error;
-    const std::shared_ptr<Model> model = Model::Load(Dir(), error);
-    Require(error);
+    std::shared_ptr<Model> model;
+    Require(Model::Load(Dir(), model));
     model->PowerCycle();
 }
 

@@ -12,6 +12,7 @@
 
 #include "ControlModel.h"
 #include "support/PackageBuilder.h"
+#include "support/TempFolder.h"
 #include "tool/ToolProcess.h"
 
 namespace qvtest {
@@ -20,18 +21,10 @@ class UsbDevices {
   public:
     // `common`: lines of the scenario's control table.
     explicit UsbDevices(std::string common = "") : m_common(std::move(common)) {
-        m_dir = testing::TempDir() + "/qvusb-XXXXXX";
-        EXPECT_NE(nullptr, mkdtemp(m_dir.data()));
         m_folder.Preload(qvsim::ProgramFile(QV_USB_TRANSPORT_FILE));
         m_folder.Environment("QVSIM_USB_SCENARIO=" + m_dir + "/usb.toml");
         m_folder.Environment("QVSIM_USB_STATE=" + m_dir);
     }
-    ~UsbDevices() {
-        std::error_code ignored;
-        std::filesystem::remove_all(m_dir, ignored);
-    }
-    UsbDevices(const UsbDevices&) = delete;
-    UsbDevices& operator=(const UsbDevices&) = delete;
 
     // One device that has this fault, or none: the lines of a fault table.
     ToolRun Run(const std::vector<std::string>& arguments, const std::string& fault = "") {
@@ -54,9 +47,8 @@ class UsbDevices {
         plan.serial = "TV1";
         plan.control.emplace();
         plan.control->golden = 9;
-        std::string error;
-        auto device = qvsim::usb::ControlModel::Make(plan, 0, m_dir, error);
-        EXPECT_EQ("", error);
+        std::unique_ptr<qvsim::usb::ControlModel> device;
+        EXPECT_EQ("", qvsim::usb::ControlModel::Make(plan, 0, m_dir, device));
         return device;
     }
     Bytes Flash() const {
@@ -78,7 +70,8 @@ class UsbDevices {
                m_common + (fault.empty() ? "" : "[[usb.control.fault]]\n" + fault + "\n");
     }
     std::string m_common;
-    std::string m_dir;
+    const TempFolder m_temporary{"qvusb"};
+    const std::string m_dir = m_temporary.Path();
     qvsim::SimRig m_rig;
     ToolFolder m_folder;
 };
