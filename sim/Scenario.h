@@ -1,7 +1,9 @@
-// Scenario files: converts TOML text to a plan of cards. No other part of sim/ knows TOML.
+// Scenario files: converts TOML text to a plan of cards. Only the files Scenario*.cpp know TOML
+// here. One thread.
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "CardsPlan.h"
 
