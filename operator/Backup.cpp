@@ -1,3 +1,5 @@
+// Reads the images of a card until two readings agree, and writes them as packages. The command
+// line is in BackupCommand.cpp; nothing here writes to a card.
 #include "Backup.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Looks for other processes that have a card open; what to do about them is decided elsewhere.
 #include "BusyCards.h"
 
 #include <unistd.h>

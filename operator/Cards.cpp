@@ -1,3 +1,5 @@
+// Finds the cards through the library and reads their flash. What the flash means is decided in
+// Judge.cpp.
 #include "Cards.h"
 
 #include <algorithm>

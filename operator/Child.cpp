@@ -1,3 +1,4 @@
+// Starts qvcap-upgrade and waits for it; never ends it. What it prints is read in ToolOutput.cpp.
 #include "Child.h"
 
 #include <fcntl.h>

@@ -1,3 +1,4 @@
+// Shows the events of a run: on a terminal, as plain lines or as JSON. Decides nothing.
 #include "Display.h"
 
 #include <sys/ioctl.h>

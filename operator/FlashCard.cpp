@@ -1,3 +1,5 @@
+// The work on one card: attempts, reading back, repair. Flash is written only by the tool that it
+// starts; which cards are worked on is decided in Plan.cpp.
 #include "FlashCard.h"
 
 #include <fcntl.h>

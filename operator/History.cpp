@@ -1,3 +1,5 @@
+// The history's files: one for each month, JSON lines, appended to and read. Who is told of them is
+// not decided here.
 #include "History.h"
 
 #include <fcntl.h>

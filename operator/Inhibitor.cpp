@@ -1,3 +1,5 @@
+// Asks logind over the system bus to delay a shutdown. The functions of the bus are looked up when
+// the program runs; without them it is said that nothing is delayed.
 #include "Inhibitor.h"
 
 #include <dlfcn.h>

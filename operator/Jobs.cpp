@@ -1,3 +1,5 @@
+// The cards of a run with their packages and plans, and the report about them. Starts nothing and
+// writes nothing.
 #include "Jobs.h"
 
 #include <algorithm>

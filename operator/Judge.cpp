@@ -1,3 +1,5 @@
+// Compares a flash with a package, and decides the state. Reads only, through the function that it
+// is given.
 #include "Judge.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// The library's instance as an object, and standard streams that no node can take the place of. The
+// cards are in Cards.cpp.
 #include "Library.h"
 
 #include <fcntl.h>

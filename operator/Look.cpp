@@ -1,3 +1,4 @@
+// Judges the cards in the order of their packages. What each holds is decided in Judge.cpp.
 #include "Look.h"
 
 #include <algorithm>

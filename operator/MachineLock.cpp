@@ -1,3 +1,5 @@
+// Takes the lock of the machine and names who has it. The lock is released when the last process
+// that inherited it ends.
 #include "MachineLock.h"
 
 #include <fcntl.h>

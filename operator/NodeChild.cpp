@@ -1,3 +1,4 @@
+// Asks a node from a process of its own, because a request that hangs cannot be taken back.
 #include "NodeChild.h"
 
 #include <poll.h>

@@ -1,3 +1,4 @@
+// Sends the two identity requests to a node. Knows nothing of packages or flash.
 #include "Nodes.h"
 
 #include <dirent.h>

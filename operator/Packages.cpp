@@ -1,3 +1,5 @@
+// Reads the packages of a folder, and tells what they bring. Whether one may be written to a card
+// is decided in Plan.cpp.
 #include "Packages.h"
 
 #include <dirent.h>

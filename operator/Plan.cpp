@@ -1,3 +1,4 @@
+// Decides what is done to a card. Pure: the data was read before, and nothing is written here.
 #include "Plan.h"
 
 #include <algorithm>

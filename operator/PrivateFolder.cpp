@@ -1,3 +1,5 @@
+// Makes, fills and removes the folder in which only one package can be found. Folders that a
+// killed run has left are removed; no others.
 #include "PrivateFolder.h"
 
 #include <fcntl.h>

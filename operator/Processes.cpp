@@ -1,3 +1,4 @@
+// Searches /proc for the processes that have a file open. Changes nothing.
 #include "Processes.h"
 
 #include <sys/stat.h>

@@ -1,3 +1,5 @@
+// Draws the bar of a command that reads cards, on a terminal only. The bars of an upgrade are in
+// Display.cpp.
 #include "ReadingBar.h"
 
 #include <sys/ioctl.h>

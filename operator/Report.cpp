@@ -1,3 +1,4 @@
+// What reports have in common: texts and JSON of cards, packages and images. No report of its own.
 #include "Report.h"
 
 #include <nlohmann/json.hpp>

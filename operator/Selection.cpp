@@ -1,3 +1,4 @@
+// The options that choose cards, and the choice. Cards are found elsewhere.
 #include "Selection.h"
 
 #include <algorithm>

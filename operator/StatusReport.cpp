@@ -1,3 +1,4 @@
+// The table and the JSON of `qvcap status`, and its exit status. Reads no card.
 #include "StatusReport.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Lays texts out in columns, escaped. Prints nothing.
 #include "Table.h"
 
 #include <algorithm>

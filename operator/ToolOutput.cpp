@@ -1,3 +1,4 @@
+// Reads what qvcap-upgrade prints: progress and results. It is evidence, and decides nothing.
 #include "ToolOutput.h"
 
 #include <algorithm>

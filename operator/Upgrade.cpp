@@ -1,3 +1,5 @@
+// A run from the lock to the report: signals, threads, events. The work on one card is in
+// FlashCard.cpp.
 #include "Upgrade.h"
 
 #include <unistd.h>

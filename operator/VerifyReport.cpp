@@ -1,3 +1,4 @@
+// Text and JSON of `qvcap verify`, and its exit status. Reads no card.
 #include "VerifyReport.h"
 
 #include <algorithm>
