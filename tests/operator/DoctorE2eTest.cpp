@@ -2,6 +2,8 @@
 #include <gmock/gmock.h>
 
 #include <cerrno>
+#include <filesystem>
+#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "QvcapProcess.h"
@@ -137,6 +139,23 @@ TEST_F(DoctorE2eTest, WhatIsWrongWithPackagesIsTold) {
                 AllOf(HasSubstr("[same-cards]"), HasSubstr("[unreadable]")));
     EXPECT_THAT(Of(Findings(1, {"--packages", "none"}), "packages"), HasSubstr("cannot be opened"));
     EXPECT_EQ(std::string::npos, folder.Run(rig, {"doctor"}).output.find('\x1b'));
+}
+
+TEST_F(DoctorE2eTest, PackagesOfTwoVersionsAreAnError) {
+    rig.Add(Pelix());
+    const auto installed = [&](const std::string& tool, const std::string& library) {
+        const std::string program = folder / "../bin/dpkg-query";
+        std::ofstream(program) << "#!/bin/sh\necho 'qvcap-upgrade installed " << tool
+                               << "'\necho 'libqvcapture3 installed " << library << "'\n";
+        std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+    };
+    installed("3.3.0-1", "3.3.0-1");
+    EXPECT_EQ("ok package 3.3.0-1, library 3.3.0-1", About(Findings(0), "qvcap-upgrade"));
+    installed("3.2.0-1", "3.3.0-1");
+    const json findings = Findings(1);
+    EXPECT_EQ("error package 3.2.0-1, library 3.3.0-1", About(findings, "qvcap-upgrade"));
+    EXPECT_THAT(findings.dump(),
+                HasSubstr("install qvcap-upgrade and libqvcapture3 of one version"));
 }
 
 TEST_F(DoctorE2eTest, ItOnlyAsksForIdentity) {

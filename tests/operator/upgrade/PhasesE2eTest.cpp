@@ -146,6 +146,41 @@ TEST_F(ReadOnlyE2eTest, ALogABackupOrALockThatCannotBeWrittenIsNamedAndNothingIs
     EXPECT_EQ(0, rig->Upgrade().status) << "elsewhere there is room";
 }
 
+TEST_F(ReadOnlyE2eTest, AFullDiskIsNamedAndNothingIsFlashed) {
+    // CI runs as root, in every configuration.
+    if (geteuid() != 0) GTEST_SKIP() << "mounting needs root";
+    const auto rig = Cards();
+    ASSERT_EQ(0, rig->Upgrade().status);
+    rig->cards.PowerCycle();
+    rig->Write(Package().Firmware(1, 2).Section("Factory.Main", 0x4000, 70000));
+    const size_t before = rig->Changes();
+    const std::string folder = *rig / "small";
+    std::filesystem::create_directory(folder);
+    const struct {
+        const char* what;
+        const char* size;
+        std::string log;
+        std::string backup;
+        std::string lock;
+    } kFull[] = {
+        {"no file in the folder of the log", "nr_inodes=1", folder, *rig / "saved", rig->Lock()},
+        {"the private package", "size=32k", folder, *rig / "saved", rig->Lock()},
+        {"the backup", "size=32k", rig->Log(), folder, rig->Lock()},
+        {"the lock", "nr_inodes=1", rig->Log(), *rig / "saved", folder + "/lock"},
+    };
+    for (const auto& full : kFull) {
+        rig->MountSmall(folder, full.size);
+        const UpgradeRun run = rig->Run({"upgrade", "--packages", rig->Packages(), "--log",
+                                         full.log, "--lock", full.lock, "--backup", full.backup});
+        EXPECT_EQ(1, run.status) << full.what << run.output << run.errors;
+        EXPECT_THAT(run.output + run.errors, HasSubstr("No space left on device")) << full.what;
+        EXPECT_THAT(run.output + run.errors, HasSubstr(folder)) << full.what;
+        EXPECT_EQ(before, rig->Changes()) << full.what;
+    }
+    rig->MountSmall("", "");
+    EXPECT_EQ(0, rig->Upgrade().status) << "elsewhere there is room";
+}
+
 TEST_F(ReadOnlyE2eTest, WhatIsOnlyReadMayBeThere) {
     // CI runs as root, in every configuration.
     if (geteuid() != 0) GTEST_SKIP() << "mounting needs root";

@@ -28,12 +28,18 @@ void Require(bool good, const char* what) {
     std::abort();
 }
 
-// In a mount namespace of this process alone.
-bool SeesReadOnly(const char* folder) {
+bool HasOwnMounts() {
     return unshare(CLONE_NEWNS) == 0 &&
-           mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount(folder, folder, nullptr, MS_BIND, nullptr) == 0 &&
+           mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+bool SeesReadOnly(const char* folder) {
+    return HasOwnMounts() && mount(folder, folder, nullptr, MS_BIND, nullptr) == 0 &&
            mount(folder, folder, nullptr, MS_BIND | MS_REMOUNT | MS_RDONLY, nullptr) == 0;
+}
+
+bool SeesSmall(const char* folder, const char* size) {
+    return HasOwnMounts() && mount("tmpfs", folder, "tmpfs", 0, size) == 0;
 }
 
 }  // namespace
@@ -147,7 +153,10 @@ void QvcapRig::StandIn(const std::string& name, const std::string& body) {
 
 std::string QvcapRig::Commands() const { return FileText(m_root + "/commands"); }
 
-std::unique_ptr<RunningQvcap> QvcapRig::Start(const std::vector<std::string>& arguments) {
+std::unique_ptr<RunningQvcap> QvcapRig::StartProgram(const std::string& file,
+                                                     const std::string& name,
+                                                     const std::string& folder,
+                                                     const std::vector<std::string>& arguments) {
     std::vector<std::string> environment = {
         "PATH=" + m_root + "/bin:/usr/bin:/bin",
         "LD_PRELOAD=" + qvsim::ProgramFile(QV_PRELOAD_FILE),
@@ -158,14 +167,14 @@ std::unique_ptr<RunningQvcap> QvcapRig::Start(const std::vector<std::string>& ar
         "DBUS_SYSTEM_BUS_ADDRESS=unix:path=" + m_root + "/no-bus",
     };
     environment.insert(environment.end(), m_environment.begin(), m_environment.end());
-    std::vector<std::string> all = {"qvcap"};
+    std::vector<std::string> all = {name};
     all.insert(all.end(), arguments.begin(), arguments.end());
     std::vector<char*> argv, envp;
     for (std::string& text : all) argv.push_back(text.data());
     for (std::string& text : environment) envp.push_back(text.data());
     argv.push_back(nullptr);
     envp.push_back(nullptr);
-    const std::string program = qvsim::ProgramFile(QV_QVCAP_FILE);
+    const std::string program = qvsim::ProgramFile(file);
     const std::string base = m_root + "/runs/" + std::to_string(++m_runs);
     const int flags = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND | O_CLOEXEC;
     const int output = open((base + ".out").c_str(), flags, 0644);
@@ -180,12 +189,22 @@ std::unique_ptr<RunningQvcap> QvcapRig::Start(const std::vector<std::string>& ar
         const rlimit limit = {m_fileLimit, m_fileLimit};
         if (m_fileLimit > 0) setrlimit(RLIMIT_FSIZE, &limit);
         if (m_fileLimit > 0) signal(SIGXFSZ, SIG_IGN);
+        if (!folder.empty() && chdir(folder.c_str()) != 0) _exit(126);
         if (!m_readOnly.empty() && !SeesReadOnly(m_readOnly.c_str())) _exit(126);
+        if (!m_small.empty() && !SeesSmall(m_small.c_str(), m_size.c_str())) _exit(126);
         execve(program.c_str(), argv.data(), envp.data());
         _exit(127);
     }
     for (const int fd : {output, errors, input}) close(fd);
     return std::make_unique<RunningQvcap>(pid, base + ".out", base + ".err");
+}
+
+std::unique_ptr<RunningQvcap> QvcapRig::Start(const std::vector<std::string>& arguments) {
+    return StartProgram(QV_QVCAP_FILE, "qvcap", "", arguments);
+}
+
+UpgradeRun QvcapRig::Tool(const std::vector<std::string>& arguments) {
+    return StartProgram(QV_TOOL_FILE, "qvcap-upgrade", Packages(), arguments)->Wait();
 }
 
 UpgradeRun QvcapRig::Run(const std::vector<std::string>& arguments) {

@@ -74,6 +74,8 @@ class QvcapRig {
     // Any command.
     UpgradeRun Run(const std::vector<std::string>& arguments);
     std::unique_ptr<RunningQvcap> Start(const std::vector<std::string>& arguments);
+    // The unchanged tool, in the folder of the packages.
+    UpgradeRun Tool(const std::vector<std::string>& arguments);
     // The states that `qvcap status` tells, in the order of the cards.
     std::vector<std::string> States();
 
@@ -86,13 +88,25 @@ class QvcapRig {
     void LimitFiles(unsigned long bytes) { m_fileLimit = bytes; }
     // No program that is started from here on can write to this folder; its owner can. Needs root.
     void MountReadOnly(const std::string& folder) { m_readOnly = folder; }
+    // Each program that is started from here on has a file system of its own in this folder, of a
+    // size in the words of tmpfs, such as "size=32k". Needs root.
+    void MountSmall(const std::string& folder, const std::string& size) {
+        m_small = folder;
+        m_size = size;
+    }
     size_t Changes();  // how many erases and writes the cards have seen
 
   private:
+    std::unique_ptr<RunningQvcap> StartProgram(const std::string& file, const std::string& name,
+                                               const std::string& folder,
+                                               const std::vector<std::string>& arguments);
+
     std::string m_root;
     std::vector<std::string> m_environment;
     unsigned long m_fileLimit = 0;
     std::string m_readOnly;
+    std::string m_small;
+    std::string m_size;
     int m_runs = 0;
 };
 

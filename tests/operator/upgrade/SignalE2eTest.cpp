@@ -34,10 +34,30 @@ struct Moment {
     int nth;
 };
 
-// The reads before the tool's: qvcap's own for its plan, and the tool's for its mode.
 constexpr Moment kMoments[] = {{"Erasing", "EraseFirmwareData", 2},
                                {"Writing", "WriteFirmwareData", 2},
+                               {"Verifying", "ReadFirmwareData", 0},  // LastRead() counts them
                                {"Reconfiguring", "SetPostReconfig", 1}};
+
+// The tool's last read of the first card, before which it was read for the plan and for the mode.
+int LastRead() {
+    QvcapRig rig;
+    rig.cards.Add(Board());
+    rig.Write(NewPackage());
+    EXPECT_EQ(0, rig.Upgrade().status);
+    int reads = 0;
+    for (const std::string& line : rig.cards.Journal()) {
+        if (line.find("SetPostReconfig") != line.npos) break;
+        reads += line.find("ReadFirmwareData") != line.npos;
+    }
+    EXPECT_GT(reads, 3);
+    return reads;
+}
+
+Moment Counted(Moment moment) {
+    if (moment.nth == 0) moment.nth = LastRead();
+    return moment;
+}
 
 void AwaitMoment(QvcapRig& rig, RunningQvcap& run, const Moment& moment) {
     EXPECT_TRUE(run.WaitFor("\"card-begin\""));
@@ -51,16 +71,14 @@ class SignalE2eTest : public testing::TestWithParam<Moment> {
     void SetUp() override {
         rig.cards.Add(Board()).Add(Board());
         rig.Write(NewPackage());
-        rig.cards.AddFault({.request = GetParam().request,
-                            .nth = GetParam().nth,
-                            .board = 0,
-                            .effect = qvsim::Slow(400)});
+        rig.cards.AddFault(
+            {.request = moment.request, .nth = moment.nth, .board = 0, .effect = qvsim::Slow(400)});
     }
     // Until the first card is at the moment, which lasts.
     std::unique_ptr<RunningQvcap> UntilTheMoment(const std::vector<std::string>& options = {
                                                      "--json"}) {
         auto run = rig.StartUpgrade(options);
-        AwaitMoment(rig, *run, GetParam());
+        AwaitMoment(rig, *run, moment);
         return run;
     }
     // The process of the first card.
@@ -71,6 +89,7 @@ class SignalE2eTest : public testing::TestWithParam<Moment> {
         return so_far.Events("card-begin").at(0)["process"].get<pid_t>();
     }
 
+    const Moment moment = Counted(GetParam());
     QvcapRig rig;
 };
 
@@ -79,12 +98,10 @@ TEST_P(SignalE2eTest, TheFirstToEndTheRunLetsTheCardInWorkFinishAndTheSecondChan
         QvcapRig fresh;
         fresh.cards.Add(Board()).Add(Board());
         fresh.Write(NewPackage());
-        fresh.cards.AddFault({.request = GetParam().request,
-                              .nth = GetParam().nth,
-                              .board = 0,
-                              .effect = qvsim::Slow(400)});
+        fresh.cards.AddFault(
+            {.request = moment.request, .nth = moment.nth, .board = 0, .effect = qvsim::Slow(400)});
         const auto running = fresh.StartUpgrade({"--json"});
-        AwaitMoment(fresh, *running, GetParam());
+        AwaitMoment(fresh, *running, moment);
         kill(running->Number(), signal);
         ASSERT_TRUE(running->WaitFor("\"stopping\""));
         kill(running->Number(), signal);
@@ -114,9 +131,9 @@ TEST_P(SignalE2eTest, SignalsToTheChildOrToBothEndNoFlash) {
         fresh.cards.Add(Board());
         fresh.Write(NewPackage());
         fresh.cards.AddFault(
-            {.request = GetParam().request, .nth = GetParam().nth, .effect = qvsim::Slow(400)});
+            {.request = moment.request, .nth = moment.nth, .effect = qvsim::Slow(400)});
         const auto running = fresh.StartUpgrade({"--json"});
-        AwaitMoment(fresh, *running, GetParam());
+        AwaitMoment(fresh, *running, moment);
         for (const int signal : kSignals) {
             kill(ChildOf(*running), signal);
             if (both) kill(running->Number(), signal);
@@ -152,6 +169,20 @@ TEST_P(SignalE2eTest, WhenQvcapIsKilledItsChildFinishesAndTheNextRunFindsTheMach
     EXPECT_EQ("left", waited.Report()["cards"][0]["result"]) << "the child had finished it";
     EXPECT_EQ("done", waited.Report()["cards"][1]["result"]);
     EXPECT_THAT(rig.States(), ElementsAre("staged", "staged"));
+}
+
+TEST_P(SignalE2eTest, WhenBothAreKilledTheNextRunFindsNoLockAndCompletesTheCards) {
+    const auto running = UntilTheMoment();
+    const pid_t child = ChildOf(*running);
+    kill(running->Number(), SIGKILL);
+    kill(child, SIGKILL);
+    EXPECT_EQ(SIGKILL, running->Wait().signal);
+    // The child is nobody's any more; whoever adopted it may take its time.
+    const UpgradeRun next = rig.Upgrade({"--json", "--wait"});
+    EXPECT_EQ(0, next.status) << next.output;
+    EXPECT_THAT(rig.States(), ElementsAre("staged", "staged"));
+    const UpgradeRun history = rig.Run({"history", "--json", "--log", rig.Log()});
+    EXPECT_THAT(history.output, HasSubstr("\"begun\""));
 }
 
 INSTANTIATE_TEST_SUITE_P(Moments, SignalE2eTest, testing::ValuesIn(kMoments),

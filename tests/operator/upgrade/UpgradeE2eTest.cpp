@@ -4,6 +4,7 @@
 
 #include <cerrno>
 #include <filesystem>
+#include <map>
 
 #include "QvcapRig.h"
 
@@ -191,6 +192,26 @@ TEST_F(UpgradeE2eTest, SeveralBoardsAtOnceEndAsOneAfterAnother) {
     EXPECT_EQ(0, run.status) << run.output;
     EXPECT_EQ(std::vector<std::string>(10, "staged"), rig.States());
     EXPECT_EQ(10, run.Report()["done"]);
+}
+
+TEST_F(UpgradeE2eTest, TwoFlashesOfOneBoardAreNeverInWorkAtOnce) {
+    for (int i = 0; i < 3; ++i) rig.cards.Add(Board().Channels(2));
+    rig.Write(NewPackage());
+    const UpgradeRun run = rig.Upgrade({"--json", "--jobs", "6"});
+    EXPECT_EQ(0, run.status) << run.output;
+    std::map<std::string, int> inWork;  // by board, the first number of a card's name
+    int begun = 0;
+    for (const nlohmann::json& event : run.Events()) {
+        const std::string kind = event["event"];
+        if (kind != "card-begin" && kind != "card-end") continue;
+        int& cards = inWork[event["card"].get<std::string>().substr(0, 2)];
+        cards += kind == "card-begin" ? 1 : -1;
+        begun += kind == "card-begin";
+        EXPECT_LE(cards, 1) << run.output;
+        EXPECT_GE(cards, 0) << run.output;
+    }
+    EXPECT_EQ(6, begun);
+    EXPECT_EQ(3u, inWork.size());
 }
 
 TEST_F(UpgradeE2eTest, EachRowOfTheTableOfExitStatusesIsMet) {
