@@ -14,7 +14,8 @@ std::vector<Process> UsersOf(const std::vector<std::string>& nodes, const std::s
             const bool known = std::any_of(users.begin(), users.end(), [&](const Process& user) {
                 return user.pid == process.pid;
             });
-            if (process.pid != getpid() && !known) users.push_back(process);
+            const bool own = process.pid == getpid() || process.parent == getpid();
+            if (!own && !known) users.push_back(process);
         }
     return users;
 }

@@ -36,6 +36,17 @@ std::string NameOf(const std::string& folder) {
     return name;
 }
 
+// Field 4 of "pid (name) state parent …"; the name may hold any bytes.
+pid_t ParentOf(const std::string& folder) {
+    std::ifstream file(folder + "/stat");
+    std::string text;
+    std::getline(file, text, '\0');
+    const size_t name = text.rfind(')');
+    if (name == text.npos || name + 4 >= text.size()) return 0;
+    const size_t begin = name + 4;
+    return NumberOf(text.substr(begin, text.find(' ', begin) - begin));
+}
+
 bool DescriptorHoldsLock(const std::string& folder, const std::string& descriptor) {
     std::ifstream file(folder + "/fdinfo/" + descriptor);
     for (std::string line; std::getline(file, line);)
@@ -64,8 +75,10 @@ bool Look(const std::string& folder, const struct stat& wanted, Process* process
         found = true;
         process->holdsLock = process->holdsLock || DescriptorHoldsLock(folder, descriptor);
     }
-    if (found) process->name = NameOf(folder);
-    return found;
+    if (!found) return false;
+    process->name = NameOf(folder);
+    process->parent = ParentOf(folder);
+    return true;
 }
 
 }  // namespace

@@ -11,6 +11,7 @@ namespace qvo {
 
 struct Process {
     pid_t pid = 0;
+    pid_t parent = 0;        // 0 when it cannot be told
     std::string name;        // from the kernel: at most 15 characters, any bytes
     bool holdsLock = false;  // an open-file-description lock, on this file, through this descriptor
 };

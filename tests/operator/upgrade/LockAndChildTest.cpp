@@ -112,6 +112,51 @@ TEST(MachineLockTest, IsNoLinkToSomethingElse) {
     EXPECT_THROW(qvo::MachineLock(folder / "none/lock"), qvf::Mistake);
 }
 
+// A process that another one has started, and that has the file open until it is ended.
+class Stranger {
+  public:
+    explicit Stranger(const std::string& file) {
+        int ends[2];
+        EXPECT_EQ(0, pipe2(ends, O_CLOEXEC));
+        m_parent = fork();
+        if (m_parent == 0) {
+            const pid_t own = fork();
+            if (own == 0) {
+                static_cast<void>(open(file.c_str(), O_RDONLY | O_CLOEXEC));
+                const pid_t number = getpid();
+                const bool told = write(ends[1], &number, sizeof number) == sizeof number;
+                while (told) pause();
+                _exit(1);
+            }
+            waitpid(own, nullptr, 0);
+            _exit(0);
+        }
+        EXPECT_EQ(static_cast<ssize_t>(sizeof m_pid), read(ends[0], &m_pid, sizeof m_pid));
+        close(ends[0]);
+        close(ends[1]);
+    }
+    ~Stranger() {
+        if (m_pid > 0) kill(m_pid, SIGKILL);
+        waitpid(m_parent, nullptr, 0);
+    }
+    pid_t Number() const { return m_pid; }
+
+  private:
+    pid_t m_parent;
+    pid_t m_pid = 0;
+};
+
+TEST(BusyCardsTest, TheToolsOfThisRunDoNotCount) {
+    const Folder folder;
+    const std::string node = folder / "video0";
+    std::ofstream(node) << "x";
+    const Other tool([&] { static_cast<void>(open(node.c_str(), O_RDONLY | O_CLOEXEC)); });
+    EXPECT_TRUE(qvo::UsersOf({node}).empty());
+    ASSERT_EQ(1u, qvo::ProcessesWith(node).size());
+    EXPECT_EQ(tool.Number(), qvo::ProcessesWith(node)[0].pid);
+    EXPECT_EQ(getpid(), qvo::ProcessesWith(node)[0].parent);
+}
+
 TEST(BusyCardsTest, NamesWhoeverHasANodeOpenButNotItself) {
     const Folder folder;
     const std::string node = folder / "video0";
@@ -119,7 +164,7 @@ TEST(BusyCardsTest, NamesWhoeverHasANodeOpenButNotItself) {
     EXPECT_TRUE(qvo::UsersOf({node}).empty());
     const int mine = open(node.c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_TRUE(qvo::UsersOf({node}).empty()) << "itself";
-    const Other other([&] { static_cast<void>(open(node.c_str(), O_RDONLY | O_CLOEXEC)); });
+    const Stranger other(node);
     close(mine);
     const std::vector<qvo::Process> users = qvo::UsersOf({folder / "none", node, node});
     ASSERT_EQ(1u, users.size());
@@ -129,14 +174,14 @@ TEST(BusyCardsTest, NamesWhoeverHasANodeOpenButNotItself) {
 
 TEST(BusyCardsTest, ANodeCountsByItsDeviceWhateverItsName) {
     const Folder folder;
-    const Other other([] { static_cast<void>(open("/dev/full", O_RDONLY | O_CLOEXEC)); });
+    const Stranger other("/dev/full");
     const std::vector<qvo::Process> users = qvo::UsersOf({"/dev/full"});
     EXPECT_TRUE(std::any_of(users.begin(), users.end(),
                             [&](const auto& user) { return user.pid == other.Number(); }));
 }
 
 TEST(ProcessesTest, NamesCannotSteerATerminal) {
-    EXPECT_EQ("a\\x1b[31m (process 7)", qvo::ProcessText({7, "a\x1b[31m", false}));
+    EXPECT_EQ("a\\x1b[31m (process 7)", qvo::ProcessText({7, 1, "a\x1b[31m", false}));
 }
 
 TEST(PrivateFolderTest, HoldsThePackageAloneAndIsNobodyElses) {
