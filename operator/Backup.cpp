@@ -111,13 +111,15 @@ uint64_t DataSize(const qvf::Bytes& header) {
 }
 
 // Header and sections, as in a package. Sections of the other image are included unchanged, because
-// the header lists them.
-qvf::Bytes PackageOf(SureReader& reader, const qvf::Bytes& header) {
+// the header lists them; the mark behind them says that they are not this firmware's.
+qvf::Bytes PackageOf(SureReader& reader, const qvf::Bytes& header, bool safe) {
     qvf::Bytes package = header;
     for (const Place& place : SectionsOf(header)) {
         const qvf::Bytes data = reader.Read(place.address, place.size);
         package.insert(package.end(), data.begin(), data.end());
     }
+    const qvf::Bytes mark = SavedFromMark(safe);
+    package.insert(package.end(), mark.begin(), mark.end());
     return package;
 }
 
@@ -209,7 +211,7 @@ Backup BackUpCard(const Card& card, const std::string& folder, const Progress& p
     for (const bool safe : {false, true}) {
         const std::optional<qvf::Bytes>& header = headers[safe ? 1 : 0];
         if (header)
-            backup.images.push_back(Save(card, folder, PackageOf(*reader, *header), safe));
+            backup.images.push_back(Save(card, folder, PackageOf(*reader, *header, safe), safe));
         else
             backup.notes.push_back(std::string(safe ? "the safe" : "the main") +
                                    " image has no valid header and is not saved");

@@ -153,7 +153,8 @@ void FlashCard::TryUntilDone() {
 // An image that cannot be saved is not overwritten: that is a Mistake. Without a valid header there
 // is nothing to lose.
 void FlashCard::BackUp() {
-    const Backup backup = BackUpCard(m_job.card, m_means.backup);
+    Backup backup = BackUpCard(m_job.card, m_means.backup);
+    const bool unfinished = IsMainUnfinished(m_job.verdict);
     Event event = CardEvent("backup", m_job.card);
     event["images"] = Event::array();
     for (const SavedImage& image : backup.images) {
@@ -162,6 +163,10 @@ void FlashCard::BackUp() {
                                    {"file", image.path},
                                    {"sha256", image.sha256}});
         if (image.safe) continue;
+        if (unfinished) {
+            backup.notes.push_back("the main image is unfinished, and was saved so");
+            continue;
+        }
         // The package that the card had before can repair an unfinished main image.
         const FirmwarePackage saved{image.path, image.path,
                                     qvf::ReadPackage(image.path, qvf::Read::kHeader)};

@@ -57,6 +57,10 @@ class Comparison {
     // Compares the sections of an image if the result can matter.
     void Sections(bool safe, Image& image) {
         if (m_failed || m_package == nullptr || m_depth == Depth::kHeaders) return;
+        // The package's header, without an image of the package behind it.
+        if (image.content == Content::kHeaderMatches &&
+            !WhyNoImage(m_package->package, safe).empty())
+            image.content = Content::kOther;
         if (!IsWorthReading(safe, image.content)) {
             Advance(SectionBytes(safe));
             return;

@@ -45,6 +45,12 @@ std::string Reason(const std::string& message, const std::string& path) {
     return message.starts_with(prefix) ? message.substr(prefix.size()) : message;
 }
 
+const char* ImageText(bool safe) { return safe ? "a safe image" : "a main image"; }
+
+bool IsBlank(const qvf::Bytes& bytes) {
+    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0xFF; });
+}
+
 }  // namespace
 
 bool IsPackageName(const std::string& name) { return name.find(".qvf") != name.npos; }
@@ -94,6 +100,27 @@ std::shared_ptr<const PackageContents> ReadContents(const FirmwarePackage& packa
     if (contents->header != HeaderBytes(package.header))
         throw qvf::Mistake(package.path + ": has changed since it was read first; run it again");
     return contents;
+}
+
+qvf::Bytes SavedFromMark(bool safe) {
+    const std::string text = std::string("saved from ") + ImageText(safe) + "\n";
+    return {text.begin(), text.end()};
+}
+
+std::string WhyNoImage(const qvf::Package& package, bool safe) {
+    if (package.trailing == SavedFromMark(!safe))
+        return std::string("it was saved from ") + ImageText(!safe) + " and holds nothing for " +
+               ImageText(safe);
+    const auto writes = [safe](const qvf::Section& section) {
+        return section.ForUpgradeImage() == safe && !section.IsClear() && section.size > 0;
+    };
+    bool any = false;
+    for (const qvf::Section& section : package.sections) {
+        if (!writes(section)) continue;
+        if (!IsBlank(section.data)) return "";
+        any = true;
+    }
+    return any ? std::string("its sections for ") + ImageText(safe) + " are blank" : "";
 }
 
 qvf::Bytes HeaderBytes(const qvf::Package& package) {

@@ -78,6 +78,15 @@ class PackageSet {
 // Whether qvcap-upgrade takes a file of this name for a package.
 bool IsPackageName(const std::string& name);
 
+// Whether the package, which was read with its data, brings this image to a card: the main one, or
+// with `safe` the upgrade image. Why not: a message that follows the package's name; empty when it
+// does. A package without any section for the image is judged by its header, and does.
+std::string WhyNoImage(const qvf::Package& package, bool safe);
+
+// What a package that was saved from a card ends with. Its sections for the other image are those
+// of another firmware, or of none.
+qvf::Bytes SavedFromMark(bool safe);
+
 // Reads the whole package. A qvf::Mistake when it cannot be read, or when its header has changed
 // since it was read.
 std::shared_ptr<const PackageContents> ReadContents(const FirmwarePackage& package);

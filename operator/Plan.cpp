@@ -2,6 +2,7 @@
 #include "Plan.h"
 
 #include <algorithm>
+#include <string_view>
 
 #include "Escape.h"
 
@@ -30,6 +31,12 @@ bool IsAboutImages(const qvf::Rule& rule) {
            name == qvf::kUpgradeOnly.name || name == qvf::kCompatibilityZero.name;
 }
 
+// What is behind the data of a saved image is meant.
+bool IsTheMark(const qvf::Package& package, const qvf::Rule& rule) {
+    return rule.name == std::string_view(qvf::kTrailingBytes.name) &&
+           (package.trailing == SavedFromMark(false) || package.trailing == SavedFromMark(true));
+}
+
 std::vector<qvf::Finding> FindingsOf(const qvf::Package& package, const Card& card) {
     qvf::FlashLayout layout;
     layout.firmwareArea = card.firmwareOffset;
@@ -39,7 +46,8 @@ std::vector<qvf::Finding> FindingsOf(const qvf::Package& package, const Card& ca
 std::vector<std::string> WarningsOf(const qvf::Package& package, const Card& card) {
     std::vector<std::string> warnings;
     for (const qvf::Finding& finding : FindingsOf(package, card))
-        if (finding.rule.level == qvf::Level::kWarning && !IsAboutImages(finding.rule))
+        if (finding.rule.level == qvf::Level::kWarning && !IsAboutImages(finding.rule) &&
+            !IsTheMark(package, finding.rule))
             warnings.push_back(finding.message);
     return warnings;
 }
@@ -131,6 +139,10 @@ std::string Refusal(const qvf::Package& package, const Card& card, Mode mode) {
     if (!HasData(package, mode))
         return std::string("it has no section for ") + (mode == Mode::kSafe ? "a" : "an") + " " +
                ModeText(mode) + ", which this card would get: only a header would be written";
+    const std::string none = WhyNoImage(package, mode == Mode::kSafe);
+    if (!none.empty())
+        return none + ", but this card would get " + (mode == Mode::kSafe ? "a" : "an") + " " +
+               ModeText(mode);
     for (const qvf::Finding& finding : FindingsOf(package, card))
         if (finding.rule.level == qvf::Level::kError && !IsAboutImages(finding.rule))
             return finding.message;

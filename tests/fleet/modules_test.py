@@ -300,8 +300,9 @@ class Restoring(Modules):
 
     def test_a_main_image_is_not_put_into_the_place_of_the_safe_one(self):
         self.upgraded()
-        self.answer("plan", plan(mode="safe upgrade"), end(card()))
-        self.assertIn("turn the host off and on first", self.run_firmware(restore="latest")["msg"])
+        for action in ("flash", "refused"):
+            self.answer("plan", plan(mode="safe upgrade", action=action), end(card()))
+            self.assertIn("turn the host off and on first", self.run_firmware(restore="latest")["msg"])
         self.assertEqual([], self.upgrades())
 
     def test_a_card_that_has_gone_is_named(self):

@@ -65,6 +65,11 @@ class BackupE2eTest : public testing::Test {
         const std::string text = ReadWholeFile(path);
         return Bytes(text.begin(), text.end());
     }
+    // What a saved package ends with.
+    static Bytes Mark(const std::string& image) {
+        const std::string text = "saved from a " + image + " image\n";
+        return Bytes(text.begin(), text.end());
+    }
     // All that is in the folder of backups.
     std::vector<std::string> Files() {
         std::vector<std::string> files;
@@ -91,6 +96,8 @@ TEST_F(BackupE2eTest, ThePackageIsWhatTheFlashHolds) {
     const Bytes main = Old().Data(0);
     expected.insert(expected.end(), main.begin(), main.end());
     expected.resize(expected.size() + 5000, 0xFF);  // nothing is there of the other image
+    const Bytes mark = Mark("main");
+    expected.insert(expected.end(), mark.begin(), mark.end());
     const std::string file = folder / ("saved/" + kName + "/" + kName);
     EXPECT_EQ(expected, FileBytes(file + ".qvf"));
     EXPECT_EQ(qvf::Sha256(expected) + "  " + kName + ".qvf\n", ReadWholeFile(file + ".sha256"));
@@ -138,8 +145,10 @@ TEST_F(BackupE2eTest, TheSafeImageIsSavedToo) {
     EXPECT_EQ("1.1", images[1]["version"]);
     const Bytes saved = FileBytes(folder / std::string(images[1]["file"]));
     const uint32_t length = New().Length();
-    ASSERT_EQ(length + 80000 + 6000, saved.size());
-    EXPECT_TRUE(std::equal(saved.end() - 6000, saved.end(), New().Data(1).begin()));
+    const Bytes mark = Mark("safe");
+    ASSERT_EQ(length + 80000 + 6000 + mark.size(), saved.size());
+    EXPECT_EQ(mark, Bytes(saved.begin() + length + 86000, saved.end()));
+    EXPECT_EQ(New().Data(1), Bytes(saved.begin() + length + 80000, saved.begin() + length + 86000));
     EXPECT_EQ(images[1]["sha256"], qvf::Sha256(saved));
 }
 

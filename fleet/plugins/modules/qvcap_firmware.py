@@ -279,7 +279,8 @@ class FromBackups(Upgrade):
             planned = self.dry(folder, *selection)
             for plan in program.of_kind(planned, "plan"):
                 # A backup of the main image has no valid data for the safe image.
-                if plan["action"] == "flash" and plan["mode"] != ("upgrade" if image == "main" else "safe upgrade"):
+                mode = "upgrade" if image == "main" else "safe upgrade"
+                if plan["action"] in ("flash", "refused") and plan["mode"] != mode:
                     raise program.Problem(f"{plan['card']} ({plan['product']}) would get its {image} image by a "
                                           f"{plan['mode']}; turn the host off and on first, and try again")
             events += planned
