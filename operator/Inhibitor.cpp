@@ -2,40 +2,39 @@
 // the program runs; without them it is said that nothing is delayed.
 #include "Inhibitor.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "OptionalLibrary.h"
+
 namespace qvo {
 namespace {
 
 constexpr char kLogind[] = "org.freedesktop.login1";
 
-// The few functions of sd-bus that are needed, with the names and types of its stable interface.
-// They are looked up at run time, so that the program is built, and starts, without the library.
+// The few functions of sd-bus that are needed.
 class Bus {
   public:
-    Bus() : m_library(dlopen("libsystemd.so.0", RTLD_NOW | RTLD_LOCAL)) {
-        Find("sd_bus_open_system", m_openSystem);
-        Find("sd_bus_call_method", m_callMethod);
-        Find("sd_bus_message_read", m_read);
-        Find("sd_bus_message_unref", m_unref);
-        Find("sd_bus_flush_close_unref", m_close);
+    Bus() {
+        m_library.Find("sd_bus_open_system", m_openSystem);
+        m_library.Find("sd_bus_call_method", m_callMethod);
+        m_library.Find("sd_bus_message_read", m_read);
+        m_library.Find("sd_bus_message_unref", m_unref);
+        m_library.Find("sd_bus_flush_close_unref", m_close);
     }
     Bus(const Bus&) = delete;
     Bus& operator=(const Bus&) = delete;
     ~Bus() {
         if (m_message != nullptr) m_unref(m_message);
         if (m_bus != nullptr) m_close(m_bus);
-        if (m_library != nullptr) dlclose(m_library);
     }
 
     // A descriptor that holds the inhibitor lock, or -1 with the problem.
     int Inhibit(std::string* problem) {
-        if (m_library == nullptr || m_missing) return Say(problem, "libsystemd is not here");
+        if (!m_library.IsComplete()) return Say(problem, "libsystemd is not here");
         if (const int result = m_openSystem(&m_bus); result < 0)
             return Say(problem, std::string("no system bus: ") + std::strerror(-result));
         const int called = m_callMethod(
@@ -51,19 +50,12 @@ class Bus {
     }
 
   private:
-    template <class Function>
-    void Find(const char* name, Function*& function) {
-        void* const found = m_library == nullptr ? nullptr : dlsym(m_library, name);
-        m_missing = m_missing || found == nullptr;
-        function = reinterpret_cast<Function*>(found);
-    }
     static int Say(std::string* problem, const std::string& text) {
         *problem = text;
         return -1;
     }
 
-    void* m_library;
-    bool m_missing = false;
+    qvf::OptionalLibrary m_library{"libsystemd.so.0"};
     void* m_bus = nullptr;
     void* m_message = nullptr;
     int (*m_openSystem)(void** bus) = nullptr;

@@ -1,10 +1,9 @@
 #include "Digest.h"
 
-#include <dlfcn.h>
-
 #include <array>
 #include <cstdio>
 
+#include "OptionalLibrary.h"
 #include "Program.h"
 
 namespace qvf {
@@ -12,24 +11,22 @@ namespace {
 
 constexpr size_t kBytes = 32;
 
-// The few functions of libcrypto that are needed, by the names and types of its stable interface.
-// It knows the processor's own instructions, which sha256sum often does not: that takes several
-// times as long. Looked up when it is wanted, so that programs start, and are built, without it;
-// never closed, as it keeps what it has once set up.
+// The few functions of libcrypto that are needed. It knows the processor's own instructions, which
+// sha256sum often does not: that takes several times as long.
 class LibCrypto {
   public:
-    LibCrypto() : m_library(dlopen("libcrypto.so.3", RTLD_NOW | RTLD_LOCAL)) {
-        Find("EVP_sha256", m_sha256);
-        Find("EVP_MD_CTX_new", m_new);
-        Find("EVP_MD_CTX_free", m_free);
-        Find("EVP_DigestInit_ex", m_begin);
-        Find("EVP_DigestUpdate", m_add);
-        Find("EVP_DigestFinal_ex", m_end);
+    LibCrypto() {
+        m_library.Find("EVP_sha256", m_sha256);
+        m_library.Find("EVP_MD_CTX_new", m_new);
+        m_library.Find("EVP_MD_CTX_free", m_free);
+        m_library.Find("EVP_DigestInit_ex", m_begin);
+        m_library.Find("EVP_DigestUpdate", m_add);
+        m_library.Find("EVP_DigestFinal_ex", m_end);
     }
 
     // Empty when it is not here, or will not.
     std::string Digest(const Pieces& pieces) const {
-        if (m_library == nullptr || m_missing) return "";
+        if (!m_library.IsComplete()) return "";
         void* const state = m_new();
         if (state == nullptr) return "";
         std::array<unsigned char, kBytes> digest{};
@@ -48,15 +45,7 @@ class LibCrypto {
     }
 
   private:
-    template <class Function>
-    void Find(const char* name, Function*& function) {
-        void* const found = m_library == nullptr ? nullptr : dlsym(m_library, name);
-        m_missing = m_missing || found == nullptr;
-        function = reinterpret_cast<Function*>(found);
-    }
-
-    void* m_library;
-    bool m_missing = false;
+    OptionalLibrary m_library{"libcrypto.so.3"};
     const void* (*m_sha256)() = nullptr;
     void* (*m_new)() = nullptr;
     void (*m_free)(void* state) = nullptr;

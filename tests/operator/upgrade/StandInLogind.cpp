@@ -1,6 +1,5 @@
 #include "StandInLogind.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
@@ -11,8 +10,9 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
+
+#include "OptionalLibrary.h"
 
 namespace qvtest {
 namespace {
@@ -30,31 +30,25 @@ struct BusError {
     int mustBeFreed;
 };
 
-// The functions of sd-bus that a server needs, by the names and types of its stable interface.
+// The functions of sd-bus that a server needs.
 struct SdBus {
-    SdBus() : library(dlopen("libsystemd.so.0", RTLD_NOW | RTLD_LOCAL)) {
-        if (library == nullptr) return;
-        Find("sd_bus_new", create);
-        Find("sd_bus_set_fd", setFd);
-        Find("sd_bus_set_server", setServer);
-        Find("sd_bus_negotiate_fds", negotiateFds);
-        Find("sd_bus_start", start);
-        Find("sd_bus_process", process);
-        Find("sd_bus_wait", wait);
-        Find("sd_bus_message_is_method_call", isCall);
-        Find("sd_bus_message_read", read);
-        Find("sd_bus_message_unref", unref);
-        Find("sd_bus_reply_method_return", answer);
-        Find("sd_bus_reply_method_errno", refuse);
-        Find("sd_bus_flush_close_unref", close);
-    }
-    template <class Function>
-    void Find(const char* name, Function*& function) {
-        function = reinterpret_cast<Function*>(dlsym(library, name));
-        if (function == nullptr) std::abort();
+    SdBus() {
+        library.Find("sd_bus_new", create);
+        library.Find("sd_bus_set_fd", setFd);
+        library.Find("sd_bus_set_server", setServer);
+        library.Find("sd_bus_negotiate_fds", negotiateFds);
+        library.Find("sd_bus_start", start);
+        library.Find("sd_bus_process", process);
+        library.Find("sd_bus_wait", wait);
+        library.Find("sd_bus_message_is_method_call", isCall);
+        library.Find("sd_bus_message_read", read);
+        library.Find("sd_bus_message_unref", unref);
+        library.Find("sd_bus_reply_method_return", answer);
+        library.Find("sd_bus_reply_method_errno", refuse);
+        library.Find("sd_bus_flush_close_unref", close);
     }
 
-    void* library;
+    qvf::OptionalLibrary library{"libsystemd.so.0"};
     int (*create)(void** bus);
     int (*setFd)(void* bus, int input, int output);
     int (*setServer)(void* bus, int is, Identity identity);
@@ -77,7 +71,7 @@ const SdBus& TheBus() {
 
 }  // namespace
 
-bool StandInLogind::IsPossible() { return TheBus().library != nullptr; }
+bool StandInLogind::IsPossible() { return TheBus().library.IsComplete(); }
 
 StandInLogind::StandInLogind(const std::string& path, bool refuses) : m_refuses(refuses) {
     sockaddr_un address = {};
