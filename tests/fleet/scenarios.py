@@ -63,6 +63,15 @@ def written_as_planned(controller, hosts):
             equal({"EraseFirmwareData": size, "WriteFirmwareData": size}, writes[node], f"{host.name} {node}")
 
 
+def upgraded(done, changed, hosts, controller):
+    """A run that ended well changed these hosts; every card was written once and runs what is new."""
+    equal(0, done.status, "status")
+    equal(changed, done.count("changed"), "changed")
+    written_as_planned(controller, hosts)
+    for host in hosts:
+        equal(NEW, host.running(), f"{host.name} runs")
+
+
 def install(controller, host, packages):
     """The role install, a second time without a change."""
     controller.know([host])
@@ -86,12 +95,9 @@ def a_healthy_fleet(hosts, controller):
     for host in hosts:
         assert not (host.root / "var/lib/qvcap-fleet").exists(), f"{host.name}: check mode left something"
     done = controller.upgrade()
-    equal(0, done.status, "status")
-    equal(all_of(hosts, 1), done.count("changed"), "changed")
+    upgraded(done, all_of(hosts, 1), hosts, controller)
     equal(all_of(hosts, 0), done.count("failed"), "failed")
-    written_as_planned(controller, hosts)
     for host in hosts:
-        equal(NEW, host.running(), f"{host.name} runs")
         equal(3, report(controller, host)["status"]["summary"]["current"], f"{host.name}: current in the report")
         equal(3, len(report(controller, host)["run"]["cards"]), f"{host.name}: cards of the run in the report")
         valid_report(controller, report(controller, host))
@@ -194,11 +200,7 @@ def a_lost_connection(hosts, controller):
     wait_for("the end of qvcap", lambda: has_ended(hosts[0]))
     hosts[0].regain_connection()
     done = controller.end(started)
-    equal(0, done.status, "status")
-    equal(all_of(hosts, 1), done.count("changed"), "changed")
-    written_as_planned(controller, hosts)
-    for host in hosts:
-        equal(NEW, host.running(), f"{host.name} runs")
+    upgraded(done, all_of(hosts, 1), hosts, controller)
 
 
 def a_host_that_stays_away(hosts, controller):
@@ -217,11 +219,7 @@ def a_host_that_stays_away(hosts, controller):
     equal(False, report(controller, away)["reachable"], "reachable in the report")
     away.regain_connection()
     again = controller.upgrade()
-    equal(0, again.status, "status of the next run")
-    equal({**all_of(hosts, 1), away.name: 0}, again.count("changed"), "changed by the next run")
-    written_as_planned(controller, hosts)
-    for host in hosts:
-        equal(NEW, host.running(), f"{host.name} runs")
+    upgraded(again, {**all_of(hosts, 1), away.name: 0}, hosts, controller)
 
 
 def a_full_host(hosts, controller):
@@ -269,11 +267,7 @@ def a_staged_host(hosts, controller):
     staged = hosts[0]
     staged.inside("/usr/local/sbin/qvcap", "upgrade", "--packages", "/var/lib/cards/packages")
     done = controller.upgrade()
-    equal(0, done.status, "status")
-    equal({**all_of(hosts, 1), staged.name: 0}, done.count("changed"), "changed")
-    written_as_planned(controller, hosts)
-    for host in hosts:
-        equal(NEW, host.running(), f"{host.name} runs")
+    upgraded(done, {**all_of(hosts, 1), staged.name: 0}, hosts, controller)
 
 
 def nobody_turns_hosts_off(hosts, controller):
@@ -293,11 +287,7 @@ def nobody_turns_hosts_off(hosts, controller):
 def hosts_that_turn_themselves_off(hosts, controller):
     """Each turns itself off when its result has arrived; somebody turns it on."""
     done = controller.play("upgrade", qvcap_packages=controller.firmware, qvcap_power="when_off")
-    equal(0, done.status, "status")
-    equal(all_of(hosts, 1), done.count("changed"), "changed")
-    written_as_planned(controller, hosts)
-    for host in hosts:
-        equal(NEW, host.running(), f"{host.name} runs")
+    upgraded(done, all_of(hosts, 1), hosts, controller)
 
 
 def a_killed_controller(hosts, controller):
@@ -309,11 +299,7 @@ def a_killed_controller(hosts, controller):
         again = controller.start("upgrade", **controller.upgrade_variables())
         wait_for("a second controller that joins", hosts[0].is_joined, 300)
     done = controller.end(again)
-    equal(0, done.status, "status")
-    equal(all_of(hosts, 1), done.count("changed"), "changed")
-    written_as_planned(controller, hosts)
-    for host in hosts:
-        equal(NEW, host.running(), f"{host.name} runs")
+    upgraded(done, all_of(hosts, 1), hosts, controller)
 
 
 def a_package_that_fits_nothing(hosts, controller):

@@ -172,14 +172,21 @@ def image_text(image):
     return version if content == "other" else f"{version} {content}"
 
 
+def identity(entry, text):
+    """What an entry of the status and one of a report have in common; `text` reads what may be null in one."""
+    return {
+        "card": entry.name("card"),
+        "state": entry.choice("state", STATES),
+        "path": entry.text("path"),
+        "product": text("product"),
+        "serial": text("serial"),
+    }
+
+
 def status_card(entry):
     package = entry.part_or_null("package")
     return Card(
-        card=entry.name("card"),
-        state=entry.choice("state", STATES),
-        path=entry.text("path"),
-        product=entry.text_or_null("product"),
-        serial=entry.text_or_null("serial"),
+        **identity(entry, entry.text_or_null),
         running=entry.text_or_null("running"),
         main=image_text(entry.part("main")),
         safe=image_text(entry.part("safe")),
@@ -192,11 +199,7 @@ def status_card(entry):
 def run_card(entry):
     """A card of an upgrade's report, in case the status has no card of that name."""
     return Card(
-        card=entry.name("card"),
-        state=entry.choice("state", STATES),
-        path=entry.text("path"),
-        product=entry.text("product"),
-        serial=entry.text("serial"),
+        **identity(entry, entry.text),
         running=entry.text("from"),
         package=entry.text("to"),
         package_name=entry.text("package"),
