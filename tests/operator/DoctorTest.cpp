@@ -6,6 +6,8 @@
 #include <filesystem>
 #include <fstream>
 
+#include "support/TempFolder.h"
+
 namespace qvtest {
 namespace {
 
@@ -16,20 +18,17 @@ using qvo::Severity;
 class DoctorTest : public testing::Test {
   protected:
     DoctorTest() {
-        std::string pattern = testing::TempDir() + "/qvcap-doctor-XXXXXX";
-        EXPECT_NE(nullptr, mkdtemp(pattern.data()));
-        folder = pattern;
         fs::create_directories(folder + "/proc/asound");
         surroundings.proc = folder + "/proc";
         surroundings.ruleFolders = {folder + "/a", folder + "/b"};
     }
-    ~DoctorTest() override { fs::remove_all(folder); }
     std::vector<Observation> Of(const std::string& check) {
         std::vector<Observation> seen = qvo::ExamineSystem(surroundings);
         std::erase_if(seen, [&](const Observation& one) { return one.check != check; });
         return seen;
     }
-    std::string folder;
+    const TempFolder temporary{"qvcap-doctor"};
+    const std::string folder = temporary.Path();
     qvo::Surroundings surroundings;
 };
 

@@ -8,6 +8,7 @@
 #include <filesystem>
 
 #include "support/PackageBuilder.h"
+#include "support/TempFolder.h"
 
 namespace qvtest {
 namespace {
@@ -32,15 +33,11 @@ PackageBuilder Both() {
 class JudgeTest : public testing::Test {
   protected:
     JudgeTest() : flash(kFlashSize, 0xFF) {
-        std::string pattern = testing::TempDir() + "/qvcap-judge-XXXXXX";
-        EXPECT_NE(nullptr, mkdtemp(pattern.data()));
-        folder = pattern;
         card.identified = true;
         card.runningVersion = 0x00010000;
         card.firmwareOffset = kMain;
         Use(Both());
     }
-    ~JudgeTest() override { std::filesystem::remove_all(folder); }
 
     void Use(const PackageBuilder& builder) {
         package = builder;
@@ -86,7 +83,8 @@ class JudgeTest : public testing::Test {
                                });
     }
 
-    std::string folder;
+    const TempFolder temporary{"qvcap-judge"};
+    const std::string folder = temporary.Path();
     qvo::Card card;
     Bytes flash;
     PackageBuilder package;

@@ -9,6 +9,7 @@
 #include <filesystem>
 
 #include "support/PackageBuilder.h"
+#include "support/TempFolder.h"
 
 namespace qvtest {
 namespace {
@@ -19,12 +20,6 @@ using qvo::PackageSet;
 
 class OperatorPackagesTest : public testing::Test {
   protected:
-    OperatorPackagesTest() {
-        std::string pattern = testing::TempDir() + "/qvcap-packages-XXXXXX";
-        EXPECT_NE(nullptr, mkdtemp(pattern.data()));
-        folder = pattern;
-    }
-    ~OperatorPackagesTest() override { fs::remove_all(folder); }
     std::string operator/(const char* name) const { return folder + "/" + name; }
 
     static Card CardOf(uint16_t code, char hardware) {
@@ -34,7 +29,8 @@ class OperatorPackagesTest : public testing::Test {
         card.hardwareVersion = static_cast<uint8_t>(hardware);
         return card;
     }
-    std::string folder;
+    const TempFolder temporary{"qvcap-packages"};
+    const std::string folder = temporary.Path();
 };
 
 TEST_F(OperatorPackagesTest, EveryRegularFileWithTheNameIsOneAndTheyAreSorted) {

@@ -80,19 +80,11 @@ std::string ReadWholeFile(const std::string& path) {
 }
 
 QvcapFolder::QvcapFolder() {
-    m_root = testing::TempDir() + "/qvcap-XXXXXX";
-    Require(mkdtemp(m_root.data()) != nullptr, "mkdtemp");
-    m_work = m_root + "/work";
     Require(mkdir(m_work.c_str(), 0755) == 0, "mkdir");
     Require(mkdir((m_root + "/bin").c_str(), 0755) == 0, "mkdir");
     for (const char* name : {"poweroff", "sudo", "shutdown", "reboot", "systemctl"})
         WriteScript(m_root + "/bin/" + name,
                     std::string("echo \"") + name + " $*\" >>'" + m_root + "/commands'");
-}
-
-QvcapFolder::~QvcapFolder() {
-    std::error_code ignored;  // a leftover in the temporary directory breaks nothing
-    std::filesystem::remove_all(m_root, ignored);
 }
 
 std::vector<std::string> QvcapFolder::Environment(const std::string& cards) const {

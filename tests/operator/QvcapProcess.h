@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "support/SimRig.h"
+#include "support/TempFolder.h"
 
 namespace qvtest {
 
@@ -19,9 +20,6 @@ struct QvcapRun {
 class QvcapFolder {
   public:
     QvcapFolder();
-    ~QvcapFolder();
-    QvcapFolder(const QvcapFolder&) = delete;
-    QvcapFolder& operator=(const QvcapFolder&) = delete;
 
     // Where it is run; packages go here.
     const std::string& Dir() const { return m_work; }
@@ -41,8 +39,9 @@ class QvcapFolder {
     QvcapRun RunProgram(qvsim::SimRig& rig, const std::string& file, const std::string& name,
                         const std::vector<std::string>& arguments);
 
-    std::string m_root;
-    std::string m_work;
+    const TempFolder m_temporary{"qvcap"};
+    const std::string m_root = m_temporary.Path();
+    const std::string m_work = m_root + "/work";
 };
 
 // For the next process that meets it.

@@ -21,7 +21,7 @@ constexpr uint32_t kSector = 4096;
     struct stat status;
     const char* const kMemory = "/dev/shm";
     return stat(kMemory, &status) == 0 && S_ISDIR(status.st_mode) && access(kMemory, W_OK) == 0 &&
-           setenv("TEST_TMPDIR", kMemory, 0) == 0;
+           setenv("TMPDIR", kMemory, 0) == 0;
 }();
 
 PackageBuilder NewPackage() { return Package().Firmware(1, 1); }

@@ -16,24 +16,16 @@
 #include "MachineLock.h"
 #include "PrivateFolder.h"
 #include "QvcapRig.h"
+#include "support/TempFolder.h"
 
 namespace qvtest {
 namespace {
 
 using testing::HasSubstr;
 
-class Folder {
-  public:
-    Folder() { EXPECT_NE(nullptr, mkdtemp(m_path.data())); }
-    ~Folder() {
-        std::error_code ignored;  // a leftover in the temporary directory breaks nothing
-        std::filesystem::remove_all(m_path, ignored);
-    }
-    std::string operator/(const std::string& name) const { return m_path + "/" + name; }
-    const std::string& Path() const { return m_path; }
-
-  private:
-    std::string m_path = testing::TempDir() + "/qvlock-XXXXXX";
+struct Folder : TempFolder {
+    Folder() : TempFolder("qvlock") {}
+    std::string operator/(const std::string& name) const { return Path() + "/" + name; }
 };
 
 // A process that does `work`, says so, and waits until it is ended.

@@ -12,6 +12,7 @@
 #include "History.h"
 #include "Plan.h"
 #include "QvcapRig.h"
+#include "support/TempFolder.h"
 
 namespace qvtest {
 namespace {
@@ -149,11 +150,6 @@ TEST(StoredHeaderTest, IsTakenFromWhateverIsThere) {
 
 class HistoryTest : public testing::Test {
   protected:
-    HistoryTest() { EXPECT_NE(nullptr, mkdtemp(folder.data())); }
-    ~HistoryTest() override {
-        std::error_code ignored;  // a leftover in the temporary directory breaks nothing
-        std::filesystem::remove_all(folder, ignored);
-    }
     static qvo::HistoryEntry Entry(const std::string& time) {
         qvo::HistoryEntry entry;
         entry.time = time;
@@ -168,7 +164,8 @@ class HistoryTest : public testing::Test {
         std::sort(names.begin(), names.end());
         return names;
     }
-    std::string folder = testing::TempDir() + "/qvhistory-XXXXXX";
+    const TempFolder temporary{"qvhistory"};
+    const std::string folder = temporary.Path();
 };
 
 TEST_F(HistoryTest, HasOneFileAMonthAndIsReadInOrder) {
