@@ -111,15 +111,6 @@ TEST_F(HostileDriverTest, WhatAClosedNodeLeavesIsUsedAgain) {
     EXPECT_EQ(event, m_events->CreateEvent());
 }
 
-TEST_F(HostileDriverTest, AWellBehavedOneRefusesAFrameAfterTheStop) {
-    Attach();
-    ASSERT_EQ(0, Start(m_events->CreateEvent()));
-    ASSERT_EQ(0, Stop());
-    EXPECT_EQ(-1, Capture());
-    EXPECT_EQ(EINVAL, errno);
-    EXPECT_EQ(0u, m_rig.Cards().CountAlive().frames);
-}
-
 TEST_F(HostileDriverTest, AFrameAfterTheStopIsWrittenAndNobodyIsTold) {
     Attach({.afterStop = AfterStop::kWriteAtOnce});
     const uint64_t event = m_events->CreateEvent();

@@ -194,19 +194,6 @@ TEST_F(CommandLineE2eTest, ADeviceArgumentNeedsExactlyTwoFields) {
     }
 }
 
-TEST_F(CommandLineE2eTest, EmptyFieldsOfADeviceArgumentAreSkipped) {
-    rig.Add(Pelix().Channels(2).Firmware(1, 1));
-    OneNewPackage();
-    for (const char* argument : {"0::1", ":0:1", "0:1:", "256:1", "0:257"}) {
-        const ToolRun run = Run({"-d", argument, "-y"});
-        EXPECT_EQ(0, run.status) << argument;
-        EXPECT_THAT(run.output,
-                    HasSubstr("total 1  need upgrade 0\n" + kTableHeader +
-                              Row("00:01 Pelix SIM", "1.1", "A", "1.1", "Not Need upgrade")))
-            << argument;
-    }
-}
-
 TEST_F(CommandLineE2eTest, ADeviceArgumentListsThatChannelOnEveryFamily) {
     rig.Add(Pelix().Board(1).Channels(3).Product("P"))
         .Add(Lumo().Board(2).Channels(4).Product("L"));
@@ -217,16 +204,6 @@ TEST_F(CommandLineE2eTest, ADeviceArgumentListsThatChannelOnEveryFamily) {
     EXPECT_THAT(Run({"-d", "2:3"}).output,
                 HasSubstr("total 1  need upgrade 1\n" + kTableHeader +
                           Row("02:03 L", "1.0", "A", "1.1", "Need upgrade") + "\n"));
-}
-
-TEST_F(CommandLineE2eTest, MinusOneInADeviceArgumentIsBoard255) {
-    rig.Add(Pelix().Board(0)).Add(Pelix().Board(1).Product("Odd").RawInfo([](auto& info) {
-        info.boardIndex = 255;
-    }));
-    OneNewPackage();
-    EXPECT_THAT(Run({"-d", "-1:0"}).output,
-                HasSubstr("total 1  need upgrade 1\n" + kTableHeader +
-                          Row("255:00 Odd", "1.0", "A", "1.1", "Need upgrade") + "\n"));
 }
 
 TEST_F(CommandLineE2eTest, MinusOneAsBoardIsEveryBoard) {
@@ -277,16 +254,6 @@ TEST_F(CommandLineE2eTest, AnUnknownOptionEndsParsing) {
     rig.Add(Pelix());
     OneNewPackage();
     EXPECT_EQ(kUsage, Run({"-x", "-a"}).output);
-}
-
-TEST_F(CommandLineE2eTest, ADeviceThatCannotBeQueriedLeavesTheListEmpty) {
-    rig.Add(Pelix());
-    OneNewPackage();
-    rig.AddFault({.request = "GetFirmwareStorageInfo", .count = -1, .effect = Refuse(EIO)});
-    const ToolRun run = Run({"-a"});
-    EXPECT_EQ(0, run.status);
-    // Its need was counted before the query failed.
-    EXPECT_EQ("total 0, need upgrade 1\n", run.output);
 }
 
 TEST_F(CommandLineE2eTest, AFailingQueryLeavesTheEarlierListUntouched) {

@@ -2,7 +2,7 @@
 #include "FlashEngine.h"
 
 #include "ToolFixture.h"
-#include "Transcript.h"
+#include "ToolTexts.h"
 
 namespace qvtest {
 namespace {
