@@ -2,12 +2,12 @@
 // supplies, and the devices behind it.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <semaphore.h>
 
 #include <cstring>
 
 #include "ProcessTransport.h"
 #include "QVCapture.h"
+#include "support/Recorder.h"
 #include "support/SimRig.h"
 
 using qvsim::Fault;
@@ -254,28 +254,18 @@ TEST_F(UsbDeviceTest, ADeviceThatWasPulledOutIsGoneWithTheNextSearchAndBackWithA
     EXPECT_EQ(QV_RESULT_OK, QVGetVideoInputSource(channel, &source));
 }
 
-struct Told {
-    Told() { sem_init(&ready, 0, 0); }
-    ~Told() { sem_destroy(&ready); }
-    static void Note(_QVUSBHOT_PLUG_EVETN event, const char* path, void* param) {
-        auto* me = static_cast<Told*>(param);
-        me->lines.push_back(std::to_string(event) + " " + path);
-        sem_post(&me->ready);
-    }
-    sem_t ready;
-    Lines lines;
-};
-
 TEST_F(UsbDeviceTest, WhoeverWatchesIsTold) {
     Begin();
-    Told told;
-    ASSERT_EQ(QV_RESULT_OK, QVRegisterUSBHotPlug(Told::Note, &told));
+    qvtest::Recorder<std::string> told;
+    const auto note = [](_QVUSBHOT_PLUG_EVETN event, const char* path, void* param) {
+        static_cast<qvtest::Recorder<std::string>*>(param)->Add(std::to_string(event) + " " + path);
+    };
+    ASSERT_EQ(QV_RESULT_OK, QVRegisterUSBHotPlug(note, &told));
     usb.Unplug("TV2");
     usb.Plug("TV2");
-    sem_wait(&told.ready);
-    sem_wait(&told.ready);
+    told.AwaitCount(2);
     EXPECT_EQ(QV_RESULT_OK, QVUnregisterUSBHotPlug());
-    EXPECT_THAT(told.lines, ElementsAre("2 usb:TV2", "1 usb:TV2"));
+    EXPECT_THAT(told.Items(), ElementsAre("2 usb:TV2", "1 usb:TV2"));
 }
 
 }  // namespace

@@ -3,7 +3,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <semaphore.h>
 
 #include <atomic>
 #include <cstring>
@@ -14,6 +13,7 @@
 
 #include "QVCapture.h"
 #include "lib/FakeV4l2.h"
+#include "support/Recorder.h"
 
 using testing::ElementsAre;
 
@@ -366,31 +366,21 @@ TEST_F(UsbTransportTest, NothingComesBetweenTheTwoTransfersOfAReadOfTheSameDevic
 class Plugs {
   public:
     explicit Plugs(Transport* transport) {
-        sem_init(&m_ready, 0, 0);
         g_plugs = this;
         transport->table.hotPlug = [](int, _QVUSBHOT_PLUG_EVETN* event, char* path, void*) {
             return g_plugs->Take(event, path);
         };
     }
-    ~Plugs() { sem_destroy(&m_ready); }
     void Happen(_QVUSBHOT_PLUG_EVETN event, const std::string& path) {
         const std::lock_guard guard(m_mutex);
         m_waiting.emplace_back(event, path);
     }
     static void Tell(_QVUSBHOT_PLUG_EVETN event, const char* path, void* param) {
         auto* me = static_cast<Plugs*>(param);
-        {
-            const std::lock_guard guard(me->m_mutex);
-            me->m_told.push_back(std::to_string(event) + " " + path);
-        }
         if (me->endsItself) QVUnregisterUSBHotPlug();
-        sem_post(&me->m_ready);
+        me->told.Add(std::to_string(event) + " " + path);
     }
-    void Await() { sem_wait(&m_ready); }
-    std::vector<std::string> Told() {
-        const std::lock_guard guard(m_mutex);
-        return m_told;
-    }
+    qvtest::Recorder<std::string> told;
     std::atomic<int> asked{0};
     std::atomic<int> failures{0};  // so many times watching fails
     std::atomic<bool> endsItself{false};
@@ -415,8 +405,6 @@ class Plugs {
     inline static Plugs* g_plugs;
     std::mutex m_mutex;
     std::vector<std::pair<_QVUSBHOT_PLUG_EVETN, std::string>> m_waiting;
-    std::vector<std::string> m_told;
-    sem_t m_ready;
 };
 
 class UsbHotPlugTest : public UsbTransportTest {
@@ -429,9 +417,7 @@ TEST_F(UsbHotPlugTest, WhatComesAndGoesIsToldInOrder) {
     ASSERT_EQ(QV_RESULT_OK, QVRegisterUSBHotPlug(Plugs::Tell, &plugs));
     plugs.Happen(QVUSB_HOT_PLUG_ARRIVED, "three");
     plugs.Happen(QVUSB_HOT_PLUG_LEFT, std::string(600, 'p'));
-    plugs.Await();
-    plugs.Await();
-    EXPECT_THAT(plugs.Told(), ElementsAre("1 three", "2 " + std::string(511, 'p')));
+    EXPECT_THAT(plugs.told.AwaitCount(2), ElementsAre("1 three", "2 " + std::string(511, 'p')));
     EXPECT_EQ(QV_RESULT_OK, QVUnregisterUSBHotPlug());
     const int asked = plugs.asked;
     usleep(5000);
@@ -444,9 +430,9 @@ TEST_F(UsbHotPlugTest, AWatchingThatFailsGoesOn) {
     plugs.Happen(QVUSB_HOT_PLUG_ARRIVED, "three");
     Begin();
     ASSERT_EQ(QV_RESULT_OK, QVRegisterUSBHotPlug(Plugs::Tell, &plugs));
-    plugs.Await();
+    plugs.told.AwaitCount(1);
     EXPECT_EQ(QV_RESULT_OK, QVUnregisterUSBHotPlug());
-    EXPECT_THAT(plugs.Told(), ElementsAre("1 three"));
+    EXPECT_THAT(plugs.told.Items(), ElementsAre("1 three"));
 }
 
 TEST_F(UsbHotPlugTest, ACallbackThatEndsTheWatchingIsNotCalledAgainAndAnotherMayBegin) {
@@ -455,12 +441,10 @@ TEST_F(UsbHotPlugTest, ACallbackThatEndsTheWatchingIsNotCalledAgainAndAnotherMay
     ASSERT_EQ(QV_RESULT_OK, QVRegisterUSBHotPlug(Plugs::Tell, &plugs));
     plugs.Happen(QVUSB_HOT_PLUG_ARRIVED, "three");
     plugs.Happen(QVUSB_HOT_PLUG_LEFT, "three");
-    plugs.Await();
-    EXPECT_THAT(plugs.Told(), ElementsAre("1 three"));
+    EXPECT_THAT(plugs.told.AwaitCount(1), ElementsAre("1 three"));
     plugs.endsItself = false;
     ASSERT_EQ(QV_RESULT_OK, QVRegisterUSBHotPlug(Plugs::Tell, &plugs));
-    plugs.Await();
-    EXPECT_THAT(plugs.Told(), ElementsAre("1 three", "2 three"));
+    EXPECT_THAT(plugs.told.AwaitCount(2), ElementsAre("1 three", "2 three"));
 }
 
 TEST_F(UsbHotPlugTest, TheEndOfTheInstanceEndsTheWatching) {
