@@ -1,4 +1,6 @@
 // Sound as the emulated devices make it, taken chunk by chunk and looked at sample by sample.
+//
+// Not a Recorder: a capture may run for minutes, so after the first thousand chunks it only counts.
 #pragma once
 
 #include <chrono>
