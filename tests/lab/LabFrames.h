@@ -1,7 +1,7 @@
 // Frames as the emulated cameras make them, taken and looked at line by line.
 //
-// Not a Recorder: frames are too large to keep, so each is judged when it comes and only the last one
-// stays.
+// Not a Recorder: frames are too large to keep, so each is judged when it comes and only the last
+// one stays.
 #pragma once
 
 #include <algorithm>
