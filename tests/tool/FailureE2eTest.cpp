@@ -80,28 +80,29 @@ TEST_F(FailureE2eTest, AHeaderThatCannotBeErasedShowsZeroPercent) {
 TEST_F(FailureE2eTest, EachStageThatFailsIsNamedWithItsPercentageAndEndsTheChannel) {
     // Reads of a run: 1 the stored header for the list, 2 and 3 the blank check, which does not
     // count as progress, 4 to 6 the verifying. A header of 213 bytes, 65537 and 70000 bytes.
+    const std::string erasing = "(Erasing ------------- 48%)" + Clear(28) + Clear(28);
+    const std::string writing = "(Writting ------------- 48%)" + Clear(28) + Clear(28);
+    const std::string verifying = "read error 65536\n" + Clear(30);
     const struct {
         const char* request;
         int nth;
         FaultEffect effect;
-        const char* message;
+        std::string shown;
         const char* error;
     } kRows[] = {
-        {"EraseFirmwareData", 4, Refuse(EIO), "", "erasing at 48%"},
-        {"EraseFirmwareData", 3, NotBlank(), "", "erasing at 48%"},
-        {"ReadFirmwareData", 3, FlipBit(7), "", "erasing at 48%"},
-        {"WriteFirmwareData", 3, Refuse(EIO), "", "writting at 48%"},
-        {"WriteFirmwareData", 3, StuckBits(0x10), "read error 65536\n", "verifying at 48%"},
-        {"ReadFirmwareData", 5, Refuse(EIO), "read error 0\n", "verifying at 0%"},
-        {"ReadFirmwareData", 6, FlipBit(4464 * 8 - 1), "read error 65536\n", "verifying at 48%"},
-        {"ReadFirmwareData", 6, ShortRead(4463), "read error 65536\n", "verifying at 48%"},
+        {"EraseFirmwareData", 4, Refuse(EIO), erasing, "erasing at 48%"},
+        {"EraseFirmwareData", 3, NotBlank(), erasing, "erasing at 48%"},
+        {"ReadFirmwareData", 3, FlipBit(7), erasing, "erasing at 48%"},
+        {"WriteFirmwareData", 3, Refuse(EIO), writing, "writting at 48%"},
+        {"WriteFirmwareData", 3, StuckBits(0x10), verifying, "verifying at 48%"},
+        {"ReadFirmwareData", 5, Refuse(EIO), "read error 0\n" + Clear(30), "verifying at 0%"},
+        {"ReadFirmwareData", 6, FlipBit(4464 * 8 - 1), verifying, "verifying at 48%"},
     };
     for (const auto& row : kRows) {
         SCOPED_TRACE(std::string(row.request) + " " + std::to_string(row.nth));
-        const std::string output = RunWith(row.request, row.nth, row.effect);
-        EXPECT_THAT(output, HasSubstr(row.message));
-        EXPECT_THAT(output,
-                    EndsWith(ResultLine("error (" + std::string(row.error) + ").") + kNoQuestion));
+        EXPECT_THAT(RunWith(row.request, row.nth, row.effect),
+                    EndsWith(row.shown + ResultLine("error (" + std::string(row.error) + ").") +
+                             kNoQuestion));
         EXPECT_EQ(row.error[0] != 'e', Asked("WriteFirmwareData"));
         EXPECT_FALSE(Asked("SetPostReconfig"));
         EXPECT_EQ("close /dev/video0 = 0", LastOnTheChannel());

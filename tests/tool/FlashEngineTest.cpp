@@ -81,6 +81,16 @@ TEST_F(FlashEngineTest, SectionsAreTakenInTableOrderInChunksOf64KiB) {
                             "Read 0x220000 1"));
 }
 
+TEST_F(FlashEngineTest, AShortReadVerifiesNothingThoughTheBufferHoldsTheSameBytes) {
+    rig.Add(Pelix());
+    Package().Section("Factory.Main", 0x200000, Bytes(65537, 0x5A)).Write("p.qvf");
+    Open();
+    // The header, 64 KiB, and the last byte.
+    rig.AddFault({.request = "ReadFirmwareData", .nth = 3, .effect = qvsim::ShortRead(0)});
+    EXPECT_THAT(Upgrade(), HasSubstr("read error 65536\n"));
+    EXPECT_EQ(kVerifyFailed, result);
+}
+
 TEST_F(FlashEngineTest, ASafeUpgradePutsTheHeader4096BytesFurtherOn) {
     rig.Add(Pelix().FirmwareOffset(0x345000));
     Package().Section("Upgrade.X", 0x600000, 5).Section("Y", 0x700000, 5).Write("p.qvf");
