@@ -23,8 +23,8 @@ inline constexpr char kSafeMode = 0;
 inline constexpr char kNormalMode = 1;
 
 inline constexpr uint32_t kChunkSize = 65536;  // most bytes of one library call
-inline constexpr uint32_t kSafeHeaderDistance =
-    4096;  // from the normal header to the safe one, bytes
+// From the normal header to the safe one, bytes.
+inline constexpr uint32_t kSafeHeaderDistance = 4096;
 
 // Asks, unless -y was given, and upgrades.
 // @param[in]  index     1-based number of the channel, for the messages; of `count`
