@@ -24,11 +24,13 @@ void RunCommandLine(const uint8_t* data, size_t size);   // arguments, then keys
 void JudgeFlash(const uint8_t* data, size_t size);       // qvcap's judge: any flash, any package
 void ParseOutput(const uint8_t* data, size_t size);      // the tool's output, read by qvcap
 void ReadHistoryFile(const uint8_t* data, size_t size);  // qvcap's history
+void ReadStateFiles(const uint8_t* data, size_t size);   // a folder of simulated cards
 
 inline constexpr Target kTargets[] = {
     {"package", LoadPackage},    {"qvftool", ReadPackage},    {"description", ReadDescription},
     {"scenario", ParseScenario}, {"devices", ListDevices},    {"commandline", RunCommandLine},
     {"flash", JudgeFlash},       {"tooloutput", ParseOutput}, {"history", ReadHistoryFile},
+    {"state", ReadStateFiles},
 };
 
 }  // namespace qvfuzz
