@@ -8,7 +8,7 @@ set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
 set(CPACK_PACKAGE_CONTACT ${maintainer})
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
-set(CPACK_COMPONENTS_ALL runtime dev tool operator companions fleet)
+set(CPACK_COMPONENTS_ALL runtime dev tool operator companions door fleet)
 if(QV_API_REFERENCE)
   list(APPEND CPACK_COMPONENTS_ALL doc)
 endif()
@@ -64,11 +64,16 @@ debian_package(operator qvcap admin
   "Says what firmware the Pelix and Lumo Capture cards of a computer run, hold and
 need, upgrades them unattended by qvcap-upgrade, reads back what was written,
 saves images as packages, and says what is wrong.")
-debian_package(companions qvcapture-companions utils ""
+debian_package(companions qvcapture-companions utils "qvcapture-door ${this_version}"
   "simulated capture cards and firmware package tool"
   "qvcap-sim lays out simulated capture cards, flash memory and faults included,
 and runs programs on them. qvftool makes, shows, checks, signs and takes
 apart firmware packages.")
+debian_package(door qvcapture-door utils ""
+  "simulated capture cards - what programs load"
+  "Loaded by \"qvcap-sim run\" of qvcapture-companions into the programs that it
+starts, so that they find simulated cards. That of another architecture serves
+programs of that one.")
 set(CPACK_DEBIAN_COMPANIONS_PACKAGE_SUGGESTS qvcap-upgrade)
 set(CPACK_DEBIAN_COMPANIONS_PACKAGE_RECOMMENDS openssh-client)  # ssh-keygen signs packages
 debian_package(fleet qvcapture-fleet admin "python3 (>= 3.11), python3-jinja2"

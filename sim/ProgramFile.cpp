@@ -5,11 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
 #include <sstream>
+#include <string_view>
 
 namespace qvsim {
 namespace {
@@ -61,30 +63,34 @@ std::string Interpreter(std::ifstream& file) {
     return interpreter;
 }
 
-// Whether there is an object for such programs: the door, or an empty one, so that a shell can
-// start programs of the other word size.
-bool HasDoor(const std::string& door, bool wide) {
-    const char* const names[] = {wide ? "lib64" : "lib32",
-                                 wide ? "lib/x86_64-linux-gnu" : "lib/i386-linux-gnu"};
-    return std::any_of(std::begin(names), std::end(names), [&](const char* name) {
-        return access((door + "/" + name + "/libqvsim-preload.so").c_str(), R_OK) == 0;
+// Whether there is a door for such programs: installed for their architecture, or beside this
+// program. The empty object, with which a shell may start programs of the other word size, is none.
+bool HasDoor(const std::string& support, bool wide) {
+    const std::string triplet = wide ? "x86_64-linux-gnu" : "i386-linux-gnu";
+    const std::string places[] = {support + "/../../" + triplet + "/qvcapture/libqvsim-preload.so",
+                                  support + "/door/lib/" + triplet + "/libqvsim-preload.so"};
+    return std::any_of(std::begin(places), std::end(places), [](const std::string& place) {
+        char real[PATH_MAX];
+        return realpath(place.c_str(), real) != nullptr &&
+               std::string_view(real).find("/libqvsim-empty.so") == std::string_view::npos;
     });
 }
 
-std::string WhyNot(const std::string& program, const std::string& door, bool script) {
+std::string WhyNot(const std::string& program, const std::string& support, bool script) {
     std::ifstream file(program, std::ios::binary);
     if (!file) return {};
     const Program kind = LookInto(file);
     if (!kind.elf) {
         const std::string interpreter = script ? "" : Interpreter(file);
-        return interpreter.empty() ? "" : WhyNot(interpreter, door, true);
+        return interpreter.empty() ? "" : WhyNot(interpreter, support, true);
     }
     struct stat status {};
     if (!kind.dynamic) return program + " is linked statically and loads no door" + kServe;
-    if (!HasDoor(door, kind.wide))
+    if (!HasDoor(support, kind.wide))
         return program + " is a " + (kind.wide ? "64" : "32") +
-               "-bit program, and the door for these is not in " + door +
-               "; install qvcapture-companions of that architecture, too" + kServe;
+               "-bit program, and there is no door for these; install qvcapture-door of that "
+               "architecture, too" +
+               kServe;
     const bool other = stat(program.c_str(), &status) == 0 &&
                        (((status.st_mode & S_ISUID) != 0 && status.st_uid != geteuid()) ||
                         ((status.st_mode & S_ISGID) != 0 && status.st_gid != getegid()));
@@ -105,8 +111,8 @@ std::string FindProgram(const std::string& word) {
     return {};
 }
 
-std::string WhyNoDoor(const std::string& program, const std::string& door) {
-    return WhyNot(program, door, false);
+std::string WhyNoDoor(const std::string& program, const std::string& support) {
+    return WhyNot(program, support, false);
 }
 
 }  // namespace qvsim

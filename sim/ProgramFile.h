@@ -9,7 +9,7 @@ namespace qvsim {
 std::string FindProgram(const std::string& word);
 
 // Why the preload door cannot be loaded into the program, and what to do; empty when it can, or
-// when nothing is known. `door` is the folder with one folder for each kind of program.
-std::string WhyNoDoor(const std::string& program, const std::string& door);
+// when nothing is known. `support` is the folder with the door and the stand-ins.
+std::string WhyNoDoor(const std::string& program, const std::string& support);
 
 }  // namespace qvsim

@@ -15,6 +15,7 @@ namespace qvsim {
 namespace {
 
 constexpr char kPreloadName[] = "libqvsim-preload.so";
+constexpr char kInstalledDoor[] = "/qvcapture/libqvsim-preload.so";
 
 std::string OwnPath() {
     char path[PATH_MAX];
@@ -31,6 +32,15 @@ std::string SupportFolder(const std::string& own) {
         if (access((candidate + "/standins/poweroff").c_str(), X_OK) == 0) return candidate;
     }
     return {};
+}
+
+// Where packages of both architectures have their doors beside each other, by the loader's names
+// of their folders.
+bool HasBothDoors(const std::string& support) {
+    for (const char* triplet : {"x86_64-linux-gnu", "i386-linux-gnu"})
+        if (access((support + "/../../" + triplet + kInstalledDoor).c_str(), R_OK) != 0)
+            return false;
+    return true;
 }
 
 void Prepend(const char* variable, const std::string& value, char separator) {
@@ -69,14 +79,16 @@ int RunCommand(const std::string& dir, const std::vector<std::string>& command) 
         return Fail("run: " + folder + " and " + absolute + " have a space or a colon in their " +
                     "names, at which the loader takes paths apart; put one of them elsewhere");
     const std::string program = FindProgram(command[0]);
-    if (std::string why = WhyNoDoor(program, folder + "/door"); !why.empty())
-        return Fail("run: " + why);
+    if (std::string why = WhyNoDoor(program, folder); !why.empty()) return Fail("run: " + why);
 
     setenv("QVSIM_STATE", absolute, 1);
     setenv("QVSIM_PROGRAM", own.c_str(), 1);
     // The loader replaces $LIB with each program's own library folder: programs of the other word
-    // size find an empty object there, so that they print no error.
-    Prepend("LD_PRELOAD", named + "/door/$LIB/" + kPreloadName, ':');
+    // size find their own door there, or else an empty object, so that they print no error.
+    Prepend("LD_PRELOAD",
+            HasBothDoors(folder) ? named + "/../../../$LIB" + kInstalledDoor
+                                 : named + "/door/$LIB/" + kPreloadName,
+            ':');
     Prepend("PATH", named + "/standins", ':');
     // In programs with the address sanitizer the door is loaded before its run-time library, which
     // is harmless; other programs ignore this.
