@@ -1,3 +1,4 @@
+// Reads and writes another process's memory. Knows no request.
 #include "ClientMemory.h"
 
 #include <fcntl.h>
@@ -5,6 +6,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <fstream>
 #include <string>
 
 namespace qvsim {
@@ -62,6 +66,17 @@ class KeptMemory : public CallerMemory {
 };
 
 }  // namespace
+
+bool IsEnding(pid_t thread) {
+    std::ifstream status("/proc/" + std::to_string(thread) + "/status");
+    constexpr char kPending[] = "SigPnd:";
+    for (std::string line; std::getline(status, line);)
+        if (line.compare(0, sizeof kPending - 1, kPending) == 0)
+            return (std::strtoull(line.c_str() + sizeof kPending - 1, nullptr, 16) >>
+                        (SIGKILL - 1) &
+                    1) != 0;
+    return true;
+}
 
 bool ClientMemory::Read(uint64_t address, void* data, uint32_t size) {
     if (size == 0) return true;

@@ -10,6 +10,9 @@
 
 namespace qvsim {
 
+// Whether the process of this thread has been killed, or has ended.
+bool IsEnding(pid_t thread);
+
 class ClientMemory : public CallerMemory {
   public:
     // `thread` is the thread that waits in the request.

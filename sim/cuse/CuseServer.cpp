@@ -1,3 +1,5 @@
+// Serves all nodes from one thread: what must wait is parked, the rest is answered at once. What a
+// request does is in sim/protocol.
 #include "CuseServer.h"
 
 #include <fcntl.h>
@@ -158,6 +160,7 @@ std::string CuseServer::ServeOnce(int timeout) {
         if (error.empty()) error = refused;
     }
     AskWaiters();
+    AskOpeners();
     TakeNodesAway();
     const std::lock_guard lock(m_settling);
     m_settleDone = std::max(m_settleDone, asked);
@@ -208,7 +211,7 @@ std::string CuseServer::Serve(CuseNode& node, const CuseMessage& message) {
                 return "this kernel serves devices in a way that is not known here";
             break;
         case FUSE_OPEN:
-            ServeOpen(node, message);
+            TryOpen({&node, message.header.unique, static_cast<pid_t>(message.header.pid), {}, {}});
             break;
         case FUSE_RELEASE:
             ServeRelease(node, message);
@@ -225,20 +228,29 @@ std::string CuseServer::Serve(CuseNode& node, const CuseMessage& message) {
     return {};
 }
 
-void CuseServer::ServeOpen(CuseNode& node, const CuseMessage& message) {
+// Serves an open, or parks it until it can be served.
+void CuseServer::TryOpen(Opener opener) {
+    CuseNode& node = *opener.node;
     int error = 0;
-    const std::shared_ptr<OpenFile> file = m_model->Open(node.Path(), error);
+    const std::shared_ptr<OpenFile> file = m_model->Open(node.Path(), error, &opener.open);
+    if (opener.open.delay.count() > 0) {
+        // A program that has been killed ends only with an answer.
+        if (opener.interrupted && IsEnding(opener.thread)) return node.Answer(opener.unique, EINTR);
+        opener.deadline = Clock::now() + opener.open.delay;
+        m_openers.push_back(std::move(opener));
+        return;
+    }
     const uint64_t number = m_nextFile++;
     m_model->JournalOpen(node.Path(), file ? static_cast<int>(number) : -1, error);
     if (!file) {
         NoteIfGone(node, error);
-        return node.Answer(message.header.unique, error);
+        return node.Answer(opener.unique, error);
     }
     m_files[number] = {file, static_cast<int>(number)};
     fuse_open_out opened{};
     opened.fh = number;
     opened.open_flags = FOPEN_DIRECT_IO | FOPEN_NONSEEKABLE;
-    node.AnswerWith(message.header.unique, opened);
+    node.AnswerWith(opener.unique, opened);
 }
 
 void CuseServer::ServeRelease(CuseNode& node, const CuseMessage& message) {
@@ -281,6 +293,9 @@ void CuseServer::Try(const Request& request, ParkedWait wait) {
     }
     // The kernel reports this only once.
     if (wait.ForEvent() && request.interrupted) return EndWait(request, wait, EINTR);
+    // A program that has been killed ends only with an answer.
+    if (wait.hangs && request.interrupted && IsEnding(request.thread))
+        return EndWait(request, wait, EINTR);
     Waiter waiter{request, std::move(wait), {}};
     if (waiter.wait.ForCard())
         waiter.deadline = Clock::now() + waiter.wait.delay;
@@ -297,7 +312,8 @@ void CuseServer::EndWait(const Request& request, const ParkedWait& wait, int err
 
 // Without an answer the caller could not be killed. An interrupt for a request that is already
 // answered, or that never waits, needs none. A working card is not interrupted, but a wait of the
-// caller after that is.
+// caller after that is. What hangs ends with its program; the kernel does not say later that a
+// program that had a signal has been killed, so Try and TryOpen look themselves.
 void CuseServer::Interrupt(CuseNode& node, const CuseMessage& message) {
     fuse_interrupt_in interrupt{};
     if (!message.Get(&interrupt, sizeof interrupt)) return;
@@ -308,6 +324,8 @@ void CuseServer::Interrupt(CuseNode& node, const CuseMessage& message) {
         EndWait(waiter.request, waiter.wait, EINTR);
         return true;
     });
+    for (Opener& opener : m_openers)
+        if (opener.node == &node && opener.unique == interrupt.unique) opener.interrupted = true;
 }
 
 // In order of arrival: of several waiters for one event the first one gets it.
@@ -341,6 +359,17 @@ void CuseServer::AskWaiters() {
     }
 }
 
+void CuseServer::AskOpeners() {
+    const Clock::time_point now = Clock::now();
+    std::vector<Opener> asked;
+    asked.swap(m_openers);
+    for (Opener& opener : asked)
+        if (opener.deadline <= now)
+            TryOpen(std::move(opener));
+        else
+            m_openers.push_back(std::move(opener));
+}
+
 void CuseServer::NoteIfGone(CuseNode& node, int error) {
     if (error != ENODEV || m_model->Exists(node.Path())) return;
     m_gone.insert(&node);
@@ -354,6 +383,7 @@ void CuseServer::NoteIfGone(CuseNode& node, int error) {
 void CuseServer::TakeNodesAway() {
     for (CuseNode* const node : m_gone) {
         std::erase_if(m_waiters, [&](const Waiter& one) { return one.request.node == node; });
+        std::erase_if(m_openers, [&](const Opener& one) { return one.node == node; });
         std::erase_if(m_files, [&](const auto& item) {
             if (item.second.file->path != node->Path()) return false;
             m_model->Close(item.second.file, item.second.number);
@@ -367,12 +397,16 @@ void CuseServer::TakeNodesAway() {
 void CuseServer::EndWaiters(int error) {
     for (const Waiter& waiter : m_waiters) EndWait(waiter.request, waiter.wait, error);
     m_waiters.clear();
+    for (const Opener& opener : m_openers) opener.node->Answer(opener.unique, error);
+    m_openers.clear();
 }
 
 int CuseServer::TimeToDeadline() const {
     std::optional<Clock::time_point> first;
     for (const Waiter& waiter : m_waiters)
         if (waiter.deadline && (!first || *waiter.deadline < *first)) first = waiter.deadline;
+    for (const Opener& opener : m_openers)
+        if (!first || opener.deadline < *first) first = opener.deadline;
     if (!first) return -1;
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(*first - Clock::now()).count();
     return static_cast<int>(std::clamp<int64_t>(left, 0, 60000));

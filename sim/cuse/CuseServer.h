@@ -75,6 +75,14 @@ class CuseServer {
         ParkedWait wait;
         std::optional<Clock::time_point> deadline;
     };
+    struct Opener {
+        CuseNode* node;
+        uint64_t unique;
+        pid_t thread;
+        ParkedOpen open;
+        Clock::time_point deadline;
+        bool interrupted = false;
+    };
     struct Sent {
         CuseNode* node;
         CuseMessage message;
@@ -86,13 +94,14 @@ class CuseServer {
     std::string ServeOnce(int timeout);
     std::string Collect(int timeout, std::vector<Sent>& sent);
     std::string Serve(CuseNode& node, const CuseMessage& message);
-    void ServeOpen(CuseNode& node, const CuseMessage& message);
+    void TryOpen(Opener opener);
     void ServeRelease(CuseNode& node, const CuseMessage& message);
     void ServeIoctl(CuseNode& node, const CuseMessage& message);
     void Try(const Request& request, ParkedWait wait);
     void EndWait(const Request& request, const ParkedWait& wait, int error);
     void Interrupt(CuseNode& node, const CuseMessage& message);
     void AskWaiters();
+    void AskOpeners();
     void NoteIfGone(CuseNode& node, int error);
     void TakeNodesAway();
     void EndWaiters(int error);
@@ -110,7 +119,8 @@ class CuseServer {
     std::map<uint64_t, OpenNode> m_files;
     uint64_t m_nextFile = 1;
     std::vector<Waiter> m_waiters;
-    std::set<CuseNode*> m_gone;  // removed by a fault, and no longer served
+    std::vector<Opener> m_openers;  // whose open is late or hangs
+    std::set<CuseNode*> m_gone;     // removed by a fault, and no longer served
     std::mutex m_changing;
     std::set<uint64_t> m_changedEvents;  // since the waiters were last checked
 

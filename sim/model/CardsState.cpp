@@ -17,6 +17,7 @@ constexpr KindName kKindNames[] = {
     {FaultKind::kStuckBits, "stuck_bits"},
     {FaultKind::kNotBlank, "not_blank"},
     {FaultKind::kSlow, "slow"},
+    {FaultKind::kHang, "hang"},
     {FaultKind::kPowerLoss, "power_loss"},
     {FaultKind::kNodeGone, "node_gone"},
     {FaultKind::kHalf, "half"},

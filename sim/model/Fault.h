@@ -1,6 +1,7 @@
 // Faults: what goes wrong, at which request, how often. Plain data, any thread.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@ enum class FaultKind {
     kStuckBits,    // value: mask; programming leaves these bits of every byte set
     kNotBlank,     // an erase leaves one byte of the range programmed
     kSlow,         // value: milliseconds before the request is served
+    kHang,         // the request is not served until the fault is cleared
     kPowerLoss,    // the board loses power in the middle of the request, until it is power-cycled;
                    // value: a CutPoint. At the open of the event node, every board does
     kNodeGone,     // the node vanishes: this and every later open and request fails with ENODEV
@@ -44,6 +46,7 @@ constexpr FaultEffect FlipBit(uint32_t bit) { return {FaultKind::kFlipBit, bit};
 constexpr FaultEffect StuckBits(uint8_t mask) { return {FaultKind::kStuckBits, mask}; }
 constexpr FaultEffect NotBlank() { return {FaultKind::kNotBlank, 0}; }
 constexpr FaultEffect Slow(uint32_t milliseconds) { return {FaultKind::kSlow, milliseconds}; }
+constexpr FaultEffect Hang() { return {FaultKind::kHang, 0}; }
 constexpr FaultEffect PowerLoss(CutPoint point = CutPoint::kHalf) {
     return {FaultKind::kPowerLoss, static_cast<uint32_t>(point)};
 }
@@ -64,6 +67,9 @@ inline constexpr char kFrameSignal[] = "FrameSignal";
 inline constexpr char kTimerSignal[] = "TimerSignal";
 inline constexpr char kNotifySignal[] = "NotifySignal";
 inline constexpr const char* kSignals[] = {kFrameSignal, kTimerSignal, kNotifySignal};
+
+// How often a request that hangs looks whether its fault has been cleared, by any process.
+inline constexpr std::chrono::milliseconds kHangLook{20};
 
 // Fault{.request = "EraseFirmwareData", .nth = 3, .effect = Refuse(EIO)}
 struct Fault {

@@ -37,9 +37,7 @@ class FaultSet {
         std::vector<FaultEffect> effects;
         for (Armed& armed : m_armed) {
             const Fault& fault = armed.fault;
-            if (!Names(fault, request) || (fault.board != -1 && fault.board != board) ||
-                (fault.channel != -1 && fault.channel != channel))
-                continue;
+            if (!Matches(fault, request, board, channel)) continue;
             const auto number =
                 static_cast<int>(armed.shared ? CountShared(*armed.shared) : ++armed.seen);
             if (number >= fault.nth && (fault.count < 0 || number - fault.nth < fault.count) &&
@@ -49,7 +47,19 @@ class FaultSet {
         return effects;
     }
 
+    // Whether a request that hangs must go on hanging: a fault for it still exists.
+    bool Hangs(const std::string& request, int board, int channel) const {
+        return std::any_of(m_armed.begin(), m_armed.end(), [&](const Armed& armed) {
+            return armed.fault.effect.kind == FaultKind::kHang &&
+                   Matches(armed.fault, request, board, channel);
+        });
+    }
+
   private:
+    static bool Matches(const Fault& fault, const std::string& request, int board, int channel) {
+        return Names(fault, request) && (fault.board == -1 || fault.board == board) &&
+               (fault.channel == -1 || fault.channel == channel);
+    }
     static bool Names(const Fault& fault, const std::string& request) {
         if (fault.request == request) return true;
         if (fault.request != kAnyRequest || request == kOpen) return false;

@@ -1,3 +1,5 @@
+// Builds the cards from their state, and keeps both in step with other processes on the folder.
+// What requests do to them is elsewhere.
 #include "LiveCards.h"
 
 #include <fcntl.h>
@@ -359,6 +361,11 @@ std::vector<FaultEffect> LiveCards::MeetFaults(const std::string& request, const
     for (const FaultEffect& effect : effects)
         if (effect.kind != FaultKind::kSlow) NoteMet(effect.kind, request, channel);
     return effects;
+}
+
+bool LiveCards::Hangs(const std::string& request, const Channel* channel) const {
+    const int board = channel ? channel->board->state->index : -1;
+    return !m_shutDown && m_faults.Hangs(request, board, channel ? channel->index : -1);
 }
 
 void LiveCards::NoteMet(FaultKind kind, const std::string& request, const Channel* channel) const {

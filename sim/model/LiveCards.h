@@ -91,6 +91,8 @@ class LiveCards {
     // the event node. A hit is written to the folder of the cards at once, except kSlow: NoteMet()
     // writes it after the caller has let the time pass.
     std::vector<FaultEffect> MeetFaults(const std::string& request, const Channel* channel);
+    // Whether a request, or an "open", that hangs must go on hanging.
+    bool Hangs(const std::string& request, const Channel* channel) const;
     void NoteMet(FaultKind kind, const std::string& request, const Channel* channel) const;
     void AddFault(const Fault& fault);
     void ClearFaults();

@@ -1,3 +1,4 @@
+// Opens, sleeps and the thread that keeps time. The cards are in LiveCards, requests in Protocol.
 #include "Model.h"
 
 #include <algorithm>
@@ -12,6 +13,14 @@ namespace {
 constexpr char kFolder[] = "/dev/";
 constexpr char kEventName[] = "qv-event";
 constexpr char kVideoName[] = "video";
+
+// How long this open has to wait now, if at all.
+std::chrono::microseconds DelayOf(ParkedOpen& open, LiveCards& cards, const Channel* owner) {
+    if (EffectOf(open.effects, FaultKind::kHang) && cards.Hangs(kOpen, owner)) return kHangLook;
+    const auto slow = EffectOf(open.effects, FaultKind::kSlow);
+    if (!slow || std::exchange(open.slept, true)) return {};
+    return std::chrono::milliseconds(*slow);
+}
 
 }  // namespace
 
@@ -41,19 +50,23 @@ bool Model::AnswersName(const char* name) {
     return std::strspn(name + prefix, "0123456789") == std::strlen(name + prefix);
 }
 
-std::shared_ptr<OpenFile> Model::Open(const std::string& path, int& error) {
+std::shared_ptr<OpenFile> Model::Open(const std::string& path, int& error, ParkedOpen* parked) {
     Locked cards(*this);
     cards->CatchUp(nullptr);
     Channel* const owner = cards->ChannelOfNode(path);
     error = cards->OpenError(path, owner);
     if (!error && !cards->HasRoom()) error = ENOSPC;
     if (error) return nullptr;
-    const std::vector<FaultEffect> effects = cards->MeetFaults("open", owner);
-    if (const auto slow = EffectOf(effects, FaultKind::kSlow)) {
-        cards.Sleep(std::chrono::milliseconds(*slow));
-        cards->NoteMet(FaultKind::kSlow, "open", owner);
+    ParkedOpen sleeping;
+    ParkedOpen& open = parked ? *parked : sleeping;
+    if (!std::exchange(open.counted, true)) open.effects = cards->MeetFaults(kOpen, owner);
+    while ((open.delay = DelayOf(open, *cards.operator->(), owner)).count() > 0) {
+        if (parked) return nullptr;
+        cards.Sleep(open.delay);
+        cards->CatchUp(nullptr);
     }
-    error = cards->OpenFault(path, effects, owner);
+    if (EffectOf(open.effects, FaultKind::kSlow)) cards->NoteMet(FaultKind::kSlow, kOpen, owner);
+    error = cards->OpenFault(path, open.effects, owner);
     if (cards->IsShutDown()) error = ENODEV;
     if (error) return nullptr;
     std::shared_ptr<OpenFile> file = cards->AddFile(path, {});

@@ -19,6 +19,16 @@
 
 namespace qvsim {
 
+// An open of a caller whose door does something else while it must wait: for a late node, or for
+// one that hangs.
+struct ParkedOpen {
+    std::chrono::microseconds delay{0};  // 0: it need not wait, and has an answer
+    bool counted = false;                // by the faults, with these effects
+    bool slept = false;                  // through the delay of a late node
+    std::vector<FaultEffect> effects;
+    bool Hangs() const { return EffectOf(effects, FaultKind::kHang) && !slept; }
+};
+
 class Model {
   public:
     // Access to the cards: holds the lock as long as it exists.
@@ -57,8 +67,10 @@ class Model {
     bool Exists(const std::string& path) { return Locked(*this)->Exists(path); }
     // Names in /dev that exist: "video0", "qv-event".
     std::vector<std::string> NodeNames() { return Locked(*this)->NodeNames(); }
-    // Null and an errno when the node cannot be opened. `descriptor` is only for the journal.
-    std::shared_ptr<OpenFile> Open(const std::string& path, int& error);
+    // Null and an errno when the node cannot be opened. With `parked`, an open that must wait is
+    // stored there, null is returned, and the door calls again when the delay has passed.
+    std::shared_ptr<OpenFile> Open(const std::string& path, int& error,
+                                   ParkedOpen* parked = nullptr);
     void JournalOpen(const std::string& path, int descriptor, int error) {
         Locked(*this)->JournalOpen(path, descriptor, error);
     }

@@ -1,3 +1,5 @@
+// What an open, a request and a close of a node do, whatever function of the C library they came
+// through. The interposed functions themselves are in the files Interpose*.cpp.
 #include "Door.h"
 
 #include <dirent.h>
@@ -53,14 +55,15 @@ int WrongFlags(Sight sight, int flags) {
     return (flags & O_DIRECT) != 0 && (flags & O_PATH) == 0 ? EINVAL : 0;
 }
 
-int AskDriver(const std::shared_ptr<Model>& model, const std::string& node, int flags) {
+int AskDriver(const std::shared_ptr<Model>& model, const std::string& node, int flags,
+              const sigset_t* outer) {
     int error = 0;
     std::string record;
     // The number comes first: without one no driver is asked.
     int fd = -1;
     const bool exists = model->Exists(node);
     if (exists && (fd = model->MakeDescriptor(flags, record)) < 0) return -1;
-    const std::shared_ptr<OpenFile> file = model->Open(node, error);
+    const std::shared_ptr<OpenFile> file = Open(*model, node, error, outer);
     if (file && fd < 0) {  // it came back just now
         model->Close(file, fd);
         error = ENODEV;
@@ -108,7 +111,8 @@ int OpenNode(Sight sight, const std::string& node, int flags) {
         return -1;
     }
     const std::shared_ptr<Model> model = CurrentModel();
-    return (flags & O_PATH) != 0 ? OpenAsPlace(model, node, flags) : AskDriver(model, node, flags);
+    return (flags & O_PATH) != 0 ? OpenAsPlace(model, node, flags)
+                                 : AskDriver(model, node, flags, inside.OuterMask());
 }
 
 void Describe(const std::string& node, struct stat& status) {

@@ -1,3 +1,5 @@
+// How a thread sleeps in a request: for an event, for a slow card, or in one that hangs. What it
+// waits for is decided by the model.
 #include "Waiting.h"
 
 #include <poll.h>
@@ -47,6 +49,19 @@ int SleepUntil(int bell, const std::optional<Clock::time_point>& deadline, const
     return ready;
 }
 
+// What ends the program still ends it while its request hangs; what it handles itself waits.
+void SleepInHang(std::chrono::microseconds time, sigset_t mask) {
+    for (int signal = 1; signal < NSIG; ++signal) {
+        struct sigaction action {};
+        if (sigaction(signal, nullptr, &action) == 0 && action.sa_handler != SIG_DFL &&
+            action.sa_handler != SIG_IGN)
+            sigaddset(&mask, signal);
+    }
+    timespec span{};
+    span.tv_nsec = static_cast<long>(time.count() * 1000);  // less than a second
+    ppoll(nullptr, 0, &span, &mask);
+}
+
 Answer SleepOn(Model& model, const ParkedWait& wait, const sigset_t& outer) {
     Answer answer = Refused(EINTR);
     std::optional<Clock::time_point> deadline;
@@ -83,11 +98,29 @@ Answer Serve(Model& model, OpenFile& file, uint32_t code, uint64_t address, Call
     Answer answer = ServeRequest(model, file, code, address, memory, &wait);
     // A working card is not interrupted.
     while (wait.ForCard()) {
-        std::this_thread::sleep_for(wait.delay);
+        if (wait.hangs)
+            SleepInHang(wait.delay, *outer);
+        else
+            std::this_thread::sleep_for(wait.delay);
         wait.DelayOver();
         answer = ServeRequest(model, file, code, address, memory, &wait);
     }
     return wait.ForEvent() ? SleepOn(model, wait, *outer) : answer;
+}
+
+std::shared_ptr<OpenFile> Open(Model& model, const std::string& node, int& error,
+                               const sigset_t* outer) {
+    if (!outer) return model.Open(node, error);
+    ParkedOpen open;
+    std::shared_ptr<OpenFile> file = model.Open(node, error, &open);
+    while (open.delay.count() > 0) {
+        if (open.Hangs())
+            SleepInHang(open.delay, *outer);
+        else
+            std::this_thread::sleep_for(open.delay);
+        file = model.Open(node, error, &open);
+    }
+    return file;
 }
 
 void ForgetSleepers() { Bells().clear(); }

@@ -1,3 +1,5 @@
+// The road of a request: found in the table, hit by faults, executed by its handler, logged. What a
+// request does is in the files *Handlers.cpp.
 #include "Protocol.h"
 
 #include <cerrno>
@@ -19,9 +21,25 @@ std::string HexText(uint64_t value) {
 
 char LetterOf(uint32_t code) { return static_cast<char>(code >> 8 & 0xFF); }
 
+// Lets a request hang as long as its fault exists. True: the door waits, and serves it again.
+bool Hangs(Call& call) {
+    if (!EffectOf(call.effects, FaultKind::kHang)) return false;
+    while (call.cards->Hangs(call.row.name, call.channel)) {
+        if (call.parked) {
+            call.parked->hangs = true;
+            call.parked->delay = kHangLook;
+            return true;
+        }
+        call.cards.Sleep(kHangLook);
+        call.cards->CatchUp(call.channel);
+    }
+    return false;
+}
+
 // The answer of a board without power, a vanished node or a fault, before any handler sees the
 // request.
 Answer Precheck(Call& call) {
+    if (Hangs(call)) return Ok();
     if (call.cards->IsShutDown()) return Refused(ENODEV);
     Channel* channel = call.channel;
     const auto slow = EffectOf(call.effects, FaultKind::kSlow);
@@ -106,20 +124,21 @@ Answer ServeRequest(Model& model, OpenFile& file, uint32_t code, uint64_t addres
     cards->CatchUp(file.channel);
     if (!cards->HasRoom()) return Refused(ENOSPC);
     // A request that is served again is already counted.
-    const std::vector<FaultEffect> effects = parked && parked->delaysOver > 0
-                                                 ? parked->effects
-                                                 : cards->MeetFaults(row->name, file.channel);
+    const std::vector<FaultEffect> effects =
+        parked && parked->counted ? parked->effects : cards->MeetFaults(row->name, file.channel);
     alignas(8) uint8_t record[kLargestRecord] = {};
     Call call{cards, file, file.channel, *row, memory, record, row->Size(), effects, parked, {}};
     Answer answer = Run(call, address);
     if (!cards->KeepSettings(file.channel)) answer = Refused(ENOSPC);
     const std::string line = head + row->name + call.arguments;
-    if (LeftToTheDoor(call))
+    if (LeftToTheDoor(call)) {
         parked->effects = effects;
-    else if (parked && parked->ForEvent())
+        parked->counted = true;
+    } else if (parked && parked->ForEvent()) {
         parked->line = line;
-    else
+    } else {
         cards->RequestJournal().Write(line, answer);
+    }
     return answer;
 }
 

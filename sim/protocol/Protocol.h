@@ -7,6 +7,7 @@
 #include <chrono>
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "CallerMemory.h"
@@ -29,14 +30,16 @@ struct ParkedWait {
 
     std::chrono::microseconds delay{0};  // of a card; 0: none
     int delaysOver = 0;                  // how many have passed
-    std::vector<FaultEffect> effects;    // those that hit the request when it came
+    bool hangs = false;                  // the delay is a look at a request that hangs
+    bool counted = false;                // by the faults, with these effects
+    std::vector<FaultEffect> effects;
 
     bool ForEvent() const { return !events.empty(); }
     bool ForCard() const { return delay.count() > 0; }
     // Call it when the card's time has passed: the request may be served again.
     void DelayOver() {
         delay = {};
-        ++delaysOver;
+        if (!std::exchange(hangs, false)) ++delaysOver;
     }
 };
 

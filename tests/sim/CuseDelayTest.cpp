@@ -1,4 +1,6 @@
 // The served door: cards that take their time, and closes, for whose answer nobody waits.
+#include <set>
+
 #include "CuseFixture.h"
 
 namespace qvsim {
@@ -93,6 +95,43 @@ TEST_F(CuseTest, ACardAtWorkIsNotInterrupted) {
     EXPECT_EQ(interrupt.unique, reply.header.unique);
     EXPECT_EQ(0, reply.Error());
     EXPECT_NE(0u, temperature);
+}
+
+TEST_F(CuseTest, WhatHangsHoldsUpNobodyButItsCallerUntilTheFaultIsCleared) {
+    m_rig.AddFault({.request = "GetTemperature", .effect = Hang()});
+    m_rig.AddFault({.request = "open", .nth = 2, .effect = Hang()});
+    Serve();
+    const uint64_t video = Open(kVideo);
+    uint32_t temperature = 0;
+    fuse_interrupt_in interrupt{};
+    interrupt.unique =
+        Send(kVideo, FUSE_IOCTL, Ioctl(video, qv::kGetTemperature.code, &temperature));
+    Send(kVideo, FUSE_INTERRUPT, interrupt);  // by a signal that the caller survives
+    const uint64_t opening = Send(kVideo, FUSE_OPEN, fuse_open_in{});
+    usleep(60'000);  // the server looks again and again
+    _QVCAP_CHANNEL_INFO info{};
+    EXPECT_EQ(0, Do(kVideo, video, qv::kGetChannelInfo, &info).Error());
+    EXPECT_EQ(0u, temperature);
+    m_model->ClearFaults();
+    std::set<uint64_t> answered;
+    for (int i = 0; i < 2; ++i) {
+        const Reply reply = Receive(kVideo);
+        EXPECT_EQ(0, reply.Error());
+        answered.insert(reply.header.unique);
+    }
+    EXPECT_EQ((std::set<uint64_t>{interrupt.unique, opening}), answered);
+    EXPECT_NE(0u, temperature);
+}
+
+TEST_F(CuseTest, TheEndOfTheServerEndsWhatHangs) {
+    m_rig.AddFault({.request = "open", .effect = Hang()});
+    Serve();
+    const uint64_t opening = Send(kVideo, FUSE_OPEN, fuse_open_in{});
+    while (m_rig.MetFaults().empty()) usleep(1000);
+    Stop();
+    const Reply reply = Receive(kVideo);
+    EXPECT_EQ(opening, reply.header.unique);
+    EXPECT_EQ(ENODEV, reply.Error());
 }
 
 TEST_F(CuseTest, AnInterruptDuringADelayEndsTheWaitBehindIt) {

@@ -93,6 +93,52 @@ TEST_F(TruthTest, AFaultThatIsAddedStrikesProgramsThatRunAlready) {
     EXPECT_EQ(0, card.Erase(kMain, 4096));
 }
 
+// Ends when the fault has been met: the process hangs, or will at once.
+void AwaitMet(SimRig& rig, const char* line) {
+    while (rig.MetFaults() != std::vector<std::string>{line}) usleep(1000);
+}
+
+TEST_F(TruthTest, ARequestThatHangsComesBackWhenAnotherProcessClearsItsFault) {
+    for (const char* request : {"EraseFirmwareData", "open"}) {
+        SCOPED_TRACE(request);
+        SimRig rig;
+        rig.Add(Pelix());
+        rig.AddFault({.request = request, .effect = Hang()});
+        const pid_t child = Start(rig.Dir(), ErrorOfErase);
+        AwaitMet(rig, (std::string("hang ") + request + " board=0 channel=0").c_str());
+        usleep(60'000);  // it looks again and again
+        EXPECT_EQ(0, waitpid(child, nullptr, WNOHANG)) << "it came back by itself";
+        CardsState state;
+        ASSERT_EQ("", LoadState(rig.Dir(), state));
+        state.faults.clear();
+        ASSERT_EQ("", SaveState(rig.Dir(), state));
+        EXPECT_EQ(0, StatusOf(child));
+    }
+}
+
+TEST_F(TruthTest, ARequestThatHangsWaitsOutAHandlerAndEndsWithItsProcess) {
+    for (const char* request : {"EraseFirmwareData", "open"}) {
+        SCOPED_TRACE(request);
+        SimRig rig;
+        rig.Add(Pelix());
+        rig.AddFault({.request = request, .effect = Hang()});
+        const pid_t child = Start(rig.Dir(), [] {
+            struct sigaction action {};
+            action.sa_handler = [](int) { _exit(1); };
+            sigaction(SIGUSR1, &action, nullptr);
+            return ErrorOfErase();
+        });
+        AwaitMet(rig, (std::string("hang ") + request + " board=0 channel=0").c_str());
+        kill(child, SIGUSR1);
+        usleep(60'000);
+        EXPECT_EQ(0, waitpid(child, nullptr, WNOHANG)) << "it was interrupted";
+        kill(child, SIGTERM);
+        int status = 0;
+        ASSERT_EQ(child, waitpid(child, &status, 0));
+        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM) << status;
+    }
+}
+
 TEST_F(TruthTest, OneProcessDoesNotTakeBackWhatAnotherWrote) {
     m_rig.Add(Pelix().Golden(0, 1));
     const std::shared_ptr<Model> early = Load();  // has looked at the flash before the upgrade
