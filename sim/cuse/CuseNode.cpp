@@ -1,3 +1,4 @@
+// Messages of one device, as the kernel sends and expects them. Answers none by itself.
 #include "CuseNode.h"
 
 #include <sys/uio.h>

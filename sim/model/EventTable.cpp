@@ -1,3 +1,4 @@
+// Setting, clearing and waiting for events. Knows nothing of what sets them.
 #include "EventTable.h"
 
 #include <cerrno>

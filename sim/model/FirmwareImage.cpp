@@ -1,3 +1,4 @@
+// Judges whether an image in flash is complete, and chooses which one runs. Only reads flash.
 #include "FirmwareImage.h"
 
 #include <algorithm>

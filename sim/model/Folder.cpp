@@ -1,3 +1,5 @@
+// The lock and the shared page of a folder of cards. The files of the folder have readers of their
+// own.
 #include "Folder.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+// The queue of pictures to write, and the thread that writes them. What a picture shows is in
+// Picture.cpp.
 #include "FrameWriter.h"
 
 #include <pthread.h>

@@ -1,3 +1,5 @@
+// Reads and writes lines of the journal, and keeps it within its limit. Does not know what a
+// request is.
 #include "Journal.h"
 
 #include <fcntl.h>

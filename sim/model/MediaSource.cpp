@@ -1,3 +1,4 @@
+// When frames are due, and who gets them. Writes no picture itself; FrameWriter does.
 #include "MediaSource.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Erasing and programming a chip, and the marks beside its bytes. Knows nothing of firmware.
 #include "NorFlash.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Which registrations a status change reaches. Decides no change itself.
 #include "Notifications.h"
 
 #include "Fault.h"

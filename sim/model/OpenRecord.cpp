@@ -1,3 +1,4 @@
+// The files of open nodes and their locks. Opens no node itself; the doors do.
 #include "OpenRecord.h"
 
 #include <dirent.h>

@@ -1,3 +1,4 @@
+// Draws the test picture and the test tone. Knows no capture.
 #include "Picture.h"
 
 #include <algorithm>

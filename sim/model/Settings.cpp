@@ -1,3 +1,4 @@
+// Settings as lines of text. Knows no file; LiveCards reads and writes those.
 #include "Settings.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+// Which timers are due, and when the next one is. Keeps no time itself; the model does.
 #include "Timers.h"
 
 #include <algorithm>

@@ -1,3 +1,5 @@
+// What happens around fork(): the locks of the simulation are taken before it and released after
+// it, in both processes. Starts no process itself.
 #include "AtFork.h"
 
 #include <pthread.h>

@@ -1,3 +1,4 @@
+// The table of descriptors that are nodes. Asks no driver; what a node answers is in Door.cpp.
 #include "Descriptors.h"
 
 #include <unistd.h>

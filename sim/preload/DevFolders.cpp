@@ -1,3 +1,5 @@
+// The names that a stream over /dev still has to report. Reads no folder itself; InterposeScan.cpp
+// does.
 #include "DevFolders.h"
 
 #include <atomic>

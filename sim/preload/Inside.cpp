@@ -1,3 +1,4 @@
+// How a thread enters and leaves the door. Takes no lock.
 #include "Inside.h"
 
 #include <pthread.h>

@@ -1,3 +1,4 @@
+// The kernel's rules for paths, as far as they can lead to a node. Opens nothing.
 #include "Paths.h"
 
 #include <fcntl.h>
