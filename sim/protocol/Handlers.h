@@ -7,7 +7,7 @@
 namespace qvsim {
 
 // Settings and arrays: driven by the row's key and element size.
-Answer GetRecord(Call& call);       // the stored value, or a recognisable pattern
+Answer GetRecord(Call& call);       // the stored value, or the default
 Answer SetRecordValue(Call& call);  // stores the record
 Answer GetArray(Call& call);
 Answer SetArray(Call& call);
@@ -16,6 +16,8 @@ Answer AcceptAction(Call& call);
 Answer SavePreset(Call& call);
 Answer ReloadPreset(Call& call);
 Answer GetInfoFrame(Call& call);
+Answer RefuseLumoCapture(Call& call);
+Answer GetLumoCaptureStatus(Call& call);
 
 // Identity and flash.
 Answer GetChannelInfo(Call& call);

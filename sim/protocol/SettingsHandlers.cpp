@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "CardDefaults.h"
 #include "Handlers.h"
 #include "Hex.h"
 #include "QVDriverRecords.h"
@@ -30,86 +31,72 @@ void NoteRecord(Call& call) {
     }
 }
 
-Bytes Pattern(uint32_t number, size_t size) {
-    Bytes bytes(size);
-    for (size_t i = 0; i < size; ++i) bytes[i] = PatternByte(number, i);
-    return bytes;
+// The values that the card lists for this setting; none when it lists nothing.
+const char* ListOf(const std::string& key, uint32_t& element) {
+    element = sizeof(uint32_t);
+    if (key == "VideoInputSource") return "VideoInputSources";
+    if (key == "AudioInputSource") return "AudioInputSources";
+    element = sizeof(_QVCAP_VIDEO_TIMING);
+    return key == "VideoTiming" ? "VideoPreferredTimings" : nullptr;
 }
 
-// Arrays of a channel on which nothing was set.
-Bytes DefaultArray(const std::string& key, uint32_t element) {
-    const auto elements = [element](std::initializer_list<uint32_t> values) {
-        Bytes bytes;
-        for (const uint32_t value : values)
-            for (uint32_t i = 0; i < element; ++i)
-                bytes.push_back(static_cast<uint8_t>(i < 4 ? value >> (8 * i) : value));
-        return bytes;
-    };
-    if (key == "VideoInputSources") return elements({0x101, 0x201, 0x301});
-    if (key == "AudioInputSources") return elements({0x501, 0x601});
-    if (key == "StreamInfos") return elements({0x01, 0x02});
-    if (key == "VideoPreferredTimings") return elements({0x11, 0x12});
-    if (key == "EDID") return Pattern(53, 256);
-    return {};  // custom timings and resolutions: none
+// A setting that is on or off.
+bool IsSwitch(const std::string& key) {
+    return key == "InputSourceScan" || key == "AVInputSourceLink" || key == "VideoAutoHAlign" ||
+           key == "VideoSamplingPhaseAutoAdjust";
 }
 
-// The value that was set, or else the scenario's; null when the scenario has none.
-const Bytes* Known(const Channel& channel, const std::string& key) {
-    if (const Bytes* set = channel.settings.Find(key)) return set;
-    const auto record = channel.state->records.find(key);
-    return record == channel.state->records.end() ? nullptr : &record->second;
+// Streams are numbered from 0; the card says how many it has.
+bool HasStream(const Call& call) {
+    const size_t bytes = ArrayOf(*call.channel, "StreamInfos", kStreamInfoSize).size();
+    const auto stream = call.As<int32_t>();
+    return stream >= 0 && static_cast<size_t>(stream) < bytes / kStreamInfoSize;
 }
 
-Bytes ArrayOf(const Call& call) {
-    const Bytes* set = Known(*call.channel, call.row.key);
-    return set ? *set : DefaultArray(call.row.key, call.row.element);
+// Whether the value is one of those that the card has said it takes, if it has said so.
+bool IsTaken(const Call& call) {
+    const std::string key = call.row.key;
+    if (key == "CtrlStreamID") return HasStream(call);
+    if (IsSwitch(key)) return call.record[0] <= 1;
+    uint32_t element = 0;
+    const char* const list = ListOf(key, element);
+    if (!list) return true;
+    const Bytes values = ArrayOf(*call.channel, list, element);
+    for (size_t at = 0; at + element <= values.size(); at += element)
+        if (std::memcmp(&values[at], call.record, element) == 0) return true;
+    return false;
+}
+
+// The flags have a bit for each info frame that has come.
+bool HasInfoFrame(const Call& call, int32_t id) {
+    const std::string key = "HDMIInfoFrameValidFlags";
+    const Bytes* known = Known(*call.channel, key);
+    const Bytes flags = known ? *known : DefaultRecord(*call.channel, key, 0, sizeof(uint32_t));
+    const auto at = static_cast<size_t>(id) / 8;
+    return at < flags.size() && (flags[at] >> (id % 8) & 1) != 0;
 }
 
 }  // namespace
 
 Answer GetRecord(Call& call) {
     const Bytes* set = Known(*call.channel, call.row.key);
-    const Bytes value = set ? *set : Pattern(call.row.Number(), call.size);
+    const Bytes value =
+        set ? *set : DefaultRecord(*call.channel, call.row.key, call.row.Number(), call.size);
     std::memcpy(call.record, value.data(), std::min<size_t>(call.size, value.size()));
     NoteRecord(call);
     return Ok();
 }
 
-// Whether the card lists the selected source.
-bool HasSource(const Call& call, const char* list) {
-    const Bytes* known = Known(*call.channel, list);
-    const Bytes sources = known ? *known : DefaultArray(list, sizeof(uint32_t));
-    for (size_t at = 0; at + sizeof(uint32_t) <= sources.size(); at += sizeof(uint32_t))
-        if (std::memcmp(&sources[at], call.record, sizeof(uint32_t)) == 0) return true;
-    return false;
-}
-
-// Streams are numbered from 0; the card says how many it has.
-bool HasStream(const Call& call) {
-    const Bytes* known = Known(*call.channel, "StreamInfos");
-    const size_t bytes = (known ? *known : DefaultArray("StreamInfos", kStreamInfoSize)).size();
-    const auto stream = call.As<int32_t>();
-    return stream >= 0 && static_cast<size_t>(stream) < bytes / kStreamInfoSize;
-}
-
-// Whether the card lists the value that is set, if it lists any.
-bool IsListed(const Call& call) {
-    const std::string key = call.row.key;
-    if (key == "CtrlStreamID") return HasStream(call);
-    const bool isSource = key == "VideoInputSource" || key == "AudioInputSource";
-    return !isSource || HasSource(call, (key + "s").c_str());
-}
-
 Answer SetRecordValue(Call& call) {
     NoteRecord(call);
-    if (call.cards->Ways().strictValues && !IsListed(call)) return Refused(EINVAL);
+    if (call.cards->Ways().strictValues && !IsTaken(call)) return Refused(EINVAL);
     call.channel->settings.Put(call.row.key, Bytes(call.record, call.record + call.size));
     return Ok();
 }
 
 Answer GetArray(Call& call) {
     auto& record = call.As<qv::CountedArrayRecord>();
-    const Bytes value = ArrayOf(call);
+    const Bytes value = ArrayOf(*call.channel, call.row.key, call.row.element);
     const auto have = static_cast<uint32_t>(value.size() / call.row.element);
     const uint32_t handed = std::min(have, record.count);
     call.NoteNumber("capacity", record.count);
@@ -134,10 +121,23 @@ Answer SetArray(Call& call) {
 }
 
 Answer GetArrayCount(Call& call) {
-    const auto count = static_cast<uint32_t>(ArrayOf(call).size() / call.row.element);
+    const auto count = static_cast<uint32_t>(
+        ArrayOf(*call.channel, call.row.key, call.row.element).size() / call.row.element);
     call.As<uint32_t>() = count;
     NoteRecord(call);
     return Ok();
+}
+
+// There are no frames of this kind here: where they would go is in records whose layout only a real
+// driver knows.
+Answer RefuseLumoCapture(Call& call) {
+    NoteRecord(call);
+    return Refused(EOPNOTSUPP);
+}
+
+// A scenario may know better.
+Answer GetLumoCaptureStatus(Call& call) {
+    return Known(*call.channel, call.row.key) ? GetRecord(call) : Refused(EOPNOTSUPP);
 }
 
 Answer AcceptAction(Call&) { return Ok(); }
@@ -156,9 +156,10 @@ Answer GetInfoFrame(Call& call) {
     auto& record = call.As<qv::InfoFrameRecord>();
     call.NoteNumber("id", record.id);
     if (record.id < 0 || record.id > 11) return Refused(EINVAL);
+    if (call.cards->Ways().strictValues && !HasInfoFrame(call, record.id)) return Refused(EINVAL);
     const Bytes* set = Known(*call.channel, "HDMIInfoFrame" + std::to_string(record.id));
     const auto number = call.row.Number() + static_cast<uint32_t>(record.id);
-    const Bytes value = set ? *set : Pattern(number, sizeof record.packet);
+    const Bytes value = set ? *set : DefaultRecord(*call.channel, "", number, sizeof record.packet);
     std::memcpy(&record.packet, value.data(), std::min(sizeof record.packet, value.size()));
     return Ok();
 }

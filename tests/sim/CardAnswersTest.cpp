@@ -1,6 +1,8 @@
 // What cards answer where a scenario has the choice: strict ones, busy ones, records by name, and
 // faults that change an answer and not whether there is one.
+#include <cstdlib>
 #include <cstring>
+#include <fstream>
 #include <numeric>
 
 #include "Hex.h"
@@ -9,6 +11,7 @@
 #include "gmock/gmock.h"
 #include "sim/Requests.h"
 #include "support/SimRig.h"
+#include "support/TempFolder.h"
 
 namespace qvsim {
 namespace {
@@ -67,6 +70,100 @@ TEST_F(CardAnswersTest, AStrictCardTakesTheStreamsThatItHas) {
         EXPECT_EQ(-1, m_card->Do(qv::kSetCtrlStreamID, stream)) << stream;
         EXPECT_EQ(EINVAL, errno);
     }
+}
+
+TEST_F(CardAnswersTest, AStrictCardTakesTheTimingsThatItPrefersAndSwitchesThatAreOnOrOff) {
+    Attach({.strictValues = true});
+    _QVCAP_VIDEO_TIMING timings[2]{};
+    qv::CountedArrayRecord list{};
+    list.count = 2;
+    list.address = qv::WireAddress(timings);
+    ASSERT_EQ(0, m_card->Do(qv::kGetVideoPreferredTimingArray, list));
+    ASSERT_EQ(2u, uint32_t{list.count});
+    EXPECT_EQ(0, m_card->Do(qv::kSetVideoTiming, timings[1]));
+    reinterpret_cast<uint8_t&>(timings[1]) ^= 1;
+    EXPECT_EQ(-1, m_card->Do(qv::kSetVideoTiming, timings[1]));
+    EXPECT_EQ(EINVAL, errno);
+    uint8_t value = 1;
+    const auto refuses = [&](const auto& row, uint8_t wrong) {
+        EXPECT_EQ(0, m_card->Do(row, value)) << row.name;
+        EXPECT_EQ(-1, m_card->Do(row, wrong)) << row.name;
+        EXPECT_EQ(EINVAL, errno) << row.name;
+    };
+    refuses(qv::kSetInputSourceScan, 2);
+    refuses(qv::kSetAVInputSourceLink, 2);
+    refuses(qv::kSetVideoAutoHAlign, 255);
+    refuses(qv::kSetVideoSamplingPhaseAutoAdjust, 2);
+    EXPECT_EQ(0, m_card->Do(qv::kSetVideoSamplingPhase, value = 255)) << "a number, not a switch";
+}
+
+TEST_F(CardAnswersTest, AStrictCardHasTheInfoFramesThatItsFlagsName) {
+    Attach({.strictValues = true});
+    m_rig.Cards().SetRecord(0, 0, "HDMIInfoFrameValidFlags", {0x04, 0x08, 0, 0});
+    for (int32_t id = 0; id < 12; ++id) {
+        qv::InfoFrameRecord record{};
+        record.id = id;
+        EXPECT_EQ(id == 2 || id == 11 ? 0 : -1, m_card->Do(qv::kGetHDMIInfoFramePacket, record))
+            << id;
+    }
+}
+
+TEST_F(CardAnswersTest, WhatNobodyHasSetIsPlausible) {
+    Attach({.strictValues = true});  // so that each may be set as it is
+    uint32_t value = 0;
+    ASSERT_EQ(0, m_card->Do(qv::kGetTemperature, value));
+    EXPECT_EQ(45u, value);
+    ASSERT_EQ(0, m_card->Do(qv::kGetVideoInputSource, value));
+    EXPECT_EQ(0, m_card->Do(qv::kSetVideoInputSource, value));
+    ASSERT_EQ(0, m_card->Do(qv::kGetAudioInputSource, value));
+    EXPECT_EQ(0, m_card->Do(qv::kSetAudioInputSource, value));
+    int32_t picture = 0;
+    for (const auto& row : {qv::kGetVideoBrightness, qv::kGetVideoContrast, qv::kGetVideoHue,
+                            qv::kGetVideoSaturation}) {
+        ASSERT_EQ(0, m_card->Do(row, picture)) << row.name;
+        EXPECT_TRUE(picture >= 0 && picture <= 100) << row.name << ": " << picture;
+    }
+    uint8_t on = 7;
+    ASSERT_EQ(0, m_card->Do(qv::kGetVideoAutoHAlign, on));
+    EXPECT_LE(on, 1);
+    int32_t ratio[2] = {};
+    ASSERT_EQ(0, m_card->Do(qv::kGetVideoInputAspectRatio, ratio));
+    EXPECT_EQ(16, ratio[0]);
+    EXPECT_EQ(9, ratio[1]);
+}
+
+// Where its frames would go is in records that only a real driver can read.
+TEST_F(CardAnswersTest, LumoCaptureIsRefusedAndNotAcceptedWithoutFrames) {
+    Attach();
+    std::vector<uint8_t> record(64);
+    for (const uint32_t code :
+         {qv::kStartVideoLumoCapture.code, qv::kSetVideoLumoCaptureSettings.code,
+          qv::kCaptureSetVideoLumoFrame.code, qv::kGetVideoLumoCaptureStatus.code}) {
+        EXPECT_EQ(-1, ioctl(m_card->Fd(), code, record.data())) << code;
+        EXPECT_EQ(EOPNOTSUPP, errno);
+    }
+    EXPECT_EQ(0, m_card->Do(qv::kStopVideoLumoCapture)) << "there is nothing to stop";
+}
+
+TEST_F(CardAnswersTest, APublicToolFindsNothingWrongWithTheEdid) {
+    if (std::system("command -v edid-decode >/dev/null") != 0)
+        GTEST_SKIP() << "there is no edid-decode; scripts/bootstrap --test installs it";
+    Attach();
+    uint8_t edid[256] = {};
+    qv::CountedArrayRecord record{};
+    record.count = sizeof edid;
+    record.address = qv::WireAddress(edid);
+    ASSERT_EQ(0, m_card->Do(qv::kGetEDID, record));
+    ASSERT_EQ(128u, uint32_t{record.count});
+    const qvtest::TempFolder folder("edid");
+    const std::string file = folder.Path() + "/edid.bin";
+    std::ofstream(file, std::ios::binary)
+        .write(reinterpret_cast<const char*>(edid), static_cast<std::streamsize>(128));
+    const std::string check = "edid-decode --check " + file;
+    EXPECT_EQ(0, std::system((check + " >" + file + ".txt && grep -q '^EDID conformity: PASS$' " +
+                              file + ".txt && grep -q '1920x1080   60.0' " + file + ".txt")
+                                 .c_str()))
+        << check;
 }
 
 TEST_F(CardAnswersTest, ABusyChannelRefusesASecondCapture) {
