@@ -228,16 +228,17 @@ TEST_F(CommandsTest, TheStandInsDoNothingWithoutCards) {
     EXPECT_EQ(1, Shell(folder + "/standins/sudo -i").status);
 }
 
-// The head of a 64-bit program, with a loader or without.
+// The head of a program of one word size, with a loader or without.
+template <class Header = Elf64_Ehdr, class Segment = Elf64_Phdr>
 void WriteProgram(const std::string& path, bool loader) {
-    Elf64_Ehdr header{};
+    Header header{};
     std::memcpy(header.e_ident, ELFMAG, SELFMAG);
-    header.e_ident[EI_CLASS] = ELFCLASS64;
+    header.e_ident[EI_CLASS] = sizeof header == sizeof(Elf64_Ehdr) ? ELFCLASS64 : ELFCLASS32;
     header.e_ident[EI_DATA] = ELFDATA2LSB;
     header.e_phoff = sizeof header;
-    header.e_phentsize = sizeof(Elf64_Phdr);
+    header.e_phentsize = sizeof(Segment);
     header.e_phnum = 1;
-    Elf64_Phdr segment{};
+    Segment segment{};
     segment.p_type = loader ? PT_INTERP : PT_LOAD;
     std::ofstream file(path, std::ios::binary);
     file.write(reinterpret_cast<const char*>(&header), sizeof header);
@@ -265,6 +266,31 @@ TEST_F(CommandsTest, AProgramThatLoadsNoDoorIsNotStartedAndItIsSaidWhy) {
     WriteProgram(m_home + "/broken", true);
     outcome = Shell("qvcap-sim run " + m_cards + " -- " + m_home + "/broken");
     EXPECT_THAT(outcome.output, testing::Not(HasSubstr("linked statically")));
+}
+
+// As where the packages are: the door beside qvcap-sim is a link to that of its architecture.
+TEST_F(CommandsTest, AProgramOfAWordSizeWithoutADoorIsNotStartedAndItIsSaidWhatHelps) {
+    Shell("qvcap-sim init " + m_cards);
+    constexpr bool kWide = sizeof(void*) == 8;
+    const std::string program = m_home + "/other";
+    if (kWide)
+        WriteProgram<Elf32_Ehdr, Elf32_Phdr>(program, true);
+    else
+        WriteProgram(program, true);
+    const auto built = std::filesystem::path(QVCAP_SIM).parent_path();
+    const std::string support = m_home + "/usr/lib/qvcapture/sim";
+    std::filesystem::create_directories(m_home + "/usr/bin");
+    std::filesystem::create_directories(support);
+    std::filesystem::copy(QVCAP_SIM, m_home + "/usr/bin/qvcap-sim");
+    std::filesystem::copy(built / "standins", support + "/standins");
+    std::filesystem::create_symlink(built / "libqvsim-preload.so",
+                                    support + "/libqvsim-preload.so");
+    const Outcome outcome = Shell(m_home + "/usr/bin/qvcap-sim run " + m_cards + " -- " + program);
+    EXPECT_EQ(2, outcome.status);
+    EXPECT_EQ("qvcap-sim: run: " + program + " is a " + (kWide ? "32" : "64") +
+                  "-bit program, and there is no door for these; install qvcapture-door of that "
+                  "architecture, too; `qvcap-sim serve` makes nodes for any program\n",
+              outcome.output);
 }
 
 }  // namespace
