@@ -61,10 +61,12 @@ std::string Interpreter(std::ifstream& file) {
     return interpreter;
 }
 
-// Whether there is a door for such programs: installed for their architecture, or beside this
-// program. In a build tree, which has one word size, the empty object is enough: with it a shell
-// may start programs of the other.
+// Whether there is a door for such programs: this program's own, which the support folder has or
+// names by a link, or one installed for their architecture. In a build tree, which has one word
+// size, the empty object is enough: with it a shell may start programs of the other.
 bool HasDoor(const std::string& support, bool wide) {
+    const bool own = wide == (sizeof(void*) == 8);
+    if (own && access((support + "/libqvsim-preload.so").c_str(), R_OK) == 0) return true;
     const std::string triplet = wide ? "x86_64-linux-gnu" : "i386-linux-gnu";
     if (access((support + "/../../" + triplet + "/qvcapture/libqvsim-preload.so").c_str(), R_OK) ==
         0)
