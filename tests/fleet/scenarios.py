@@ -75,12 +75,12 @@ def upgraded(done, changed, hosts, controller):
 def install(controller, host, packages):
     """The role install, a second time without a change."""
     controller.know([host])
-    first = controller.play("install", qvcap_debs=packages,
-                            qvcap_install_packages=["libqvcapture3", "qvcap-upgrade", "qvcap", "qvcapture-companions"])
+    variables = {"qvcap_debs": packages, "qvcap_install_packages": [
+        "libqvcapture3", "qvcap-upgrade", "qvcap", "qvcapture-companions", "qvcapture-door"]}
+    first = controller.play("install", **variables)
     equal(0, first.status, f"status of the role install\n{first.output}")
     assert first.recap[host.name]["changed"] > 0, "the role install changed nothing"
-    again = controller.play("install", qvcap_debs=packages,
-                            qvcap_install_packages=["libqvcapture3", "qvcap-upgrade", "qvcap", "qvcapture-companions"])
+    again = controller.play("install", **variables)
     equal(0, again.status, f"status of the role install, run again\n{again.output}")
     equal(0, again.recap[host.name]["changed"], f"changes of the role install, run again\n{again.output}")
 
