@@ -118,9 +118,8 @@ void ReadRecords(const toml::node& node, BoardPlan& board) {
     const std::map<std::string, const Row*> records = Records();
     std::vector<std::string> names;
     for (const auto& [name, row] : records) names.push_back(name);
-    const toml::table& values = TomlTableOf(node, "records");
-    const TomlTable known(values, names);
-    for (const auto& [key, value] : values) {
+    const TomlTable known(TomlTableOf(node, "records"), names);
+    for (const auto& [key, value] : *node.as_table()) {
         const std::string name(key.str());
         board.records[name] = ReadRecord(value, name, *records.at(name));
     }
