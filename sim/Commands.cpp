@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <set>
 
 #include "Folder.h"
 #include "Journal.h"
@@ -23,32 +24,39 @@ namespace fs = std::filesystem;
 // A copy of what `init` made, for `reset`.
 fs::path Factory(const std::string& dir) { return fs::path(dir) / "factory"; }
 
-bool IsOfCards(const fs::path& file) {
-    const std::string name = file.filename();
-    return name == "cards.state" || name.rfind("flash-", 0) == 0;
-}
+bool IsFlash(const fs::path& file) { return file.filename().string().rfind("flash-", 0) == 0; }
 
-std::string CopyCards(const fs::path& from, const fs::path& to) {
+// Each flash before its marks: a copy that ends early marks no byte that is missing.
+std::string CopyFlash(const fs::path& from, const fs::path& to) {
     std::error_code error;
-    for (const auto& entry : fs::directory_iterator(from, error)) {
-        if (!IsOfCards(entry.path())) continue;
-        const fs::path place = to / entry.path().filename();
-        fs::copy_file(entry.path(), place, fs::copy_options::overwrite_existing, error);
+    std::set<fs::path> files;
+    for (const auto& entry : fs::directory_iterator(from, error))
+        if (IsFlash(entry.path())) files.insert(entry.path());
+    for (const fs::path& file : files) {
+        const fs::path place = to / file.filename();
+        fs::copy_file(file, place, fs::copy_options::overwrite_existing, error);
         if (error) return place.string() + ": " + error.message();
     }
     return error ? from.string() + ": " + error.message() : std::string();
 }
 
 std::string KeepFactory(const std::string& dir) {
+    const fs::path factory = Factory(dir);
     std::error_code error;
-    fs::create_directory(Factory(dir), error);
-    std::string wrong =
-        error ? Factory(dir).string() + ": " + error.message() : CopyCards(dir, Factory(dir));
-    if (wrong.empty()) return wrong;
+    fs::create_directory(factory, error);
+    std::string wrong = error ? factory.string() + ": " + error.message() : CopyFlash(dir, factory);
+    if (wrong.empty()) {
+        fs::copy_file(StatePath(dir), StatePath(factory), error);
+        if (!error) return {};
+        wrong = StatePath(factory) + ": " + error.message();
+    }
     // A failed `init` leaves no cards.
-    fs::remove_all(Factory(dir), error);
+    fs::remove_all(factory, error);
+    fs::remove(StatePath(dir), error);
+    fs::remove(fs::path(dir) / "cards.live", error);
+    fs::remove(JournalPath(dir), error);
     for (const auto& entry : fs::directory_iterator(dir, error))
-        if (IsOfCards(entry.path())) fs::remove(entry.path(), error);
+        if (IsFlash(entry.path())) fs::remove(entry.path(), error);
     return wrong;
 }
 
@@ -68,7 +76,7 @@ std::string Reset(Folder& folder) {
             fs::remove(entry.path(), error);
     }
     if (error) return dir + ": " + error.message();
-    if (std::string wrong = CopyCards(Factory(dir), dir); !wrong.empty()) return wrong;
+    if (std::string wrong = CopyFlash(Factory(dir), dir); !wrong.empty()) return wrong;
     LivePage& page = folder.Page();
     for (auto& board : page.settings)
         for (uint32_t& generation : board) CountShared<uint32_t>(generation);
@@ -108,8 +116,7 @@ int InitCommand(const std::string& dir, const std::string& scenario, bool packag
 int PowerCycleCommand(const std::string& dir) {
     std::shared_ptr<Model> model;
     if (std::string error = Model::Load(dir, model); !error.empty()) return Fail(error);
-    model->PowerCycle();
-    return 0;
+    return model->PowerCycle() ? 0 : kBadInput;
 }
 
 int ResetCommand(const std::string& dir) {

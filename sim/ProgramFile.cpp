@@ -5,6 +5,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -20,21 +22,45 @@ struct Program {
     bool elf = false;
     bool wide = false;     // 64 bits
     bool dynamic = false;  // has a loader
+    bool go = false;       // with or without one
 };
 
+// Whether these notes, one after another, have the one that the Go linker writes.
+bool HasGoNote(const std::string& notes) {
+    constexpr char kName[] = "Go\0";  // 4 bytes
+    constexpr uint32_t kBuildId = 4;
+    const auto padded = [](uint64_t size) { return (size + 3) / 4 * 4; };
+    uint32_t head[3];  // sizes of name and content, type
+    for (uint64_t at = 0; at + sizeof head + sizeof kName <= notes.size();) {
+        std::memcpy(head, notes.data() + at, sizeof head);
+        const char* const name = notes.data() + at + sizeof head;
+        if (head[0] == sizeof kName && head[2] == kBuildId &&
+            std::memcmp(name, kName, sizeof kName) == 0)
+            return true;
+        at += sizeof head + padded(head[0]) + padded(head[1]);
+    }
+    return false;
+}
+
 template <class Header, class Segment>
-bool HasLoader(std::ifstream& file) {
+void LookAtSegments(std::ifstream& file, Program& program) {
+    constexpr uint64_t kMostNotes = 4096;
     Header header{};
     file.seekg(0);
-    if (!file.read(reinterpret_cast<char*>(&header), sizeof header)) return false;
+    if (!file.read(reinterpret_cast<char*>(&header), sizeof header)) return;
     for (int i = 0; i < header.e_phnum; ++i) {
         Segment segment{};
         file.seekg(static_cast<std::streamoff>(header.e_phoff) +
                    static_cast<std::streamoff>(i) * header.e_phentsize);
-        if (!file.read(reinterpret_cast<char*>(&segment), sizeof segment)) return false;
-        if (segment.p_type == PT_INTERP) return true;
+        if (!file.read(reinterpret_cast<char*>(&segment), sizeof segment)) return;
+        program.dynamic = program.dynamic || segment.p_type == PT_INTERP;
+        if (segment.p_type != PT_NOTE) continue;
+        std::string notes(static_cast<size_t>(std::min<uint64_t>(segment.p_filesz, kMostNotes)),
+                          '\0');
+        file.seekg(static_cast<std::streamoff>(segment.p_offset));
+        if (!file.read(notes.data(), static_cast<std::streamsize>(notes.size()))) return;
+        program.go = program.go || HasGoNote(notes);
     }
-    return false;
 }
 
 Program LookInto(std::ifstream& file) {
@@ -43,9 +69,10 @@ Program LookInto(std::ifstream& file) {
     if (!file.read(reinterpret_cast<char*>(identity), sizeof identity)) return program;
     program.elf = std::memcmp(identity, ELFMAG, SELFMAG) == 0;
     program.wide = identity[EI_CLASS] == ELFCLASS64;
-    if (program.elf)
-        program.dynamic = program.wide ? HasLoader<Elf64_Ehdr, Elf64_Phdr>(file)
-                                       : HasLoader<Elf32_Ehdr, Elf32_Phdr>(file);
+    if (program.elf && program.wide)
+        LookAtSegments<Elf64_Ehdr, Elf64_Phdr>(file, program);
+    else if (program.elf)
+        LookAtSegments<Elf32_Ehdr, Elf32_Phdr>(file, program);
     return program;
 }
 
@@ -86,6 +113,11 @@ std::string WhyNot(const std::string& program, const std::string& support, bool 
         return interpreter.empty() ? "" : WhyNot(interpreter, support, true);
     }
     struct stat status {};
+    if (kind.go)
+        return program +
+               " is a Go program, which calls the kernel without the C library and so past any "
+               "door" +
+               kServe;
     if (!kind.dynamic) return program + " is linked statically and loads no door" + kServe;
     if (!HasDoor(support, kind.wide))
         return program + " is a " + (kind.wide ? "64" : "32") +

@@ -193,7 +193,13 @@ bool Journal::Reopen() {
 // The lock is held. Lines that others still write to the older file are read there.
 void Journal::BeginAnew() {
     const std::string path = JournalPath(m_folder->Dir());
-    if (rename(path.c_str(), OldPath(m_folder->Dir()).c_str()) != 0) return;
+    const std::string next = path + ".next";
+    // When the disk is full, the file stays, and so does the older one.
+    if (!ReplaceFile(next, kHead)) return;
+    if (rename(path.c_str(), OldPath(m_folder->Dir()).c_str()) != 0 ||
+        rename(next.c_str(), path.c_str()) != 0)
+        return;
+    StoreShared<uint64_t>(m_folder->Page().journalBytes, kHeadSize);
     StoreShared<uint64_t>(m_folder->Page().journalReserved, 0);
     CountShared<uint32_t>(m_folder->Page().journalEpoch);
     Reopen();

@@ -194,6 +194,11 @@ bool LiveCards::HasRoom() {
     return false;
 }
 
+void LiveCards::ComplainAboutFlash(const Channel& channel, int error) {
+    const std::string name = FlashFileName(*channel.board->state, channel.index);
+    Complain(m_folder ? m_folder->Dir() + "/" + name : name, error);
+}
+
 void LiveCards::CatchUp(Channel* channel) {
     if (!m_folder) return;
     if (LoadShared(m_folder->Page().generation) != m_generation) {
@@ -396,9 +401,9 @@ void LiveCards::ClearFaults() {
     m_faults.Clear();
 }
 
-void LiveCards::PowerCycle() {
+bool LiveCards::PowerCycle() {
     const Folder::Lock lock(m_folder.get());
-    ChangeState([this] {
+    bool kept = ChangeState([this] {
         m_state.eventNodeGone = false;
         for (const auto& board : m_boards) board->clock.Set(m_time.Now(), 0);
         for (const auto& channel : m_channels) {
@@ -412,8 +417,9 @@ void LiveCards::PowerCycle() {
     for (const auto& channel : m_channels) {
         CatchUp(channel.get());
         channel->settings.Reset();
-        KeepSettings(channel.get());
+        kept = KeepSettings(channel.get()) && kept;
     }
+    return kept;
 }
 
 Bytes LiveCards::LastRecord(int board, int channel, const std::string& request) {

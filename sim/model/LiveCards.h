@@ -62,6 +62,8 @@ class LiveCards {
     bool KeepSettings(Channel* channel);
     // Whether a request can be logged. False, with a message once, when the disk is full.
     bool HasRoom();
+    // A message, once, that the files of a flash cannot be read or written.
+    void ComplainAboutFlash(const Channel& channel, int error);
     // Held while files of the folder change.
     Folder::Lock LockFolder() { return Folder::Lock(m_folder.get()); }
 
@@ -96,7 +98,8 @@ class LiveCards {
     void NoteMet(FaultKind kind, const std::string& request, const Channel* channel) const;
     void AddFault(const Fault& fault);
     void ClearFaults();
-    void PowerCycle();
+    // False when that cannot be written.
+    bool PowerCycle();
     // The board has no power from now on, for every process.
     void LosePower(Board& board);
     // A node vanishes until the next power cycle. Null: the event node.

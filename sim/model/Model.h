@@ -100,7 +100,8 @@ class Model {
     // --- for tests and the command line ----------------------------------------------------
     // Channels are named by board index and by their position on the board; without such a channel
     // nothing happens.
-    void PowerCycle() { Locked(*this)->PowerCycle(); }
+    // False, with a message, when the folder cannot be written.
+    bool PowerCycle() { return Locked(*this)->PowerCycle(); }
     void AddFault(const Fault& fault) { Locked(*this)->AddFault(fault); }
     void ClearFaults() { Locked(*this)->ClearFaults(); }
     void RaiseNotification(int board, int channel, uint64_t bits);

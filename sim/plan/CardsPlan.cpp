@@ -7,10 +7,12 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <set>
 
 #include "FirmwareImage.h"
 #include "Folder.h"
+#include "Journal.h"
 #include "NorFlash.h"
 #include "SamplePackages.h"
 #include "Settings.h"
@@ -210,6 +212,11 @@ std::string LayOut(const CardsPlan& plan, const std::string& dir, bool packages)
         return StatePath(dir) + ": there are cards already; remove the directory first";
     made.Add(dir + "/cards.live");
     if (std::string error = Folder::Make(dir); !error.empty()) return error;
+    // Now, and not when the cards are first used: the disk may be full by then.
+    made.Add(JournalPath(dir));
+    std::unique_ptr<Folder> folder;
+    if (std::string error = Folder::Open(dir, folder); !error.empty()) return error;
+    if (std::string error = ClearJournal(*folder); !error.empty()) return error;
     const CardsState state = MakeState(plan);
     for (size_t i = 0; i < plan.boards.size(); ++i)
         if (std::string error = LayFlash(plan.boards[i], state.boards[i], dir, made);

@@ -6,6 +6,7 @@
 
 #include <utility>
 
+#include "DevFolders.h"
 #include "Door.h"
 #include "Inside.h"
 #include "Waiting.h"
@@ -26,6 +27,7 @@ void Before() {
     forking->model = HoldAttachment();
     // In the same order as everywhere: a working model opens and closes its own files.
     if (forking->model) forking->model->HoldForFork();
+    LockFolders();
     LockTable();
     g_forking = forking;
 }
@@ -33,6 +35,7 @@ void Before() {
 void LetGo() {
     const Forking* const forking = std::exchange(g_forking, nullptr);
     UnlockTable();
+    UnlockFolders();
     if (forking->model) forking->model->LetGoAfterFork();
     ReleaseAttachment();
     delete forking;
@@ -48,8 +51,13 @@ void InChild() {
 }  // namespace
 
 void BeReadyForFork() {
-    static const int result = pthread_atfork(Before, LetGo, InChild);
-    static_cast<void>(result);
+    static const bool ready = [] {
+        // What is made when first used is made now, and not while another thread forks.
+        Before();
+        LetGo();
+        return pthread_atfork(Before, LetGo, InChild) == 0;
+    }();
+    static_cast<void>(ready);
 }
 
 }  // namespace qvsim::door

@@ -1,6 +1,7 @@
 // A test program chooses its cards itself. Any thread.
 #include <mutex>
 
+#include "AtFork.h"
 #include "Door.h"
 
 namespace qvsim {
@@ -40,6 +41,7 @@ std::string Attach(const std::string& dir) {
 }
 
 void Attach(std::shared_ptr<Model> model) {
+    door::BeReadyForFork();
     Detach();
     Current& current = TheCurrent();
     const std::lock_guard lock(current.lock);

@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "AtFork.h"
 #include "Door.h"
 #include "Inside.h"
 
@@ -34,10 +35,13 @@ std::shared_ptr<Model> LoadByEnvironment() {
     return model;
 }
 
-// A program may inherit open nodes through exec or from its parent.
+// A program may inherit open nodes through exec or from its parent, and one of its threads may fork
+// while another one loads the cards.
 __attribute__((constructor)) void TakeOver() {
     const char* const dir = std::getenv("QVSIM_STATE");
-    if (dir && *dir) door::AdoptInherited();
+    if (!dir || !*dir) return;
+    door::BeReadyForFork();
+    door::AdoptInherited();
 }
 
 // The last thing that a process does with its cards.

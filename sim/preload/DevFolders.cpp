@@ -57,4 +57,7 @@ std::shared_ptr<DevFolder> FindDevFolder(DIR* stream) {
     return found == TheFolders().open.end() ? nullptr : found->second;
 }
 
+void LockFolders() { TheFolders().lock.lock(); }
+void UnlockFolders() { TheFolders().lock.unlock(); }
+
 }  // namespace qvsim::door

@@ -21,4 +21,8 @@ void ForgetFolder(DIR* stream);
 // Null when it reads another folder, or there are no cards.
 std::shared_ptr<DevFolder> FindDevFolder(DIR* stream);
 
+// Around fork(): no other thread is in the table.
+void LockFolders();
+void UnlockFolders();
+
 }  // namespace qvsim::door

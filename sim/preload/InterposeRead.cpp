@@ -21,6 +21,14 @@ ssize_t Move(int fd, Real real) {
     return -1;
 }
 
+// What the kernel does for files alone.
+template <class Real>
+int OnFile(int fd, Real real) {
+    if (!qvsim::door::IsNode(fd)) return real();
+    errno = EINVAL;
+    return -1;
+}
+
 bool IsHandler(sighandler_t handler) { return handler != SIG_DFL && handler != SIG_IGN; }
 
 }  // namespace
@@ -52,6 +60,58 @@ QVSIM_WEAK ssize_t write(int fd, const void* data, size_t size) {
 QVSIM_WEAK ssize_t writev(int fd, const struct iovec* parts, int count) {
     static constinit Next<ssize_t(int, const struct iovec*, int)> next{"writev"};
     return Move(fd, [&] { return next.Get()(fd, parts, count); });
+}
+
+QVSIM_WEAK ssize_t pread(int fd, void* data, size_t size, off_t at) {
+    static constinit Next<ssize_t(int, void*, size_t, off_t)> next{"pread"};
+    return Move(fd, [&] { return next.Get()(fd, data, size, at); });
+}
+
+QVSIM_WEAK ssize_t pwrite(int fd, const void* data, size_t size, off_t at) {
+    static constinit Next<ssize_t(int, const void*, size_t, off_t)> next{"pwrite"};
+    return Move(fd, [&] { return next.Get()(fd, data, size, at); });
+}
+
+QVSIM_WEAK ssize_t __pread_chk(int fd, void* data, size_t size, off_t at, size_t room) {
+    static constinit Next<ssize_t(int, void*, size_t, off_t, size_t)> next{"__pread_chk"};
+    return Move(fd, [&] { return next.Get()(fd, data, size, at, room); });
+}
+
+QVSIM_WEAK int ftruncate(int fd, off_t size) noexcept {
+    static constinit Next<int(int, off_t)> next{"ftruncate"};
+    return OnFile(fd, [&] { return next.Get()(fd, size); });
+}
+
+#ifndef pread64
+QVSIM_WEAK ssize_t pread64(int fd, void* data, size_t size, off64_t at) {
+    static constinit Next<ssize_t(int, void*, size_t, off64_t)> next{"pread64"};
+    return Move(fd, [&] { return next.Get()(fd, data, size, at); });
+}
+
+QVSIM_WEAK ssize_t pwrite64(int fd, const void* data, size_t size, off64_t at) {
+    static constinit Next<ssize_t(int, const void*, size_t, off64_t)> next{"pwrite64"};
+    return Move(fd, [&] { return next.Get()(fd, data, size, at); });
+}
+
+QVSIM_WEAK int ftruncate64(int fd, off64_t size) noexcept {
+    static constinit Next<int(int, off64_t)> next{"ftruncate64"};
+    return OnFile(fd, [&] { return next.Get()(fd, size); });
+}
+#endif
+
+QVSIM_WEAK ssize_t __pread64_chk(int fd, void* data, size_t size, off64_t at, size_t room) {
+    static constinit Next<ssize_t(int, void*, size_t, off64_t, size_t)> next{"__pread64_chk"};
+    return Move(fd, [&] { return next.Get()(fd, data, size, at, room); });
+}
+
+QVSIM_WEAK int fsync(int fd) {
+    static constinit Next<int(int)> next{"fsync"};
+    return OnFile(fd, [&] { return next.Get()(fd); });
+}
+
+QVSIM_WEAK int fdatasync(int fd) {
+    static constinit Next<int(int)> next{"fdatasync"};
+    return OnFile(fd, [&] { return next.Get()(fd); });
 }
 
 QVSIM_WEAK int sigaction(int number, const struct sigaction* action,

@@ -135,8 +135,9 @@ void After() {
     pthread_sigmask(SIG_SETMASK, &outer, nullptr);
 }
 
-// When the program begins, and there is one thread: what is registered first is locked last.
-[[gnu::constructor]] void BeReady() { pthread_atfork(Before, After, After); }
+// When the program begins, and there is one thread: what is registered first is locked last. Before
+// the constructors without a number.
+[[gnu::constructor(200)]] void BeReady() { pthread_atfork(Before, After, After); }
 
 void* TakeOrEnd(size_t size, size_t alignment) {
     void* const memory = Take(size, alignment);

@@ -3,8 +3,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <cstring>
 
 #include "FirmwareImage.h"
@@ -43,14 +41,11 @@ uint32_t SizeBeforeCut(const Call& call, uint32_t size) {
     return *cut == CutPoint::kEnd && size > 0 ? size - 1 : size / 2;
 }
 
-// A file of the simulation failed, not a card: any answer would look like a broken card. Ranges
-// have been checked before.
-[[noreturn]] void EndForHost() {
-    std::fprintf(stderr,
-                 "\nqvcap-sim: the files of the cards cannot be read and written: %s; the program "
-                 "on them ends here\n",
-                 std::strerror(errno));
-    std::_Exit(2);
+// A file of the simulation failed, not a card; ranges have been checked before. What was not
+// written has no mark, so that no image looks complete.
+Answer HostRefuses(Call& call, int error) {
+    call.cards->ComplainAboutFlash(*call.channel, errno);
+    return Refused(error);
 }
 
 bool GarbleAfterCut(Call& call, uint32_t offset, uint32_t done) {
@@ -102,10 +97,11 @@ Answer EraseFirmwareData(Call& call) {
         return Ok();
     const Folder::Lock lock = call.cards->LockFolder();
     const uint32_t done = SizeBeforeCut(call, size);
-    if (!flash.Erase(offset, done) || !GarbleAfterCut(call, offset, done)) EndForHost();
+    if (!flash.Erase(offset, done) || !GarbleAfterCut(call, offset, done))
+        return HostRefuses(call, ENOSPC);
     constexpr uint8_t kProgrammed = 0x5A;
     if (Has(call, FaultKind::kNotBlank) && size > 0 && !flash.Program(offset, &kProgrammed, 1))
-        EndForHost();
+        return HostRefuses(call, ENOSPC);
     return Ok();
 }
 
@@ -129,18 +125,18 @@ Answer WriteFirmwareData(Call& call) {
             error = EFAULT;
         } else {
             crc = Crc32(piece, n, crc);
-            if (!flash.Program(offset + done, piece, n, stuck)) EndForHost();
+            if (!flash.Program(offset + done, piece, n, stuck)) return HostRefuses(call, ENOSPC);
         }
         done += n;
     }
     if (error != 0) return Refused(error);
-    if (!GarbleAfterCut(call, offset, wanted)) EndForHost();
+    if (!GarbleAfterCut(call, offset, wanted)) return HostRefuses(call, ENOSPC);
     call.NoteHex("crc", crc);
     // A header that is written at one of its two addresses decides which image is loaded first
     // after power-on.
     const uint32_t main = call.channel->state->storage.firmwareOffset;
     const bool isHeader = offset == main || offset == main + kSafeHeaderDistance;
-    if (isHeader && wanted > 0 && !flash.SetBootAddress(offset)) EndForHost();
+    if (isHeader && wanted > 0 && !flash.SetBootAddress(offset)) return HostRefuses(call, ENOSPC);
     return Ok();
 }
 
@@ -156,7 +152,7 @@ Answer ReadFirmwareData(Call& call) {
     uint8_t piece[NorFlash::kSector];
     for (uint32_t done = 0; done < wanted;) {
         const uint32_t n = std::min<uint32_t>(wanted - done, sizeof piece);
-        if (!flash.Read(record.offset + done, piece, n)) EndForHost();
+        if (!flash.Read(record.offset + done, piece, n)) return HostRefuses(call, EIO);
         if (flip && *flip / 8 >= done && *flip / 8 < done + n)
             piece[*flip / 8 - done] =
                 static_cast<uint8_t>(piece[*flip / 8 - done] ^ 1 << *flip % 8);

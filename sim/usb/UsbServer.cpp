@@ -96,8 +96,11 @@ std::string UsbServer::Announce(Plug& plug) {
     const DeviceSpec& spec = plug.spec.device;
     const bool card = !spec.streams.empty();
     const bool camera = !spec.sizes.empty();
-    const Clock::time_point end = Clock::now() + patience;
+    Clock::time_point end = Clock::now() + patience;
     while (plug.device) {
+        // On a busy machine the kernel takes long; as long as it asks, it is at work.
+        const bool asked = std::exchange(plug.asked, false);
+        if (asked) end = Clock::now() + patience;
         if (plug.device->Configured())
             if (const std::optional<Place> place = m_host.Find(plug.port, card, camera)) {
                 std::string line =
@@ -107,7 +110,7 @@ std::string UsbServer::Announce(Plug& plug) {
                 m_report(line);
                 return {};
             }
-        if (Clock::now() >= end) {
+        if (!asked && Clock::now() >= end) {
             const char* missing = plug.device->Configured()
                                       ? "the kernel made no sound card or video node of it: load "
                                         "the drivers first (modprobe snd-usb-audio uvcvideo)"
@@ -144,6 +147,7 @@ void UsbServer::ServeSocket(Plug& plug) {
     uint8_t bytes[65536];
     const ssize_t n = recv(plug.socket, bytes, sizeof bytes, MSG_DONTWAIT);
     if (n < 0 && (errno == EAGAIN || errno == EINTR)) return;
+    plug.asked = true;
     Bytes out;
     const bool understood =
         n > 0 && plug.device->Receive(bytes, static_cast<size_t>(n), Now(), out);

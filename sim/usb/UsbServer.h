@@ -44,7 +44,7 @@ class UsbServer {
     // Whether `stop` was readable.
     bool Stopped() const { return m_stopped; }
 
-    // How long the kernel may take to set up a device.
+    // How long the kernel may ask a device nothing before the device is set up.
     std::chrono::milliseconds patience{20000};
 
   private:
@@ -54,6 +54,7 @@ class UsbServer {
         int socket = -1;
         int port = -1;
         bool plugged = false;  // has been plugged in before
+        bool asked = false;    // something, since Announce() last looked
     };
 
     std::string PlugIn(Plug& plug);

@@ -160,15 +160,17 @@ TEST_F(CommandsTest, AFailedInitLeavesNothing) {
     EXPECT_EQ(0, Shell(init).status);
 }
 
-TEST_F(CommandsTest, AFullDiskOfTheHostIsNoBrokenCard) {
+TEST_F(CommandsTest, AFlashThatCannotBeWrittenIsARefusedRequestAndAMessage) {
     Shell("qvcap-sim init " + m_cards);
     // Beyond so many blocks no file can be written, as on a disk that is full.
     const Outcome outcome = Shell("trap '' XFSZ; ulimit -f 100; qvcap-sim run " + m_cards +
                                   " -- " SIM_PROBE " /dev/video0 0x200000; echo status $?");
-    EXPECT_EQ(
-        "\nqvcap-sim: the files of the cards cannot be read and written: File too large; the "
-        "program on them ends here\nstatus 2\n",
-        outcome.output);
+    EXPECT_EQ("qvcap-sim: " + m_cards +
+                  "/flash-b0-c0.bin: File too large; requests fail until that is mended\n"
+                  "refused: No space left on device\nstatus 4\n",
+              outcome.output);
+    EXPECT_THAT(Shell("qvcap-sim journal " + m_cards).output,
+                HasSubstr(" WriteFirmwareData offset=0x200000 size=4096 = -1 ENOSPC\n"));
 }
 
 TEST_F(CommandsTest, MessagesBeginWithTheProgramsName) {
@@ -228,21 +230,25 @@ TEST_F(CommandsTest, TheStandInsDoNothingWithoutCards) {
     EXPECT_EQ(1, Shell(folder + "/standins/sudo -i").status);
 }
 
-// The head of a program of one word size, with a loader or without.
+// The head of a program of one word size, with a loader or without, and with these notes.
 template <class Header = Elf64_Ehdr, class Segment = Elf64_Phdr>
-void WriteProgram(const std::string& path, bool loader) {
+void WriteProgram(const std::string& path, bool loader, const std::string& notes = {}) {
     Header header{};
     std::memcpy(header.e_ident, ELFMAG, SELFMAG);
     header.e_ident[EI_CLASS] = sizeof header == sizeof(Elf64_Ehdr) ? ELFCLASS64 : ELFCLASS32;
     header.e_ident[EI_DATA] = ELFDATA2LSB;
     header.e_phoff = sizeof header;
     header.e_phentsize = sizeof(Segment);
-    header.e_phnum = 1;
-    Segment segment{};
-    segment.p_type = loader ? PT_INTERP : PT_LOAD;
+    header.e_phnum = 2;
+    Segment segments[2]{};
+    segments[0].p_type = loader ? PT_INTERP : PT_LOAD;
+    segments[1].p_type = PT_NOTE;
+    segments[1].p_offset = sizeof header + sizeof segments;
+    segments[1].p_filesz = static_cast<decltype(segments[1].p_filesz)>(notes.size());
     std::ofstream file(path, std::ios::binary);
     file.write(reinterpret_cast<const char*>(&header), sizeof header);
-    file.write(reinterpret_cast<const char*>(&segment), sizeof segment);
+    file.write(reinterpret_cast<const char*>(segments), sizeof segments);
+    file << notes;
     file.close();
     std::filesystem::permissions(path, std::filesystem::perms::owner_all);
 }
@@ -266,6 +272,34 @@ TEST_F(CommandsTest, AProgramThatLoadsNoDoorIsNotStartedAndItIsSaidWhy) {
     WriteProgram(m_home + "/broken", true);
     outcome = Shell("qvcap-sim run " + m_cards + " -- " + m_home + "/broken");
     EXPECT_THAT(outcome.output, testing::Not(HasSubstr("linked statically")));
+}
+
+// Such a program may load the C library, for the names of users for example, and open files past
+// it.
+TEST_F(CommandsTest, AGoProgramIsNotStartedWithOrWithoutALoader) {
+    Shell("qvcap-sim init " + m_cards);
+    const std::string other("\4\0\0\0\5\0\0\0\3\0\0\0GNU\0id-id\0\0\0", 24);
+    const std::string go("\4\0\0\0\4\0\0\0\4\0\0\0Go\0\0a/b-", 20);
+    const std::string program = m_home + "/program";
+    const auto said = [&] { return Shell("qvcap-sim run " + m_cards + " -- " + program).output; };
+    for (const bool loader : {false, true}) {
+        for (const std::string& notes : {go, other + go}) {
+            WriteProgram(program, loader, notes);
+            EXPECT_EQ("qvcap-sim: run: " + program +
+                          " is a Go program, which calls the kernel without the C library and so "
+                          "past any door; `qvcap-sim serve` makes nodes for any program\n",
+                      said());
+        }
+        WriteProgram<Elf32_Ehdr, Elf32_Phdr>(program, loader, go);
+        EXPECT_THAT(said(), HasSubstr("is a Go program"));
+        // Of another maker, of another type, cut off.
+        for (const std::string& notes :
+             {other, std::string("\4\0\0\0\4\0\0\0\3\0\0\0Go\0\0a/b-", 20), go.substr(0, 14),
+              std::string("\xff\xff\xff\xff\xff\xff\xff\xff", 8) + go}) {
+            WriteProgram(program, loader, notes);
+            EXPECT_THAT(said(), testing::Not(HasSubstr("is a Go program")));
+        }
+    }
 }
 
 // As where the packages are: the door beside qvcap-sim is a link to that of its architecture.

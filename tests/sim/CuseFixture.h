@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -43,6 +44,26 @@ struct Reply {
         std::memcpy(&out, body.data(), sizeof out);
         return out.result;
     }
+};
+
+// No file of this process grows beyond so many bytes while one exists.
+class SmallFiles {
+  public:
+    explicit SmallFiles(rlim_t bytes) : m_signal(std::signal(SIGXFSZ, SIG_IGN)) {
+        getrlimit(RLIMIT_FSIZE, &m_before);
+        const rlimit small{bytes, m_before.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &small);
+    }
+    ~SmallFiles() {
+        setrlimit(RLIMIT_FSIZE, &m_before);
+        static_cast<void>(std::signal(SIGXFSZ, m_signal));
+    }
+    SmallFiles(const SmallFiles&) = delete;
+    SmallFiles& operator=(const SmallFiles&) = delete;
+
+  private:
+    rlimit m_before{};
+    void (*m_signal)(int);
 };
 
 class CuseTest : public testing::Test {

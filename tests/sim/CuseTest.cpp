@@ -83,6 +83,39 @@ TEST_F(CuseTest, AnErrorThatNoKernelPassesOnArrivesAsEio) {
     }
 }
 
+TEST_F(CuseTest, AFullDiskRefusesRequestsAndTheServerGoesOn) {
+    Serve();
+    const uint64_t video = Open(kVideo);
+    std::vector<uint8_t> data(65536, 0x5A);
+    const qv::FirmwareEraseRecord erase{0x200000, 65536};
+    const qv::FirmwareDataRecord write{0x200000, 65536, qv::WireAddress(data.data())};
+    qv::CountedArrayRecord edid{};
+    edid.address = qv::WireAddress(data.data());
+    edid.count = 4096;
+    int32_t value = 12;
+    EXPECT_EQ(0, Do(kVideo, video, qv::kSetVideoBrightness, &value).Error());
+    testing::internal::CaptureStderr();
+    {
+        // The lines of the journal still fit, nothing larger does.
+        const SmallFiles small(6000);
+        EXPECT_EQ(0, Do(kVideo, video, qv::kEraseFirmwareData, &erase).Error());
+        EXPECT_EQ(ENOSPC, Do(kVideo, video, qv::kWriteFirmwareData, &write).Error());
+        EXPECT_EQ(ENOSPC, Do(kVideo, video, qv::kSetEDID, &edid).Error());
+    }
+    EXPECT_EQ("qvcap-sim: " + m_rig.Dir() +
+                  "/flash-b0-c0.bin: File too large; requests fail until that is mended\n",
+              testing::internal::GetCapturedStderr());
+    value = 0;
+    EXPECT_EQ(0, Do(kVideo, video, qv::kGetVideoBrightness, &value).Error());
+    EXPECT_EQ(12, value) << "the line that did not fit has damaged no other";
+    EXPECT_FALSE(m_model->Flash(0, 0)->Programmed(0x200000, 65536));
+    EXPECT_EQ(0, Do(kVideo, video, qv::kWriteFirmwareData, &write).Error());
+    EXPECT_TRUE(m_model->Flash(0, 0)->Programmed(0x200000, 65536));
+    EXPECT_EQ(0, Do(kVideo, video, qv::kSetEDID, &edid).Error());
+    Stop();
+    EXPECT_EQ("", m_outcome);
+}
+
 // --- callers of 32 bits
 
 TEST_F(CuseTest, ACallerOf32BitsIsServedThroughAddressesOf32Bits) {

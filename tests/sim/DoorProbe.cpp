@@ -262,6 +262,10 @@ void OtherCalls() {
     char byte = 0;
     Row("read", Result(static_cast<int>(read(fd, &byte, 1))));
     Row("write", Result(static_cast<int>(write(fd, &byte, 1))));
+    Row("pread", Result(static_cast<int>(pread(fd, &byte, 1, 0))));
+    Row("pwrite", Result(static_cast<int>(pwrite(fd, &byte, 1, 0))));
+    Row("ftruncate", Result(ftruncate(fd, 0)));
+    Row("fsync", Result(fsync(fd)));
     pollfd waiting{fd, POLLIN | POLLOUT, 0};
     const int ready = poll(&waiting, 1, 0);
     Row("poll", std::to_string(ready) + (waiting.revents == (POLLIN | POLLOUT) ? " in out" : ""));

@@ -34,7 +34,8 @@ inline std::string TypeOf(unsigned mode) {
 void BadPointers();
 void Signals();
 void Processes();
-// Ends the process by "exit", "kill", "terminate", "exec", or leaves the nodes to a "child".
+// Ends the process by "exit", "kill", "terminate", "exec", or leaves the nodes to a "child";
+// "early" forks while the first open waits.
 int Leave(const std::string& how);
 int Daemon(const char* file);
 

@@ -1,4 +1,5 @@
 // The rows about memory, signals, threads and processes.
+#include <spawn.h>
 #include <sys/mman.h>
 #include <sys/time.h>
 #include <sys/wait.h>
@@ -7,6 +8,7 @@
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
+#include <fstream>
 #include <thread>
 #include <vector>
 
@@ -220,6 +222,23 @@ void Signals() {
     close(events);
 }
 
+// A new process gets the node from the C library, which opens it there.
+std::string OpenForSpawned() {
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, 100, kNode, O_RDWR, 0);
+    char name[] = "DoorProbe";
+    char number[] = "100";
+    char* const arguments[] = {name, number, nullptr};
+    pid_t child = -1;
+    errno = posix_spawn(&child, "/proc/self/exe", &actions, nullptr, arguments, environ);
+    posix_spawn_file_actions_destroy(&actions);
+    if (errno != 0) return Error();
+    int status = 0;
+    return waitpid(child, &status, 0) == child && status == 0 ? "ok" : "failed";
+}
+
 void Processes() {
     const int fd = open(kNode, O_RDWR);
     Row("fork", InChild([&] { return Ask(fd) == "ok"; }));
@@ -230,10 +249,42 @@ void Processes() {
     fcntl(fd, F_SETFD, FD_CLOEXEC);
     Row("exec.closes", Exec(fd));
     Row("fork.among_threads", ForkAmongThreads(fd));
+    Row("spawn.open", OpenForSpawned());
     close(fd);
 }
 
+namespace {
+
+char StateOf(pid_t thread) {
+    std::ifstream file("/proc/self/task/" + std::to_string(thread) + "/stat");
+    std::string line;
+    std::getline(file, line);
+    const size_t name = line.rfind(") ");
+    return name == std::string::npos ? '?' : line[name + 2];
+}
+
+// While a thread uses a node for the first time, and waits there, the process forks.
+int ForkEarly() {
+    std::atomic<pid_t> thread{0};
+    std::thread opener([&] {
+        thread = gettid();
+        close(open(kNode, O_RDWR));
+    });
+    while (thread == 0 || StateOf(thread) != 'S') usleep(1000);
+    const pid_t child = fork();
+    if (child == 0) {
+        alarm(20);
+        _exit(Ask(open(kNode, O_RDWR)) == "ok" ? 0 : 1);
+    }
+    opener.join();
+    int status = 0;
+    return waitpid(child, &status, 0) == child && status == 0 ? 0 : 1;
+}
+
+}  // namespace
+
 int Leave(const std::string& how) {
+    if (how == "early") return ForkEarly();
     const int fd = open(kNode, O_RDWR | O_CLOEXEC);
     const int second = fcntl(fd, F_DUPFD_CLOEXEC, 0);
     if (fd < 0 || second < 0) return 2;

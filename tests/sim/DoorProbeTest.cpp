@@ -100,6 +100,16 @@ TEST_F(DoorProbeTest, TheNextProgramOnTheFolderWritesTheCloseLineToo) {
                                        "[0-9 ]+open /dev/video2"));
 }
 
+// Somebody else has the folder's lock, so that the first open of the process waits.
+TEST_F(DoorProbeTest, AForkDuringTheFirstOpenOfAnotherThreadLeavesTheChildItsCards) {
+    Shell("qvcap-sim init " + m_cards);
+    EXPECT_EQ(0, Shell("flock " + m_cards + "/cards.live sh -c 'echo >" + m_home +
+                       "/held; exec sleep 0.5' & while [ ! -e " + m_home +
+                       "/held ]; do sleep 0.01; done; qvcap-sim run " + m_cards +
+                       " -- " DOOR_PROBE " leave early")
+                     .status);
+}
+
 // The shell waits for the child, who has its output.
 TEST_F(DoorProbeTest, ANodeIsClosedWhenItsLastHolderOfSeveralProcessesLetsGo) {
     Shell("qvcap-sim init " + m_cards);

@@ -228,19 +228,26 @@ TEST_F(FolderCommandsTest, AResetMakesTheCardsWhatTheyWere) {
     EXPECT_EQ(2, Sim("reset " + m_home).status);
 }
 
+// A line in a file system of its own that is mounted over the folder, in a namespace of its own; it
+// begins with fresh cards and a disk that is full.
+Outcome OnAFullDisk(const std::string& home, const std::string& cards, const std::string& line) {
+    return Shell("unshare -rm sh -c 'mount -t tmpfs -o size=12m none " + home +
+                 " && qvcap-sim init " + cards + " && dd if=/dev/zero of=" + home +
+                 "/fill bs=4k 2>/dev/null; " + line + "'");
+}
+
+// A machine may forbid namespaces to its users; nothing else can fill a disk without harm. CI runs
+// as root, which may, in every configuration.
+#define QVSIM_NEEDS_A_DISK()                                            \
+    if (Shell("unshare -rm mount -t tmpfs none " + m_home).status != 0) \
+    GTEST_SKIP() << "this machine gives no file systems of its own to tests"
+
 TEST_F(FolderCommandsTest, AFullDiskRefusesRequestsAndTearsNoLine) {
-    // A file system of its own, in a namespace of its own.
-    const std::string line =
-        "unshare -rm sh -c 'mount -t tmpfs -o size=12m none " + m_home + " && qvcap-sim init " +
-        m_cards + " && qvcap-sim journal --clear " + m_cards + " && dd if=/dev/zero of=" + m_home +
-        "/fill bs=4k 2>/dev/null; qvcap-sim run " + m_cards + " -- " SIM_PROBE " /dev/video0; rm " +
-        m_home + "/fill; qvcap-sim run " + m_cards +
-        " -- " SIM_PROBE " /dev/video0; qvcap-sim journal " + m_cards + "'";
-    // A machine may forbid namespaces to its users; nothing else can fill a disk without harm. CI
-    // runs as root, which may, in every configuration.
-    if (Shell("unshare -rm mount -t tmpfs none " + m_home).status != 0)
-        GTEST_SKIP() << "this machine gives no file systems of its own to tests";
-    const Outcome outcome = Shell(line);
+    QVSIM_NEEDS_A_DISK();
+    const std::string probe = "qvcap-sim run " + m_cards + " -- " SIM_PROBE " /dev/video0; ";
+    const Outcome outcome =
+        OnAFullDisk(m_home, m_cards,
+                    probe + "rm " + m_home + "/fill; " + probe + "qvcap-sim journal " + m_cards);
     EXPECT_THAT(outcome.output, MatchesRegex("qvcap-sim: .*/cards/journal: No space left on "
                                              "device; requests fail until that is mended\n"
                                              "No space left on device\n"
@@ -248,6 +255,39 @@ TEST_F(FolderCommandsTest, AFullDiskRefusesRequestsAndTearsNoLine) {
                                              "[0-9]+ [0-9]+ open /dev/video0 fd=3 = 0\n"
                                              "[0-9]+ [0-9]+ ioctl /dev/video0 GetChannelInfo = 0\n"
                                              "[0-9]+ [0-9]+ close /dev/video0 fd=3 = 0\n"));
+}
+
+TEST_F(FolderCommandsTest, APowerCycleOnAFullDiskFails) {
+    QVSIM_NEEDS_A_DISK();
+    const Outcome outcome =
+        OnAFullDisk(m_home, m_cards,
+                    "qvcap-sim power-cycle " + m_cards + "; echo $?; rm " + m_home +
+                        "/fill; qvcap-sim power-cycle " + m_cards + "; echo $?");
+    EXPECT_EQ("qvcap-sim: " + m_cards +
+                  "/cards.state: No space left on device; requests fail until that is mended\n"
+                  "2\n0\n",
+              outcome.output);
+}
+
+TEST_F(FolderCommandsTest, AJournalThatCannotBeginAnewLosesNoLine) {
+    QVSIM_NEEDS_A_DISK();
+    const std::string scenario = m_home + "-limit.toml";
+    std::ofstream(scenario) << "journal_limit = 65536\n[[board]]\n";
+    // Some 700 lines; the 33 KB after which a new file begins are reached on a disk that is full.
+    const std::string ask = "qvcap-sim run " + m_cards +
+                            " -- bash -c \"for i in {1..170}; do exec 5</dev/video0; exec 5<&-; "
+                            "done\" 2>/dev/null; ";
+    const Outcome outcome = OnAFullDisk(
+        m_home, m_cards,
+        "rm -r " + m_cards + " " + m_home + "/fill; qvcap-sim init " + m_cards + " --scenario " +
+            scenario + "; " + ask + ask + "dd if=/dev/zero of=" + m_home +
+            "/fill bs=4k 2>/dev/null; " + ask + ask + ask + "rm " + m_home + "/fill; " + ask +
+            "qvcap-sim journal " + m_cards + " | cut -d\" \" -f1 | head -n 1; qvcap-sim journal " +
+            m_cards + " | tail -n 1 | cut -d\" \" -f3-; ls " + m_cards);
+    std::filesystem::remove(scenario);
+    EXPECT_THAT(outcome.output, MatchesRegex("1\nclose /dev/video0 fd=[0-9]+ = 0\n.*"));
+    EXPECT_THAT(outcome.output, HasSubstr("journal.old"));
+    EXPECT_THAT(outcome.output, testing::Not(HasSubstr("journal.next")));
 }
 
 }  // namespace

@@ -56,6 +56,41 @@ TEST_F(UnrelatedProgramsTest, Bash) {
     EXPECT_EQ("crw-------\n", Run("bash -c 'ls -l /dev/video0 | cut -c1-10'").output);
 }
 
+// In a /dev of its own: a mistake must not reach that of the machine.
+TEST_F(UnrelatedProgramsTest, NothingIsMadeOrChangedInTheMachinesOwnDev) {
+    QVSIM_NEEDS("unshare");
+    // Root, as in CI, may do so everywhere.
+    if (Shell("unshare -rm mount -t tmpfs none /dev").status != 0)
+        GTEST_SKIP() << "this machine gives no file systems of its own to tests";
+    std::ofstream(m_home + "/try.sh") << R"sh(
+cd "$1"
+try() { touch here; "$@" >/dev/null 2>&1 || echo "$1: $?"; }
+for name in video0 video9; do
+    try mv here /dev/$name
+    try ln here /dev/$name
+    try ln -s here /dev/$name
+    try mkdir /dev/$name
+    try mkfifo /dev/$name
+    try mknod /dev/$name c 1 3
+    try mkdir -p /dev/../dev/$name
+    try chmod 777 /dev/$name
+    try chown 0 /dev/$name
+    try rm /dev/$name
+    try mv /dev/$name there
+    try python3 -c 'import socket, sys; socket.socket(socket.AF_UNIX).bind("/dev/" + sys.argv[1])' $name
+done
+ls /dev | tr '\n' ' '
+)sh";
+    const Outcome outcome =
+        Shell("unshare -rm sh -c 'mount -t tmpfs none /dev && qvcap-sim run " + m_cards +
+              " -- sh " + m_home + "/try.sh " + m_home + "; ls -A /dev'");
+    const std::string all =
+        "mv: 1\nln: 1\nln: 1\nmkdir: 1\nmkfifo: 1\nmknod: 1\nmkdir: 1\nchmod: 1\nchown: 1\n"
+        "rm: 1\nmv: 1\npython3: 1\n";
+    EXPECT_EQ(all + all + "null qv-event video0 video1 video2 video3 video4 video5 video6 null\n",
+              outcome.output);
+}
+
 TEST_F(UnrelatedProgramsTest, Find) {
     QVSIM_NEEDS("find");
     EXPECT_EQ("/dev/video0\n/dev/video1\n",
@@ -115,6 +150,28 @@ TEST_F(UnrelatedProgramsTest, Valgrind) {
     const Outcome outcome = Run("valgrind -q --error-exitcode=9 " SIM_PROBE " /dev/video0");
     EXPECT_EQ("3 Pelix Duo HDMI 65536\n", outcome.output);
     EXPECT_EQ(0, outcome.status);
+}
+
+// No door reaches these two, which is said at once; tests/lab/probe.suite has the static one on
+// real nodes.
+TEST_F(UnrelatedProgramsTest, AStaticCProgramIsToldWhatWorks) {
+    const Outcome outcome = Run(SIM_PROBE_STATIC " /dev/video0");
+    EXPECT_EQ(2, outcome.status);
+    EXPECT_EQ("qvcap-sim: run: " SIM_PROBE_STATIC
+              " is linked statically and loads no door; `qvcap-sim serve` makes nodes for any "
+              "program\n",
+              outcome.output);
+    EXPECT_EQ("", JournalOf());
+}
+
+TEST_F(UnrelatedProgramsTest, AGoProgramIsToldWhatWorks) {
+    QVSIM_NEEDS("gosu");
+    const Outcome outcome = Run("gosu --version");
+    EXPECT_EQ(2, outcome.status);
+    EXPECT_THAT(outcome.output,
+                testing::MatchesRegex("qvcap-sim: run: .*/gosu is a Go program, which calls the "
+                                      "kernel without the C library and so past any door; "
+                                      "`qvcap-sim serve` makes nodes for any program\n"));
 }
 
 // The parent ends at once; the daemon has closed all that it can think of before it asks.

@@ -48,6 +48,14 @@ class PlayedKernel : public UsbHost {
     void Detach(int port) override { detached.push_back(port); }
     std::optional<Place> Find(int port, bool card, bool camera) override {
         if (unknown) return std::nullopt;
+        if (asks > 0) {
+            --asks;
+            std::this_thread::sleep_for(std::chrono::milliseconds(15));
+            const Bytes status = usbtest::Submit(
+                {.in = 1, .length = 2, .setup = usbtest::ControlSetup(0x80, 0, 0, 0, 2)});
+            EXPECT_EQ(48, send(ends.back(), status.data(), status.size(), 0));
+            return std::nullopt;
+        }
         return Place{"001/00" + std::to_string(port + 2), card ? port : -1,
                      camera ? std::vector<std::string>{"/dev/video0"} : std::vector<std::string>{}};
     }
@@ -55,6 +63,7 @@ class PlayedKernel : public UsbHost {
 
     bool silent = false;
     bool unknown = false;
+    int asks = 0;  // so often it asks before it has set a device up
     std::string refusal;
     std::vector<int> ends;
     std::vector<int> controllers;
@@ -266,6 +275,14 @@ TEST_F(UsbServerTest, WhatCannotBePluggedInSaysWhy) {
     kernel.unknown = true;
     kernel.silent = true;
     EXPECT_EQ("A: the kernel has not configured it", server->Start(stop[0]));
+}
+
+TEST_F(UsbServerTest, AKernelThatStillAsksIsNotGivenUp) {
+    Make({{{"Card", "A", {kMic}, {}}, 0}});
+    server->patience = std::chrono::milliseconds(200);
+    kernel.asks = 20;
+    EXPECT_EQ("", server->Start(stop[0]));
+    EXPECT_THAT(lines, ElementsAre("plugged A: Card, bus 001/002, sound card 0"));
 }
 
 TEST_F(UsbServerTest, ADeviceWithoutDriversIsRefusedWithAdvice) {

@@ -261,7 +261,10 @@ std::vector<uint8_t> SimRig::Flash(int board, int channel, uint32_t offset, uint
 }
 
 void SimRig::PowerCycle() {
-    if (m_model) return m_model->PowerCycle();
+    if (m_model) {
+        m_model->PowerCycle();
+        return;
+    }
     std::shared_ptr<Model> model;
     Require(Model::Load(Dir(), model));
     model->PowerCycle();
