@@ -4,6 +4,7 @@
 // library is its own.
 #include <pthread.h>
 #include <sys/mman.h>
+#include <sys/single_threaded.h>
 
 #include <algorithm>
 #include <bit>
@@ -38,7 +39,8 @@ constinit Head* g_free[kClasses] = {};
 constinit char* g_chunk = nullptr;
 constinit size_t g_left = 0;
 
-// Holds signals off where nobody has done so yet.
+// Holds signals off where nobody has done so yet. Among threads it holds the lock; a process that
+// has one thread cannot get a second one meanwhile.
 class Held {
   public:
     Held() {
@@ -46,10 +48,10 @@ class Held {
             new (m_inside) Inside;
         else
             m_outer = true;
-        g_lock.lock();
+        if (m_locked) g_lock.lock();
     }
     ~Held() {
-        g_lock.unlock();
+        if (m_locked) g_lock.unlock();
         if (!m_outer) reinterpret_cast<Inside*>(m_inside)->~Inside();
     }
     Held(const Held&) = delete;
@@ -58,6 +60,7 @@ class Held {
   private:
     alignas(Inside) unsigned char m_inside[sizeof(Inside)];
     bool m_outer = false;
+    const bool m_locked = __libc_single_threaded == 0;
 };
 
 void* Map(size_t size) {
