@@ -269,13 +269,12 @@ TEST_F(FolderCommandsTest, APowerCycleOnAFullDiskFails) {
               outcome.output);
 }
 
+// The native configuration runs it.
 TEST_F(FolderCommandsTest, AJournalThatCannotBeginAnewLosesNoLine) {
 #if defined(__SANITIZE_THREAD__)
-    GTEST_SKIP()
-        << "a door with the thread sanitizer in it goes into no other program; native runs";
+    GTEST_SKIP() << "a door with the thread sanitizer in it goes into no other program";
 #endif
-    if (sizeof(void*) == 4)
-        GTEST_SKIP() << "bash is a 64-bit program; the native configuration runs";
+    if (sizeof(void*) == 4) GTEST_SKIP() << "this machine's bash is a 64-bit program";
     QVSIM_NEEDS_A_DISK();
     const std::string scenario = m_home + "-limit.toml";
     std::ofstream(scenario) << "journal_limit = 65536\n[[board]]\n";
