@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <memory>
+#include <mutex>
 #include <optional>
 
 #include "Digest.h"
@@ -147,12 +148,15 @@ std::string FolderFor(const std::string& folder, const std::string& name, const 
                        name + " already; remove the old ones");
 }
 
+// One image at a time is saved: cards without serial numbers may want the same name.
 SavedImage Save(const Card& card, const std::string& folder, const qvf::Bytes& package, bool safe) {
     SavedImage saved;
     saved.safe = safe;
     saved.version = Number(package, 16, 4);
     saved.sha256 = qvf::Sha256(package);
     const std::string name = BackupName(card, saved.version, safe);
+    static std::mutex oneAtATime;
+    const std::lock_guard lock(oneAtATime);
     const std::string place = FolderFor(folder, name, package, &saved.wasThere);
     saved.path = place + "/" + name + ".qvf";
     if (saved.wasThere) return saved;

@@ -1,6 +1,7 @@
 // Saves a card's images from its flash as ordinary packages, each in its own folder together with
 // its SHA-256: qvcap-upgrade with -f, run in that folder, restores the image. Reads the card,
-// writes below one folder. Failures are Mistakes; files written before a failure stay. One thread.
+// writes below one folder. Failures are Mistakes; files written before a failure stay. One
+// thread per card.
 #pragma once
 
 #include <cstdint>

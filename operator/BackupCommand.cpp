@@ -12,6 +12,7 @@
 #include "ReadingBar.h"
 #include "Report.h"
 #include "Selection.h"
+#include "StallWatch.h"
 
 namespace qvo {
 namespace {
@@ -31,9 +32,12 @@ struct Outcome {
 Outcome BackUp(const Card& card, const std::string& folder, ReadingBar& bar) {
     Outcome outcome{card, {}, {}};
     bar.Begin(card.Name() + " " + card.product);
+    StallWatch watch(kPatience, TellOnErrors("reading " + card.Name()));
     try {
-        outcome.backup = BackUpCard(
-            card, folder, [&bar](uint64_t done, uint64_t total) { bar.Show(done, total); });
+        outcome.backup = BackUpCard(card, folder, [&bar, &watch](uint64_t done, uint64_t total) {
+            watch.Progress();
+            bar.Show(done, total);
+        });
         if (outcome.backup.images.empty())
             outcome.problem = card.Name() + ": there is no image to save";
     } catch (const qvf::Mistake& mistake) {
@@ -119,7 +123,9 @@ void AddBackup(CLI::App& app, int& status) {
     const auto arguments = std::make_shared<Arguments>();
     CLI::App* command =
         app.add_subcommand("backup", "save the images of the cards as packages; reads only");
-    command->add_option("FOLDER", arguments->folder, "where the packages go")->required();
+    command->add_option("FOLDER", arguments->folder, "where the packages go")
+        ->required()
+        ->check(NotEmpty());
     AddSelection(*command, arguments->selection);
     command->add_flag("--json", arguments->json, "as JSON");
     command->callback([arguments, &status] { status = Number(BackUpAll(*arguments)); });

@@ -6,9 +6,11 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <tuple>
 
 #include "Nodes.h"
 #include "Package.h"
+#include "StallWatch.h"
 
 namespace qvo {
 namespace {
@@ -128,14 +130,34 @@ std::string Card::Name() const {
 }
 
 std::vector<Card> FindCards() {
+    StallWatch watch(kPatience, TellOnErrors("asking the cards"));
     std::vector<Card> cards;
     const int count = QVGetChannelCount();
-    for (int i = 0; i < count; ++i) AddListed(i, cards);
+    for (int i = 0; i < count; ++i) {
+        watch.Progress();
+        AddListed(i, cards);
+    }
     for (const std::string& path : VideoNodePaths()) {
+        watch.Progress();
         if (IsListed(cards, path)) continue;
         AddUnlisted(path, cards);
     }
     return cards;
+}
+
+std::string WhyNotThere(const Card& card) {
+    Card there;
+    there.path = card.path;
+    // Twice: one refused request does not mean another card.
+    if (!OpenAndAsk(there).empty()) there.problem = OpenAndAsk(there);
+    if (!there.problem.empty()) return there.problem;
+    const auto identity = [](const Card& one) {
+        return std::tie(one.board, one.channel, one.family, one.serial, one.productCode,
+                        one.hardwareVersion);
+    };
+    if (identity(there) == identity(card)) return "";
+    return there.path + " leads to another card now: " + there.Name() + " " + there.product +
+           ", serial " + there.serial;
 }
 
 CardReader::CardReader(const Card& card) : m_path(card.path) {

@@ -44,6 +44,10 @@ inline constexpr uint32_t kReadChunk = 65536;
 // be channels but did not answer the library are entries, too.
 std::vector<Card> FindCards();
 
+// Asks the card's node which card is there now: empty when it is still this one, otherwise why not,
+// as a text.
+std::string WhyNotThere(const Card& card);
+
 // A card that is open for reading.
 class CardReader {
   public:

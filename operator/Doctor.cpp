@@ -93,9 +93,10 @@ class Channels {
     std::map<int, std::set<std::string>> m_serials;  // by the board's number
 };
 
-void AddHolders(const std::string& path, const Surroundings& surroundings,
-                std::vector<Observation>& seen) {
-    const std::vector<Process> users = UsersOf({path}, surroundings.proc);
+// `own`: children of this process that hang.
+void AddHolders(const std::string& path, const std::set<pid_t>& own,
+                const Surroundings& surroundings, std::vector<Observation>& seen) {
+    const std::vector<Process> users = UsersOf({path}, own, surroundings.proc);
     if (users.empty()) return;
     seen.push_back({Severity::kNote, "holders", path, "is open in " + ProcessesText(users),
                     "end these programs before an upgrade"});
@@ -120,8 +121,9 @@ const char* SeverityText(Severity severity) {
 std::vector<Observation> ExamineNodes(const Surroundings& surroundings) {
     std::vector<Observation> seen;
     Channels channels;
+    std::set<pid_t> own;
     for (const std::string& path : VideoNodePaths()) {
-        const std::optional<NodeAnswers> answers = AskNodeWithin(path, surroundings.timeout);
+        const std::optional<NodeAnswers> answers = AskNodeWithin(path, surroundings.timeout, own);
         if (answers) {
             seen.push_back(OfAnswers(path, *answers));
             if (answers->IsChannel()) channels.Add(*answers->identity);
@@ -132,7 +134,7 @@ std::vector<Observation> ExamineNodes(const Surroundings& surroundings) {
                  "look into the kernel's log; power the computer off and on. Every program "
                  "that lists the cards waits for this one"});
         }
-        AddHolders(path, surroundings, seen);
+        AddHolders(path, own, surroundings, seen);
     }
     for (Observation& observation : channels.Together()) seen.push_back(std::move(observation));
     return seen;
@@ -154,7 +156,7 @@ std::vector<Observation> ExamineEventNode(const Surroundings& surroundings) {
                                 : "reload the driver; upgrades work without it, events and "
                                   "callbacks do not"});
     }
-    AddHolders(kEventNode, surroundings, seen);
+    AddHolders(kEventNode, {}, surroundings, seen);
     return seen;
 }
 

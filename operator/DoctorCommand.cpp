@@ -9,6 +9,7 @@
 #include "Escape.h"
 #include "ExitStatus.h"
 #include "Report.h"
+#include "Selection.h"
 
 namespace qvo {
 namespace {
@@ -75,7 +76,8 @@ void AddDoctor(CLI::App& app, int& status) {
     arguments->surroundings.packages = ".";
     CLI::App* command =
         app.add_subcommand("doctor", "say what is wrong and what to do; reads only");
-    command->add_option("--packages", arguments->surroundings.packages, "folder of the packages");
+    command->add_option("--packages", arguments->surroundings.packages, "folder of the packages")
+        ->check(NotEmpty());
     command
         ->add_option("--timeout", arguments->surroundings.timeout,
                      "seconds that a card has for its answer")

@@ -12,11 +12,9 @@
 #include <new>
 
 #include "Backup.h"
-#include "BusyCards.h"
 #include "Escape.h"
 #include "Files.h"
 #include "History.h"
-#include "PrivateFolder.h"
 
 namespace qvo {
 namespace {
@@ -119,10 +117,10 @@ void FlashCard::Run() {
 }
 
 void FlashCard::TryUntilDone() {
-    const std::vector<Process> users = UsersOf(m_job.card.paths);
+    const std::vector<Process> users = m_means.tools->OthersWith(m_job.card.paths);
     if (!users.empty() && !m_means.forceBusy) {
         m_job.outcome = Outcome::kBusy;
-        m_job.reason = "in use by " + ProcessesText(users) + "; end that, or use --force-busy";
+        m_job.reason = BusyText(users);
         return;
     }
     if (!m_means.backup.empty()) BackUp();
@@ -153,7 +151,10 @@ void FlashCard::TryUntilDone() {
 // An image that cannot be saved is not overwritten: that is a Mistake. Without a valid header there
 // is nothing to lose.
 void FlashCard::BackUp() {
-    Backup backup = BackUpCard(m_job.card, m_means.backup);
+    ExpectSameCard("nothing was saved or written");
+    StallWatch watch(m_means.stalledAfter, TellOfStall(getpid()));
+    Backup backup =
+        BackUpCard(m_job.card, m_means.backup, [&watch](uint64_t, uint64_t) { watch.Progress(); });
     const bool unfinished = IsMainUnfinished(m_job.verdict);
     Event event = CardEvent("backup", m_job.card);
     event["images"] = Event::array();
@@ -211,10 +212,12 @@ std::string FlashCard::Advice() const {
 
 bool FlashCard::Attempt(const std::shared_ptr<const PackageContents>& chosen, Mode mode,
                         bool force) {
+    ExpectSameCard("this attempt was not begun");
     ++m_job.attempts;
     const PackageContents& contents = *chosen;
     const std::string folder = m_means.packages->FolderOf(chosen);
-    std::string name = m_job.card.Name();
+    // With the path: several boards may have the same number.
+    std::string name = m_job.card.Name() + m_job.card.path;
     std::replace(name.begin(), name.end(), ':', '-');
     std::replace(name.begin(), name.end(), '/', '-');
     m_job.toolFile = m_means.folder + "/tool-" + m_means.run + "-" + name + "-" +
@@ -224,7 +227,8 @@ bool FlashCard::Attempt(const std::shared_ptr<const PackageContents>& chosen, Mo
     plan.arguments.insert(plan.arguments.end(), {"-d", m_job.card.path});
     ChildEnd end;
     {
-        Child child(plan);
+        const std::unique_ptr<Child> tool = m_means.tools->Start(plan);
+        Child& child = *tool;
         Event event = CardEvent("card-begin", m_job.card);
         event["attempt"] = m_job.attempts;
         event["mode"] = ModeText(mode);
@@ -236,6 +240,7 @@ bool FlashCard::Attempt(const std::shared_ptr<const PackageContents>& chosen, Mo
         m_means.sink(event);
         Watch(child, m_job.toolFile);
         end = *child.Poll();
+        m_means.tools->Forget(child);
     }
     m_job.tool = ParseToolOutput(Output(m_job.toolFile));
     Event event = CardEvent("tool-end", m_job.card);
@@ -253,6 +258,7 @@ bool FlashCard::Attempt(const std::shared_ptr<const PackageContents>& chosen, Mo
 
 void FlashCard::Watch(Child& child, const std::string& output) {
     using Clock = std::chrono::steady_clock;
+    const StallWatch::Tell tell = TellOfStall(child.Number());
     ToolProgress last;
     uint64_t length = 0;
     Clock::time_point changed = Clock::now();
@@ -278,11 +284,25 @@ void FlashCard::Watch(Child& child, const std::string& output) {
         const int seconds = static_cast<int>(still.count());
         if (seconds < m_means.stalledAfter * (told + 1)) continue;
         ++told;
+        tell(seconds);
+    }
+}
+
+// Tells that nothing comes from a process of this run.
+StallWatch::Tell FlashCard::TellOfStall(pid_t process) const {
+    return [this, process](int seconds) {
         Event event = CardEvent("stalled", m_job.card);
         event["seconds"] = seconds;
-        event["process"] = child.Number();
+        event["process"] = process;
         m_means.sink(event);
-    }
+    };
+}
+
+// A node may get another card at any time: a driver is loaded again, a card is plugged again. Then
+// nothing more is done: a Mistake.
+void FlashCard::ExpectSameCard(const char* meaning) const {
+    const std::string problem = WhyNotThere(m_job.card);
+    if (!problem.empty()) throw qvf::Mistake(problem + "; " + meaning);
 }
 
 void FlashCard::Judge(const PackageContents& contents, Mode mode) {
@@ -290,11 +310,18 @@ void FlashCard::Judge(const PackageContents& contents, Mode mode) {
     event["stage"] = "reading back";
     event["percent"] = 0;
     m_means.sink(event);
+    m_job.verdict.state = State::kUnknown;
+    ExpectSameCard("qvcap-upgrade may have written to it: compare both with qvcap verify");
+    using Clock = std::chrono::steady_clock;
     unsigned last = 0;
+    Clock::time_point shown = Clock::now();
+    StallWatch watch(m_means.stalledAfter, TellOfStall(getpid()));
     ReadBack(m_job, contents, [&](uint64_t done, uint64_t total) {
+        watch.Progress();
         const unsigned percent = total == 0 ? 0 : static_cast<unsigned>(done * 100 / total);
-        if (percent == last) return;
+        if (percent == last || Clock::now() - shown < std::chrono::milliseconds(kLookEvery)) return;
         last = percent;
+        shown = Clock::now();
         Event progress = CardEvent("progress", m_job.card);
         progress["stage"] = "reading back";
         progress["percent"] = percent;

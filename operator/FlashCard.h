@@ -7,10 +7,12 @@
 #include <string>
 #include <vector>
 
+#include "BusyCards.h"
 #include "Child.h"
 #include "Events.h"
 #include "Plan.h"
 #include "PrivateFolder.h"
+#include "StallWatch.h"
 #include "ToolOutput.h"
 
 namespace qvo {
@@ -56,6 +58,7 @@ struct Means {
     std::string tool;    // program
     std::string folder;  // for the tool's output
     PrivatePackages* packages = nullptr;
+    OwnTools* tools = nullptr;
     std::string run;  // name of the run
     int lock = -1;
     int retries = 1;
@@ -84,6 +87,8 @@ class FlashCard {
     bool BringBack();
     void Watch(Child& child, const std::string& output);
     void Judge(const PackageContents& contents, Mode mode);
+    void ExpectSameCard(const char* meaning) const;
+    StallWatch::Tell TellOfStall(pid_t process) const;
     void TellEnd();
     std::string Advice() const;
 

@@ -63,6 +63,8 @@ std::vector<std::string> Months(const std::string& folder) {
     std::error_code error;
     for (fs::directory_iterator at(folder, error), end; !error && at != end; at.increment(error))
         if (IsMonth(at->path().filename().string())) months.push_back(at->path().string());
+    if (error && error != std::errc::no_such_file_or_directory)
+        throw qvf::Mistake(folder + ": the history cannot be read: " + error.message());
     std::sort(months.begin(), months.end());
     return months;
 }

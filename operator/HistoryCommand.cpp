@@ -8,6 +8,7 @@
 #include "ExitStatus.h"
 #include "History.h"
 #include "Report.h"
+#include "Selection.h"
 
 namespace qvo {
 namespace {
@@ -51,9 +52,11 @@ int Show(const Arguments& arguments) {
 void AddHistory(CLI::App& app, int& status) {
     const auto arguments = std::make_shared<Arguments>();
     CLI::App* command = app.add_subcommand("history", "show what was done to the cards");
-    command->add_option("--log", arguments->log, "folder of the history");
-    command->add_option("--serial", arguments->serial, "only the card with this serial number");
-    command->add_option("--last", arguments->last, "only so many, the newest");
+    command->add_option("--log", arguments->log, "folder of the history")->check(NotEmpty());
+    command->add_option("--serial", arguments->serial, "only the card with this serial number")
+        ->check(NotEmpty());
+    command->add_option("--last", arguments->last, "only so many, the newest")
+        ->check(CLI::NonNegativeNumber);
     command->add_flag("--json", arguments->json, "as JSON");
     command->callback([arguments, &status] { status = Show(*arguments); });
 }

@@ -7,6 +7,7 @@
 #include <map>
 
 #include "Escape.h"
+#include "StallWatch.h"
 
 namespace qvo {
 namespace {
@@ -83,6 +84,19 @@ void Plan(Job& job, bool force, const PackageSet& packages) {
     if (!IsToBeFlashed(job)) job.reason = job.plan.reason;
 }
 
+// What the run itself would find when the card's turn comes.
+void TellUsers(Job& job, bool forceBusy) {
+    const std::vector<Process> users = UsersOf(job.card.paths);
+    if (users.empty()) return;
+    if (forceBusy) {
+        job.plan.warnings.push_back("in use by " + ProcessesText(users));
+        return;
+    }
+    job.outcome = Outcome::kBusy;
+    job.reason = BusyText(users);
+    job.plan.reason += (job.plan.reason.empty() ? "" : "; ") + job.reason;
+}
+
 const char* ActionText(Action action) {
     switch (action) {
         case Action::kFlash:
@@ -151,13 +165,15 @@ std::vector<Job> MakeJobs(const UpgradeOptions& options, const PackageSet& packa
             std::string& digest = digests[job.contents.get()];
             if (digest.empty()) digest = job.contents->Sha256();
             job.sha256 = digest;
-            ReadBack(job, *job.contents);
+            StallWatch watch(options.stalledAfter, TellOnErrors("reading " + card.Name()));
+            ReadBack(job, *job.contents, [&watch](uint64_t, uint64_t) { watch.Progress(); });
             for (const FirmwarePackage* package : earlier.For(card).packages)
                 job.earlier.push_back({package->name, keeper.Of(*package)});
         } else {
             job.verdict.state = State::kNoPackage;
         }
         Plan(job, options.force, packages);
+        if (options.dryRun && IsToBeFlashed(job)) TellUsers(job, options.forceBusy);
         jobs.push_back(std::move(job));
     }
     return jobs;

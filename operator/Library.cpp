@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "QVCapture.h"
+#include "StallWatch.h"
 
 namespace qvo {
 
@@ -20,7 +21,10 @@ void OccupyStandardStreams() {
     }
 }
 
-Library::Library() { QVCaptureInitInstance(); }
+Library::Library() {
+    const StallWatch watch(kPatience, TellOnErrors("listing the cards"));
+    QVCaptureInitInstance();
+}
 
 Library::~Library() { QVCaptureExitInstance(); }
 

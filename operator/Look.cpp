@@ -6,6 +6,7 @@
 #include <numeric>
 
 #include "ReadingBar.h"
+#include "StallWatch.h"
 
 namespace qvo {
 
@@ -25,9 +26,12 @@ std::vector<StatusRow> LookAt(std::vector<Card> cards, const PackageSet& package
     ReadingBar bar(rows.size());
     for (const size_t i : order) {
         bar.Begin(rows[i].card.Name() + " " + rows[i].card.product);
+        StallWatch watch(kPatience, TellOnErrors("reading " + rows[i].card.Name()));
         rows[i].verdict =
-            JudgeCard(rows[i].card, packages, depth,
-                      [&bar](uint64_t done, uint64_t total) { bar.Show(done, total); });
+            JudgeCard(rows[i].card, packages, depth, [&bar, &watch](uint64_t done, uint64_t total) {
+                watch.Progress();
+                bar.Show(done, total);
+            });
     }
     return rows;
 }

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <string_view>
 
 #include "Package.h"
 
@@ -32,6 +33,12 @@ MachineLock::MachineLock(const std::string& path) : m_path(path) {
     // Does not follow links, because it writes to the file.
     m_fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NOCTTY, 0644);
     if (m_fd < 0) Fail(path, "the lock of this machine cannot be opened");
+    try {
+        ExpectLockFile();
+    } catch (...) {
+        close(m_fd);
+        throw;
+    }
 }
 
 MachineLock::~MachineLock() { close(m_fd); }
@@ -53,6 +60,17 @@ void MachineLock::Wait() {
     Sign();
 }
 
+// Another file is no lock: it would be overwritten.
+void MachineLock::ExpectLockFile() const {
+    char text[32] = {};
+    const ssize_t length = pread(m_fd, text, sizeof text - 1, 0);
+    const std::string_view content(text, length > 0 ? static_cast<size_t>(length) : 0);
+    const size_t end = content.find_first_not_of("0123456789");
+    const bool isNumber = end != content.npos && end > 0 && content.substr(end) == "\n";
+    if (length == 0 || isNumber) return;
+    throw qvf::Mistake(m_path + ": is another file than a lock; --lock names another one");
+}
+
 // A hint for users who may not inspect this process; the lock does not depend on it.
 void MachineLock::Sign() const {
     const std::string number = std::to_string(getpid()) + "\n";
@@ -63,7 +81,7 @@ void MachineLock::Sign() const {
 }
 
 std::vector<Process> MachineLock::Holders() const {
-    std::vector<Process> all = ProcessesWith(m_path);
+    std::vector<Process> all = ProcessesWith({m_path});
     std::erase_if(all, [](const Process& process) { return !process.holdsLock; });
     return all;
 }

@@ -17,7 +17,8 @@ inline constexpr char kLockFile[] = "/run/qvcap.lock";
 
 class MachineLock {
   public:
-    // Opens the file, and creates it if it is missing; a Mistake when that fails.
+    // Opens the file, and creates it if it is missing; a Mistake when that fails, or when it holds
+    // anything but what a lock file holds.
     explicit MachineLock(const std::string& path);
     ~MachineLock();
     MachineLock(const MachineLock&) = delete;
@@ -36,6 +37,7 @@ class MachineLock {
     int Descriptor() const { return m_fd; }
 
   private:
+    void ExpectLockFile() const;
     void Sign() const;
 
     std::string m_path;

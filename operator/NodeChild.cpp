@@ -40,7 +40,8 @@ bool IsReadableUntil(int fd, Clock::time_point end) {
 
 }  // namespace
 
-std::optional<NodeAnswers> AskNodeWithin(const std::string& path, int seconds) {
+std::optional<NodeAnswers> AskNodeWithin(const std::string& path, int seconds,
+                                         std::set<pid_t>& left) {
     int ends[2];
     if (pipe(ends) != 0)
         throw qvf::Mistake(std::string("a pipe cannot be made: ") + std::strerror(errno));
@@ -59,8 +60,9 @@ std::optional<NodeAnswers> AskNodeWithin(const std::string& path, int seconds) {
     // A signal does not end a request that hangs in the driver: so nobody waits for it here.
     if (!came) kill(child, SIGKILL);
     waitpid(child, nullptr, came ? 0 : WNOHANG);
-    if (!came) return {};
-    return answers;
+    if (came) return answers;
+    left.insert(child);
+    return {};
 }
 
 }  // namespace qvo

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "Digest.h"
 
@@ -15,6 +16,7 @@ namespace qvo {
 namespace {
 
 constexpr size_t kMostPackages = 4096;
+constexpr uint64_t kMostBytes = uint64_t{1} << 30;
 
 std::vector<std::string> PackageNames(const std::string& folder) {
     DIR* stream = opendir(folder.c_str());
@@ -45,6 +47,13 @@ std::string Reason(const std::string& message, const std::string& path) {
     return message.starts_with(prefix) ? message.substr(prefix.size()) : message;
 }
 
+// Whole packages are kept in memory, and a file may be of any size.
+void ExpectLikelySize(const qvf::Package& package) {
+    const uint64_t size = package.DataSize() + package.trailingSize;
+    if (size > kMostBytes)
+        throw qvf::Mistake("holds " + std::to_string(size) + " bytes, more than any card has");
+}
+
 const char* ImageText(bool safe) { return safe ? "a safe image" : "a main image"; }
 
 bool IsBlank(const qvf::Bytes& bytes) {
@@ -59,7 +68,9 @@ PackageSet::PackageSet(const std::string& folder) : m_folder(folder) {
     for (const std::string& name : PackageNames(folder)) {
         const std::string path = folder + "/" + name;
         try {
-            m_packages.push_back({name, path, qvf::ReadPackage(path, qvf::Read::kHeader)});
+            qvf::Package header = qvf::ReadPackage(path, qvf::Read::kHeader);
+            ExpectLikelySize(header);
+            m_packages.push_back({name, path, std::move(header)});
         } catch (const qvf::Mistake& mistake) {
             m_unreadable.push_back({name, Reason(mistake.what(), path)});
         }

@@ -34,14 +34,14 @@ int Write(int fd, std::span<const uint8_t> bytes) {
     return 0;
 }
 
-// 0, or the error if it could not be written completely.
+// 0, or the error if it could not be written completely. Not synced: nobody needs it after a loss
+// of power.
 int WriteNew(const std::string& path, const qvf::Pieces& pieces) {
     const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0400);
     if (fd < 0) return errno;
     int error = 0;
     for (const auto& piece : pieces)
         if (error == 0) error = Write(fd, piece);
-    if (error == 0 && fsync(fd) != 0) error = errno;
     if (close(fd) != 0 && error == 0) error = errno;
     return error;
 }

@@ -36,17 +36,6 @@ std::string NameOf(const std::string& folder) {
     return name;
 }
 
-// Field 4 of "pid (name) state parent …"; the name may hold any bytes.
-pid_t ParentOf(const std::string& folder) {
-    std::ifstream file(folder + "/stat");
-    std::string text;
-    std::getline(file, text, '\0');
-    const size_t name = text.rfind(')');
-    if (name == text.npos || name + 4 >= text.size()) return 0;
-    const size_t begin = name + 4;
-    return NumberOf(text.substr(begin, text.find(' ', begin) - begin));
-}
-
 bool DescriptorHoldsLock(const std::string& folder, const std::string& descriptor) {
     std::ifstream file(folder + "/fdinfo/" + descriptor);
     for (std::string line; std::getline(file, line);)
@@ -65,28 +54,34 @@ std::vector<std::string> NamesIn(const std::string& folder) {
     return names;
 }
 
-// Whether the process has the file open; if so, with its name.
-bool Look(const std::string& folder, const struct stat& wanted, Process* process) {
+using Files = std::vector<struct stat>;
+
+// Whether the process has one of the files open; if so, with its name.
+bool Look(const std::string& folder, const Files& wanted, Process* process) {
     bool found = false;
     for (const std::string& descriptor : NamesIn(folder + "/fd")) {
         struct stat open;
-        if (stat((folder + "/fd/" + descriptor).c_str(), &open) != 0 || !SameFile(wanted, open))
+        if (stat((folder + "/fd/" + descriptor).c_str(), &open) != 0 ||
+            std::none_of(wanted.begin(), wanted.end(),
+                         [&](const struct stat& file) { return SameFile(file, open); }))
             continue;
         found = true;
         process->holdsLock = process->holdsLock || DescriptorHoldsLock(folder, descriptor);
     }
-    if (!found) return false;
-    process->name = NameOf(folder);
-    process->parent = ParentOf(folder);
-    return true;
+    if (found) process->name = NameOf(folder);
+    return found;
 }
 
 }  // namespace
 
-std::vector<Process> ProcessesWith(const std::string& path, const std::string& proc) {
+std::vector<Process> ProcessesWith(const std::vector<std::string>& paths, const std::string& proc) {
+    Files wanted;
+    for (const std::string& path : paths) {
+        struct stat file;
+        if (stat(path.c_str(), &file) == 0) wanted.push_back(file);
+    }
     std::vector<Process> found;
-    struct stat wanted;
-    if (stat(path.c_str(), &wanted) != 0) return found;
+    if (wanted.empty()) return found;
     for (const std::string& name : NamesIn(proc)) {
         Process process;
         process.pid = NumberOf(name);

@@ -11,14 +11,16 @@ namespace qvo {
 
 struct Process {
     pid_t pid = 0;
-    pid_t parent = 0;        // 0 when it cannot be told
-    std::string name;        // from the kernel: at most 15 characters, any bytes
-    bool holdsLock = false;  // an open-file-description lock, on this file, through this descriptor
+    std::string name;  // from the kernel: at most 15 characters, any bytes
+    bool holdsLock =
+        false;  // an open-file-description lock, on such a file, through this descriptor
 };
 
-// Every process that has the file at `path` open, once, in the order of their numbers. A device
-// node counts by its device number: a second node of the same device is the same file.
-std::vector<Process> ProcessesWith(const std::string& path, const std::string& proc = "/proc");
+// Every process that has one of the files open, once, in the order of their numbers. A device node
+// counts by its device number: a second node of the same device is the same file. Looks through
+// /proc once, however many files there are.
+std::vector<Process> ProcessesWith(const std::vector<std::string>& paths,
+                                   const std::string& proc = "/proc");
 
 // "qvcap-upgrade (process 71)"; names are escaped.
 std::string ProcessText(const Process& process);

@@ -21,12 +21,18 @@ std::string Selection::Text() const {
     return device.empty() ? "" : " at " + device;
 }
 
+CLI::Validator NotEmpty() {
+    return CLI::Validator(
+        [](const std::string& value) { return value.empty() ? std::string("is empty") : ""; }, "");
+}
+
 void AddSelection(CLI::App& command, Selection& selection) {
     CLI::Option* all = command.add_flag("--all", selection.all, "all cards");
     CLI::Option* board = command.add_option("--board", selection.board, "the cards of one board")
                              ->check(CLI::Range(0, kHighestBoard));
     CLI::Option* device =
         command.add_option("--device", selection.device, "the card of a device path")
+            ->check(NotEmpty())
             ->excludes(board);
     all->excludes(board)->excludes(device);
 }

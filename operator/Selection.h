@@ -21,6 +21,10 @@ struct Selection {
     std::string Text() const;
 };
 
+// Refuses an empty value: a variable of a script that is empty means no cards, not all of them, and
+// no folder is not the current one.
+CLI::Validator NotEmpty();
+
 // --all, --board and --device; at most one may be given.
 void AddSelection(CLI::App& command, Selection& selection);
 

@@ -5,6 +5,7 @@
 #include "ExitStatus.h"
 #include "Library.h"
 #include "Look.h"
+#include "Selection.h"
 
 namespace qvo {
 namespace {
@@ -30,7 +31,8 @@ ExitStatus Status(const Arguments& arguments) {
 void AddStatus(CLI::App& app, int& status) {
     const auto arguments = std::make_shared<Arguments>();
     CLI::App* command = app.add_subcommand("status", "show what each card runs, holds and needs");
-    command->add_option("--packages", arguments->packages, "folder of the packages");
+    command->add_option("--packages", arguments->packages, "folder of the packages")
+        ->check(NotEmpty());
     command->add_flag("--quick", arguments->quick, "read headers only");
     command->add_flag("--json", arguments->json, "as JSON");
     command->add_flag("--exit-code", arguments->exitCode,

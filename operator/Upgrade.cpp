@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <map>
 #include <mutex>
+#include <system_error>
 #include <thread>
 
 #include "Inhibitor.h"
@@ -77,7 +78,15 @@ class Lanes {
         const size_t count = std::min<size_t>(m_boards.size(), static_cast<size_t>(m_options.jobs));
         std::vector<std::thread> threads;
         m_working = count;
-        for (size_t i = 0; i < count; ++i) threads.emplace_back([this] { Lane(); });
+        for (size_t i = 0; i < count; ++i) {
+            try {
+                threads.emplace_back([this] { Lane(); });
+            } catch (const std::system_error&) {
+                if (threads.empty()) throw;
+                m_working -= count - i;  // the others do the work
+                break;
+            }
+        }
         bool told = false;
         while (m_working > 0) {
             const int signal = signals.Wait();
@@ -197,6 +206,8 @@ class Run {
         PrivatePackages copies(m_options.log);
         Means means;
         means.packages = &copies;
+        OwnTools tools;
+        means.tools = &tools;
         means.tool = FindTool();
         means.folder = m_options.log;
         means.run = m_name;

@@ -44,14 +44,18 @@ void AddUpgrade(CLI::App& app, int& status) {
     UpgradeOptions& options = given->options;
     CLI::App* command =
         app.add_subcommand("upgrade", "write new firmware to the cards that need it, unattended");
-    command->add_option("--packages", options.packages, "folder of the packages");
+    command->add_option("--packages", options.packages, "folder of the packages")
+        ->check(NotEmpty());
     AddSelection(*command, options.selection);
     AddWays(*command, options);
-    command->add_option("--backup", options.backup, "folder to save each card's images in before");
-    command->add_option("--earlier", options.earlier,
-                        "folder of packages that the cards had before");
-    command->add_option("--log", options.log, "folder of the history and the tool's output");
-    command->add_option("--lock", options.lock, "lock file of this machine");
+    command->add_option("--backup", options.backup, "folder to save each card's images in before")
+        ->check(NotEmpty());
+    command
+        ->add_option("--earlier", options.earlier, "folder of packages that the cards had before")
+        ->check(NotEmpty());
+    command->add_option("--log", options.log, "folder of the history and the tool's output")
+        ->check(NotEmpty());
+    command->add_option("--lock", options.lock, "lock file of this machine")->check(NotEmpty());
     command->add_flag("--json", given->json, "an object for each event");
     command->callback([given, &status] {
         UpgradeOptions& chosen = given->options;

@@ -51,7 +51,8 @@ void AddVerify(CLI::App& app, int& status) {
     const auto arguments = std::make_shared<Arguments>();
     CLI::App* command =
         app.add_subcommand("verify", "compare the cards' flash with the packages; reads only");
-    command->add_option("--packages", arguments->packages, "folder of the packages");
+    command->add_option("--packages", arguments->packages, "folder of the packages")
+        ->check(NotEmpty());
     AddSelection(*command, arguments->selection);
     command->add_flag("--json", arguments->json, "as JSON");
     command->callback([arguments, &status] { status = Number(Verify(*arguments)); });

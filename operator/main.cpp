@@ -1,6 +1,7 @@
 // qvcap: the operator's companion of qvcap-upgrade. Other files implement the commands; this one
 // reports what they throw.
 #include <CLI/CLI.hpp>
+#include <csignal>
 #include <cstdio>
 #include <exception>
 #include <iostream>
@@ -56,6 +57,8 @@ int RunQvcap(int argc, char** argv) {
 
 int main(int argc, char** argv) {
     qvo::OccupyStandardStreams();
+    // Whoever starts this may ignore it, and then nobody would learn how a child has ended.
+    std::signal(SIGCHLD, SIG_DFL);
     try {
         return RunQvcap(argc, argv);
     } catch (const std::exception& error) {

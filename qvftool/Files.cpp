@@ -1,10 +1,12 @@
 #include "Files.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <cstring>
 #include <limits>
 
@@ -24,6 +26,16 @@ std::FILE* OpenForReading(const std::string& path) {
     return file;
 }
 
+// Fresh memory costs as much as reading a file into it, page by page; in large pages, a quarter.
+// Only a request: without them nothing changes.
+void WantLargePages(const uint8_t* begin, size_t size) {
+    constexpr uintptr_t kLargePage = uintptr_t{2} << 20;
+    const auto at = reinterpret_cast<uintptr_t>(begin);
+    const uintptr_t first = (at + kLargePage - 1) / kLargePage * kLargePage;
+    const uintptr_t last = (at + size) / kLargePage * kLargePage;
+    if (first < last) madvise(reinterpret_cast<void*>(first), last - first, MADV_HUGEPAGE);
+}
+
 }  // namespace
 
 InputFile::InputFile(const std::string& path) : m_path(path), m_file(OpenForReading(path)) {
@@ -37,7 +49,10 @@ Bytes InputFile::Take(uint64_t size) {
     const uint64_t wanted = size < m_left ? size : m_left;
     if (wanted > std::numeric_limits<size_t>::max() / 4)
         throw Mistake(m_path + ": is too large for this computer's memory");
-    Bytes bytes(static_cast<size_t>(wanted));
+    Bytes bytes;
+    bytes.reserve(static_cast<size_t>(wanted));
+    WantLargePages(bytes.data(), bytes.capacity());
+    bytes.resize(static_cast<size_t>(wanted));
     if (std::fread(bytes.data(), 1, bytes.size(), m_file.get()) != bytes.size())
         Fail(m_path, "cannot be read");
     m_left -= wanted;

@@ -19,6 +19,9 @@ constexpr int kEndingSignals[] = {SIGINT, SIGTERM, SIGHUP};
 constexpr size_t kPiece = 1 << 20;  // bytes written between two checks for a signal
 constexpr int kMostLinks = 40;
 
+// The signals that objects of this thread have blocked.
+thread_local sigset_t g_held = {};
+
 [[noreturn]] void Fail(const std::string& path, const char* what) {
     throw Mistake(path + ": " + what + ": " + std::strerror(errno));
 }
@@ -126,24 +129,24 @@ void WriteInto(const std::string& path, const Bytes& bytes) {
 
 }  // namespace
 
-HeldSignals::HeldSignals() {
-    sigset_t held;
-    sigemptyset(&held);
+HeldSignals::HeldSignals() : m_heldBefore(g_held) {
+    pthread_sigmask(SIG_BLOCK, nullptr, &m_before);
     // A pending ignored signal would look like one that must end the program.
     for (const int signal : kEndingSignals)
-        if (!IsIgnored(signal)) sigaddset(&held, signal);
-    sigprocmask(SIG_BLOCK, &held, &m_before);
+        if (!IsIgnored(signal) && sigismember(&m_before, signal) == 0) sigaddset(&g_held, signal);
+    pthread_sigmask(SIG_BLOCK, &g_held, nullptr);
 }
 
-HeldSignals::~HeldSignals() { sigprocmask(SIG_SETMASK, &m_before, nullptr); }
+HeldSignals::~HeldSignals() {
+    g_held = m_heldBefore;
+    pthread_sigmask(SIG_SETMASK, &m_before, nullptr);
+}
 
 void HeldSignals::StopIfOneWaits() {
     sigset_t waiting;
-    sigset_t held;
-    if (sigpending(&waiting) != 0 || sigprocmask(SIG_BLOCK, nullptr, &held) != 0) return;
+    if (sigpending(&waiting) != 0) return;
     for (const int signal : kEndingSignals)
-        if (sigismember(&waiting, signal) == 1 && sigismember(&held, signal) == 1 &&
-            !IsIgnored(signal))
+        if (sigismember(&waiting, signal) == 1 && sigismember(&g_held, signal) == 1)
             throw Mistake("interrupted: nothing was written");
 }
 

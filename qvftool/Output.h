@@ -1,6 +1,7 @@
 // How qvftool writes files and folders: complete or not at all, even when INT, TERM or HUP comes in
 // between. An unfinished file has a name that qvcap-upgrade does not take for a package. Failures
-// are Mistakes that name the file. One thread per process.
+// are Mistakes that name the file. Any thread; the mode of new files needs a mask that does not
+// change.
 #pragma once
 
 #include <csignal>
@@ -11,8 +12,9 @@
 namespace qvf {
 
 // While it exists, the signals that end a program are blocked, except those that are ignored
-// anyway. They are delivered when the last object of this kind is gone; unfinished files have been
-// removed by then.
+// anyway, and those that the thread has blocked before: the program awaits them itself, and they
+// interrupt nothing here. They are delivered when the last object of this kind is gone; unfinished
+// files have been removed by then.
 class HeldSignals {
   public:
     HeldSignals();
@@ -20,11 +22,12 @@ class HeldSignals {
     HeldSignals(const HeldSignals&) = delete;
     HeldSignals& operator=(const HeldSignals&) = delete;
 
-    // Throws a Mistake when a signal is pending.
+    // Throws a Mistake when a signal is pending that is blocked by an object of this thread.
     static void StopIfOneWaits();
 
   private:
-    sigset_t m_before;
+    sigset_t m_before = {};
+    sigset_t m_heldBefore;
 };
 
 // Follows links. A regular file is replaced at once and keeps its mode: the old file stays complete

@@ -48,6 +48,18 @@ TEST_F(OperatorPackagesTest, EveryRegularFileWithTheNameIsOneAndTheyAreSorted) {
     EXPECT_TRUE(set.Unreadable().empty());
 }
 
+// Such a file would fill the memory.
+TEST_F(OperatorPackagesTest, WhatIsLargerThanAnyCardIsNotRead) {
+    Package().Section("A", 0x1000, 100).Write(*this / "large.qvf");
+    fs::resize_file(*this / "large.qvf", uint64_t{20} << 30);
+    const PackageSet set(folder);
+    EXPECT_TRUE(set.Packages().empty());
+    ASSERT_EQ(1u, set.Unreadable().size());
+    EXPECT_EQ("holds " + std::to_string((uint64_t{20} << 30) - 157 - 28) +
+                  " bytes, more than any card has",
+              set.Unreadable()[0].reason);
+}
+
 TEST_F(OperatorPackagesTest, WhatCannotBeReadIsKeptWithTheReason) {
     Package().Section("A", 0x1000, 100).ClaimSize(101).Write(*this / "cut.qvf");
     PackageBuilder::WriteBytes(*this / "empty.qvf", {});

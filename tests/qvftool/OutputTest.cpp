@@ -3,6 +3,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <thread>
 
 #include "QvftoolFixture.h"
@@ -70,6 +71,22 @@ TEST_F(OutputTest, WhatIsNoRegularFileIsWrittenIntoAndStays) {
     }
     EXPECT_TRUE(std::filesystem::is_symlink("link"));
     EXPECT_THAT(Here(), UnorderedElementsAre("p.qvf", "apart", "pipe", "link"));
+}
+
+// As qvcap does, which ends a run by them only after the card in work.
+TEST_F(OutputTest, ASignalThatTheProgramAwaitsItselfInterruptsNothing) {
+    sigset_t awaited;
+    sigemptyset(&awaited);
+    sigaddset(&awaited, SIGTERM);
+    sigset_t before;
+    pthread_sigmask(SIG_BLOCK, &awaited, &before);
+    raise(SIGTERM);
+    EXPECT_EQ(0, Create("q.qvf").status);
+    int signal = 0;
+    EXPECT_EQ(0, sigwait(&awaited, &signal)) << "it is still there";
+    EXPECT_EQ(SIGTERM, signal);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    EXPECT_TRUE(Content("p.qvf") == Content("q.qvf"));
 }
 
 TEST_F(OutputTest, AFolderIsNoPlaceForAPackage) {

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -16,6 +17,7 @@
 #include "MachineLock.h"
 #include "PrivateFolder.h"
 #include "QvcapRig.h"
+#include "StallWatch.h"
 #include "support/TempFolder.h"
 
 namespace qvtest {
@@ -104,7 +106,18 @@ TEST(MachineLockTest, IsNoLinkToSomethingElse) {
     EXPECT_THROW(qvo::MachineLock(folder / "none/lock"), qvf::Mistake);
 }
 
-// A process that another one has started, and that has the file open until it is ended.
+TEST(MachineLockTest, OverwritesNoOtherFile) {
+    const Folder folder;
+    for (const std::string content : {"QVFH", "7", "7\nx", "\n", "x\n"}) {
+        std::ofstream(folder / "lock") << content;
+        EXPECT_THROW(qvo::MachineLock(folder / "lock"), qvf::Mistake) << content;
+        EXPECT_EQ(content, FileText(folder / "lock"));
+    }
+    std::ofstream(folder / "lock") << "4711\n";
+    EXPECT_TRUE(qvo::MachineLock(folder / "lock").Take()) << "what a holder has written";
+}
+
+// A process that has the file open until it is ended, and that another one has started.
 class Stranger {
   public:
     explicit Stranger(const std::string& file) {
@@ -138,15 +151,31 @@ class Stranger {
     pid_t m_pid = 0;
 };
 
-TEST(BusyCardsTest, TheToolsOfThisRunDoNotCount) {
+TEST(BusyCardsTest, TheToolsOfThisRunDoNotCountUntilTheyAreForgotten) {
     const Folder folder;
     const std::string node = folder / "video0";
     std::ofstream(node) << "x";
-    const Other tool([&] { static_cast<void>(open(node.c_str(), O_RDONLY | O_CLOEXEC)); });
-    EXPECT_TRUE(qvo::UsersOf({node}).empty());
-    ASSERT_EQ(1u, qvo::ProcessesWith(node).size());
-    EXPECT_EQ(tool.Number(), qvo::ProcessesWith(node)[0].pid);
-    EXPECT_EQ(getpid(), qvo::ProcessesWith(node)[0].parent);
+    qvo::OwnTools tools;
+    const std::string script = "exec 5<" + node + "; exec sleep 1000";
+    const auto tool =
+        tools.Start({"/bin/sh", {"-c", script}, folder.Path(), folder / "output", -1});
+    WaitUntil([&] { return qvo::ProcessesWith({node}).size() == 1; });
+    EXPECT_TRUE(tools.OthersWith({node}).empty());
+    tools.Forget(*tool);
+    ASSERT_EQ(1u, tools.OthersWith({node}).size());
+    EXPECT_EQ(tool->Number(), tools.OthersWith({node})[0].pid);
+    kill(tool->Number(), SIGKILL);
+}
+
+// A shell that starts a job and is then replaced by qvcap leaves it such a child.
+TEST(BusyCardsTest, AChildThatIsNoToolOfThisRunCounts) {
+    const Folder folder;
+    const std::string node = folder / "video0";
+    std::ofstream(node) << "x";
+    const Other job([&] { static_cast<void>(open(node.c_str(), O_RDONLY | O_CLOEXEC)); });
+    qvo::OwnTools tools;
+    ASSERT_EQ(1u, tools.OthersWith({node}).size());
+    EXPECT_EQ(job.Number(), tools.OthersWith({node})[0].pid);
 }
 
 TEST(BusyCardsTest, NamesWhoeverHasANodeOpenButNotItself) {
@@ -156,8 +185,8 @@ TEST(BusyCardsTest, NamesWhoeverHasANodeOpenButNotItself) {
     EXPECT_TRUE(qvo::UsersOf({node}).empty());
     const int mine = open(node.c_str(), O_RDONLY | O_CLOEXEC);
     EXPECT_TRUE(qvo::UsersOf({node}).empty()) << "itself";
-    const Stranger other(node);
     close(mine);
+    const Stranger other(node);
     const std::vector<qvo::Process> users = qvo::UsersOf({folder / "none", node, node});
     ASSERT_EQ(1u, users.size());
     EXPECT_EQ(other.Number(), users[0].pid);
@@ -173,7 +202,7 @@ TEST(BusyCardsTest, ANodeCountsByItsDeviceWhateverItsName) {
 }
 
 TEST(ProcessesTest, NamesCannotSteerATerminal) {
-    EXPECT_EQ("a\\x1b[31m (process 7)", qvo::ProcessText({7, 1, "a\x1b[31m", false}));
+    EXPECT_EQ("a\\x1b[31m (process 7)", qvo::ProcessText({7, "a\x1b[31m", false}));
 }
 
 TEST(PrivateFolderTest, HoldsThePackageAloneAndIsNobodyElses) {
@@ -205,6 +234,20 @@ TEST(PrivateFolderTest, WhatAKilledRunHasLeftIsRemovedAndNothingElse) {
     EXPECT_FALSE(std::filesystem::exists(folder / ".package-abc"));
     EXPECT_TRUE(std::filesystem::exists(folder / "other"));
     qvo::PrivateFolder::RemoveLeftOvers(folder / "none");
+}
+
+TEST(StallWatchTest, TellsAgainAndAgainUntilItIsOver) {
+    std::atomic<int> last = 0;
+    const qvo::StallWatch watch(1, [&last](int seconds) { last = seconds; });
+    WaitUntil([&] { return last == 2; });
+}
+
+TEST(StallWatchTest, EndsAtOnceWhenNothingHangs) {
+    bool told = false;
+    {
+        const qvo::StallWatch watch(3600, [&told](int) { told = true; });
+    }
+    EXPECT_FALSE(told);
 }
 
 class ChildTest : public testing::Test {

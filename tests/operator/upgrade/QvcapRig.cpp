@@ -17,6 +17,9 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <utility>
+
+#include "CardsState.h"
 
 namespace qvtest {
 namespace {
@@ -131,18 +134,11 @@ UpgradeRun RunningQvcap::Wait() {
 }
 
 QvcapRig::QvcapRig() {
-    m_root = testing::TempDir() + "/qvcap-XXXXXX";
-    Require(mkdtemp(m_root.data()) != nullptr, "mkdtemp");
     for (const char* name : {"/packages", "/bin", "/runs"})
         Require(mkdir((m_root + name).c_str(), 0755) == 0, "mkdir");
     for (const char* name : {"poweroff", "sudo", "sync", "reboot"})
         StandIn(name, std::string("echo '") + name + "'");
     std::ofstream(m_root + "/leaks") << "leak:QVOpenChannelByPath\n";
-}
-
-QvcapRig::~QvcapRig() {
-    std::error_code ignored;  // a leftover in the temporary directory breaks nothing
-    std::filesystem::remove_all(m_root, ignored);
 }
 
 void QvcapRig::StandIn(const std::string& name, const std::string& body) {
@@ -189,6 +185,7 @@ std::unique_ptr<RunningQvcap> QvcapRig::StartProgram(const std::string& file,
         const rlimit limit = {m_fileLimit, m_fileLimit};
         if (m_fileLimit > 0) setrlimit(RLIMIT_FSIZE, &limit);
         if (m_fileLimit > 0) signal(SIGXFSZ, SIG_IGN);
+        if (m_ignored != 0) signal(m_ignored, SIG_IGN);
         if (!folder.empty() && chdir(folder.c_str()) != 0) _exit(126);
         if (!m_readOnly.empty() && !SeesReadOnly(m_readOnly.c_str())) _exit(126);
         if (!m_small.empty() && !SeesSmall(m_small.c_str(), m_size.c_str())) _exit(126);
@@ -203,8 +200,12 @@ std::unique_ptr<RunningQvcap> QvcapRig::Start(const std::vector<std::string>& ar
     return StartProgram(QV_QVCAP_FILE, "qvcap", "", arguments);
 }
 
+std::unique_ptr<RunningQvcap> QvcapRig::StartTool(const std::vector<std::string>& arguments) {
+    return StartProgram(QV_TOOL_FILE, "qvcap-upgrade", Packages(), arguments);
+}
+
 UpgradeRun QvcapRig::Tool(const std::vector<std::string>& arguments) {
-    return StartProgram(QV_TOOL_FILE, "qvcap-upgrade", Packages(), arguments)->Wait();
+    return StartTool(arguments)->Wait();
 }
 
 UpgradeRun QvcapRig::Run(const std::vector<std::string>& arguments) {
@@ -231,6 +232,14 @@ std::vector<std::string> QvcapRig::States() {
         for (const nlohmann::json& card : report.value("cards", nlohmann::json::array()))
             states.push_back(card.value("state", ""));
     return states;
+}
+
+void QvcapRig::SwapNodes(size_t board, size_t other) {
+    qvsim::CardsState state;
+    ASSERT_EQ("", qvsim::LoadState(cards.Dir(), state));
+    std::swap(state.boards.at(board).channels.at(0).info,
+              state.boards.at(other).channels.at(0).info);
+    ASSERT_EQ("", qvsim::SaveState(cards.Dir(), state));
 }
 
 size_t QvcapRig::Changes() {

@@ -12,6 +12,7 @@
 
 #include "support/PackageBuilder.h"
 #include "support/SimRig.h"
+#include "support/TempFolder.h"
 
 namespace qvtest {
 
@@ -54,7 +55,6 @@ class RunningQvcap {
 class QvcapRig {
   public:
     QvcapRig();
-    ~QvcapRig();
     QvcapRig(const QvcapRig&) = delete;
     QvcapRig& operator=(const QvcapRig&) = delete;
 
@@ -76,6 +76,7 @@ class QvcapRig {
     std::unique_ptr<RunningQvcap> Start(const std::vector<std::string>& arguments);
     // The unchanged tool, in the folder of the packages.
     UpgradeRun Tool(const std::vector<std::string>& arguments);
+    std::unique_ptr<RunningQvcap> StartTool(const std::vector<std::string>& arguments);
     // The states that `qvcap status` tells, in the order of the cards.
     std::vector<std::string> States();
 
@@ -84,6 +85,8 @@ class QvcapRig {
     // Replaces a stand-in by a shell script, or puts one there.
     void StandIn(const std::string& name, const std::string& body);
     void Environment(const std::string& setting) { m_environment.push_back(setting); }
+    // Every program that is started from here on finds this signal ignored.
+    void Ignore(int signal) { m_ignored = signal; }
     // The bytes that a file of this run may have at most: a disk that is full.
     void LimitFiles(unsigned long bytes) { m_fileLimit = bytes; }
     // No program that is started from here on can write to this folder; its owner can. Needs root.
@@ -94,6 +97,8 @@ class QvcapRig {
         m_small = folder;
         m_size = size;
     }
+    // The nodes of two boards change places: each answers as the other's card from now on.
+    void SwapNodes(size_t board, size_t other);
     size_t Changes();  // how many erases and writes the cards have seen
 
   private:
@@ -101,8 +106,10 @@ class QvcapRig {
                                                const std::string& folder,
                                                const std::vector<std::string>& arguments);
 
-    std::string m_root;
+    const TempFolder m_folder{"qvcap"};
+    const std::string m_root = m_folder.Path();
     std::vector<std::string> m_environment;
+    int m_ignored = 0;
     unsigned long m_fileLimit = 0;
     std::string m_readOnly;
     std::string m_small;

@@ -31,31 +31,35 @@ qvsim::BoardBuilder Board() {
 struct Moment {
     const char* name;
     const char* request;
-    int nth;
+    int nth;  // 0: counted by LastReadBefore()
 };
 
-constexpr Moment kMoments[] = {{"Erasing", "EraseFirmwareData", 2},
+constexpr Moment kMoments[] = {{"Listing", "ReadFirmwareData", 0},
+                               {"Erasing", "EraseFirmwareData", 2},
                                {"Writing", "WriteFirmwareData", 2},
-                               {"Verifying", "ReadFirmwareData", 0},  // LastRead() counts them
+                               {"Verifying", "ReadFirmwareData", 0},
                                {"Reconfiguring", "SetPostReconfig", 1}};
 
-// The tool's last read of the first card, before which it was read for the plan and for the mode.
-int LastRead() {
+// The tool's last read of the first card before such a request: the first erase, with nothing
+// changed yet, or the end. Before the tool, qvcap reads the card for the plan.
+int LastReadBefore(const char* request) {
     QvcapRig rig;
     rig.cards.Add(Board());
     rig.Write(NewPackage());
     EXPECT_EQ(0, rig.Upgrade().status);
     int reads = 0;
     for (const std::string& line : rig.cards.Journal()) {
-        if (line.find("SetPostReconfig") != line.npos) break;
+        if (line.find(request) != line.npos) break;
         reads += line.find("ReadFirmwareData") != line.npos;
     }
-    EXPECT_GT(reads, 3);
+    EXPECT_GT(reads, 2);
     return reads;
 }
 
 Moment Counted(Moment moment) {
-    if (moment.nth == 0) moment.nth = LastRead();
+    const bool lists = std::string(moment.name) == "Listing";
+    if (moment.nth == 0)
+        moment.nth = LastReadBefore(lists ? "EraseFirmwareData" : "SetPostReconfig");
     return moment;
 }
 
@@ -214,6 +218,41 @@ TEST(LockE2eTest, OfTwentyStartsAtOnceOneFlashes) {
     for (const std::string& line : rig.cards.Journal())
         erased += line.find("EraseFirmwareData offset=0x2000 ") != line.npos;
     EXPECT_EQ(1u, erased) << "headers erased";
+}
+
+TEST(LockE2eTest, TheEndOfAChildIsSeenWhateverThisProgramWasStartedWith) {
+    for (const int signal : {SIGCHLD, SIGUSR1, SIGTERM}) {
+        QvcapRig rig;
+        rig.cards.Add(Board());
+        rig.Write(NewPackage());
+        rig.Ignore(signal);
+        const UpgradeRun run = rig.Upgrade({"--json"});
+        EXPECT_EQ(0, run.status) << run.output;
+        EXPECT_EQ(0, run.Events("tool-end").at(0)["status"]);
+    }
+}
+
+TEST(LockE2eTest, ADriverThatHangsWhileQvcapReadsIsTold) {
+    const int toolsLastRead = LastReadBefore("SetPostReconfig");
+    for (const bool plans : {true, false}) {
+        QvcapRig rig;
+        rig.cards.Add(Board());
+        rig.Write(NewPackage());
+        rig.cards.AddFault({.request = "ReadFirmwareData",
+                            .nth = plans ? 2 : toolsLastRead + 2,
+                            .effect = qvsim::Slow(2500)});
+        const auto running = rig.StartUpgrade({"--json", "--stalled-after", "1"});
+        const std::string itself = std::to_string(running->Number());
+        const UpgradeRun run = running->Wait();
+        EXPECT_EQ(0, run.status) << run.output;
+        if (plans) {
+            EXPECT_THAT(run.errors,
+                        HasSubstr("reading 00:00: nothing has come for 1 s: a request"));
+            continue;
+        }
+        ASSERT_GE(run.Events("stalled").size(), 1u) << run.output;
+        EXPECT_EQ(itself, run.Events("stalled")[0]["process"].dump());
+    }
 }
 
 TEST(LockE2eTest, ADriverThatHangsIsTold) {

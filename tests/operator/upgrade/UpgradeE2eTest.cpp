@@ -214,6 +214,45 @@ TEST_F(UpgradeE2eTest, TwoFlashesOfOneBoardAreNeverInWorkAtOnce) {
     EXPECT_EQ(3u, inWork.size());
 }
 
+// A script's variable may be empty: that must not mean all cards, or no backup.
+TEST_F(UpgradeE2eTest, AnEmptyValueIsAMistakeOfTheCommandLine) {
+    rig.cards.Add(Board());
+    rig.Write(NewPackage());
+    for (const char* option : {"--device", "--backup", "--earlier", "--board"}) {
+        const UpgradeRun run = rig.Upgrade({option, ""});
+        EXPECT_EQ(64, run.status) << option << run.output;
+        EXPECT_THAT(run.errors, HasSubstr(option));
+    }
+    for (const char* option : {"--packages", "--log", "--lock"})
+        EXPECT_EQ(64, rig.Run({"upgrade", option, ""}).status) << option;
+    EXPECT_EQ(64, rig.Run({"backup", ""}).status);
+    EXPECT_EQ(64, rig.Run({"verify", "--device", ""}).status);
+    EXPECT_EQ(64, rig.Run({"status", "--packages", ""}).status);
+    EXPECT_EQ(64, rig.Run({"history", "--serial", ""}).status);
+    EXPECT_EQ(64, rig.Run({"history", "--last", "-1"}).status);
+    EXPECT_EQ(0u, rig.Changes());
+}
+
+// Which the doctor advises against.
+TEST_F(UpgradeE2eTest, BoardsOfOneNumberAreAllWritten) {
+    for (int i = 0; i < 2; ++i)
+        rig.cards.Add(Board().RawInfo([](_QVCAP_CHANNEL_INFO& info) { info.boardIndex = 0; }));
+    rig.Write(NewPackage());
+    const UpgradeRun run = rig.Upgrade({"--json", "--jobs", "2"});
+    EXPECT_EQ(0, run.status) << run.output;
+    EXPECT_THAT(Results(run), ElementsAre("done", "done"));
+    const nlohmann::json cards = run.Report()["cards"];
+    EXPECT_NE(cards[0]["tool_output"], cards[1]["tool_output"]);
+}
+
+TEST_F(UpgradeE2eTest, CardsWithoutSerialNumbersAreSavedAtOnce) {
+    for (int i = 0; i < 8; ++i) rig.cards.Add(Board().Serial(""));
+    rig.Write(NewPackage());
+    const UpgradeRun run = rig.Upgrade({"--json", "--jobs", "8", "--backup", rig / "saved"});
+    EXPECT_EQ(0, run.status) << run.output;
+    EXPECT_EQ(8, run.Report()["done"]);
+}
+
 TEST_F(UpgradeE2eTest, EachRowOfTheTableOfExitStatusesIsMet) {
     rig.cards.Add(Board());
     EXPECT_EQ(3, rig.Upgrade().status) << "no package";
@@ -247,6 +286,14 @@ TEST_F(UpgradeE2eTest, HistoryKeepsWhoWhatAndTheDigest) {
     EXPECT_EQ(64u, done["sha256"].get<std::string>().size());
     EXPECT_THAT(rig.Run({"history", "--log", rig.Log()}).output, HasSubstr("SERIAL-1"));
     EXPECT_THAT(rig.Run({"history", "--log", rig.Log(), "--serial", "other"}).output, IsEmpty());
+}
+
+TEST_F(UpgradeE2eTest, AHistoryThatCannotBeReadIsNotAnEmptyOne) {
+    PackageBuilder::WriteBytes(rig / "file", {1});
+    const UpgradeRun run = rig.Run({"history", "--log", rig / "file"});
+    EXPECT_EQ(1, run.status);
+    EXPECT_THAT(run.errors, HasSubstr("/file: the history cannot be read: Not a directory"));
+    EXPECT_EQ(0, rig.Run({"history", "--log", rig / "none"}).status) << "nothing was done yet";
 }
 
 TEST_F(UpgradeE2eTest, NothingButTheHistoryAndTheToolsOutputIsLeftInTheLogFolder) {
