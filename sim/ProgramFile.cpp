@@ -138,7 +138,7 @@ std::string FindProgram(const std::string& word) {
     const char* path = std::getenv("PATH");
     std::istringstream folders(path ? path : "");
     for (std::string folder; std::getline(folders, folder, ':');) {
-        const std::string file = (folder.empty() ? "." : folder) + "/" + word;
+        std::string file = (folder.empty() ? "." : folder) + "/" + word;
         if (access(file.c_str(), X_OK) == 0) return file;
     }
     return {};
