@@ -34,9 +34,10 @@ target_compile_options(qv_plain_cpp INTERFACE
 target_link_libraries(qv_plain_cpp INTERFACE qv_warnings)
 
 # Sources that are all template headers (command lines, TOML, JSON) and run for milliseconds: their
-# optimisation costs minutes over all configurations and gains nothing. Fuzzing runs them for hours.
+# optimisation costs minutes over all configurations and gains nothing. Fuzzing runs them for hours;
+# where sources are compiled together, each template is made once.
 function(qv_compile_quickly)
-  if(QV_FUZZ)
+  if(QV_FUZZ OR CMAKE_UNITY_BUILD)
     return()
   endif()
   set_source_files_properties(${ARGN} PROPERTIES COMPILE_OPTIONS "-O0;-g1")

@@ -11,7 +11,7 @@
 namespace qvfuzz {
 namespace {
 
-constexpr size_t kFlashSize = 64 << 10;
+constexpr size_t kJudgedFlashSize = 64 << 10;
 constexpr size_t kPrefix = 6;  // length of the package, running version
 
 uint32_t Number(const uint8_t* at, int count) {
@@ -72,7 +72,7 @@ void JudgeFlash(const uint8_t* data, size_t size) {
         return;
     }
     contents.header = qvo::HeaderBytes(contents.package);
-    std::vector<uint8_t> flash(kFlashSize, 0xFF);
+    std::vector<uint8_t> flash(kJudgedFlashSize, 0xFF);
     const uint8_t* const rest = data + kPrefix + cut;
     std::copy_n(rest, std::min(size - kPrefix - cut, flash.size()), flash.begin());
     for (const qvo::Depth depth : {qvo::Depth::kHeaders, qvo::Depth::kSections, qvo::Depth::kCount})

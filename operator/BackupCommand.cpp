@@ -17,7 +17,7 @@
 namespace qvo {
 namespace {
 
-struct Arguments {
+struct BackupArguments {
     std::string folder;
     Selection selection;
     bool json = false;
@@ -97,7 +97,7 @@ void Report(const std::vector<Outcome>& outcomes, bool asJson) {
     }
 }
 
-ExitStatus BackUpAll(const Arguments& arguments) {
+ExitStatus BackUpAll(const BackupArguments& arguments) {
     const Library library;
     const std::vector<Card> cards = Selected(FindCards(), arguments.selection);
     std::vector<Outcome> outcomes;
@@ -120,7 +120,7 @@ ExitStatus BackUpAll(const Arguments& arguments) {
 }  // namespace
 
 void AddBackup(CLI::App& app, int& status) {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<BackupArguments>();
     CLI::App* command =
         app.add_subcommand("backup", "save the images of the cards as packages; reads only");
     command->add_option("FOLDER", arguments->folder, "where the packages go")

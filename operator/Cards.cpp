@@ -18,11 +18,6 @@ namespace {
 constexpr char kLumo[] = "Lumo Capture";
 constexpr size_t kLibraryPathSize = 512;
 
-template <size_t kSize>
-std::string Text(const char (&from)[kSize]) {
-    return std::string(from, strnlen(from, kSize));
-}
-
 // The driver's reason, if it gave one.
 std::string Because(const std::string& what, int error) {
     return error == 0 ? what + ": no reason was given" : what + ": " + std::strerror(error);
@@ -32,9 +27,9 @@ void TakeIdentity(const _QVCAP_CHANNEL_INFO& info, Card& card) {
     card.identified = true;
     card.board = info.boardIndex;
     card.channel = info.channelIndex;
-    card.family = Text(info.familyName);
-    card.product = Text(info.productName);
-    card.serial = Text(info.boardSerialNumber);
+    card.family = FieldText(info.familyName);
+    card.product = FieldText(info.productName);
+    card.serial = FieldText(info.boardSerialNumber);
     card.productCode = info.productCode;
     card.hardwareVersion = static_cast<uint8_t>(info.hardwareVersion);
     card.runningVersion = info.firmwareVersion;

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -33,6 +34,12 @@ struct Card {
     // "00:01", or the path when the card is not identified.
     std::string Name() const;
 };
+
+// The text in a field of a device's record, which may fill it without a zero byte.
+template <size_t kSize>
+std::string FieldText(const char (&field)[kSize]) {
+    return std::string(field, strnlen(field, kSize));
+}
 
 // Distance from the main image's header to the safe image's, bytes.
 inline constexpr uint32_t kSafeHeaderDistance = 4096;

@@ -22,15 +22,10 @@ constexpr char kNodesCheck[] = "nodes";
 constexpr char kPermission[] =
     "run it as root, or as a member of the group video, which the rules of udev give the nodes to";
 
-template <size_t kSize>
-std::string Text(const char (&from)[kSize]) {
-    return std::string(from, strnlen(from, kSize));
-}
-
 std::string ChannelText(const _QVCAP_CHANNEL_INFO& info) {
     char number[16];
     std::snprintf(number, sizeof number, "%02d:%02d ", info.boardIndex, info.channelIndex);
-    return number + Text(info.productName) + ", serial " + Text(info.boardSerialNumber);
+    return number + FieldText(info.productName) + ", serial " + FieldText(info.boardSerialNumber);
 }
 
 Observation OfUnopened(const std::string& path, int error) {
@@ -62,7 +57,7 @@ class Channels {
   public:
     void Add(const _QVCAP_CHANNEL_INFO& info) {
         ++m_count;
-        m_serials[info.boardIndex].insert(Text(info.boardSerialNumber));
+        m_serials[info.boardIndex].insert(FieldText(info.boardSerialNumber));
     }
     size_t Count() const { return m_count; }
 

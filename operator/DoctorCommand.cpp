@@ -16,7 +16,7 @@ namespace {
 
 constexpr int kLongestTimeout = 3600;  // seconds
 
-struct Arguments {
+struct DoctorArguments {
     Surroundings surroundings;
     bool json = false;
 };
@@ -59,7 +59,7 @@ Json ToJson(const std::vector<Observation>& seen) {
     return json;
 }
 
-ExitStatus Doctor(const Arguments& arguments) {
+ExitStatus Doctor(const DoctorArguments& arguments) {
     const std::vector<Observation> seen = Examine(arguments.surroundings);
     if (arguments.json)
         std::cout << DumpIndented(ToJson(seen));
@@ -72,7 +72,7 @@ ExitStatus Doctor(const Arguments& arguments) {
 }  // namespace
 
 void AddDoctor(CLI::App& app, int& status) {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<DoctorArguments>();
     arguments->surroundings.packages = ".";
     CLI::App* command =
         app.add_subcommand("doctor", "say what is wrong and what to do; reads only");

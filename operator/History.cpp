@@ -26,7 +26,7 @@ namespace {
 namespace fs = std::filesystem;
 using Json = nlohmann::ordered_json;
 
-constexpr char kPrefix[] = "history-";
+constexpr char kHistoryPrefix[] = "history-";
 constexpr char kSuffix[] = ".jsonl";
 constexpr size_t kMonthLength = 7;  // "2026-11"
 constexpr size_t kMostText = 500;
@@ -52,8 +52,8 @@ constexpr TextField kTexts[] = {
 }
 
 bool IsMonth(const std::string& name) {
-    const std::string month = name.substr(std::min(name.size(), sizeof kPrefix - 1));
-    return name.starts_with(kPrefix) && month.size() == kMonthLength + sizeof kSuffix - 1 &&
+    const std::string month = name.substr(std::min(name.size(), sizeof kHistoryPrefix - 1));
+    return name.starts_with(kHistoryPrefix) && month.size() == kMonthLength + sizeof kSuffix - 1 &&
            name.ends_with(kSuffix) && month[4] == '-' &&
            month.find_first_not_of("0123456789-") == kMonthLength;
 }
@@ -187,7 +187,7 @@ HistoryLog::HistoryLog(const std::string& folder) : m_folder(folder) {
 
 void HistoryLog::Append(const HistoryEntry& entry) const {
     const std::string month = entry.time.substr(0, kMonthLength);
-    const std::string path = m_folder + "/" + kPrefix + month + kSuffix;
+    const std::string path = m_folder + "/" + kHistoryPrefix + month + kSuffix;
     {
         const LockedFile file(path);
         file.Append(HistoryLine(entry));

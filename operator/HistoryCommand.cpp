@@ -13,14 +13,14 @@
 namespace qvo {
 namespace {
 
-struct Arguments {
+struct HistoryArguments {
     std::string log = kLogFolder;
     std::string serial;
     size_t last = 0;  // 0: all
     bool json = false;
 };
 
-void Choose(const Arguments& arguments, History& history) {
+void Choose(const HistoryArguments& arguments, History& history) {
     std::vector<HistoryEntry>& entries = history.entries;
     if (!arguments.serial.empty())
         std::erase_if(entries,
@@ -29,7 +29,7 @@ void Choose(const Arguments& arguments, History& history) {
         entries.erase(entries.begin(), entries.end() - static_cast<std::ptrdiff_t>(arguments.last));
 }
 
-int Show(const Arguments& arguments) {
+int Show(const HistoryArguments& arguments) {
     History history = ReadHistory(arguments.log);
     Choose(arguments, history);
     if (!arguments.json) {
@@ -50,7 +50,7 @@ int Show(const Arguments& arguments) {
 }  // namespace
 
 void AddHistory(CLI::App& app, int& status) {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<HistoryArguments>();
     CLI::App* command = app.add_subcommand("history", "show what was done to the cards");
     command->add_option("--log", arguments->log, "folder of the history")->check(NotEmpty());
     command->add_option("--serial", arguments->serial, "only the card with this serial number")

@@ -200,7 +200,7 @@ Meaning WithoutPackage(const Fit& fit, const PackageSet& packages) {
 }
 
 // The package that the flash is compared with, as far as it is needed.
-std::shared_ptr<const PackageContents> Contents(const PackageSet& packages,
+std::shared_ptr<const PackageContents> ContentsToDepth(const PackageSet& packages,
                                                 const FirmwarePackage& package, Depth depth) {
     if (depth != Depth::kHeaders) return packages.Contents(package);
     auto header = std::make_shared<PackageContents>();
@@ -213,7 +213,7 @@ Verdict JudgeReadable(const Card& card, const PackageSet& packages, Depth depth,
                       const Progress& progress) {
     const Fit fit = packages.For(card);
     std::shared_ptr<const PackageContents> contents;
-    if (fit.Only() != nullptr) contents = Contents(packages, *fit.Only(), depth);
+    if (fit.Only() != nullptr) contents = ContentsToDepth(packages, *fit.Only(), depth);
     CardReader reader(card);
     const FlashSource source = [&](uint32_t address, uint8_t* buffer, uint32_t size) {
         return reader.Read(address, buffer, size);

@@ -17,13 +17,13 @@
 namespace qvo {
 namespace {
 
-constexpr std::string_view kPrefix = "video";
+constexpr std::string_view kVideoPrefix = "video";
 constexpr size_t kMostDigits = 6;
 
 // The number after "video", -1 for any other name.
 int NodeNumber(std::string_view name) {
-    if (!name.starts_with(kPrefix)) return -1;
-    const std::string_view digits = name.substr(kPrefix.size());
+    if (!name.starts_with(kVideoPrefix)) return -1;
+    const std::string_view digits = name.substr(kVideoPrefix.size());
     if (digits.empty() || digits.size() > kMostDigits) return -1;
     if (digits.find_first_not_of("0123456789") != digits.npos) return -1;
     return std::atoi(std::string(digits).c_str());

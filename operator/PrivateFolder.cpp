@@ -16,7 +16,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kPrefix[] = ".package-";
+constexpr char kPackagePrefix[] = ".package-";
 
 [[noreturn]] void Fail(const std::string& path, int error) {
     throw qvf::Mistake(path + ": the package cannot be copied there: " + std::strerror(error) +
@@ -54,7 +54,7 @@ void Remove(const std::string& path) {
 }  // namespace
 
 PrivateFolder::PrivateFolder(const std::string& parent, const qvf::Pieces& package)
-    : m_path(parent + "/" + kPrefix + "XXXXXX") {
+    : m_path(parent + "/" + kPackagePrefix + "XXXXXX") {
     if (mkdtemp(m_path.data()) == nullptr) Fail(parent, errno);
     if (const int error = WriteNew(m_path + "/package.qvf", package)) {
         Remove(m_path);
@@ -68,7 +68,7 @@ void PrivateFolder::RemoveLeftOvers(const std::string& parent) {
     std::vector<std::string> old;
     std::error_code error;
     for (fs::directory_iterator at(parent, error), end; !error && at != end; at.increment(error))
-        if (at->path().filename().string().starts_with(kPrefix)) old.push_back(at->path().string());
+        if (at->path().filename().string().starts_with(kPackagePrefix)) old.push_back(at->path().string());
     for (const std::string& path : old) Remove(path);
 }
 

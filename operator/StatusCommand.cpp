@@ -10,14 +10,14 @@
 namespace qvo {
 namespace {
 
-struct Arguments {
+struct StatusArguments {
     std::string packages = ".";
     bool quick = false;
     bool json = false;
     bool exitCode = false;
 };
 
-ExitStatus Status(const Arguments& arguments) {
+ExitStatus Status(const StatusArguments& arguments) {
     const PackageSet packages(arguments.packages);
     const Library library;
     const Depth depth = arguments.quick ? Depth::kHeaders : Depth::kSections;
@@ -29,7 +29,7 @@ ExitStatus Status(const Arguments& arguments) {
 }  // namespace
 
 void AddStatus(CLI::App& app, int& status) {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<StatusArguments>();
     CLI::App* command = app.add_subcommand("status", "show what each card runs, holds and needs");
     command->add_option("--packages", arguments->packages, "folder of the packages")
         ->check(NotEmpty());

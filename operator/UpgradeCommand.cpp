@@ -14,7 +14,7 @@ constexpr int kMostJobs = 64;
 constexpr int kMostRetries = 20;
 constexpr int kMostSeconds = 86400;
 
-struct Arguments {
+struct UpgradeArguments {
     UpgradeOptions options;
     bool json = false;
 };
@@ -40,7 +40,7 @@ void AddWays(CLI::App& command, UpgradeOptions& options) {
 }  // namespace
 
 void AddUpgrade(CLI::App& app, int& status) {
-    const auto given = std::make_shared<Arguments>();
+    const auto given = std::make_shared<UpgradeArguments>();
     UpgradeOptions& options = given->options;
     CLI::App* command =
         app.add_subcommand("upgrade", "write new firmware to the cards that need it, unattended");

@@ -12,7 +12,7 @@
 namespace qvo {
 namespace {
 
-struct Arguments {
+struct VerifyArguments {
     std::string packages = ".";
     Selection selection;
     bool json = false;
@@ -33,7 +33,7 @@ Digests DigestsOf(const std::vector<StatusRow>& rows, const PackageSet& packages
     return digests;
 }
 
-ExitStatus Verify(const Arguments& arguments) {
+ExitStatus Verify(const VerifyArguments& arguments) {
     const PackageSet packages(arguments.packages);
     const Library library;
     const std::vector<StatusRow> rows =
@@ -48,7 +48,7 @@ ExitStatus Verify(const Arguments& arguments) {
 }  // namespace
 
 void AddVerify(CLI::App& app, int& status) {
-    const auto arguments = std::make_shared<Arguments>();
+    const auto arguments = std::make_shared<VerifyArguments>();
     CLI::App* command =
         app.add_subcommand("verify", "compare the cards' flash with the packages; reads only");
     command->add_option("--packages", arguments->packages, "folder of the packages")

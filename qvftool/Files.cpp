@@ -11,11 +11,11 @@
 #include <limits>
 
 namespace qvf {
-namespace {
-
-[[noreturn]] void Fail(const std::string& path, const char* what) {
+[[noreturn]] void FailWithErrno(const std::string& path, const char* what) {
     throw Mistake(path + ": " + what + ": " + std::strerror(errno));
 }
+
+namespace {
 
 // An open must not wait for the writer of a FIFO.
 std::FILE* OpenForReading(const std::string& path) {
@@ -40,7 +40,7 @@ void WantLargePages(const uint8_t* begin, size_t size) {
 
 InputFile::InputFile(const std::string& path) : m_path(path), m_file(OpenForReading(path)) {
     struct stat status;
-    if (!m_file || fstat(fileno(m_file.get()), &status) != 0) Fail(path, "cannot be opened");
+    if (!m_file || fstat(fileno(m_file.get()), &status) != 0) FailWithErrno(path, "cannot be opened");
     if (!S_ISREG(status.st_mode)) throw Mistake(path + ": is not a regular file");
     m_left = static_cast<uint64_t>(status.st_size);
 }
@@ -54,14 +54,14 @@ Bytes InputFile::Take(uint64_t size) {
     WantLargePages(bytes.data(), bytes.capacity());
     bytes.resize(static_cast<size_t>(wanted));
     if (std::fread(bytes.data(), 1, bytes.size(), m_file.get()) != bytes.size())
-        Fail(m_path, "cannot be read");
+        FailWithErrno(m_path, "cannot be read");
     m_left -= wanted;
     return bytes;
 }
 
 void InputFile::Skip(uint64_t size) {
     if (fseeko(m_file.get(), static_cast<off_t>(size), SEEK_CUR) != 0)
-        Fail(m_path, "cannot be read");
+        FailWithErrno(m_path, "cannot be read");
     m_left -= size;
 }
 

@@ -10,6 +10,9 @@
 
 namespace qvf {
 
+// Throws the Mistake "PATH: WHAT: REASON", with errno's reason.
+[[noreturn]] void FailWithErrno(const std::string& path, const char* what);
+
 // A regular file that knows how many bytes are left.
 class InputFile {
   public:

@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <optional>
 
+#include "Files.h"
+
 namespace qvf {
 namespace {
 
@@ -21,10 +23,6 @@ constexpr int kMostLinks = 40;
 
 // The signals that objects of this thread have blocked.
 thread_local sigset_t g_held = {};
-
-[[noreturn]] void Fail(const std::string& path, const char* what) {
-    throw Mistake(path + ": " + what + ": " + std::strerror(errno));
-}
 
 bool IsIgnored(int signal) {
     struct sigaction action = {};
@@ -87,7 +85,7 @@ class BesideFile {
     explicit BesideFile(const std::string& place)
         : m_place(place), m_temporary(FolderOf(place) + "/.new-package-XXXXXX") {
         m_fd = mkostemp(m_temporary.data(), O_CLOEXEC);
-        if (m_fd < 0) Fail(place, "cannot be written");
+        if (m_fd < 0) FailWithErrno(place, "cannot be written");
     }
     ~BesideFile() {
         if (m_fd >= 0) close(m_fd);
@@ -98,13 +96,13 @@ class BesideFile {
 
     void Fill(const Bytes& bytes, mode_t mode) {
         if (!WriteAll(m_fd, bytes) || fchmod(m_fd, mode) != 0 || fsync(m_fd) != 0)
-            Fail(m_place, "cannot be written");
+            FailWithErrno(m_place, "cannot be written");
         const int fd = m_fd;
         m_fd = -1;
-        if (close(fd) != 0) Fail(m_place, "cannot be written");
+        if (close(fd) != 0) FailWithErrno(m_place, "cannot be written");
     }
     void Move() {
-        if (rename(m_temporary.c_str(), m_place.c_str()) != 0) Fail(m_place, "cannot be written");
+        if (rename(m_temporary.c_str(), m_place.c_str()) != 0) FailWithErrno(m_place, "cannot be written");
         m_moved = true;
         SyncFolder(FolderOf(m_place));
     }
@@ -119,12 +117,12 @@ class BesideFile {
 // Signals still end the program here: a FIFO may wait for its reader, and no temporary file exists.
 void WriteInto(const std::string& path, const Bytes& bytes) {
     const int fd = open(path.c_str(), O_WRONLY | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0) Fail(path, "cannot be written");
+    if (fd < 0) FailWithErrno(path, "cannot be written");
     const bool good = WriteAll(fd, bytes);
     const int error = errno;
     if (close(fd) == 0 && good) return;
     if (!good) errno = error;
-    Fail(path, "cannot be written");
+    FailWithErrno(path, "cannot be written");
 }
 
 }  // namespace
@@ -170,7 +168,7 @@ NewFolder::NewFolder(const std::string& place) {
         throw Mistake(m_place + ": is there already and not an empty folder; name a new one");
     m_mode = there ? there->st_mode & 07777 : NewFileMode() | 0111;
     m_temporary = FolderOf(m_place) + "/.new-folder-XXXXXX";
-    if (mkdtemp(m_temporary.data()) == nullptr) Fail(m_place, "cannot be made");
+    if (mkdtemp(m_temporary.data()) == nullptr) FailWithErrno(m_place, "cannot be made");
 }
 
 NewFolder::~NewFolder() {
@@ -183,7 +181,7 @@ void NewFolder::Commit() {
     SyncFolder(m_temporary);
     if (chmod(m_temporary.c_str(), m_mode) != 0 ||
         rename(m_temporary.c_str(), m_place.c_str()) != 0)
-        Fail(m_place, "cannot be made");
+        FailWithErrno(m_place, "cannot be made");
     m_committed = true;
     SyncFolder(FolderOf(m_place));
 }

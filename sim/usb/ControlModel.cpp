@@ -62,7 +62,7 @@ bool Takes(uint8_t command, size_t size, bool set) {
     });
 }
 
-uint32_t Word(const uint8_t* bytes) {
+uint32_t LittleEndianWord(const uint8_t* bytes) {
     return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
 }
 
@@ -234,8 +234,8 @@ bool ControlModel::Set(uint8_t command, const Bytes& payload) {
         case kErase:
             return Erase(payload);
         case kReadAddress:
-            if (!Meet("address", Hex("address ", Word(payload.data()), 1))) return false;
-            if (!Has(FaultKind::kPretend)) m_readAddress = m_lastAddress = Word(payload.data());
+            if (!Meet("address", Hex("address ", LittleEndianWord(payload.data()), 1))) return false;
+            if (!Has(FaultKind::kPretend)) m_readAddress = m_lastAddress = LittleEndianWord(payload.data());
             return Finish();
         case kFirmware:
             return Firmware(payload);
@@ -273,8 +273,8 @@ bool ControlModel::Poll() {
 // ---- firmware --------------------------------------------------------------------------------
 
 bool ControlModel::Erase(const Bytes& payload) {
-    const uint32_t address = Word(payload.data());
-    const uint32_t size = Word(payload.data() + 4);
+    const uint32_t address = LittleEndianWord(payload.data());
+    const uint32_t size = LittleEndianWord(payload.data() + 4);
     if (!Meet("erase", Range("erase ", address, size))) return false;
     if (m_busy > 0 || !m_flash->InRange(address, size)) return false;
     if (Has(FaultKind::kPretend)) return Finish();
@@ -287,8 +287,8 @@ bool ControlModel::Erase(const Bytes& payload) {
 }
 
 bool ControlModel::Firmware(const Bytes& payload) {
-    const uint32_t address = Word(payload.data());
-    const uint32_t size = Word(payload.data() + 4);
+    const uint32_t address = LittleEndianWord(payload.data());
+    const uint32_t size = LittleEndianWord(payload.data() + 4);
     const bool reads = m_readAddress.has_value();
     const bool right = !reads || *m_readAddress == address;
     m_readAddress.reset();

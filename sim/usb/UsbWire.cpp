@@ -13,7 +13,7 @@ constexpr uint32_t kSubmitAnswer = 3;
 constexpr uint32_t kUnlinkAnswer = 4;
 constexpr uint32_t kNotIsochronous = 0xFFFFFFFF;  // sent by some controllers; others send 0
 
-uint32_t Word(const uint8_t* at) {
+uint32_t BigEndianWord(const uint8_t* at) {
     return uint32_t{at[0]} << 24 | uint32_t{at[1]} << 16 | uint32_t{at[2]} << 8 | at[3];
 }
 
@@ -29,7 +29,7 @@ Setup ReadSetup(const uint8_t* at) {
 
 bool ReadPackets(const uint8_t* at, uint32_t count, uint32_t length, Urb& urb) {
     for (uint32_t i = 0; i < count; ++i, at += kPacketHeader) {
-        const IsoPacket packet{Word(at), Word(at + 4)};
+        const IsoPacket packet{BigEndianWord(at), BigEndianWord(at + 4)};
         if (packet.offset > length || packet.length > length - packet.offset) return false;
         urb.packets.push_back(packet);
     }
@@ -39,11 +39,11 @@ bool ReadPackets(const uint8_t* at, uint32_t count, uint32_t length, Urb& urb) {
 Decoded DecodeSubmit(const uint8_t* bytes, size_t size, Message& message, size_t& used) {
     Message found;
     Urb& urb = found.urb;
-    urb.sequence = Word(bytes + 4);
-    const uint32_t direction = Word(bytes + 12);
-    const uint32_t endpoint = Word(bytes + 16);
-    urb.length = Word(bytes + 24);
-    const uint32_t said = Word(bytes + 32);
+    urb.sequence = BigEndianWord(bytes + 4);
+    const uint32_t direction = BigEndianWord(bytes + 12);
+    const uint32_t endpoint = BigEndianWord(bytes + 16);
+    urb.length = BigEndianWord(bytes + 24);
+    const uint32_t said = BigEndianWord(bytes + 32);
     const uint32_t packets = said == kNotIsochronous ? 0 : said;
     if (direction > 1 || endpoint > 15 || urb.length > kMaxTransfer || packets > kMaxPackets)
         return Decoded::kMalformed;
@@ -71,14 +71,14 @@ void PutHeader(Bytes& out, uint32_t command, uint32_t sequence, int status) {
 
 Decoded Decode(const uint8_t* bytes, size_t size, Message& message, size_t& used) {
     if (size < kHeader) return Decoded::kIncomplete;
-    switch (Word(bytes)) {
+    switch (BigEndianWord(bytes)) {
         case kSubmit:
             return DecodeSubmit(bytes, size, message, used);
         case kUnlink:
             message = {};
             message.unlink = true;
-            message.urb.sequence = Word(bytes + 4);
-            message.victim = Word(bytes + 20);
+            message.urb.sequence = BigEndianWord(bytes + 4);
+            message.victim = BigEndianWord(bytes + 20);
             used = kHeader;
             return Decoded::kMessage;
         default:

@@ -28,8 +28,6 @@
 namespace probe {
 namespace {
 
-const char* const kNode = "/dev/video0";
-
 std::string OpenAs(const char* path, int flags) {
     const int fd = open(path, flags, 0600);
     const std::string result = fd < 0 ? Error() : Ask(fd);

@@ -15,6 +15,8 @@
 
 namespace probe {
 
+inline constexpr char kNode[] = "/dev/video0";
+
 inline void Row(const char* name, const std::string& result) {
     std::printf("%s: %s\n", name, result.c_str());
 }

@@ -17,8 +17,6 @@
 namespace probe {
 namespace {
 
-const char* const kNode = "/dev/video0";
-
 std::string AskAt(int fd, void* record) {
     return Result(ioctl(fd, qv::kGetTemperature.code, record));
 }
