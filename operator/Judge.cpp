@@ -201,7 +201,8 @@ Meaning WithoutPackage(const Fit& fit, const PackageSet& packages) {
 
 // The package that the flash is compared with, as far as it is needed.
 std::shared_ptr<const PackageContents> ContentsToDepth(const PackageSet& packages,
-                                                const FirmwarePackage& package, Depth depth) {
+                                                       const FirmwarePackage& package,
+                                                       Depth depth) {
     if (depth != Depth::kHeaders) return packages.Contents(package);
     auto header = std::make_shared<PackageContents>();
     header->package = package.header;

@@ -68,7 +68,8 @@ void PrivateFolder::RemoveLeftOvers(const std::string& parent) {
     std::vector<std::string> old;
     std::error_code error;
     for (fs::directory_iterator at(parent, error), end; !error && at != end; at.increment(error))
-        if (at->path().filename().string().starts_with(kPackagePrefix)) old.push_back(at->path().string());
+        if (at->path().filename().string().starts_with(kPackagePrefix))
+            old.push_back(at->path().string());
     for (const std::string& path : old) Remove(path);
 }
 

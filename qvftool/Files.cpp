@@ -40,7 +40,8 @@ void WantLargePages(const uint8_t* begin, size_t size) {
 
 InputFile::InputFile(const std::string& path) : m_path(path), m_file(OpenForReading(path)) {
     struct stat status;
-    if (!m_file || fstat(fileno(m_file.get()), &status) != 0) FailWithErrno(path, "cannot be opened");
+    if (!m_file || fstat(fileno(m_file.get()), &status) != 0)
+        FailWithErrno(path, "cannot be opened");
     if (!S_ISREG(status.st_mode)) throw Mistake(path + ": is not a regular file");
     m_left = static_cast<uint64_t>(status.st_size);
 }

@@ -102,7 +102,8 @@ class BesideFile {
         if (close(fd) != 0) FailWithErrno(m_place, "cannot be written");
     }
     void Move() {
-        if (rename(m_temporary.c_str(), m_place.c_str()) != 0) FailWithErrno(m_place, "cannot be written");
+        if (rename(m_temporary.c_str(), m_place.c_str()) != 0)
+            FailWithErrno(m_place, "cannot be written");
         m_moved = true;
         SyncFolder(FolderOf(m_place));
     }

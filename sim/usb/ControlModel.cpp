@@ -234,8 +234,10 @@ bool ControlModel::Set(uint8_t command, const Bytes& payload) {
         case kErase:
             return Erase(payload);
         case kReadAddress:
-            if (!Meet("address", Hex("address ", LittleEndianWord(payload.data()), 1))) return false;
-            if (!Has(FaultKind::kPretend)) m_readAddress = m_lastAddress = LittleEndianWord(payload.data());
+            if (!Meet("address", Hex("address ", LittleEndianWord(payload.data()), 1)))
+                return false;
+            if (!Has(FaultKind::kPretend))
+                m_readAddress = m_lastAddress = LittleEndianWord(payload.data());
             return Finish();
         case kFirmware:
             return Firmware(payload);
