@@ -11,6 +11,7 @@
 #include <set>
 
 #include "BusyCards.h"
+#include "Cards.h"
 #include "NodeChild.h"
 #include "Nodes.h"
 
