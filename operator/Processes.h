@@ -12,8 +12,8 @@ namespace qvo {
 struct Process {
     pid_t pid = 0;
     std::string name;  // from the kernel: at most 15 characters, any bytes
-    bool holdsLock =
-        false;  // an open-file-description lock, on such a file, through this descriptor
+    // An open-file-description lock, on such a file, through this descriptor.
+    bool holdsLock = false;
 };
 
 // Every process that has one of the files open, once, in the order of their numbers. A device node

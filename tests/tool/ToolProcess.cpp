@@ -271,6 +271,11 @@ ToolRun ToolFolder::UntilPrintedOnTerminal(qvsim::SimRig& rig,
     ToolRun run;
     while (run.output.find(text) == std::string::npos && ReadSome(master, &run.output)) {
     }
+    // The kernel ends reads of the terminal before it sends the signal. A stopped process goes on
+    // with both.
+    kill(pid, SIGSTOP);
+    siginfo_t stopped = {};
+    waitid(P_PID, static_cast<id_t>(pid), &stopped, WSTOPPED | WEXITED | WNOWAIT);
     close(master);
     Finish(pid, &run);
     return run;
